@@ -1,0 +1,24 @@
+// An owner for objects of C libraries, which are given back by a function. Any thread.
+#pragma once
+
+#include <memory>
+
+namespace kavo {
+
+// Calls a function that takes the pointer, or (as FFmpeg's *_free do) its address.
+template <auto Function>
+struct GiveBack {
+  template <class T>
+  void operator()(T* object) const {
+    if constexpr (requires { Function(&object); }) {
+      Function(&object);
+    } else {
+      Function(object);
+    }
+  }
+};
+
+template <class T, auto Function>
+using Owned = std::unique_ptr<T, GiveBack<Function>>;
+
+}  // namespace kavo

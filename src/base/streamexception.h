@@ -1,0 +1,28 @@
+// The one exception type of the library. Any thread.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+namespace kavo {
+
+// What went wrong, as the entry point tells the host (see g_ErrorTable).
+enum ErrorCode : int {
+  ErrorInvalidParameter = 0,
+  ErrorResource = 1,
+  ErrorCodec = 2,
+  ErrorServerNotStarted = 3,
+  ErrorAlreadyThere = 4,
+  ErrorNameInUse = 5,
+  ErrorNoStream = 6,
+};
+
+class StreamException : public std::runtime_error {
+ public:
+  StreamException(char const* message, int code) : std::runtime_error(std::string(message)), m_Code(code) {}
+  ~StreamException() override = default;
+
+  int m_Code;
+};
+
+}  // namespace kavo

@@ -1,0 +1,60 @@
+// Names for clang's thread-safety analysis, and mutexes that carry them.
+//
+// Three words are used throughout the library:
+//   host thread        a thread of the application, inside a call of kv_Stream;
+//   event-loop thread  the one thread that runs live555's event loop;
+//   any thread         either of the two.
+//
+// Lock order, outermost first; a thread that holds one of them takes only
+// those further down:
+//   1. SessionManager::m_Mutex   (host threads only)
+//   2. LiveDemandSession's m_Mutex
+//   3. FrameSourceHandler::m_Mutex, and EventLoopTasks::m_Mutex (innermost)
+#pragma once
+
+#include <mutex>
+
+#if defined(__clang__)
+#define KAVO_THREAD_ATTRIBUTE(x) __attribute__((x))
+#else
+#define KAVO_THREAD_ATTRIBUTE(x)
+#endif
+
+#define KAVO_CAPABILITY(name) KAVO_THREAD_ATTRIBUTE(capability(name))
+#define KAVO_SCOPED_CAPABILITY KAVO_THREAD_ATTRIBUTE(scoped_lockable)
+#define KAVO_GUARDED_BY(x) KAVO_THREAD_ATTRIBUTE(guarded_by(x))
+#define KAVO_REQUIRES(...) KAVO_THREAD_ATTRIBUTE(requires_capability(__VA_ARGS__))
+#define KAVO_EXCLUDES(...) KAVO_THREAD_ATTRIBUTE(locks_excluded(__VA_ARGS__))
+#define KAVO_ACQUIRE(...) KAVO_THREAD_ATTRIBUTE(acquire_capability(__VA_ARGS__))
+#define KAVO_RELEASE(...) KAVO_THREAD_ATTRIBUTE(release_capability(__VA_ARGS__))
+#define KAVO_ASSERTS(x) KAVO_THREAD_ATTRIBUTE(assert_capability(x))
+
+namespace kavo {
+
+template <class StdMutex>
+class KAVO_CAPABILITY("mutex") AnnotatedMutex {
+ public:
+  void lock() KAVO_ACQUIRE() { m_Mutex.lock(); }
+  void unlock() KAVO_RELEASE() { m_Mutex.unlock(); }
+
+ private:
+  StdMutex m_Mutex;
+};
+
+using Mutex = AnnotatedMutex<std::mutex>;
+using RecursiveMutex = AnnotatedMutex<std::recursive_mutex>;
+
+// Holds a mutex until the end of its scope.
+template <class Lockable>
+class KAVO_SCOPED_CAPABILITY Locked {
+ public:
+  explicit Locked(Lockable& mutex) KAVO_ACQUIRE(mutex) : m_Mutex(mutex) { m_Mutex.lock(); }
+  ~Locked() KAVO_RELEASE() { m_Mutex.unlock(); }
+  Locked(Locked const&) = delete;
+  Locked& operator=(Locked const&) = delete;
+
+ private:
+  Lockable& m_Mutex;
+};
+
+}  // namespace kavo

@@ -1,0 +1,42 @@
+// The pixel format and codec numbers of the host's boundary. They are those of
+// libavutil 54 and libavcodec 56 for good; the linked FFmpeg numbers some of
+// them otherwise, and the table in hostnumbers.cpp is the one place that knows.
+// Any thread.
+#pragma once
+
+#include <cstdint>
+
+extern "C" {
+#include <libavcodec/codec_id.h>
+#include <libavutil/pixfmt.h>
+}
+
+namespace kavo {
+
+enum HostPixelFormat : std::int32_t {
+  HostYuv420p = 0,
+  HostRgb24 = 2,
+  HostBgr24 = 3,
+  HostYuv422p = 4,
+  HostYuvj420p = 12,
+  HostYuvj422p = 13,
+  HostArgb = 27,
+  HostRgba = 28,
+  HostAbgr = 29,
+  HostBgra = 30,
+};
+
+enum HostCodecId : std::int32_t {
+  HostCodecNone = 0,
+  HostCodecMjpeg = 8,
+  HostCodecH264 = 28,
+};
+
+// The linked FFmpeg's value for the host's number; AV_PIX_FMT_NONE for a number
+// that is none of the ten formats a host may submit.
+AVPixelFormat pixelFormatOf(std::int32_t hostNumber);
+
+// The linked FFmpeg's value; AV_CODEC_ID_NONE for a number the boundary does not know.
+AVCodecID codecIdOf(std::int32_t hostNumber);
+
+}  // namespace kavo

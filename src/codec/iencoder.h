@@ -1,0 +1,53 @@
+// What both encoders share: validated parameters, the frame that wraps the
+// host's memory and the scaled frame that is encoded. Host thread, one at a time.
+#pragma once
+
+#include <memory>
+
+#include "base/owners.h"
+#include "codec/codecparameter.h"
+#include "codec/scaler.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavutil/frame.h>
+}
+
+namespace kavo {
+
+class IEncoder {
+ public:
+  virtual ~IEncoder() = default;
+  IEncoder(IEncoder const&) = delete;
+  IEncoder& operator=(IEncoder const&) = delete;
+
+  // Encodes one raw frame, tightly packed as the parameters tell; it is only
+  // read, and only during the call. The packet arrives zeroed; its payload, if
+  // there is one, then belongs to the caller (av_packet_unref).
+  virtual void encode(unsigned char const* frame, AVPacket& packet) = 0;
+
+ protected:
+  // Throws "Invalid parameter" (see isVideoCodecParameterSupported); silences
+  // FFmpeg's log for the process.
+  explicit IEncoder(VideoCodecParameter const& parameter);
+
+  // Allocates both frames and the scaler; called once by each encoder, when its
+  // m_DstPixelFmt is set.
+  void allocFrame();
+  void allocSrcFrame();
+  void allocDstFrame();
+
+  // The first stage of every encode: the host's frame, scaled into m_DstFrame.
+  void scaleFrame(unsigned char const* frame);
+
+  VideoCodecParameter m_Parameter;
+  Owned<AVCodecContext, avcodec_free_context> m_CodecContext;
+  Owned<AVFrame, av_frame_free> m_SrcFrame;  // planes point into the host's frame
+  Owned<AVFrame, av_frame_free> m_DstFrame;  // owns its picture buffer
+  std::unique_ptr<Scaler> m_Scaler;
+
+ private:
+  void isVideoCodecParameterSupported() const;
+};
+
+}  // namespace kavo

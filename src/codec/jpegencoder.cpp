@@ -1,0 +1,65 @@
+#include "codec/jpegencoder.h"
+
+#include "base/streamexception.h"
+#include "codec/hostnumbers.h"
+
+extern "C" {
+#include <libavutil/dict.h>
+}
+
+namespace kavo {
+
+JpegEncoder::JpegEncoder(VideoCodecParameter const& parameter) : IEncoder(parameter) {
+  if (m_Parameter.m_DstWidth > maxSize || m_Parameter.m_DstHeight > maxSize ||
+      ((m_Parameter.m_DstWidth | m_Parameter.m_DstHeight) & 3) != 0) {
+    throw StreamException("AVCodec invalid frame size", ErrorCodec);
+  }
+  m_Parameter.m_DstPixelFmt = HostYuvj420p;
+  openCodec();
+  allocFrame();
+}
+
+void JpegEncoder::openCodec() {
+  AVCodec const* codec = avcodec_find_encoder(codecIdOf(m_Parameter.m_DstCodecId));
+  if (codec == nullptr) {
+    throw StreamException("AVCodec find failed", ErrorCodec);
+  }
+  m_CodecContext.reset(avcodec_alloc_context3(codec));
+  if (!m_CodecContext) {
+    throw StreamException("AVCodec alloc context failed", ErrorResource);
+  }
+  m_CodecContext->bit_rate = m_Parameter.m_Bitrate;
+  m_CodecContext->bit_rate_tolerance = m_Parameter.m_Bitrate;
+  m_CodecContext->width = m_Parameter.m_DstWidth;
+  m_CodecContext->height = m_Parameter.m_DstHeight;
+  // One picture a second as far as rate control knows: the bitrate is in effect
+  // the size of each picture in bits, whatever the real frame rate.
+  m_CodecContext->time_base = {1, 1};
+  m_CodecContext->pix_fmt = pixelFormatOf(m_Parameter.m_DstPixelFmt);
+  m_CodecContext->qcompress = 1.0F;
+  m_CodecContext->qmin = 1;
+  m_CodecContext->qmax = 100;
+
+  // RTP/JPEG carries no Huffman tables, receivers use the standard ones; with
+  // FFmpeg's default, optimised tables, they would decode garbage.
+  AVDictionary* options = nullptr;
+  av_dict_set(&options, "huffman", "default", 0);
+  int const opened = avcodec_open2(m_CodecContext.get(), codec, &options);
+  av_dict_free(&options);
+  if (opened < 0) {
+    throw StreamException("AVCodec open failed", ErrorCodec);
+  }
+}
+
+void JpegEncoder::encode(unsigned char const* frame, AVPacket& packet) {
+  scaleFrame(frame);
+  if (avcodec_send_frame(m_CodecContext.get(), m_DstFrame.get()) < 0) {
+    throw StreamException("AVCodec encode video failed", ErrorCodec);
+  }
+  int const received = avcodec_receive_packet(m_CodecContext.get(), &packet);
+  if (received < 0 && received != AVERROR(EAGAIN)) {
+    throw StreamException("AVCodec encode video failed", ErrorCodec);
+  }
+}
+
+}  // namespace kavo

@@ -1,0 +1,22 @@
+#include "eventloop/eventlooprole.h"
+
+#include <cassert>
+
+namespace kavo {
+
+namespace {
+// Without a destructor, so that it never keeps the library from unloading.
+constinit thread_local bool t_Held = false;
+}  // namespace
+
+constinit EventLoopRole eventLoopRole;
+
+EventLoopRole::Holder::Holder(EventLoopRole&) : m_Before(t_Held) { t_Held = true; }
+
+EventLoopRole::Holder::~Holder() { t_Held = m_Before; }
+
+bool EventLoopRole::isHeld() const { return t_Held; }
+
+void EventLoopRole::assertHeld() const { assert(t_Held && "live555 is called on the event-loop thread only"); }
+
+}  // namespace kavo

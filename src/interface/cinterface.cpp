@@ -1,0 +1,159 @@
+#include "interface/cinterface.h"
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "codec/codecparameter.h"
+#include "kavo_stream.h"
+#include "session/sessionmanager.h"
+
+namespace kavo {
+
+namespace {
+
+constexpr unsigned int defaultPort = 8554;
+
+// Empty when the environment cannot be built at load: the host must not die of
+// that, so it learns it from every command.
+std::unique_ptr<SessionManager> makeSessionManager() noexcept {
+  try {
+    return std::make_unique<SessionManager>();
+  } catch (...) {
+    return nullptr;
+  }
+}
+
+std::unique_ptr<SessionManager> const g_SessionManager = makeSessionManager();
+
+template <class Record>
+Record& recordAt(void* param, int size) {
+  if (size != static_cast<int>(sizeof(Record)) || param == nullptr) {
+    throw StreamException("Invalid input parameter", ErrorInvalidParameter);
+  }
+  return *static_cast<Record*>(param);
+}
+
+template <std::size_t Size>
+void requireTerminated(char const (&text)[Size]) {
+  if (strnlen(text, Size) == Size) {
+    throw StreamException("Invalid parameter", ErrorInvalidParameter);
+  }
+}
+
+template <std::size_t Size>
+void copyTo(char (&field)[Size], std::string const& text) {
+  std::size_t const length = std::min(text.size(), Size - 1);
+  std::memcpy(field, text.data(), length);
+  field[length] = '\0';
+}
+
+void streamInit(void* param, int size) { g_SessionManager->init(ValidateInput<unsigned int>(param, size, defaultPort)); }
+
+void streamExit(void*, int) { g_SessionManager->exit(); }
+
+void streamCreateSession(void* param, int size) {
+  auto& record = recordAt<kv_session_record>(param, size);
+  requireTerminated(record.name);
+  requireTerminated(record.description);
+  requireTerminated(record.info);
+  SessionManager::SessionInformation information;
+  information.name = record.name;
+  information.info = record.info;
+  information.description = record.description;
+  g_SessionManager->addSession(information);
+  copyTo(record.url, information.url);
+  record.handle = information.handle;
+}
+
+void streamRemoveSession(void* handle, int size) {
+  if (size != static_cast<int>(sizeof handle) || handle == nullptr) {
+    throw StreamException("Invalid input parameter", ErrorInvalidParameter);
+  }
+  g_SessionManager->removeSession(handle);
+}
+
+VideoCodecParameter parameterOf(kv_video_record const& record) {
+  VideoCodecParameter parameter;
+  parameter.m_MediaType = MediaTypeVideo;
+  parameter.m_Bitrate = record.bitrate;
+  parameter.m_DstWidth = record.dst_width;
+  parameter.m_DstHeight = record.dst_height;
+  parameter.m_SrcWidth = record.src_width;
+  parameter.m_SrcHeight = record.src_height;
+  parameter.m_FrameRate = record.frame_rate;
+  parameter.m_SrcPixelFmt = record.src_pixel_format;
+  parameter.m_DstPixelFmt = record.dst_pixel_format;
+  parameter.m_DstCodecId = record.dst_codec;
+  parameter.m_SrcCodecId = record.src_codec;
+  return parameter;
+}
+
+void streamCreateStream(void* param, int size) {
+  auto& record = recordAt<kv_stream_record>(param, size);
+  if (record.media_type != KV_MEDIA_VIDEO || record.video == nullptr) {
+    throw StreamException("Invalid parameter", ErrorInvalidParameter);
+  }
+  VideoCodecParameter const parameter = parameterOf(*record.video);
+  g_SessionManager->addStream(record.handle, record.stream, &parameter);
+}
+
+void streamSubmitData(void* param, int size) {
+  auto const& record = recordAt<kv_frame_record>(param, size);
+  g_SessionManager->submitData(record.handle, record.stream, record.frame);
+}
+
+void streamGetInfo(void* param, int size) {
+  auto& record = recordAt<kv_session_record>(param, size);
+  SessionManager::SessionInformation information;
+  information.handle = record.handle;
+  g_SessionManager->sessionInfo(information);
+  copyTo(record.name, information.name);
+  copyTo(record.info, information.info);
+  copyTo(record.description, information.description);
+  copyTo(record.url, information.url);
+}
+
+}  // namespace
+
+std::map<int, CommandHandler> const g_FunctionTable = {
+    {KV_INIT, streamInit},
+    {KV_EXIT, streamExit},
+    {KV_CREATE_SESSION, streamCreateSession},
+    {KV_REMOVE_SESSION, streamRemoveSession},
+    {KV_CREATE_STREAM, streamCreateStream},
+    {KV_SUBMIT_FRAME, streamSubmitData},
+    {KV_GET_INFO, streamGetInfo},
+};
+
+std::map<int, int> const g_ErrorTable = {
+    {ErrorInvalidParameter, KV_INVALID_PARAMETER},
+    {ErrorResource, KV_RESOURCE_FAILURE},
+    {ErrorCodec, KV_CODEC_FAILURE},
+    {ErrorServerNotStarted, KV_NOT_STARTED},
+    {ErrorAlreadyThere, KV_ALREADY_THERE},
+    {ErrorNameInUse, KV_NAME_IN_USE},
+    {ErrorNoStream, KV_UNKNOWN},
+};
+
+namespace {
+
+void dispatch(int command, void* param, int size) {
+  auto const row = g_FunctionTable.find(command);
+  if (row == g_FunctionTable.end()) {
+    throw StreamException("Invalid input parameter", ErrorInvalidParameter);
+  }
+  if (!g_SessionManager) {
+    throw StreamException("BasicTaskScheduler creation failed", ErrorResource);
+  }
+  row->second(param, size);
+}
+
+}  // namespace
+
+}  // namespace kavo
+
+__attribute__((visibility("default"))) int kv_Stream(int command, void* param, int size) {
+  return kavo::resultOf([=] { kavo::dispatch(command, param, size); });
+}

@@ -1,0 +1,48 @@
+// The boundary's inner side: the command table, the error table and the
+// handlers' common check. Any thread after load.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <stdexcept>
+
+#include "base/streamexception.h"
+#include "kavo_stream.h"
+
+namespace kavo {
+
+using CommandHandler = std::function<void(void* param, int size)>;
+
+extern std::map<int, CommandHandler> const g_FunctionTable;
+// From StreamException's code to what kv_Stream returns.
+extern std::map<int, int> const g_ErrorTable;
+
+// The reader of an optional record that holds one value: the default for no
+// record at all, otherwise what the record holds. Throws "Invalid input parameter".
+template <class T>
+T ValidateInput(void* param, int size, T defaultValue) {
+  bool const absent = param == nullptr && size == 0;
+  bool const present = param != nullptr && size == static_cast<int>(sizeof(T));
+  if (!absent && !present) {
+    throw StreamException("Invalid input parameter", ErrorInvalidParameter);
+  }
+  return present ? *static_cast<T*>(param) : defaultValue;
+}
+
+// Calls the function and translates what it throws into a result code.
+template <class Function>
+int resultOf(Function const& function) noexcept {
+  try {
+    function();
+    return KV_OK;
+  } catch (StreamException const& failure) {
+    auto const row = g_ErrorTable.find(failure.m_Code);
+    return row == g_ErrorTable.end() ? KV_UNEXPECTED : row->second;
+  } catch (std::out_of_range const&) {
+    return KV_UNKNOWN;
+  } catch (...) {
+    return KV_UNEXPECTED;
+  }
+}
+
+}  // namespace kavo

@@ -1,0 +1,63 @@
+// The queue of encoded frames between the host's threads and the event-loop
+// thread. One per stream, shared by the stream, its demand session and the
+// sources that read from it. Any thread.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+
+#include "base/threadannotations.h"
+
+extern "C" {
+#include <libavcodec/packet.h>
+}
+
+namespace kavo {
+
+class FrameSourceHandler {
+ public:
+  // One encoded frame. A packet without data is a frame for which the encoder
+  // produced nothing.
+  struct FrameData {
+    AVPacket packet;
+  };
+
+  FrameSourceHandler() = default;
+  ~FrameSourceHandler();
+  FrameSourceHandler(FrameSourceHandler const&) = delete;
+  FrameSourceHandler& operator=(FrameSourceHandler const&) = delete;
+
+  // From here on the queue owns the packet's bytes. The bound is the producer's
+  // to keep: it asks IsBufferFree() before it encodes.
+  void push(FrameData frame) KAVO_EXCLUDES(m_Mutex);
+
+  // The oldest and the newest frame; the bytes stay the queue's and are valid
+  // until that frame is removed. Throws std::out_of_range on an empty queue, as pop() does.
+  FrameData front() const KAVO_EXCLUDES(m_Mutex);
+  FrameData back() const KAVO_EXCLUDES(m_Mutex);
+
+  // Removes and releases the oldest frame.
+  void pop() KAVO_EXCLUDES(m_Mutex);
+  // Removes and releases all of them.
+  void clear() KAVO_EXCLUDES(m_Mutex);
+
+  bool empty() const KAVO_EXCLUDES(m_Mutex);
+  std::uint32_t size() const KAVO_EXCLUDES(m_Mutex);
+  // Whether one more frame may be encoded and pushed.
+  bool IsBufferFree() const KAVO_EXCLUDES(m_Mutex);
+
+  // Whether a source exists that will take frames out; set on the event-loop thread.
+  bool IsStreaming() const { return m_Streaming.load(std::memory_order_relaxed); }
+  void SetStreaming(bool streaming) { m_Streaming.store(streaming, std::memory_order_relaxed); }
+
+ private:
+  void removeFront() KAVO_REQUIRES(m_Mutex);
+  void requireFrame() const KAVO_REQUIRES(m_Mutex);
+
+  mutable Mutex m_Mutex;
+  std::deque<FrameData> m_Frames KAVO_GUARDED_BY(m_Mutex);
+  std::atomic<bool> m_Streaming = false;
+};
+
+}  // namespace kavo

@@ -1,0 +1,28 @@
+// Reads from a JPEG image what RTP/JPEG sends in place of its header. Any thread.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+
+namespace kavo {
+
+struct JpegHeader {
+  // Luminance and chrominance tables of 64 bytes each.
+  using QuantizationTables = std::array<std::uint8_t, 128>;
+  struct Size {
+    std::uint8_t width;  // in units of 8 pixels
+    std::uint8_t height;
+  };
+
+  std::size_t length = 0;  // bytes up to the scan data; 0: its end was not found
+  std::optional<Size> size;
+  std::optional<QuantizationTables> tables;
+};
+
+// Looks at the image's first 623 bytes at most, and at nothing behind its end.
+JpegHeader readJpegHeader(std::span<std::uint8_t const> image);
+
+}  // namespace kavo

@@ -1,0 +1,44 @@
+// A stream as live555 serves it: one source, made for the first client and
+// shared by all who follow. Event-loop thread, but for signalNewFrame().
+#pragma once
+
+#include <OnDemandServerMediaSubsession.hh>
+#include <memory>
+#include <set>
+
+#include "base/threadannotations.h"
+#include "eventloop/eventlooprole.h"
+#include "rtsp/framesourcehandler.h"
+
+namespace kavo {
+
+// What the two payload formats share; they add the source and the sink.
+class LiveDemandSession : public OnDemandServerMediaSubsession {
+ public:
+  // Any thread, after a frame was queued: wakes every open source.
+  virtual void signalNewFrame(TaskScheduler* scheduler) KAVO_EXCLUDES(m_Mutex);
+
+  // Closes every open source.
+  virtual void closeSession() KAVO_REQUIRES(eventLoopRole) KAVO_EXCLUDES(m_Mutex);
+
+ protected:
+  // estimatedBitrate in kbit/s: for the SDP's bandwidth line and RTCP's share.
+  LiveDemandSession(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler, bool reuseFirstSource,
+                    unsigned estimatedBitrate) KAVO_REQUIRES(eventLoopRole);
+  ~LiveDemandSession() override = default;
+
+  FramedSource* createNewStreamSource(unsigned clientSessionId, unsigned& estBitrate) override;
+  void closeStreamSource(FramedSource* inputSource) override;
+
+  virtual FramedSource* openSource(std::shared_ptr<FrameSourceHandler> handler) KAVO_REQUIRES(eventLoopRole) = 0;
+  // Any thread, with m_Mutex held, so that the source is not being closed.
+  virtual void wakeSource(TaskScheduler* scheduler, FramedSource* source) = 0;
+
+ private:
+  std::shared_ptr<FrameSourceHandler> m_FrameSourceHandler;
+  unsigned const m_EstimatedBitrate;
+  Mutex m_Mutex;
+  std::set<FramedSource*> m_Sources KAVO_GUARDED_BY(m_Mutex);
+};
+
+}  // namespace kavo

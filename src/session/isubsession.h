@@ -1,0 +1,29 @@
+// The stream of a session, as the session sees it. Host threads, one at a time.
+#pragma once
+
+namespace kavo {
+
+class LiveDemandSession;
+class StreamEnvironment;
+
+class ISubSession {
+ public:
+  explicit ISubSession(StreamEnvironment const& env) : m_Environment(env) {}
+  virtual ~ISubSession() = default;
+  ISubSession(ISubSession const&) = delete;
+  ISubSession& operator=(ISubSession const&) = delete;
+
+  // Encodes and queues one raw frame, or drops it unencoded while nobody waits
+  // for it or the queue is full. Throws.
+  virtual void submitFrame(unsigned char const* frame) = 0;
+
+  // live555's object for this stream. It belongs to the media session that it
+  // was added to.
+  LiveDemandSession* mediaSession() const { return m_MediaSession; }
+
+ protected:
+  LiveDemandSession* m_MediaSession = nullptr;
+  StreamEnvironment const& m_Environment;
+};
+
+}  // namespace kavo

@@ -1,0 +1,58 @@
+#include "session/session.h"
+
+#include <ServerMediaSession.hh>
+
+#include "base/streamexception.h"
+#include "codec/hostnumbers.h"
+#include "rtsp/jpegdemandsession.h"
+#include "session/streamenvironment.h"
+#include "session/videosubsession.h"
+
+namespace kavo {
+
+namespace {
+
+std::shared_ptr<ISubSession> makeStream(StreamEnvironment const& env, VideoCodecParameter const& parameter) {
+  switch (parameter.m_DstCodecId) {
+    case HostCodecMjpeg:
+      return std::make_shared<VideoSubSession<JpegDemandSession>>(env, &parameter);
+    case HostCodecH264:
+      throw StreamException("OpenH264 library initialization failed failed", ErrorCodec);
+    default:
+      throw StreamException("Invalid codec parameter", ErrorInvalidParameter);
+  }
+}
+
+}  // namespace
+
+Session::Session(StreamEnvironment const& env, std::string const& name, std::string const& info,
+                 std::string const& description)
+    : m_StreamName(name), m_StreamInfo(info), m_StreamDescription(description), m_Environment(env) {
+  if (name.empty() || info.empty() || description.empty()) {
+    throw StreamException("Invalid session parameter", ErrorInvalidParameter);
+  }
+  m_MediaSession = env.runOnLoop([&] {
+    return ServerMediaSession::createNew(env.GetUsageEnvironment(), m_StreamName.c_str(), m_StreamInfo.c_str(),
+                                         m_StreamDescription.c_str(), False, nullptr);
+  });
+}
+
+void Session::addStream(ICodecParameter const* param) {
+  if (param->GetMediaType() != MediaTypeVideo) {
+    throw StreamException("Invalid codec parameter", ErrorInvalidParameter);
+  }
+  if (m_Stream) {
+    throw StreamException("Stream already initialized", ErrorAlreadyThere);
+  }
+  m_Stream = makeStream(m_Environment, static_cast<VideoCodecParameter const&>(*param));
+  m_Environment.runOnLoop([&] { m_MediaSession->addSubsession(m_Stream->mediaSession()); });
+}
+
+void Session::submitData(void* streamId, unsigned char const* frame) {
+  if (!m_Stream || streamId != m_Stream.get()) {
+    throw StreamException("Invalid stream ID", ErrorNoStream);
+  }
+  m_Stream->submitFrame(frame);
+}
+
+}  // namespace kavo

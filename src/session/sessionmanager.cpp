@@ -1,0 +1,77 @@
+#include "session/sessionmanager.h"
+
+#include "base/streamexception.h"
+
+namespace kavo {
+
+SessionManager::~SessionManager() { exit(); }
+
+void SessionManager::init(unsigned int port) {
+  Locked lock(m_Mutex);
+  m_Environment.start(port);
+}
+
+void SessionManager::exit() {
+  Locked lock(m_Mutex);
+  m_Environment.stop();
+  m_Sessions.clear();
+}
+
+void SessionManager::addSession(SessionInformation& information) {
+  Locked lock(m_Mutex);
+  StreamServer* const server = m_Environment.GetRTSPServer();
+  auto const nameTaken = [&] {
+    eventLoopRole.assertHeld();
+    return server->hasSession(information.name.c_str());
+  };
+  if (m_Environment.runOnLoop(nameTaken)) {
+    throw StreamException("Session name already in use", ErrorNameInUse);
+  }
+  auto session =
+      std::make_shared<Session>(m_Environment, information.name, information.info, information.description);
+  m_Environment.runOnLoop([&] { server->addServerMediaSession(session->mediaSession()); });
+  information.handle = session.get();
+  m_Sessions.emplace(information.handle, session);
+  information.url = urlOf(*session);
+}
+
+void SessionManager::removeSession(void* handle) {
+  Locked lock(m_Mutex);
+  auto const session = m_Sessions.at(handle);
+  m_Sessions.erase(handle);
+  StreamServer* const server = m_Environment.GetRTSPServer();
+  m_Environment.runOnLoop([&] { server->deleteServerMediaSession(session->mediaSession()); });
+}
+
+void SessionManager::sessionInfo(SessionInformation& information) {
+  Locked lock(m_Mutex);
+  auto const session = m_Sessions.at(information.handle);
+  information.name = session->streamName();
+  information.info = session->streamInfo();
+  information.description = session->streamDescription();
+  information.url = urlOf(*session);
+}
+
+void SessionManager::addStream(void* handle, void*& streamId, ICodecParameter const* parameter) {
+  Locked lock(m_Mutex);
+  auto const session = m_Sessions.at(handle);
+  session->addStream(parameter);
+  streamId = session->stream().get();
+}
+
+void SessionManager::submitData(void* handle, void* streamId, unsigned char const* frame) {
+  Locked lock(m_Mutex);
+  auto const session = m_Sessions.at(handle);
+  session->submitData(streamId, frame);
+}
+
+std::string SessionManager::urlOf(Session& session) const {
+  StreamServer const* const server = m_Environment.GetRTSPServer();
+  return m_Environment.runOnLoop([&] {
+    // No particular connection: the URL carries the machine's own address.
+    std::unique_ptr<char[]> const url(server->rtspURL(session.mediaSession(), -1));
+    return std::string(url.get());
+  });
+}
+
+}  // namespace kavo

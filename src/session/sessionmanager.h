@@ -1,0 +1,57 @@
+// The registry of sessions, the owner of the live555 run-time, and the one lock
+// under which every command of the host does its work. Host threads, any number.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <unordered_map>
+
+#include "base/threadannotations.h"
+#include "codec/codecparameter.h"
+#include "session/session.h"
+#include "session/streamenvironment.h"
+
+namespace kavo {
+
+// A handle is the address of a Session. One that names no live session throws
+// std::out_of_range.
+class SessionManager {
+ public:
+  struct SessionInformation {
+    void* handle = nullptr;
+    std::string name;
+    std::string info;
+    std::string description;
+    std::string url;
+  };
+
+  SessionManager() = default;
+  virtual ~SessionManager();
+  SessionManager(SessionManager const&) = delete;
+  SessionManager& operator=(SessionManager const&) = delete;
+
+  // Starts serving on the port. Throws what StreamEnvironment::start throws.
+  void init(unsigned int port) KAVO_EXCLUDES(m_Mutex);
+  // Ends serving and drops every session.
+  void exit() KAVO_EXCLUDES(m_Mutex);
+
+  // In: name, info, description; out: handle, url.
+  void addSession(SessionInformation& information) KAVO_EXCLUDES(m_Mutex);
+  void removeSession(void* handle) KAVO_EXCLUDES(m_Mutex);
+  // In: handle; out: the strings.
+  void sessionInfo(SessionInformation& information) KAVO_EXCLUDES(m_Mutex);
+
+  // streamId is written on success only.
+  void addStream(void* handle, void*& streamId, ICodecParameter const* parameter) KAVO_EXCLUDES(m_Mutex);
+  // Scales, encodes and queues the frame before it returns.
+  void submitData(void* handle, void* streamId, unsigned char const* frame) KAVO_EXCLUDES(m_Mutex);
+
+ private:
+  std::string urlOf(Session& session) const KAVO_REQUIRES(m_Mutex);
+
+  std::unordered_map<void*, std::shared_ptr<Session>> m_Sessions KAVO_GUARDED_BY(m_Mutex);
+  RecursiveMutex m_Mutex;
+  StreamEnvironment m_Environment KAVO_GUARDED_BY(m_Mutex);
+};
+
+}  // namespace kavo

@@ -1,0 +1,73 @@
+// The live555 run-time of the library: scheduler, usage environment, at most
+// one RTSP server, and the event-loop thread that drives them.
+#pragma once
+
+#include <BasicUsageEnvironment.hh>
+#include <functional>
+#include <future>
+#include <memory>
+#include <thread>
+#include <type_traits>
+
+#include "base/owners.h"
+#include "eventloop/eventlooprole.h"
+#include "eventloop/eventlooptasks.h"
+#include "rtsp/streamserver.h"
+
+namespace kavo {
+
+// Host threads, one at a time (the session manager's lock); run() is the
+// event-loop thread.
+class StreamEnvironment {
+ public:
+  StreamEnvironment();
+  ~StreamEnvironment();
+  StreamEnvironment(StreamEnvironment const&) = delete;
+  StreamEnvironment& operator=(StreamEnvironment const&) = delete;
+
+  // Starts the RTSP server on the port and the event loop. Throws.
+  void start(unsigned int port);
+  // Ends both. Does nothing if not started.
+  void stop();
+
+  // Calls the function on the event-loop thread and waits for it: its result
+  // and its exception are the caller's. Called at once when no loop runs, or on
+  // the event-loop thread itself. Every call of live555 that a host thread needs
+  // goes through here.
+  template <class Function>
+  std::invoke_result_t<Function> runOnLoop(Function function) const;
+
+  UsageEnvironment& GetUsageEnvironment() const { return *m_UsageEnvironment; }
+  TaskScheduler* GetTaskScheduler() const { return m_TaskScheduler.get(); }
+  // Throws "RTSP server is not initialized".
+  StreamServer* GetRTSPServer() const;
+
+ private:
+  struct Reclaim {
+    void operator()(UsageEnvironment* environment) const { environment->reclaim(); }
+  };
+
+  void run();
+
+  // In this order: the environment is reclaimed after the scheduler is deleted.
+  std::unique_ptr<UsageEnvironment, Reclaim> m_UsageEnvironment;
+  std::unique_ptr<TaskScheduler> m_TaskScheduler;
+  std::unique_ptr<EventLoopTasks> m_Tasks;
+  StreamServer* m_RTSPServer = nullptr;  // closed with Medium::close
+  std::thread m_Thread;
+  char volatile m_WatchVariable = 0;  // not 0: the event loop returns
+};
+
+template <class Function>
+std::invoke_result_t<Function> StreamEnvironment::runOnLoop(Function function) const {
+  if (!m_Thread.joinable() || eventLoopRole.isHeld()) {
+    EventLoopRole::Holder const role(eventLoopRole);
+    return function();
+  }
+  std::packaged_task<std::invoke_result_t<Function>()> task(std::ref(function));
+  auto result = task.get_future();
+  m_Tasks->add([&task] { task(); });
+  return result.get();
+}
+
+}  // namespace kavo

@@ -1,0 +1,34 @@
+// The command line of kavo-publish.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+struct Size {
+  int width;
+  int height;
+};
+
+struct Options {
+  std::string input;  // empty: the test picture
+  std::int32_t codec;
+  std::optional<Size> size;  // of the published picture; without one, the input's
+  int frameRate = 25;        // of the test picture and of inputs that do not tell theirs
+  std::optional<std::int64_t> bitsPerSecond;
+  std::uint32_t port = 8554;
+  std::string name = "kavo";
+  bool loop = false;
+  std::optional<double> seconds;  // end after this time
+};
+
+// What is wrong and what to do, in one line.
+struct Failure : std::runtime_error {
+  explicit Failure(std::string const& message, int exitCodeToUse = 1)
+      : std::runtime_error(message), exitCode(exitCodeToUse) {}
+  int exitCode;
+};
+
+// Nothing when only help was asked for (and printed). Throws Failure.
+std::optional<Options> readOptions(int argc, char** argv);
