@@ -64,9 +64,9 @@ void IEncoder::allocDstFrame() {
 }
 
 void IEncoder::scaleFrame(unsigned char const* frame) {
-  int const size = av_image_fill_arrays(m_SrcFrame->data, m_SrcFrame->linesize, frame,
-                                        static_cast<AVPixelFormat>(m_SrcFrame->format), m_SrcFrame->width,
-                                        m_SrcFrame->height, 1);
+  int const size =
+      av_image_fill_arrays(m_SrcFrame->data, m_SrcFrame->linesize, frame,
+                           static_cast<AVPixelFormat>(m_SrcFrame->format), m_SrcFrame->width, m_SrcFrame->height, 1);
   if (size < 0) {
     throw StreamException("AVPicture fill failed", ErrorCodec);
   }

@@ -49,7 +49,9 @@ void copyTo(char (&field)[Size], std::string const& text) {
   field[length] = '\0';
 }
 
-void streamInit(void* param, int size) { g_SessionManager->init(ValidateInput<unsigned int>(param, size, defaultPort)); }
+void streamInit(void* param, int size) {
+  g_SessionManager->init(ValidateInput<unsigned int>(param, size, defaultPort));
+}
 
 void streamExit(void*, int) { g_SessionManager->exit(); }
 

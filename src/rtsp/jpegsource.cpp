@@ -14,9 +14,7 @@ JpegSource* JpegSource::createNew(UsageEnvironment& env, std::shared_ptr<FrameSo
 }
 
 JpegSource::JpegSource(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler)
-    : JPEGVideoSource(env),
-      m_FrameSourceHandler(std::move(handler)),
-      m_Trigger(env.taskScheduler(), deliverFrame0) {
+    : JPEGVideoSource(env), m_FrameSourceHandler(std::move(handler)), m_Trigger(env.taskScheduler(), deliverFrame0) {
   m_FrameSourceHandler->SetStreaming(true);
 }
 

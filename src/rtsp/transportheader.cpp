@@ -11,9 +11,8 @@ namespace kavo {
 namespace {
 
 bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-  return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](unsigned char x, unsigned char y) {
-    return std::tolower(x) == std::tolower(y);
-  });
+  return std::equal(a.begin(), a.end(), b.begin(), b.end(),
+                    [](unsigned char x, unsigned char y) { return std::tolower(x) == std::tolower(y); });
 }
 
 std::string_view trimmed(std::string_view text) {
@@ -67,8 +66,8 @@ std::optional<Range> rangeOf(std::string_view text, unsigned lowest, unsigned hi
   return second ? std::optional<Range>({*first, *second}) : std::nullopt;
 }
 
-std::optional<Range> parameterRange(std::vector<std::string_view> const& fields, std::string_view name,
-                                    unsigned lowest, unsigned highest) {
+std::optional<Range> parameterRange(std::vector<std::string_view> const& fields, std::string_view name, unsigned lowest,
+                                    unsigned highest) {
   for (auto const field : fields) {
     auto const equals = field.find('=');
     if (equals != std::string_view::npos && equalsIgnoringCase(trimmed(field.substr(0, equals)), name)) {
@@ -78,7 +77,7 @@ std::optional<Range> parameterRange(std::vector<std::string_view> const& fields,
   return std::nullopt;
 }
 
-std::string withRange(std::string text, std::optional<Range> range) {
+std::string withRange(std::string const& text, std::optional<Range> range) {
   return range ? text + std::to_string(range->first) + "-" + std::to_string(range->second) : text;
 }
 

@@ -27,8 +27,7 @@ void SessionManager::addSession(SessionInformation& information) {
   if (m_Environment.runOnLoop(nameTaken)) {
     throw StreamException("Session name already in use", ErrorNameInUse);
   }
-  auto session =
-      std::make_shared<Session>(m_Environment, information.name, information.info, information.description);
+  auto session = std::make_shared<Session>(m_Environment, information.name, information.info, information.description);
   m_Environment.runOnLoop([&] { server->addServerMediaSession(session->mediaSession()); });
   information.handle = session.get();
   m_Sessions.emplace(information.handle, session);

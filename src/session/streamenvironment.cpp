@@ -39,8 +39,7 @@ void StreamEnvironment::start(unsigned int port) {
   }
   {
     EventLoopRole::Holder const role(eventLoopRole);
-    m_RTSPServer =
-        StreamServer::createNew(*m_UsageEnvironment, static_cast<std::uint16_t>(port), reclamationSeconds);
+    m_RTSPServer = StreamServer::createNew(*m_UsageEnvironment, static_cast<std::uint16_t>(port), reclamationSeconds);
   }
   if (m_RTSPServer == nullptr) {
     throw StreamException("RTSPServer creation failed", ErrorResource);

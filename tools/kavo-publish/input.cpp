@@ -66,8 +66,9 @@ void Input::open(Options const& options) {
 
 void Input::openDecoder(std::string const& name) {
   AVCodec const* codec = nullptr;
-  if (avformat_find_stream_info(m_Format.get(), nullptr) < 0 ||
-      (m_Stream = av_find_best_stream(m_Format.get(), AVMEDIA_TYPE_VIDEO, -1, -1, &codec, 0)) < 0) {
+  bool const known = avformat_find_stream_info(m_Format.get(), nullptr) >= 0;
+  m_Stream = known ? av_find_best_stream(m_Format.get(), AVMEDIA_TYPE_VIDEO, -1, -1, &codec, 0) : -1;
+  if (m_Stream < 0) {
     throw Failure("there is no video that FFmpeg can decode in " + name + ": choose another input");
   }
   m_Decoder.reset(avcodec_alloc_context3(codec));

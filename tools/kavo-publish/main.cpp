@@ -95,8 +95,8 @@ class Status {
   void print() {
     auto const middle = m_Recent.begin() + static_cast<std::ptrdiff_t>(m_Recent.size() / 2);
     std::nth_element(m_Recent.begin(), middle, m_Recent.end());
-    // A frame that nobody waits for is not encoded: the call ends within microseconds.
-    bool const watched = *middle > 20e-6;
+    // A frame that nobody waits for is not encoded, and its call ends within microseconds.
+    bool const watched = *std::min_element(m_Recent.begin(), m_Recent.end()) > 30e-6;
     std::printf("%s%ld frames submitted, %.3f ms a frame, %s%s", m_Terminal ? "\r" : "", m_Frames, *middle * 1e3,
                 watched ? "watched" : "nobody watches", m_Terminal ? "   " : "\n");
     std::fflush(stdout);

@@ -89,11 +89,16 @@ std::string nameOf(std::string_view text) {
 std::optional<Options> readOptions(int argc, char** argv) {
   enum : int { Codec = 256, SizeOption, Fps, Bitrate, Port, Name, Loop, Duration, Help };
   static option const known[] = {
-      {"codec", required_argument, nullptr, Codec},       {"size", required_argument, nullptr, SizeOption},
-      {"fps", required_argument, nullptr, Fps},           {"bitrate", required_argument, nullptr, Bitrate},
-      {"port", required_argument, nullptr, Port},         {"name", required_argument, nullptr, Name},
-      {"loop", no_argument, nullptr, Loop},               {"help", no_argument, nullptr, Help},
-      {"duration", required_argument, nullptr, Duration}, {nullptr, 0, nullptr, 0},
+      {"codec", required_argument, nullptr, Codec},
+      {"size", required_argument, nullptr, SizeOption},
+      {"fps", required_argument, nullptr, Fps},
+      {"bitrate", required_argument, nullptr, Bitrate},
+      {"port", required_argument, nullptr, Port},
+      {"name", required_argument, nullptr, Name},
+      {"loop", no_argument, nullptr, Loop},
+      {"help", no_argument, nullptr, Help},
+      {"duration", required_argument, nullptr, Duration},
+      {nullptr, 0, nullptr, 0},
   };
   Options options;
   options.codec = KV_CODEC_MJPEG;

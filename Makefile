@@ -1,0 +1,33 @@
+# The everyday commands. Each sets up what it needs (see scripts/run).
+.DEFAULT_GOAL := help
+.PHONY: help build demo test fuzz format lint shell clean
+
+RUN := scripts/run
+PRESET ?= release
+
+help: ## list the commands
+	@sed -n 's/^\([a-z]*\):.*## \(.*\)/  make \1	\2/p' $(MAKEFILE_LIST) | expand -t 16
+
+build: ## build the library and the tools into build/release (PRESET=debug, asan, tsan)
+	@$(RUN) sh -c 'cmake --preset $(PRESET) >/dev/null && cmake --build --preset $(PRESET)'
+
+demo: build ## publish a moving test picture (INPUT=file or camera, SECONDS=limit, ARGS=options)
+	@$(RUN) build/$(PRESET)/tools/kavo-publish $(if $(SECONDS),--duration $(SECONDS)) $(ARGS) $(INPUT)
+
+test: ## build and run all tests: release, asan+ubsan, tsan, fuzz
+	@$(RUN) scripts/test
+
+fuzz: ## run the fuzz drivers for long (SECONDS=600)
+	@$(RUN) sh -c 'cmake --preset fuzz -DKAVO_FUZZ_SECONDS=$(or $(SECONDS),600) >/dev/null && cmake --build --preset fuzz && ctest --test-dir build/fuzz --output-on-failure --timeout 100000; cmake --preset fuzz -UKAVO_FUZZ_SECONDS >/dev/null'
+
+format: ## bring the sources into shape with clang-format
+	@$(RUN) sh -c 'find include src tools tests -name "*.h" -o -name "*.c" -o -name "*.cpp" | xargs clang-format -i'
+
+lint: ## check format, thread annotations (as errors) and clang-tidy
+	@$(RUN) scripts/lint
+
+shell: ## open a shell where the project can be built
+	@$(RUN) bash
+
+clean: ## remove everything built
+	rm -rf build

@@ -1,0 +1,66 @@
+// A host program: loads the built library, serves on a free port and submits
+// frames from a thread of its own.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kavo_stream.h"
+
+class Host {
+ public:
+  struct Stream {
+    std::string name;
+    kv_frame_record record{};
+    std::vector<std::uint8_t> frame;
+    int width = 0;
+    int height = 0;
+  };
+
+  Host();
+  ~Host();
+  Host(Host const&) = delete;
+  Host& operator=(Host const&) = delete;
+
+  int call(int command, void* param, int size) { return m_Function(command, param, size); }
+  template <class Record>
+  int call(int command, Record& record) {
+    return call(command, &record, static_cast<int>(sizeof record));
+  }
+
+  // Serves on a free port, or on the one given.
+  void serve();
+  int serveOn(std::uint32_t port);
+  std::uint32_t port() const { return m_Port; }
+  // Ends serving; the streams are gone with it.
+  int exit();
+
+  // A session with one stream of the test picture; its frames are submitted
+  // from startSubmitting() on, all streams at once every few milliseconds.
+  Stream& publish(std::string const& name, int format = KV_BGR24, int codec = KV_CODEC_MJPEG, int width = 320,
+                  int height = 240);
+  void startSubmitting();
+  void stopSubmitting();
+  int failedSubmits() const { return m_FailedSubmits; }
+
+  std::string url(std::string const& name, std::string const& address = "127.0.0.1") const;
+
+ private:
+  void* m_Library;
+  int (*m_Function)(int, void*, int);
+  std::uint32_t m_Port = 0;
+  std::vector<std::unique_ptr<Stream>> m_Streams;
+  std::thread m_Submitter;
+  std::atomic<bool> m_Submitting = false;
+  std::atomic<int> m_FailedSubmits = 0;
+};
+
+kv_session_record sessionRecord(std::string const& name);
+kv_video_record videoRecord(int format, int codec, int width, int height);
+
+// A TCP port that nobody listens on, on either address family.
+std::uint32_t freePort();

@@ -1,0 +1,59 @@
+// Real players, run as processes of their own.
+#pragma once
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "delivery/testpicture.h"
+
+// A child process; killed with its object if it still runs.
+class Process {
+ public:
+  // Standard output and standard error go to the file.
+  Process(std::vector<std::string> const& arguments, std::string const& outputFile);
+  ~Process();
+  Process(Process const&) = delete;
+  Process& operator=(Process const&) = delete;
+
+  // The exit status, or -1 if the process had to be killed at the limit.
+  int wait(std::chrono::seconds limit = std::chrono::seconds(90));
+
+ private:
+  int m_Pid;
+};
+
+// A directory that goes away with its object.
+class TemporaryFolder {
+ public:
+  TemporaryFolder();
+  ~TemporaryFolder();
+  TemporaryFolder(TemporaryFolder const&) = delete;
+  TemporaryFolder& operator=(TemporaryFolder const&) = delete;
+
+  std::string file(std::string const& name) const { return m_Path + "/" + name; }
+
+ private:
+  std::string m_Path;
+};
+
+std::string contentOf(std::string const& file);
+
+// One player watching one stream, from start() until its pictures are taken.
+class Player {
+ public:
+  enum class Client { Ffmpeg, Gstreamer };
+  enum class Transport { Tcp, Udp };
+
+  // Plays until the player has decoded this many pictures.
+  Player(Client client, Transport transport, std::string const& url, int pictures, int codec = 8);
+
+  // Waits for the end and gives all pictures, in order; none if the player failed.
+  std::vector<Picture> pictures(int width, int height);
+  // What the player said.
+  std::string messages() const { return contentOf(m_Folder.file("messages")); }
+
+ private:
+  TemporaryFolder m_Folder;
+  Process m_Process;
+};

@@ -1,0 +1,77 @@
+#!/usr/bin/env bash
+# kavo-publish: its mistakes in one line each, a real file seen in a player, a clean end.
+set -euo pipefail
+publish=$1
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+die() {
+  echo "FAILED: $1"
+  exit 1
+}
+
+# refused STATUS TEXT ARGUMENT...: one line with the text, and the exit status.
+refused() {
+  local status=$1 text=$2 got=0
+  shift 2
+  "$publish" "$@" >"$work/out" 2>"$work/err" || got=$?
+  [ "$got" = "$status" ] || die "$* ended with $got: $(cat "$work/err")"
+  [ "$(wc -l <"$work/err")" = 1 ] || die "$* did not say one line: $(cat "$work/err")"
+  grep -q -- "$text" "$work/err" || die "$* said: $(cat "$work/err")"
+}
+
+refused 2 'unknown option --nonsense' --nonsense
+refused 2 'needs a value' --port
+refused 2 'from 1 to 65535' --port 70000
+refused 2 'WIDTHxHEIGHT' --size 640
+refused 2 'such as 800k' --bitrate fast
+refused 2 '1 to 19 characters' --name this-name-is-far-too-long
+refused 2 'more than one input' a b
+refused 1 'nearest to --size 642x480 is 640x480' --size 642x480
+refused 1 'cannot open' "$work/missing.mp4"
+echo "no video" >"$work/text.txt"
+refused 1 'text.txt' "$work/text.txt"
+"$publish" --help | grep -q usage || die "no help"
+
+# start ARGUMENT...: publishes on a free port, and waits until it says where.
+start() {
+  for _ in 1 2 3 4 5; do
+    port=$((20000 + RANDOM % 20000))
+    "$publish" --port "$port" "$@" >"$work/out" 2>"$work/err" &
+    pid=$!
+    while kill -0 "$pid" 2>/dev/null; do
+      grep -q 'Ctrl-C' "$work/out" && return
+      sleep 0.05
+    done
+    grep -q 'cannot serve on port' "$work/err" || die "$(cat "$work/err")"
+  done
+  die "no port"
+}
+
+stop() {
+  kill -INT "$pid"
+  wait "$pid" || die "did not end cleanly: $(cat "$work/err")"
+  grep -q 'frames submitted' "$work/out" || die "no status"
+}
+
+# pixel FILE: the colour in the middle of its picture, as hex.
+pixel() { ffmpeg -v error -i "$1" -vf crop=2:2 -frames:v 1 -f rawvideo -pix_fmt rgb24 - | od -An -tx1 -N3 | tr -d ' \n'; }
+
+# A real file, twice over, comes out in its colour.
+ffmpeg -v error -f lavfi -i color=c=0x00c000:size=320x240:rate=25 -t 1 -pix_fmt yuv420p "$work/green.mp4"
+start --loop "$work/green.mp4"
+refused 1 "cannot serve on port $port" --port "$port"
+ffmpeg -v error -rtsp_transport tcp -i "rtsp://127.0.0.1:$port/kavo" -frames:v 40 -y "$work/seen%d.png"
+stop
+[ -f "$work/seen40.png" ] || die "the file did not start again"
+case $(pixel "$work/seen1.png") in
+  [0-3]?[a-d]?[0-3]?) ;;
+  *) die "not green: $(pixel "$work/seen1.png")" ;;
+esac
+
+# The test picture moves.
+start --size 320x240
+ffmpeg -v error -rtsp_transport tcp -i "rtsp://127.0.0.1:$port/kavo" -frames:v 2 -y "$work/moving%d.png"
+stop
+cmp -s "$work/moving1.png" "$work/moving2.png" && die "the test picture stands still"
+"$publish" --port "$port" --duration 0.3 --size 64x64 >"$work/out" || die "no end after --duration"
+echo passed

@@ -1,0 +1,135 @@
+#include "delivery/rtspclient.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+
+namespace {
+
+constexpr int limitMilliseconds = 20000;
+
+bool readable(int socket, int milliseconds) {
+  pollfd entry{socket, POLLIN, 0};
+  return poll(&entry, 1, milliseconds) > 0;
+}
+
+}  // namespace
+
+std::string RtspClient::Response::header(std::string const& name) const {
+  auto const at = text.find("\r\n" + name + ": ");
+  if (at == std::string::npos) {
+    return "";
+  }
+  auto const begin = at + name.size() + 4;
+  return text.substr(begin, text.find("\r\n", begin) - begin);
+}
+
+RtspClient::RtspClient(std::uint32_t port, bool ipv6) : m_Socket(socket(ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM, 0)) {
+  sockaddr_in v4{};
+  v4.sin_family = AF_INET;
+  v4.sin_port = htons(static_cast<std::uint16_t>(port));
+  v4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  sockaddr_in6 v6{};
+  v6.sin6_family = AF_INET6;
+  v6.sin6_port = v4.sin_port;
+  v6.sin6_addr = in6addr_loopback;
+  auto const* address = ipv6 ? reinterpret_cast<sockaddr*>(&v6) : reinterpret_cast<sockaddr*>(&v4);
+  if (connect(m_Socket, address, ipv6 ? sizeof v6 : sizeof v4) != 0) {
+    close(m_Socket);
+    m_Socket = -1;
+  }
+}
+
+RtspClient::~RtspClient() {
+  if (m_Socket >= 0) {
+    close(m_Socket);
+  }
+}
+
+void RtspClient::send(std::string const& bytes) { (void)::send(m_Socket, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
+
+// Has at least this many bytes in the buffer.
+bool RtspClient::fill(std::size_t bytes) {
+  while (m_Buffer.size() < bytes) {
+    char block[65536];
+    ssize_t const got = readable(m_Socket, limitMilliseconds) ? recv(m_Socket, block, sizeof block, 0) : 0;
+    if (got <= 0) {
+      return false;
+    }
+    m_Buffer.append(block, static_cast<std::size_t>(got));
+  }
+  return true;
+}
+
+RtspClient::Packet RtspClient::packet() {
+  Packet packet;
+  if (!fill(4) || m_Buffer[0] != '$') {
+    return packet;
+  }
+  auto const byte = [&](std::size_t at) { return static_cast<std::uint8_t>(m_Buffer[at]); };
+  std::size_t const size = byte(2) * 256U + byte(3);
+  if (!fill(4 + size)) {
+    return packet;
+  }
+  packet.channel = byte(1);
+  packet.bytes.assign(m_Buffer.begin() + 4, m_Buffer.begin() + static_cast<std::ptrdiff_t>(4 + size));
+  m_Buffer.erase(0, 4 + size);
+  return packet;
+}
+
+RtspClient::Response RtspClient::request(std::string const& method, std::string const& url,
+                                         std::string const& headers) {
+  send(method + " " + url + " RTSP/1.0\r\nCSeq: " + std::to_string(++m_CSeq) + "\r\n" +
+       (m_Session.empty() ? "" : "Session: " + m_Session + "\r\n") + headers + "\r\n");
+  Response response;
+  while (fill(1) && m_Buffer[0] == '$') {
+    if (packet().channel < 0) {
+      return response;
+    }
+  }
+  std::size_t end;
+  while ((end = m_Buffer.find("\r\n\r\n")) == std::string::npos) {
+    if (!fill(m_Buffer.size() + 1)) {
+      return response;
+    }
+  }
+  response.text = m_Buffer.substr(0, end + 4);
+  response.status = std::atoi(response.text.c_str() + std::min<std::size_t>(9, response.text.size()));
+  std::size_t const body = static_cast<std::size_t>(std::atoi(response.header("Content-Length").c_str()));
+  fill(end + 4 + body);
+  response.text = m_Buffer.substr(0, end + 4 + body);
+  m_Buffer.erase(0, end + 4 + body);
+  if (auto const session = response.header("Session"); !session.empty()) {
+    m_Session = session.substr(0, session.find(';'));
+  }
+  return response;
+}
+
+bool RtspClient::play(std::string const& url, bool describe) {
+  return (!describe || request("DESCRIBE", url).status == 200) &&
+         request("SETUP", url + "/track1", overTcp).status == 200 && request("PLAY", url).status == 200;
+}
+
+bool RtspClient::receivesAPicture() {
+  int markers = 0;
+  while (markers < 2) {
+    auto const next = packet();
+    if (next.channel < 0) {
+      return false;
+    }
+    if (next.channel == 0 && next.bytes.size() > 12 && (next.bytes[1] & 0x80) != 0) {
+      ++markers;
+    }
+  }
+  return true;
+}
+
+bool RtspClient::isClosedWithin(int seconds) {
+  char byte;
+  return readable(m_Socket, seconds * 1000) && recv(m_Socket, &byte, 1, 0) <= 0;
+}

@@ -1,0 +1,49 @@
+// An RTSP client that does exactly what a test tells it, right or wrong.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+class RtspClient {
+ public:
+  struct Response {
+    int status = 0;  // 0: none came
+    std::string text;
+    std::string header(std::string const& name) const;
+  };
+  struct Packet {
+    int channel = -1;  // -1: none came
+    std::vector<std::uint8_t> bytes;
+  };
+
+  // Connects to 127.0.0.1 or ::1; connected() tells whether that worked.
+  explicit RtspClient(std::uint32_t port, bool ipv6 = false);
+  ~RtspClient();
+  RtspClient(RtspClient const&) = delete;
+  RtspClient& operator=(RtspClient const&) = delete;
+
+  bool connected() const { return m_Socket >= 0; }
+  void send(std::string const& bytes);
+  // Sends a request (headers each ending in CRLF) and waits for its response;
+  // interleaved packets that come before it are dropped.
+  Response request(std::string const& method, std::string const& url, std::string const& headers = "");
+  // DESCRIBE (if asked for), SETUP over TCP and PLAY.
+  bool play(std::string const& url, bool describe = true);
+  // The next interleaved packet.
+  Packet packet();
+  // Reads packets until one whole picture has come: from one RTP marker to the next.
+  bool receivesAPicture();
+  // Whether the server ends the connection within the limit.
+  bool isClosedWithin(int seconds);
+
+  static constexpr char const* overTcp = "Transport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n";
+
+ private:
+  bool fill(std::size_t bytes);
+
+  int m_Socket = -1;
+  int m_CSeq = 0;
+  std::string m_Session;
+  std::string m_Buffer;
+};

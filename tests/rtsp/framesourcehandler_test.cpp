@@ -1,0 +1,102 @@
+#include "rtsp/framesourcehandler.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+extern "C" {
+#include <libavutil/buffer.h>
+}
+
+using namespace kavo;
+
+namespace {
+
+int g_Released = 0;
+
+void countRelease(void*, std::uint8_t* data) {
+  ++g_Released;
+  delete[] data;
+}
+
+FrameSourceHandler::FrameData frame(int size) {
+  FrameSourceHandler::FrameData data{};
+  data.packet.buf = av_buffer_create(new std::uint8_t[8], 8, countRelease, nullptr, 0);
+  data.packet.data = data.packet.buf->data;
+  data.packet.size = size;
+  return data;
+}
+
+}  // namespace
+
+TEST(FrameQueue, HasRoomForTenFrames) {
+  FrameSourceHandler queue;
+  for (int i = 0; i < 10; ++i) {
+    EXPECT_TRUE(queue.IsBufferFree()) << i;
+    queue.push(frame(i));
+  }
+  EXPECT_FALSE(queue.IsBufferFree());
+  queue.push(frame(10));
+  EXPECT_EQ(queue.size(), 11U);
+  queue.pop();
+  EXPECT_FALSE(queue.IsBufferFree());
+  queue.pop();
+  EXPECT_TRUE(queue.IsBufferFree());
+}
+
+TEST(FrameQueue, IsFirstInFirstOut) {
+  FrameSourceHandler queue;
+  queue.push(frame(1));
+  queue.push(frame(2));
+  EXPECT_EQ(queue.front().packet.size, 1);
+  EXPECT_EQ(queue.back().packet.size, 2);
+  queue.pop();
+  EXPECT_EQ(queue.front().packet.size, 2);
+}
+
+TEST(FrameQueue, ReleasesEveryFrameOnce) {
+  g_Released = 0;
+  {
+    FrameSourceHandler queue;
+    queue.push(frame(1));
+    queue.pop();
+    EXPECT_EQ(g_Released, 1);
+    queue.push(frame(2));
+    queue.push(frame(3));
+    queue.clear();
+    EXPECT_EQ(g_Released, 3);
+    queue.clear();
+    queue.push(frame(4));
+  }
+  EXPECT_EQ(g_Released, 4);
+}
+
+TEST(FrameQueue, LeavesForeignBytesAlone) {
+  FrameSourceHandler queue;
+  queue.push({});  // an empty frame
+  std::uint8_t bytes[4] = {};
+  FrameSourceHandler::FrameData borrowed{};
+  borrowed.packet.data = bytes;
+  borrowed.packet.size = 4;
+  queue.push(borrowed);
+  queue.pop();
+  queue.pop();
+  EXPECT_TRUE(queue.empty());
+}
+
+TEST(FrameQueue, RefusesToReadWhatIsNotThere) {
+  FrameSourceHandler queue;
+  EXPECT_THROW(queue.front(), std::out_of_range);
+  EXPECT_THROW(queue.back(), std::out_of_range);
+  EXPECT_THROW(queue.pop(), std::out_of_range);
+}
+
+TEST(FrameQueue, StreamingIsAFlagAndNotACount) {
+  FrameSourceHandler queue;
+  EXPECT_FALSE(queue.IsStreaming());
+  queue.SetStreaming(true);
+  queue.SetStreaming(true);
+  EXPECT_TRUE(queue.IsStreaming());
+  queue.SetStreaming(false);
+  EXPECT_FALSE(queue.IsStreaming());
+}
