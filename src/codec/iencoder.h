@@ -26,6 +26,10 @@ class IEncoder {
   // there is one, then belongs to the caller (av_packet_unref).
   virtual void encode(unsigned char const* frame, AVPacket& packet) = 0;
 
+  // Makes the next picture one that can be decoded without any before it; of an
+  // encoder whose pictures all are it asks nothing.
+  virtual void requestKeyFrame() {}
+
  protected:
   // Throws "Invalid parameter" (see isVideoCodecParameterSupported); silences
   // FFmpeg's log for the process.

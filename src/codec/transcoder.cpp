@@ -2,15 +2,22 @@
 
 #include "base/streamexception.h"
 #include "codec/hostnumbers.h"
+#include "codec/jpegdecoder.h"
 #include "codec/jpegencoder.h"
+#include "codec/openh264encoder.h"
 
 namespace kavo {
 
 namespace {
 
-void checkInput(std::int32_t codecId) {
-  if (codecId != HostCodecNone && codecId != HostCodecMjpeg) {
-    throw StreamException("Invalid codec parameter", ErrorInvalidParameter);
+std::shared_ptr<IDecoder> makeDecoder(VideoCodecParameter const& parameter) {
+  switch (parameter.m_SrcCodecId) {
+    case HostCodecNone:
+      return nullptr;
+    case HostCodecMjpeg:
+      return std::make_shared<JpegDecoder>(parameter);
+    default:
+      throw StreamException("Invalid codec parameter", ErrorInvalidParameter);
   }
 }
 
@@ -19,7 +26,7 @@ std::shared_ptr<IEncoder> makeEncoder(VideoCodecParameter const& parameter) {
     case HostCodecMjpeg:
       return std::make_shared<JpegEncoder>(parameter);
     case HostCodecH264:
-      throw StreamException("OpenH264 library initialization failed failed", ErrorCodec);
+      return std::make_shared<OpenH264Encoder>(parameter);
     default:
       throw StreamException("Invalid codec parameter", ErrorInvalidParameter);
   }
@@ -27,11 +34,14 @@ std::shared_ptr<IEncoder> makeEncoder(VideoCodecParameter const& parameter) {
 
 }  // namespace
 
-Transcoder::Transcoder(VideoCodecParameter const* parameter) {
-  checkInput(parameter->m_SrcCodecId);
-  m_Encoder = makeEncoder(*parameter);
-}
+Transcoder::Transcoder(VideoCodecParameter const* parameter)
+    : m_Decoder(makeDecoder(*parameter)), m_Encoder(makeEncoder(*parameter)) {}
 
-void Transcoder::transcode(unsigned char const* frame, AVPacket& packet) { m_Encoder->encode(frame, packet); }
+void Transcoder::transcode(unsigned char const* frame, AVPacket& packet) {
+  if (m_Decoder) {
+    m_Decoder->decode(frame, packet);
+  }
+  m_Encoder->encode(frame, packet);
+}
 
 }  // namespace kavo

@@ -4,6 +4,7 @@
 
 #include <memory>
 
+#include "codec/idecoder.h"
 #include "codec/iencoder.h"
 
 namespace kavo {
@@ -20,7 +21,12 @@ class Transcoder {
   // See IEncoder::encode. A failure leaves the transcoder usable.
   void transcode(unsigned char const* frame, AVPacket& packet);
 
+  // Makes the next picture one that a viewer can begin with.
+  void requestKeyFrame() { m_Encoder->requestKeyFrame(); }
+
  private:
+  // In this order: an unusable input is told before an unusable output.
+  std::shared_ptr<IDecoder> m_Decoder;
   std::shared_ptr<IEncoder> m_Encoder;
 };
 

@@ -8,6 +8,7 @@
 #include <deque>
 
 #include "base/threadannotations.h"
+#include "rtsp/keyframerequest.h"
 
 extern "C" {
 #include <libavcodec/packet.h>
@@ -47,6 +48,9 @@ class FrameSourceHandler {
   // Whether one more frame may be encoded and pushed.
   bool IsBufferFree() const KAVO_EXCLUDES(m_Mutex);
 
+  // The other way round: what the event loop asks of the encoder.
+  KeyFrameRequest& keyFrameRequest() { return m_KeyFrameRequest; }
+
   // Whether a source exists that will take frames out; set on the event-loop thread.
   bool IsStreaming() const { return m_Streaming.load(std::memory_order_relaxed); }
   void SetStreaming(bool streaming) { m_Streaming.store(streaming, std::memory_order_relaxed); }
@@ -58,6 +62,7 @@ class FrameSourceHandler {
   mutable Mutex m_Mutex;
   std::deque<FrameData> m_Frames KAVO_GUARDED_BY(m_Mutex);
   std::atomic<bool> m_Streaming = false;
+  KeyFrameRequest m_KeyFrameRequest;
 };
 
 }  // namespace kavo

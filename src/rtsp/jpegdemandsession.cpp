@@ -23,6 +23,15 @@ FramedSource* JpegDemandSession::openSource(std::shared_ptr<FrameSourceHandler> 
   return JpegSource::createNew(envir(), std::move(handler));
 }
 
+// Every picture is one to begin with. Of those queued before anybody played,
+// only the newest is not stale.
+bool JpegDemandSession::admit(FramedSource*, bool first) {
+  while (first && queue().size() > 1) {
+    queue().pop();
+  }
+  return true;
+}
+
 void JpegDemandSession::wakeSource(TaskScheduler* scheduler, FramedSource* source) {
   JpegSource::signalNewFrameData(scheduler, source);
 }

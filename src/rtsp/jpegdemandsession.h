@@ -14,6 +14,7 @@ class JpegDemandSession : public LiveDemandSession {
   JpegDemandSession(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler) KAVO_REQUIRES(eventLoopRole);
 
   FramedSource* openSource(std::shared_ptr<FrameSourceHandler> handler) override;
+  bool admit(FramedSource* source, bool first) override;
   void wakeSource(TaskScheduler* scheduler, FramedSource* source) override;
   RTPSink* createNewRTPSink(Groupsock* rtpGroupsock, unsigned char rtpPayloadTypeIfDynamic,
                             FramedSource* inputSource) override;

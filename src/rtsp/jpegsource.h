@@ -3,23 +3,19 @@
 #pragma once
 
 #include <JPEGVideoSource.hh>
-#include <memory>
 #include <optional>
 
-#include "rtsp/framesourcehandler.h"
-#include "rtsp/frametrigger.h"
 #include "rtsp/jpegheader.h"
+#include "rtsp/queuedsource.h"
 
 namespace kavo {
 
-class JpegSource : public JPEGVideoSource {
+// RTP/JPEG sends a few parameters in place of the image's header; they are read
+// from each image, of which only the scan data is delivered.
+class JpegSource : public QueuedSource<JPEGVideoSource> {
  public:
   static JpegSource* createNew(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler)
       KAVO_REQUIRES(eventLoopRole);
-
-  // Any thread: has the event loop look for a frame. Nothing happens for a null
-  // pointer or a source of another type.
-  static void signalNewFrameData(TaskScheduler* scheduler, FramedSource* source);
 
   u_int8_t type() override;
   u_int8_t qFactor() override;
@@ -29,20 +25,14 @@ class JpegSource : public JPEGVideoSource {
 
  protected:
   JpegSource(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler) KAVO_REQUIRES(eventLoopRole);
-  ~JpegSource() override;
 
-  void doGetNextFrame() override;
+  void copyFrame(AVPacket const& packet, unsigned deliverable) override;
 
  private:
-  static void deliverFrame0(void* clientData);
-  void deliverFrame() KAVO_REQUIRES(eventLoopRole);
-  void deliver(AVPacket const& packet) KAVO_REQUIRES(eventLoopRole);
   std::size_t setParamsFromHeader(std::span<std::uint8_t const> image);
 
-  std::shared_ptr<FrameSourceHandler> m_FrameSourceHandler;
   JpegHeader::Size m_Size{.width = 0, .height = 0};
   std::optional<JpegHeader::QuantizationTables> m_QuantizationTables;
-  FrameTrigger m_Trigger;
 };
 
 }  // namespace kavo

@@ -1,12 +1,26 @@
 #include "rtsp/livedemandsession.h"
 
+#include <sys/time.h>
+
+#include <cstdint>
 #include <utility>
 
 namespace kavo {
 
 namespace {
+
 constexpr portNumBits firstServerPort = 6970;
-}
+
+// live555 lets only derived classes read a sink's clock.
+struct SinkClock : RTPSink {
+  static u_int32_t now(RTPSink& sink) {
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    return (sink.*&SinkClock::convertToRTPTimestamp)(now);
+  }
+};
+
+}  // namespace
 
 LiveDemandSession::LiveDemandSession(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler,
                                      bool reuseFirstSource, unsigned estimatedBitrate)
@@ -51,6 +65,49 @@ void LiveDemandSession::closeStreamSource(FramedSource* inputSource) {
   if (!m_Sources.empty()) {
     m_FrameSourceHandler->SetStreaming(true);
   }
+}
+
+void LiveDemandSession::startStream(unsigned clientSessionId, void* streamToken, TaskFunc* rtcpRRHandler,
+                                    void* rtcpRRHandlerClientData, unsigned short& rtpSeqNum, unsigned& rtpTimestamp,
+                                    ServerRequestAlternativeByteHandler* alternativeByteHandler,
+                                    void* alternativeByteHandlerClientData) {
+  eventLoopRole.assertHeld();
+  auto* stream = static_cast<StreamState*>(streamToken);
+  if (stream == nullptr || stream->rtpSink() == nullptr) {
+    return;
+  }
+  auto const start = [=, this] {
+    auto* destinations = static_cast<Destinations*>(
+        fDestinationsHashTable->Lookup(reinterpret_cast<char const*>(std::uintptr_t{clientSessionId})));
+    stream->startPlaying(destinations, clientSessionId, rtcpRRHandler, rtcpRRHandlerClientData, alternativeByteHandler,
+                         alternativeByteHandlerClientData);
+  };
+  // For the response. live555's own way here is presetNextTimestamp(), which
+  // shifts the time stamps of a stream that others are watching.
+  rtpSeqNum = stream->rtpSink()->currentSeqNo();
+  rtpTimestamp = SinkClock::now(*stream->rtpSink());
+
+  bool const again = m_Playing.contains(clientSessionId);
+  if (again || admit(stream->mediaSource(), m_Playing.empty())) {
+    m_Playing.insert(clientSessionId);
+    start();
+  } else {
+    m_Waiting[clientSessionId] = start;
+  }
+}
+
+void LiveDemandSession::letWaitingIn() {
+  for (auto const& [clientSessionId, start] : std::exchange(m_Waiting, {})) {
+    m_Playing.insert(clientSessionId);
+    start();
+  }
+}
+
+void LiveDemandSession::deleteStream(unsigned clientSessionId, void*& streamToken) {
+  eventLoopRole.assertHeld();
+  m_Playing.erase(clientSessionId);
+  m_Waiting.erase(clientSessionId);
+  OnDemandServerMediaSubsession::deleteStream(clientSessionId, streamToken);
 }
 
 }  // namespace kavo

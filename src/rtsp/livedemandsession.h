@@ -3,6 +3,8 @@
 #pragma once
 
 #include <OnDemandServerMediaSubsession.hh>
+#include <functional>
+#include <map>
 #include <memory>
 #include <set>
 
@@ -29,6 +31,19 @@ class LiveDemandSession : public OnDemandServerMediaSubsession {
 
   FramedSource* createNewStreamSource(unsigned clientSessionId, unsigned& estBitrate) override;
   void closeStreamSource(FramedSource* inputSource) override;
+  void startStream(unsigned clientSessionId, void* streamToken, TaskFunc* rtcpRRHandler, void* rtcpRRHandlerClientData,
+                   unsigned short& rtpSeqNum, unsigned& rtpTimestamp,
+                   ServerRequestAlternativeByteHandler* alternativeByteHandler,
+                   void* alternativeByteHandlerClientData) override;
+  void deleteStream(unsigned clientSessionId, void*& streamToken) override;
+
+  // A viewer begins to play, as the first of a stream that stood still or as one
+  // more. Whether it is to be let in at once; if not, letWaitingIn() follows.
+  virtual bool admit(FramedSource* source, bool first) KAVO_REQUIRES(eventLoopRole) = 0;
+  // Lets all viewers in that had to wait.
+  void letWaitingIn() KAVO_REQUIRES(eventLoopRole);
+
+  FrameSourceHandler& queue() { return *m_FrameSourceHandler; }
 
   virtual FramedSource* openSource(std::shared_ptr<FrameSourceHandler> handler) KAVO_REQUIRES(eventLoopRole) = 0;
   // Any thread, with m_Mutex held, so that the source is not being closed.
@@ -37,6 +52,8 @@ class LiveDemandSession : public OnDemandServerMediaSubsession {
  private:
   std::shared_ptr<FrameSourceHandler> m_FrameSourceHandler;
   unsigned const m_EstimatedBitrate;
+  std::set<unsigned> m_Playing KAVO_GUARDED_BY(eventLoopRole);  // client session ids
+  std::map<unsigned, std::function<void()>> m_Waiting KAVO_GUARDED_BY(eventLoopRole);
   Mutex m_Mutex;
   std::set<FramedSource*> m_Sources KAVO_GUARDED_BY(m_Mutex);
 };

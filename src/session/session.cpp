@@ -4,6 +4,7 @@
 
 #include "base/streamexception.h"
 #include "codec/hostnumbers.h"
+#include "rtsp/h264demandsession.h"
 #include "rtsp/jpegdemandsession.h"
 #include "session/streamenvironment.h"
 #include "session/videosubsession.h"
@@ -17,7 +18,7 @@ std::shared_ptr<ISubSession> makeStream(StreamEnvironment const& env, VideoCodec
     case HostCodecMjpeg:
       return std::make_shared<VideoSubSession<JpegDemandSession>>(env, &parameter);
     case HostCodecH264:
-      throw StreamException("OpenH264 library initialization failed failed", ErrorCodec);
+      return std::make_shared<VideoSubSession<H264DemandSession>>(env, &parameter);
     default:
       throw StreamException("Invalid codec parameter", ErrorInvalidParameter);
   }

@@ -33,6 +33,9 @@ class VideoSubSession : public ISubSession {
     if (!m_FrameSourceHandler->IsStreaming() || !m_FrameSourceHandler->IsBufferFree()) {
       return;
     }
+    if (m_FrameSourceHandler->keyFrameRequest().take(KeyFrameRequest::Clock::now())) {
+      m_Transcoder->requestKeyFrame();
+    }
     FrameSourceHandler::FrameData data{};
     m_Transcoder->transcode(frame, data.packet);
     m_FrameSourceHandler->push(data);

@@ -76,6 +76,7 @@ void Host::startSubmitting() {
           ++m_FailedSubmits;
         }
       }
+      ++m_Submitted;
       std::this_thread::sleep_for(std::chrono::milliseconds(30));  // the frame rate
     }
   });
@@ -86,6 +87,14 @@ void Host::stopSubmitting() {
   if (m_Submitter.joinable()) {
     m_Submitter.join();
   }
+}
+
+std::vector<std::string> Host::names() const {
+  std::vector<std::string> names;
+  for (auto const& stream : m_Streams) {
+    names.push_back(stream->name);
+  }
+  return names;
 }
 
 std::string Host::url(std::string const& name, std::string const& address) const {

@@ -45,8 +45,12 @@ class Host {
                   int height = 240);
   void startSubmitting();
   void stopSubmitting();
+  // Rounds of frames submitted so far.
+  int submitted() const { return m_Submitted; }
   int failedSubmits() const { return m_FailedSubmits; }
 
+  // Of all streams published.
+  std::vector<std::string> names() const;
   std::string url(std::string const& name, std::string const& address = "127.0.0.1") const;
 
  private:
@@ -56,6 +60,7 @@ class Host {
   std::vector<std::unique_ptr<Stream>> m_Streams;
   std::thread m_Submitter;
   std::atomic<bool> m_Submitting = false;
+  std::atomic<int> m_Submitted = 0;
   std::atomic<int> m_FailedSubmits = 0;
 };
 

@@ -55,7 +55,7 @@ TEST(Lifecycle, APortHeldOnOneAddressFamilyIsRefused) {
 TEST(Lifecycle, APortGivenUpWithViewersIsTakenAgainAtOnce) {
   Host host;
   std::uint32_t port = 0;
-  for (int round = 0; round < 5; ++round) {
+  for (int round = 0; round < 20; ++round) {
     if (round == 0) {
       host.serve();
       port = host.port();

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "delivery/testpicture.h"
@@ -13,7 +14,7 @@ class Process {
   // Standard output and standard error go to the file.
   Process(std::vector<std::string> const& arguments, std::string const& outputFile);
   ~Process();
-  Process(Process const&) = delete;
+  Process(Process&& other) noexcept : m_Pid(std::exchange(other.m_Pid, -1)) {}
   Process& operator=(Process const&) = delete;
 
   // The exit status, or -1 if the process had to be killed at the limit.
@@ -28,7 +29,7 @@ class TemporaryFolder {
  public:
   TemporaryFolder();
   ~TemporaryFolder();
-  TemporaryFolder(TemporaryFolder const&) = delete;
+  TemporaryFolder(TemporaryFolder&& other) noexcept : m_Path(std::exchange(other.m_Path, "")) {}
   TemporaryFolder& operator=(TemporaryFolder const&) = delete;
 
   std::string file(std::string const& name) const { return m_Path + "/" + name; }
@@ -50,10 +51,13 @@ class Player {
 
   // Waits for the end and gives all pictures, in order; none if the player failed.
   std::vector<Picture> pictures(int width, int height);
-  // What the player said.
+  // What the player said that speaks of damage.
+  std::string complaints() const;
+  // All that it said.
   std::string messages() const { return contentOf(m_Folder.file("messages")); }
 
  private:
   TemporaryFolder m_Folder;
   Process m_Process;
+  bool m_StatusCounts;
 };

@@ -10,29 +10,36 @@ using Client = Player::Client;
 using Transport = Player::Transport;
 
 struct Row {
+  int codec;
   Client client;
   Transport transport;
 };
 
 constexpr Row rows[] = {
-    {Client::Ffmpeg, Transport::Tcp},
-    {Client::Ffmpeg, Transport::Udp},
-    {Client::Gstreamer, Transport::Tcp},
-    {Client::Gstreamer, Transport::Udp},
+    {KV_CODEC_MJPEG, Client::Ffmpeg, Transport::Tcp},    {KV_CODEC_MJPEG, Client::Ffmpeg, Transport::Udp},
+    {KV_CODEC_MJPEG, Client::Gstreamer, Transport::Tcp}, {KV_CODEC_MJPEG, Client::Gstreamer, Transport::Udp},
+    {KV_CODEC_H264, Client::Ffmpeg, Transport::Tcp},     {KV_CODEC_H264, Client::Ffmpeg, Transport::Udp},
+    {KV_CODEC_H264, Client::Gstreamer, Transport::Tcp},  {KV_CODEC_H264, Client::Gstreamer, Transport::Udp},
 };
 
 // Each player as the stream's first viewer, and again after nobody watched.
 TEST(Players, ShowTheRightPictureFromTheFirstOn) {
   Host host;
   host.serve();
-  host.publish("stream");
+  host.publish("jpeg");
+  host.publish("h264", KV_BGR24, KV_CODEC_H264);
   host.startSubmitting();
-  for (auto const& [client, transport] : rows) {
-    Player player(client, transport, host.url("stream"), 3);
+  for (auto const& [codec, client, transport] : rows) {
+    auto const url = host.url(codec == KV_CODEC_H264 ? "h264" : "jpeg");
+    Player player(client, transport, url, 3, codec);
     auto const pictures = player.pictures(320, 240);
     EXPECT_GE(pictures.size(), 3U) << player.messages();
     for (auto const& picture : pictures) {
-      EXPECT_EQ(differences(picture), "") << "client " << int(client) << ", transport " << int(transport);
+      EXPECT_EQ(differences(picture), "")
+          << "codec " << codec << ", client " << int(client) << ", transport " << int(transport);
+    }
+    if (client == Client::Ffmpeg) {
+      EXPECT_EQ(player.complaints(), "") << "codec " << codec << ", transport " << int(transport);
     }
   }
   EXPECT_EQ(host.failedSubmits(), 0);
@@ -41,19 +48,24 @@ TEST(Players, ShowTheRightPictureFromTheFirstOn) {
 TEST(Players, ShowEveryFormatInItsColours) {
   Host host;
   host.serve();
-  for (int const format : {0, 2, 3, 4, 12, 13, 27, 28, 29, 30}) {
-    host.publish("format" + std::to_string(format), format);
+  struct Watched {
+    std::string name;
+    Player player;
+  };
+  std::deque<Watched> watched;
+  for (int const codec : {KV_CODEC_MJPEG, KV_CODEC_H264}) {
+    for (int const format : {0, 2, 3, 4, 12, 13, 27, 28, 29, 30}) {
+      host.publish(std::to_string(codec) + "-" + std::to_string(format), format, codec);
+    }
   }
   host.startSubmitting();
-  std::deque<Player> players;
-  for (int const format : {0, 2, 3, 4, 12, 13, 27, 28, 29, 30}) {
-    players.emplace_back(Client::Ffmpeg, Transport::Tcp, host.url("format" + std::to_string(format)), 1);
+  for (auto const& name : host.names()) {
+    watched.push_back({name, Player(Client::Ffmpeg, Transport::Tcp, host.url(name), 1)});
   }
-  int const formats[] = {0, 2, 3, 4, 12, 13, 27, 28, 29, 30};
-  for (std::size_t i = 0; i < players.size(); ++i) {
-    auto const pictures = players[i].pictures(320, 240);
-    ASSERT_EQ(pictures.size(), 1U) << players[i].messages();
-    EXPECT_EQ(differences(pictures[0]), "") << "format " << formats[i];
+  for (auto& [name, player] : watched) {
+    auto const pictures = player.pictures(320, 240);
+    ASSERT_EQ(pictures.size(), 1U) << name << ": " << player.messages();
+    EXPECT_EQ(differences(pictures[0]), "") << "codec-format " << name;
   }
 }
 

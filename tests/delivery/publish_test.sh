@@ -26,7 +26,9 @@ refused 2 'WIDTHxHEIGHT' --size 640
 refused 2 'such as 800k' --bitrate fast
 refused 2 '1 to 19 characters' --name this-name-is-far-too-long
 refused 2 'more than one input' a b
-refused 1 'nearest to --size 642x480 is 640x480' --size 642x480
+refused 1 'nearest to --size 642x480 is 640x480' --codec jpeg --size 642x480
+refused 1 'nearest to --size 641x480 is 640x480' --codec h264 --size 641x480
+refused 2 'takes h264 or jpeg' --codec h265
 refused 1 'cannot open' "$work/missing.mp4"
 echo "no video" >"$work/text.txt"
 refused 1 'text.txt' "$work/text.txt"
@@ -56,6 +58,14 @@ stop() {
 # pixel FILE: the colour in the middle of its picture, as hex.
 pixel() { ffmpeg -v error -i "$1" -vf crop=2:2 -frames:v 1 -f rawvideo -pix_fmt rgb24 - | od -An -tx1 -N3 | tr -d ' \n'; }
 
+# green FILE: whether the middle of its picture is green.
+green() {
+  case $(pixel "$1") in
+    [0-3]?[a-d]?[0-3]?) ;;
+    *) die "not green: $(pixel "$1")" ;;
+  esac
+}
+
 # A real file, twice over, comes out in its colour.
 ffmpeg -v error -f lavfi -i color=c=0x00c000:size=320x240:rate=25 -t 1 -pix_fmt yuv420p "$work/green.mp4"
 start --loop "$work/green.mp4"
@@ -63,10 +73,17 @@ refused 1 "cannot serve on port $port" --port "$port"
 ffmpeg -v error -rtsp_transport tcp -i "rtsp://127.0.0.1:$port/kavo" -frames:v 40 -y "$work/seen%d.png"
 stop
 [ -f "$work/seen40.png" ] || die "the file did not start again"
-case $(pixel "$work/seen1.png") in
-  [0-3]?[a-d]?[0-3]?) ;;
-  *) die "not green: $(pixel "$work/seen1.png")" ;;
-esac
+green "$work/seen1.png"
+
+# Without OpenH264 it says so, and publishes JPEG.
+mkdir "$work/without"
+: >"$work/without/libopenh264.so"
+LD_LIBRARY_PATH=$work/without start "$work/green.mp4" --loop
+grep -q 'OpenH264 is not installed' "$work/out" || die "silent about the missing OpenH264"
+ffmpeg -v error -rtsp_transport tcp -i "rtsp://127.0.0.1:$port/kavo" -frames:v 1 -y "$work/jpeg.png"
+stop
+green "$work/jpeg.png"
+LD_LIBRARY_PATH=$work/without refused 1 'libopenh264-dev' --codec h264
 
 # The test picture moves.
 start --size 320x240

@@ -46,8 +46,10 @@ RtspClient::RtspClient(std::uint32_t port, bool ipv6) : m_Socket(socket(ipv6 ? A
 }
 
 RtspClient::~RtspClient() {
-  if (m_Socket >= 0) {
-    close(m_Socket);
+  for (int const socket : {m_Socket, m_Udp[0], m_Udp[1]}) {
+    if (socket >= 0) {
+      close(socket);
+    }
   }
 }
 
@@ -66,7 +68,22 @@ bool RtspClient::fill(std::size_t bytes) {
   return true;
 }
 
+RtspClient::Packet RtspClient::datagram() {
+  Packet packet;
+  pollfd entries[2] = {{m_Udp[0], POLLIN, 0}, {m_Udp[1], POLLIN, 0}};
+  if (poll(entries, 2, limitMilliseconds) > 0) {
+    packet.channel = entries[0].revents != 0 ? 0 : 1;
+    packet.bytes.resize(2048);
+    ssize_t const size = recv(m_Udp[packet.channel], packet.bytes.data(), packet.bytes.size(), 0);
+    packet.bytes.resize(static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
+  }
+  return packet;
+}
+
 RtspClient::Packet RtspClient::packet() {
+  if (m_Udp[0] >= 0) {
+    return datagram();
+  }
   Packet packet;
   if (!fill(4) || m_Buffer[0] != '$') {
     return packet;
@@ -113,6 +130,36 @@ RtspClient::Response RtspClient::request(std::string const& method, std::string 
 bool RtspClient::play(std::string const& url, bool describe) {
   return (!describe || request("DESCRIBE", url).status == 200) &&
          request("SETUP", url + "/track1", overTcp).status == 200 && request("PLAY", url).status == 200;
+}
+
+bool RtspClient::playOverUdp(std::string const& url) {
+  std::string ports;
+  for (int& socket : m_Udp) {
+    socket = ::socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    bind(socket, reinterpret_cast<sockaddr*>(&address), size);
+    getsockname(socket, reinterpret_cast<sockaddr*>(&address), &size);
+    ports += (ports.empty() ? "" : "-") + std::to_string(ntohs(address.sin_port));
+  }
+  return request("DESCRIBE", url).status == 200 &&
+         request("SETUP", url + "/track1", "Transport: RTP/AVP;unicast;client_port=" + ports + "\r\n").status == 200 &&
+         request("PLAY", url).status == 200;
+}
+
+int RtspClient::nextNalType() {
+  while (true) {
+    auto const next = packet();
+    if (next.channel < 0) {
+      return -1;
+    }
+    if (next.channel == 0 && next.bytes.size() > 13) {
+      int const type = next.bytes[12] & 0x1F;
+      return type == 28 ? next.bytes[13] & 0x1F : type;
+    }
+  }
 }
 
 bool RtspClient::receivesAPicture() {

@@ -30,8 +30,12 @@ class RtspClient {
   Response request(std::string const& method, std::string const& url, std::string const& headers = "");
   // DESCRIBE (if asked for), SETUP over TCP and PLAY.
   bool play(std::string const& url, bool describe = true);
-  // The next interleaved packet.
+  // The same over UDP, to two ports of this client.
+  bool playOverUdp(std::string const& url);
+  // The next packet: interleaved (channel 0: RTP, 1: RTCP), or from those ports.
   Packet packet();
+  // The type of the NAL unit that the next RTP packet carries; -1 if none came.
+  int nextNalType();
   // Reads packets until one whole picture has come: from one RTP marker to the next.
   bool receivesAPicture();
   // Whether the server ends the connection within the limit.
@@ -41,8 +45,10 @@ class RtspClient {
 
  private:
   bool fill(std::size_t bytes);
+  Packet datagram();
 
   int m_Socket = -1;
+  int m_Udp[2] = {-1, -1};  // RTP, RTCP
   int m_CSeq = 0;
   std::string m_Session;
   std::string m_Buffer;

@@ -87,6 +87,12 @@ TEST_F(JpegSourceTest, DropsAnEmptyFrameAndGoesOnWaiting) {
   EXPECT_EQ(m_Frames, 0);
   EXPECT_TRUE(m_Queue->empty());
   EXPECT_TRUE(m_Source->isCurrentlyAwaitingData());
+  Medium::close(m_Source);
+  m_Source = JpegSource::createNew(m_Environment.GetUsageEnvironment(), m_Queue);
+  m_Queue->push({});
+  queue(1000, 600);
+  request(4096);
+  EXPECT_EQ(m_Frames, 1) << "a frame behind an empty one has to wait";
 }
 
 TEST_F(JpegSourceTest, WarnsOnceAFrameAndDeliversItWhole) {

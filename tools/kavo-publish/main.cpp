@@ -22,51 +22,94 @@ std::atomic<bool> g_Stop = false;
 
 void onSignal(int) { g_Stop = true; }
 
-// The nearest size that the codec takes, and that RTP/JPEG can express, with the input's shape.
-Size publishableSize(Size size) {
-  constexpr int largest = 2040;
-  constexpr int step = 8;
-  double const scale = std::min({1.0, double(largest) / size.width, double(largest) / size.height});
-  auto const fit = [&](int length) { return std::max(step, static_cast<int>(length * scale) / step * step); };
+struct Codec {
+  std::int32_t id;
+  char const* name;
+  Size largest;
+  int step;               // sizes are multiples of it
+  double bitsPerPixel;    // of each picture, without --bitrate
+  char const* gstreamer;  // the elements that decode it
+};
+
+// JPEG in the steps of 8 that RTP can express.
+constexpr Codec codecs[] = {
+    {KV_CODEC_H264, "H.264", {4096, 2304}, 2, 0.1, "rtph264depay ! h264parse ! avdec_h264"},
+    {KV_CODEC_MJPEG, "JPEG", {2040, 2040}, 8, 1.2, "rtpjpegdepay ! jpegdec"},
+};
+
+// The nearest size that the codec takes, in the same shape.
+Size nearestSize(Codec const& codec, Size size) {
+  double const scale =
+      std::min({1.0, double(codec.largest.width) / size.width, double(codec.largest.height) / size.height});
+  auto const fit = [&](int length) { return std::max(16, static_cast<int>(length * scale) / codec.step * codec.step); };
   return {fit(size.width), fit(size.height)};
 }
 
-void checkSize(Size size) {
-  Size const nearest = publishableSize(size);
-  if (nearest.width != size.width || nearest.height != size.height) {
-    throw Failure("JPEG takes sizes up to 2040x2040 in steps of 8: the nearest to --size " +
-                  std::to_string(size.width) + "x" + std::to_string(size.height) + " is " +
-                  std::to_string(nearest.width) + "x" + std::to_string(nearest.height));
+std::string textOf(Size size) { return std::to_string(size.width) + "x" + std::to_string(size.height); }
+
+Size publishedSize(Codec const& codec, Options const& options, Input const& input) {
+  Size const wanted = options.size.value_or(input.size());
+  Size const nearest = nearestSize(codec, wanted);
+  if (options.size && textOf(nearest) != textOf(wanted)) {
+    throw Failure(std::string(codec.name) + " takes sizes from 16x16 to " + textOf(codec.largest) + " in steps of " +
+                  std::to_string(codec.step) + ": the nearest to --size " + textOf(wanted) + " is " + textOf(nearest));
   }
+  return nearest;
 }
 
-kv_video_record videoOf(Options const& options, Input const& input) {
-  if (options.size) {
-    checkSize(*options.size);
-  }
-  Size const size = options.size.value_or(publishableSize(input.size()));
+kv_video_record videoOf(Codec const& codec, Options const& options, Input const& input) {
+  Size const size = publishedSize(codec, options, input);
   kv_video_record video{};
   video.src_width = input.size().width;
   video.src_height = input.size().height;
   video.dst_width = size.width;
   video.dst_height = size.height;
   video.src_pixel_format = input.pixelFormat();
-  video.dst_codec = options.codec;
+  video.dst_codec = codec.id;
   video.frame_rate = input.frameRate();
+  double const rate = video.frame_rate;
+  double const bitsPerSecond =
+      options.bitsPerSecond ? double(*options.bitsPerSecond) : codec.bitsPerPixel * size.width * size.height * rate;
   // The library takes JPEG's bitrate as bits per picture.
-  double const bitsPerPicture = options.bitsPerSecond ? double(*options.bitsPerSecond) / video.frame_rate
-                                                      : 1.2 * video.dst_width * video.dst_height;
-  video.bitrate = std::max(1, static_cast<std::int32_t>(bitsPerPicture));
+  double const bitrate = codec.id == KV_CODEC_MJPEG ? bitsPerSecond / rate : bitsPerSecond;
+  video.bitrate = static_cast<std::int32_t>(std::clamp(bitrate, 1.0, 2e9));
   return video;
 }
 
-void printIntroduction(Options const& options, kv_video_record const& video, std::string const& url) {
-  std::printf("Publishing %s, %dx%d at %d frames a second, as JPEG:\n\n  %s\n\nWatch it with one of\n",
+struct Published {
+  Codec const* codec;
+  kv_video_record video;
+};
+
+// The codec asked for, or the first of the table that works here.
+Published createStream(Publisher& publisher, Options const& options, Input const& input) {
+  for (Codec const& codec : codecs) {
+    if (options.codec && *options.codec != codec.id) {
+      continue;
+    }
+    kv_video_record const video = videoOf(codec, options, input);
+    int const result = publisher.createStream(video);
+    if (result == KV_OK) {
+      return {&codec, video};
+    }
+    if (options.codec || codec.id != KV_CODEC_H264 || result != KV_CODEC_FAILURE) {
+      throw Failure("cannot encode " + std::string(codec.name) + " (result " + std::to_string(result) + "): " +
+                    (codec.id == KV_CODEC_H264 ? "install OpenH264 (on Debian: libopenh264-dev), or use --codec jpeg"
+                                               : "choose another --size or --bitrate"));
+    }
+    std::printf("OpenH264 is not installed (on Debian: libopenh264-dev), so this is JPEG\n");
+  }
+  throw Failure("no codec to publish with");
+}
+
+void printIntroduction(Options const& options, Published const& published, std::string const& url) {
+  auto const& video = published.video;
+  std::printf("Publishing %s, %dx%d at %d frames a second, as %s:\n\n  %s\n\nWatch it with one of\n",
               options.input.empty() ? "the test picture" : options.input.c_str(), video.dst_width, video.dst_height,
-              video.frame_rate, url.c_str());
+              video.frame_rate, published.codec->name, url.c_str());
   std::printf("  ffplay -rtsp_transport tcp %s\n  vlc %s\n", url.c_str(), url.c_str());
-  std::printf("  gst-launch-1.0 rtspsrc location=%s latency=100 ! rtpjpegdepay ! jpegdec ! autovideosink\n\n",
-              url.c_str());
+  std::printf("  gst-launch-1.0 rtspsrc location=%s latency=100 ! %s ! autovideosink\n\n", url.c_str(),
+              published.codec->gstreamer);
   std::printf("Ctrl-C ends.\n");
   std::fflush(stdout);
 }
@@ -117,9 +160,8 @@ void waitUntil(Clock::time_point due) {
 
 void publish(Options const& options) {
   Input input(options, g_Stop);
-  kv_video_record const video = videoOf(options, input);
-  Publisher publisher(options, video);
-  printIntroduction(options, video, publisher.url());
+  Publisher publisher(options);
+  printIntroduction(options, createStream(publisher, options, input), publisher.url());
 
   Status status;
   auto const begin = Clock::now();

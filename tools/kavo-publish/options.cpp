@@ -16,7 +16,7 @@ constexpr char help[] =
 Publishes live video over RTSP: INPUT is a video file, a camera such as
 /dev/video0, or a URL. Without one it is a test picture with a running clock.
 
-  --codec jpeg         the codec to publish with (default: jpeg)
+  --codec h264|jpeg    what to publish (default: h264 where OpenH264 is installed)
   --size WIDTHxHEIGHT  of the published picture (default: the input's)
   --fps N              frames per second of the test picture (default: 25)
   --bitrate N          bits per second, also as 800k or 4M
@@ -70,10 +70,10 @@ std::int64_t bitrateOf(std::string_view text) {
 }
 
 std::int32_t codecOf(std::string_view text) {
-  if (text != "jpeg") {
-    refuse("--codec takes jpeg, not '" + std::string(text) + "'");
+  if (text != "jpeg" && text != "h264") {
+    refuse("--codec takes h264 or jpeg, not '" + std::string(text) + "'");
   }
-  return KV_CODEC_MJPEG;
+  return text == "jpeg" ? KV_CODEC_MJPEG : KV_CODEC_H264;
 }
 
 std::string nameOf(std::string_view text) {
@@ -101,7 +101,6 @@ std::optional<Options> readOptions(int argc, char** argv) {
       {nullptr, 0, nullptr, 0},
   };
   Options options;
-  options.codec = KV_CODEC_MJPEG;
   opterr = 0;
   for (int found; (found = getopt_long(argc, argv, ":", known, nullptr)) != -1;) {
     switch (found) {

@@ -12,10 +12,10 @@ struct Size {
 };
 
 struct Options {
-  std::string input;  // empty: the test picture
-  std::int32_t codec;
-  std::optional<Size> size;  // of the published picture; without one, the input's
-  int frameRate = 25;        // of the test picture and of inputs that do not tell theirs
+  std::string input;                  // empty: the test picture
+  std::optional<std::int32_t> codec;  // without one, H.264 where OpenH264 is, else JPEG
+  std::optional<Size> size;           // of the published picture; without one, the input's
+  int frameRate = 25;                 // of the test picture and of inputs that do not tell theirs
   std::optional<std::int64_t> bitsPerSecond;
   std::uint32_t port = 8554;
   std::string name = "kavo";

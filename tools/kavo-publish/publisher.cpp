@@ -19,13 +19,12 @@ std::string reachable(std::string url) {
 
 }  // namespace
 
-Publisher::Publisher(Options const& options, kv_video_record const& video) {
+Publisher::Publisher(Options const& options) {
   std::uint32_t port = options.port;
   check(kv_Stream(KV_INIT, &port, sizeof port), "cannot serve on port " + std::to_string(port),
         "it is taken or not allowed, choose another with --port");
   try {
-    createSession(options);
-    createStream(video);
+    createSession(options.name);
   } catch (...) {
     kv_Stream(KV_EXIT, nullptr, 0);
     throw;
@@ -34,25 +33,24 @@ Publisher::Publisher(Options const& options, kv_video_record const& video) {
 
 Publisher::~Publisher() { kv_Stream(KV_EXIT, nullptr, 0); }
 
-void Publisher::createSession(Options const& options) {
+void Publisher::createSession(std::string const& name) {
   kv_session_record session{};
-  std::snprintf(session.name, sizeof session.name, "%s", options.name.c_str());
+  std::snprintf(session.name, sizeof session.name, "%s", name.c_str());
   std::snprintf(session.info, sizeof session.info, "live video");
-  std::snprintf(session.description, sizeof session.description, "%s", options.name.c_str());
+  std::snprintf(session.description, sizeof session.description, "%s", name.c_str());
   check(kv_Stream(KV_CREATE_SESSION, &session, sizeof session), "cannot create the session", "try another --name");
   m_Frame.handle = session.handle;
   m_Url = reachable(session.url);
 }
 
-void Publisher::createStream(kv_video_record const& video) {
+int Publisher::createStream(kv_video_record const& video) {
   kv_stream_record stream{};
   stream.handle = m_Frame.handle;
   stream.media_type = KV_MEDIA_VIDEO;
   stream.video = &video;
-  check(kv_Stream(KV_CREATE_STREAM, &stream, sizeof stream),
-        "cannot encode " + std::to_string(video.dst_width) + "x" + std::to_string(video.dst_height),
-        "choose another --size or --bitrate");
+  int const result = kv_Stream(KV_CREATE_STREAM, &stream, sizeof stream);
   m_Frame.stream = stream.stream;
+  return result;
 }
 
 void Publisher::submit(std::uint8_t const* frame) {

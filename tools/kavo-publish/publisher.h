@@ -8,20 +8,21 @@
 
 class Publisher {
  public:
-  // Throws Failure.
-  Publisher(Options const& options, kv_video_record const& video);
+  // Serves, with one session that is still without a stream. Throws Failure.
+  explicit Publisher(Options const& options);
   ~Publisher();
   Publisher(Publisher const&) = delete;
   Publisher& operator=(Publisher const&) = delete;
 
+  // Gives the session its stream, and says how that went (a kv_result).
+  int createStream(kv_video_record const& video);
   // Throws Failure.
   void submit(std::uint8_t const* frame);
 
   std::string const& url() const { return m_Url; }
 
  private:
-  void createSession(Options const& options);
-  void createStream(kv_video_record const& video);
+  void createSession(std::string const& name);
 
   kv_frame_record m_Frame{};
   std::string m_Url;

@@ -1,0 +1,29 @@
+// The decoder stage of a stream that declares encoded input. Host thread.
+#pragma once
+
+#include "base/owners.h"
+#include "codec/codecparameter.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+}
+
+namespace kavo {
+
+class IDecoder {
+ public:
+  virtual ~IDecoder() = default;
+  IDecoder(IDecoder const&) = delete;
+  IDecoder& operator=(IDecoder const&) = delete;
+
+  // Called before the encoder for every frame.
+  virtual void decode(unsigned char const* frame, AVPacket& packet) = 0;
+
+ protected:
+  explicit IDecoder(VideoCodecParameter const& parameter) : m_Parameter(parameter) {}
+
+  VideoCodecParameter m_Parameter;
+  Owned<AVCodecContext, avcodec_free_context> m_CodecContext;
+};
+
+}  // namespace kavo

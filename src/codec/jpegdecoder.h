@@ -1,0 +1,19 @@
+// The stage of a stream that declares JPEG input. Host thread.
+#pragma once
+
+#include "codec/idecoder.h"
+
+namespace kavo {
+
+class JpegDecoder : public IDecoder {
+ public:
+  // Throws when libavcodec has no working MJPEG decoder.
+  explicit JpegDecoder(VideoCodecParameter const& parameter);
+
+  // Leaves frame and packet as they are. A frame arrives as a pointer without a
+  // length, so JPEG data cannot be told from a raw picture: hosts submit raw
+  // pictures whatever input they declare.
+  void decode(unsigned char const* frame, AVPacket& packet) override;
+};
+
+}  // namespace kavo

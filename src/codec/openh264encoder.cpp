@@ -1,0 +1,91 @@
+#include "codec/openh264encoder.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "base/streamexception.h"
+#include "codec/hostnumbers.h"
+
+namespace kavo {
+
+namespace {
+
+constexpr int startCodeSize = 4;
+
+// Checked before OpenH264 is looked for, which a wrong size does not need.
+VideoCodecParameter const& checked(VideoCodecParameter const& parameter) {
+  if (parameter.m_DstWidth > OpenH264Encoder::maxWidth || parameter.m_DstHeight > OpenH264Encoder::maxHeight) {
+    throw StreamException("AVCodec invalid frame size", ErrorCodec);
+  }
+  return parameter;
+}
+
+}  // namespace
+
+OpenH264Encoder::OpenH264Encoder(VideoCodecParameter const& parameter)
+    : IEncoder(parameter), m_Library((checked(parameter), OpenH264Library())), m_Encoder(m_Library.createEncoder()) {
+  m_Parameter.m_DstPixelFmt = HostYuv420p;
+  setOption(ENCODER_OPTION_TRACE_LEVEL, WELS_LOG_QUIET);
+  initialize();
+  setOption(ENCODER_OPTION_DATAFORMAT, videoFormatI420);
+  setOption(ENCODER_OPTION_IDR_INTERVAL, 2 * m_Parameter.m_FrameRate);
+  setOption(ENCODER_OPTION_RC_FRAME_SKIP, 1);
+  allocFrame();
+}
+
+OpenH264Encoder::~OpenH264Encoder() { m_Encoder->Uninitialize(); }
+
+void OpenH264Encoder::initialize() {
+  SEncParamBase base{};
+  base.iUsageType = CAMERA_VIDEO_REAL_TIME;
+  base.iPicWidth = m_Parameter.m_DstWidth;
+  base.iPicHeight = m_Parameter.m_DstHeight;
+  base.iTargetBitrate = m_Parameter.m_Bitrate;
+  base.iRCMode = RC_BITRATE_MODE;
+  base.fMaxFrameRate = static_cast<float>(m_Parameter.m_FrameRate);
+  if (m_Encoder->Initialize(&base) != 0) {
+    throw StreamException("OpenH264 initialization failed", ErrorCodec);
+  }
+}
+
+void OpenH264Encoder::setOption(ENCODER_OPTION option, int value) {
+  if (m_Encoder->SetOption(option, &value) != 0) {
+    throw StreamException("OpenH264 set option failed", ErrorCodec);
+  }
+}
+
+SSourcePicture OpenH264Encoder::picture() const {
+  SSourcePicture picture{};
+  picture.iColorFormat = videoFormatI420;
+  picture.iPicWidth = m_DstFrame->width;
+  picture.iPicHeight = m_DstFrame->height;
+  // The frame's own line lengths: of an odd width the chroma lines are rounded up.
+  std::copy_n(m_DstFrame->linesize, 3, picture.iStride);
+  std::copy_n(m_DstFrame->data, 3, picture.pData);
+  return picture;
+}
+
+void OpenH264Encoder::encode(unsigned char const* frame, AVPacket& packet) {
+  scaleFrame(frame);
+  if (m_KeyFrameWanted) {
+    m_Encoder->ForceIntraFrame(true);
+  }
+  SSourcePicture const source = picture();
+  SFrameBSInfo info{};
+  if (m_Encoder->EncodeFrame(&source, &info) != 0 || info.eFrameType == videoFrameTypeSkip ||
+      info.iFrameSizeInBytes <= startCodeSize) {
+    return;
+  }
+  int const size = info.iFrameSizeInBytes - startCodeSize;
+  if (av_new_packet(&packet, size) != 0) {
+    throw StreamException("AVPacket allocation failed", ErrorResource);
+  }
+  // All layers and NAL units stand one behind the other, from the first on.
+  std::memcpy(packet.data, info.sLayerInfo[0].pBsBuf + startCodeSize, static_cast<std::size_t>(size));
+  if (info.eFrameType == videoFrameTypeIDR) {
+    packet.flags |= AV_PKT_FLAG_KEY;
+    m_KeyFrameWanted = false;  // not before: rate control may have skipped the frame that was to be one
+  }
+}
+
+}  // namespace kavo

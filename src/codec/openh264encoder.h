@@ -1,0 +1,33 @@
+// Raw frames to H.264 access units with OpenH264. Host thread, one at a time.
+#pragma once
+
+#include "codec/iencoder.h"
+#include "codec/openh264library.h"
+
+namespace kavo {
+
+class OpenH264Encoder : public IEncoder {
+ public:
+  static constexpr std::int32_t maxWidth = 4096;
+  static constexpr std::int32_t maxHeight = 2304;
+
+  explicit OpenH264Encoder(VideoCodecParameter const& parameter);
+  ~OpenH264Encoder() override;
+
+  // The packet holds one access unit in Annex B form without its first start
+  // code; it is marked as a key frame when it is an IDR picture. It stays empty
+  // when rate control skipped the frame, or OpenH264 failed on it.
+  void encode(unsigned char const* frame, AVPacket& packet) override;
+  void requestKeyFrame() override { m_KeyFrameWanted = true; }
+
+ private:
+  void initialize();
+  void setOption(ENCODER_OPTION option, int value);
+  SSourcePicture picture() const;
+
+  OpenH264Library m_Library;
+  OpenH264Library::Encoder m_Encoder;
+  bool m_KeyFrameWanted = false;
+};
+
+}  // namespace kavo

@@ -1,0 +1,54 @@
+#include "codec/openh264library.h"
+
+#include <dlfcn.h>
+#include <wels/codec_ver.h>
+
+#include "base/streamexception.h"
+
+namespace kavo {
+
+namespace {
+
+template <class Function>
+Function lookUp(void* library, char const* name) {
+  return reinterpret_cast<Function>(dlsym(library, name));
+}
+
+// Another generation has another vtable and other structures behind the same names.
+bool isOurGeneration(decltype(&WelsGetCodecVersionEx) getVersion) {
+  OpenH264Version version{};
+  getVersion(&version);
+  return version.uMajor == OPENH264_MAJOR && version.uMinor == OPENH264_MINOR;
+}
+
+}  // namespace
+
+OpenH264Library::OpenH264Library() {
+  char const* const failure = "OpenH264 library initialization failed failed";
+  // Never closed. It stays in the process in any case (it has unique symbols),
+  // and the last encoder goes while this library itself is being unloaded, where
+  // the loader aborts the process if such a library is closed.
+  void* const library = dlopen("libopenh264.so", RTLD_LAZY | RTLD_LOCAL);
+  if (library == nullptr) {
+    throw StreamException(failure, ErrorCodec);
+  }
+  m_CreateEncoder = lookUp<decltype(m_CreateEncoder)>(library, "WelsCreateSVCEncoder");
+  m_DestroyEncoder = lookUp<DestroyEncoder>(library, "WelsDestroySVCEncoder");
+  auto const getVersion = lookUp<decltype(&WelsGetCodecVersionEx)>(library, "WelsGetCodecVersionEx");
+  if (m_CreateEncoder == nullptr || m_DestroyEncoder == nullptr || getVersion == nullptr ||
+      !isOurGeneration(getVersion)) {
+    throw StreamException(failure, ErrorCodec);
+  }
+}
+
+OpenH264Library::Encoder OpenH264Library::createEncoder() const {
+  ISVCEncoder* encoder = nullptr;
+  int const failed = m_CreateEncoder(&encoder);
+  Encoder owned(encoder, m_DestroyEncoder);
+  if (failed != 0 || !owned) {
+    throw StreamException("SVCEncoder creation failed", ErrorCodec);
+  }
+  return owned;
+}
+
+}  // namespace kavo

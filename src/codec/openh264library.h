@@ -1,0 +1,28 @@
+// The OpenH264 shared library, loaded when an encoder first needs it. Host thread.
+#pragma once
+
+#include <wels/codec_api.h>
+
+#include <memory>
+
+namespace kavo {
+
+class OpenH264Library {
+ public:
+  // Throws "OpenH264 library initialization failed failed" when the library
+  // cannot be loaded, lacks a function, or is of another generation than the
+  // header this is compiled with.
+  OpenH264Library();
+
+  using DestroyEncoder = decltype(&WelsDestroySVCEncoder);
+  using Encoder = std::unique_ptr<ISVCEncoder, DestroyEncoder>;
+
+  // Throws "SVCEncoder creation failed".
+  Encoder createEncoder() const;
+
+ private:
+  decltype(&WelsCreateSVCEncoder) m_CreateEncoder;
+  DestroyEncoder m_DestroyEncoder;
+};
+
+}  // namespace kavo

@@ -1,0 +1,36 @@
+// The event loop's wish for a picture that new viewers can begin with.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+
+namespace kavo {
+
+// Key frames are several times as large as others: requests are merged, and one
+// that comes too soon after the last waits until its time, however many viewers join.
+class KeyFrameRequest {
+ public:
+  using Clock = std::chrono::steady_clock;
+  static constexpr std::chrono::milliseconds interval{500};
+
+  // Event-loop thread.
+  void ask() { m_Asked.store(true, std::memory_order_relaxed); }
+  // Event-loop thread: a key frame came by itself, and nobody waits any more.
+  void withdraw() { m_Asked.store(false, std::memory_order_relaxed); }
+
+  // Host thread, before each frame: whether this one is to be a key frame.
+  bool take(Clock::time_point now) {
+    if (!m_Asked.load(std::memory_order_relaxed) || now - m_LastTaken < interval) {
+      return false;
+    }
+    m_Asked.store(false, std::memory_order_relaxed);
+    m_LastTaken = now;
+    return true;
+  }
+
+ private:
+  std::atomic<bool> m_Asked = false;
+  Clock::time_point m_LastTaken{Clock::duration::min() / 2};  // host threads, under the session manager's lock
+};
+
+}  // namespace kavo

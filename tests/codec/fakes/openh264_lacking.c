@@ -1,0 +1,2 @@
+/* A library that only has the name. */
+int kavo_test_nothing_of_openh264;

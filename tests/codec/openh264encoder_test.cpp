@@ -1,0 +1,97 @@
+#include <gtest/gtest.h>
+
+#include "codec/encoding.h"
+#include "rtsp/nalunits.h"
+
+using namespace kavo;
+using namespace kavo::test;
+
+namespace {
+
+std::vector<int> nalTypes(std::vector<std::uint8_t> const& bytes) {
+  std::vector<int> types;
+  for (NalUnit const nalUnit : splitAccessUnit(bytes)) {
+    types.push_back(static_cast<int>(typeOf(nalUnit)));
+  }
+  return types;
+}
+
+// A picture that differs from the one before, so that nothing is skipped for standing still.
+std::vector<std::uint8_t> movingFrame(int number) {
+  std::vector<std::uint8_t> frame(frameSize(0, 320, 240) + 4096, 128);
+  for (int y = 0; y < 240; ++y) {
+    for (int x = 0; x < 320; ++x) {
+      frame[static_cast<std::size_t>(y * 320 + x)] = static_cast<std::uint8_t>(x + number * 5);
+    }
+  }
+  return frame;
+}
+
+std::vector<int> const keyPicture = {7, 8, 5};
+std::vector<int> const otherPicture = {1};
+
+}  // namespace
+
+TEST(OpenH264Encoder, ReadsNothingBehindTheFrame) { expectReadsNothingBehindTheFrame(28); }
+
+TEST(OpenH264Encoder, BeginsWithParameterSetsAndRepeatsThemEveryTwoSeconds) {
+  auto const parameter = parameters(28, 0, 320, 240, 320, 240);
+  Transcoder transcoder(&parameter);
+  for (int i = 0; i < 110; ++i) {
+    auto const picture = encoded(transcoder, movingFrame(i).data());
+    if (picture.bytes.empty()) {
+      continue;  // skipped by rate control
+    }
+    EXPECT_EQ(nalTypes(picture.bytes), i % 50 == 0 ? keyPicture : otherPicture) << i;
+    EXPECT_EQ(picture.key, i % 50 == 0) << i;
+    EXPECT_NE(picture.bytes[0], 0) << "a start code in front of picture " << i;
+  }
+}
+
+TEST(OpenH264Encoder, MakesAKeyFrameOnRequestEvenIfFramesAreSkipped) {
+  auto parameter = parameters(28, 0, 320, 240, 320, 240);
+  parameter.m_Bitrate = 30000;  // far too little: rate control skips
+  Transcoder transcoder(&parameter);
+  int skipped = 0;
+  int waited = -1;
+  for (int i = 0; i < 100; ++i) {
+    if (i == 25) {
+      transcoder.requestKeyFrame();
+    }
+    auto const picture = encoded(transcoder, movingFrame(i * 7).data());
+    skipped += picture.bytes.empty() ? 1 : 0;
+    if (i >= 25 && waited < 0) {
+      if (picture.key) {
+        waited = i - 25;
+      } else {
+        EXPECT_TRUE(picture.bytes.empty()) << "another picture came before the key frame";
+      }
+    }
+  }
+  EXPECT_GT(skipped, 0);
+  EXPECT_GE(waited, 0) << "no key frame came";
+}
+
+TEST(OpenH264Encoder, ChecksTheSizeFirst) {
+  for (auto const& [width, height] : {std::pair(4097, 2304), {4096, 2305}}) {
+    EXPECT_EQ(refusal(parameters(28, 3, 64, 64, width, height), "AVCodec invalid frame size"), 2);
+  }
+  auto const largest = parameters(28, 3, 64, 64, 4096, 2304);
+  EXPECT_NO_THROW(Transcoder{&largest});
+}
+
+// The sanitizers see our buffers, and valgrind OpenH264's.
+TEST(OpenH264Encoder, TakesOddSizesOrRefusesThem) {
+  for (auto const& [width, height] : {std::pair(321, 240), {320, 241}, {333, 257}, {17, 17}}) {
+    auto const parameter = parameters(28, 2, 320, 240, width, height);
+    std::vector<std::uint8_t> const frame(frameSize(2, 320, 240) + 4096, 77);
+    try {
+      Transcoder transcoder(&parameter);
+      for (int i = 0; i < 5; ++i) {
+        encoded(transcoder, frame.data());
+      }
+    } catch (StreamException const& failure) {
+      EXPECT_EQ(failure.m_Code, ErrorCodec);
+    }
+  }
+}

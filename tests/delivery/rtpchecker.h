@@ -1,0 +1,51 @@
+// Holds a stream of packets to RFC 3550, RFC 6184 (H.264) and RFC 2435 (JPEG).
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+class RtpChecker {
+ public:
+  explicit RtpChecker(int codec) : m_Codec(codec) {}
+
+  // One packet, and the wall clock at its arrival in seconds since 1970.
+  void rtp(std::span<std::uint8_t const> packet, double arrival);
+  void rtcp(std::span<std::uint8_t const> packet);
+
+  // Everything that was wrong, one line each.
+  std::vector<std::string> const& complaints() const { return m_Complaints; }
+  int pictures() const { return m_Markers; }
+  int senderReports() const { return m_SenderReports; }
+  // Types of the H.264 NAL units begun so far, in order.
+  std::vector<int> const& nalTypes() const { return m_NalTypes; }
+
+ private:
+  void require(bool condition, char const* what);
+  void payload(std::span<std::uint8_t const> payload, bool marker);
+  void h264(std::span<std::uint8_t const> payload, bool marker);
+  void jpeg(std::span<std::uint8_t const> payload, bool marker);
+  void checkClock(std::uint32_t timestamp, double arrival);
+  void senderReport(std::span<std::uint8_t const> report);
+
+  struct Clock {
+    double wall;
+    std::uint32_t rtp;
+  };
+
+  int m_Codec;
+  std::vector<std::string> m_Complaints;
+  int m_Packets = 0;
+  int m_Markers = 0;
+  int m_SenderReports = 0;
+  std::uint16_t m_Sequence = 0;
+  std::uint32_t m_Ssrc = 0;
+  std::uint32_t m_Timestamp = 0;
+  bool m_PictureEnded = true;
+  int m_FragmentedType = 0;  // of the H.264 fragments begun and not ended
+  std::uint32_t m_JpegOffset = 0;
+  std::vector<int> m_NalTypes;
+  std::optional<Clock> m_Clock;
+};
