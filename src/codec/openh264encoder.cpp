@@ -12,18 +12,18 @@ namespace {
 
 constexpr int startCodeSize = 4;
 
-// Checked before OpenH264 is looked for, which a wrong size does not need.
-VideoCodecParameter const& checked(VideoCodecParameter const& parameter) {
+// The size is checked before OpenH264 is looked for.
+OpenH264Library libraryFor(VideoCodecParameter const& parameter) {
   if (parameter.m_DstWidth > OpenH264Encoder::maxWidth || parameter.m_DstHeight > OpenH264Encoder::maxHeight) {
     throw StreamException("AVCodec invalid frame size", ErrorCodec);
   }
-  return parameter;
+  return OpenH264Library();
 }
 
 }  // namespace
 
 OpenH264Encoder::OpenH264Encoder(VideoCodecParameter const& parameter)
-    : IEncoder(parameter), m_Library((checked(parameter), OpenH264Library())), m_Encoder(m_Library.createEncoder()) {
+    : IEncoder(parameter), m_Encoder(libraryFor(parameter).createEncoder()) {
   m_Parameter.m_DstPixelFmt = HostYuv420p;
   setOption(ENCODER_OPTION_TRACE_LEVEL, WELS_LOG_QUIET);
   initialize();

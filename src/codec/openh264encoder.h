@@ -25,7 +25,6 @@ class OpenH264Encoder : public IEncoder {
   void setOption(ENCODER_OPTION option, int value);
   SSourcePicture picture() const;
 
-  OpenH264Library m_Library;
   OpenH264Library::Encoder m_Encoder;
   bool m_KeyFrameWanted = false;
 };

@@ -77,9 +77,11 @@ void LiveDemandSession::startStream(unsigned clientSessionId, void* streamToken,
     return;
   }
   auto const start = [=, this] {
-    auto* destinations = static_cast<Destinations*>(
-        fDestinationsHashTable->Lookup(reinterpret_cast<char const*>(std::uintptr_t{clientSessionId})));
-    stream->startPlaying(destinations, clientSessionId, rtcpRRHandler, rtcpRRHandlerClientData, alternativeByteHandler,
+    // live555's table takes numbers in a pointer's clothes.
+    auto const* key =
+        reinterpret_cast<char const*>(std::uintptr_t{clientSessionId});  // NOLINT(performance-no-int-to-ptr)
+    stream->startPlaying(static_cast<Destinations*>(fDestinationsHashTable->Lookup(key)), clientSessionId,
+                         rtcpRRHandler, rtcpRRHandlerClientData, alternativeByteHandler,
                          alternativeByteHandlerClientData);
   };
   // For the response. live555's own way here is presetNextTimestamp(), which

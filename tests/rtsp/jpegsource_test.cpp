@@ -82,6 +82,7 @@ TEST_F(JpegSourceTest, TruncatesAgainstTheWholePacket) {
 }
 
 TEST_F(JpegSourceTest, DropsAnEmptyFrameAndGoesOnWaiting) {
+  eventLoopRole.assertHeld();
   m_Queue->push({});
   request(4096);
   EXPECT_EQ(m_Frames, 0);
