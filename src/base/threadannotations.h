@@ -9,7 +9,8 @@
 // those further down:
 //   1. SessionManager::m_Mutex   (host threads only)
 //   2. LiveDemandSession's m_Mutex
-//   3. FrameSourceHandler::m_Mutex, and EventLoopTasks::m_Mutex (innermost)
+//   3. FrameSourceHandler::m_Mutex, EventLoopTasks::m_Mutex and
+//      EventTriggers::m_Mutex (innermost; none is held while another is taken)
 #pragma once
 
 #include <mutex>

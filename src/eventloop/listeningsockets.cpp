@@ -2,17 +2,11 @@
 
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cerrno>
+#include <utility>
 
 namespace kavo {
-
-Socket::~Socket() {
-  if (m_Descriptor >= 0) {
-    close(m_Descriptor);
-  }
-}
 
 namespace {
 

@@ -36,19 +36,22 @@ void LiveDemandSession::signalNewFrame(TaskScheduler* scheduler) {
 }
 
 void LiveDemandSession::closeSession() {
-  Locked lock(m_Mutex);
-  for (FramedSource* source : m_Sources) {
+  std::set<FramedSource*> sources;
+  {
+    Locked lock(m_Mutex);
+    sources.swap(m_Sources);
+  }
+  for (FramedSource* source : sources) {
     Medium::close(source);
   }
-  m_Sources.clear();
 }
 
 FramedSource* LiveDemandSession::createNewStreamSource(unsigned /*clientSessionId*/, unsigned& estBitrate) {
   eventLoopRole.assertHeld();
-  Locked lock(m_Mutex);
   estBitrate = m_EstimatedBitrate;
   FramedSource* source = openSource(m_FrameSourceHandler);
   if (source != nullptr) {
+    Locked lock(m_Mutex);
     m_Sources.insert(source);
   }
   return source;
@@ -56,13 +59,19 @@ FramedSource* LiveDemandSession::createNewStreamSource(unsigned /*clientSessionI
 
 void LiveDemandSession::closeStreamSource(FramedSource* inputSource) {
   eventLoopRole.assertHeld();
-  Locked lock(m_Mutex);
-  m_Sources.erase(inputSource);
+  bool othersOpen = false;
+  {
+    // Out of the set first: from then on no host thread wakes it, and the slow
+    // part, closing it, keeps none of them waiting.
+    Locked lock(m_Mutex);
+    m_Sources.erase(inputSource);
+    othersOpen = !m_Sources.empty();
+  }
   OnDemandServerMediaSubsession::closeStreamSource(inputSource);
   // The closed source took the streaming flag with it. One that is still open
   // (a client set up without a DESCRIBE, and another's DESCRIBE made and closed
   // its own just now) would never see a frame again.
-  if (!m_Sources.empty()) {
+  if (othersOpen) {
     m_FrameSourceHandler->SetStreaming(true);
   }
 }

@@ -1,27 +1,37 @@
 #include "rtsp/streamserver.h"
 
-#include <netinet/in.h>
-#include <netinet/tcp.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <string>
 #include <utility>
 
+#include "rtsp/streamconnection.h"
 #include "rtsp/transportheader.h"
 
 namespace kavo {
 
-// One client's TCP connection.
-class StreamServer::Connection : public RTSPServer::RTSPClientConnection {
- public:
-  Connection(StreamServer& server, int clientSocket, sockaddr_storage const& clientAddress)
-      : RTSPClientConnection(server, clientSocket, clientAddress) {
-    // A packet leaves in several writes; without this the last of them would
-    // wait for the client's delayed acknowledgement of the first, 40 ms.
-    int const on = 1;
-    setsockopt(clientSocket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-  }
+namespace {
 
-  void refuseTransport() { handleCmd_unsupportedTransport(); }
-};
+// A client that wants a stream says so within this time; only a session may be silent for longer.
+constexpr std::chrono::seconds silence{30};
+constexpr std::int64_t silenceCheckMicroseconds = 1000000;
+// How long no connections are accepted when the process is out of descriptors.
+constexpr std::int64_t restMicroseconds = 100000;
+// Per pass of the loop, so that others have their turn.
+constexpr int acceptsInARow = 64;
+
+// Half of the descriptors that the process may have: the others are the host's.
+std::size_t maxConnections() {
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  return static_cast<std::size_t>(std::min<rlim_t>(limit.rlim_cur / 2, 4096));
+}
+
+}  // namespace
 
 // One client's session.
 class StreamServer::Viewer : public RTSPServer::RTSPClientSession {
@@ -32,17 +42,36 @@ class StreamServer::Viewer : public RTSPServer::RTSPClientSession {
   void handleCmd_SETUP(RTSPClientConnection* connection, char const* urlPreSuffix, char const* urlSuffix,
                        char const* fullRequestStr) override {
     eventLoopRole.assertHeld();
+    auto* const ours = static_cast<StreamConnection*>(connection);
+    if (isSetUp()) {
+      ours->refuseState();
+      return;
+    }
     auto const transport = acceptableTransport(fullRequestStr);
     if (!transport) {
       // Above all raw UDP and requests without ports: live555 would make a
       // stream without RTP of them, and share it with all who come later.
-      static_cast<Connection*>(connection)->refuseTransport();
+      ours->refuseTransport();
       return;
     }
+    ours->noteSession(fOurSessionId);
     // live555 reads the transport from the request's text, wherever it finds
     // the word; it gets nothing else to read.
     std::string const request = "SETUP\r\nTransport: " + *transport + "\r\n\r\n";
     RTSPClientSession::handleCmd_SETUP(connection, urlPreSuffix, urlSuffix, request.c_str());
+  }
+
+  void handleCmd_withinSession(RTSPClientConnection* connection, char const* cmdName, char const* urlPreSuffix,
+                               char const* urlSuffix, char const* fullRequestStr) override {
+    eventLoopRole.assertHeld();
+    static_cast<StreamConnection*>(connection)->noteSession(fOurSessionId);
+    RTSPClientSession::handleCmd_withinSession(connection, cmdName, urlPreSuffix, urlSuffix, fullRequestStr);
+  }
+
+ private:
+  bool isSetUp() const {
+    return std::any_of(fStreamStates, fStreamStates + (fStreamStates != nullptr ? fNumStreamStates : 0),
+                       [](streamState const& state) { return state.streamToken != nullptr; });
   }
 };
 
@@ -51,21 +80,136 @@ StreamServer* StreamServer::createNew(UsageEnvironment& env, std::uint16_t port,
   return sockets ? new StreamServer(env, std::move(*sockets), port, reclamationSeconds) : nullptr;
 }
 
+// live555 gets no sockets to listen on: it would accept one connection a pass,
+// and spin when the process is out of descriptors.
 StreamServer::StreamServer(UsageEnvironment& env, ListeningSockets sockets, std::uint16_t port,
                            unsigned reclamationSeconds)
-    : RTSPServer(env, sockets.ipv4.release(), sockets.ipv6.release(), Port(port), nullptr, reclamationSeconds) {}
+    : RTSPServer(env, -1, -1, Port(port), nullptr, reclamationSeconds),
+      m_Listening(std::move(sockets)),
+      m_MaxConnections(maxConnections()) {
+  listen();
+  closeSilent();
+}
+
+StreamServer::~StreamServer() {
+  eventLoopRole.assertHeld();
+  rest();
+  envir().taskScheduler().unscheduleDelayedTask(m_ListenAgain);
+  envir().taskScheduler().unscheduleDelayedTask(m_CloseSilent);
+  while (!m_Connections.empty()) {
+    delete m_Connections.front();
+  }
+}
 
 bool StreamServer::hasSession(char const* streamName) { return getServerMediaSession(streamName) != nullptr; }
+
+bool StreamServer::knowsSession(u_int32_t sessionId) { return lookupClientSession(sessionId) != nullptr; }
 
 GenericMediaServer::ClientConnection* StreamServer::createNewClientConnection(int clientSocket,
                                                                               sockaddr_storage const& clientAddress) {
   eventLoopRole.assertHeld();
-  return new Connection(*this, clientSocket, clientAddress);
+  return new StreamConnection(*this, clientSocket, clientAddress);
 }
 
 GenericMediaServer::ClientSession* StreamServer::createNewClientSession(u_int32_t sessionId) {
   eventLoopRole.assertHeld();
   return new Viewer(*this, sessionId);
+}
+
+StreamServer::Connections::iterator StreamServer::enlist(StreamConnection& connection) {
+  return m_Connections.insert(m_Connections.end(), &connection);
+}
+
+void StreamServer::strike(Connections::iterator place) { m_Connections.erase(place); }
+
+void StreamServer::noteHeard(Connections::iterator place) {
+  m_Connections.splice(m_Connections.end(), m_Connections, place);
+}
+
+void StreamServer::listen() {
+  auto const watch = [this](Socket const& socket, TaskScheduler::BackgroundHandlerProc* handler) {
+    envir().taskScheduler().turnOnBackgroundReadHandling(socket.get(), handler, this);
+  };
+  watch(m_Listening.ipv4, [](void* server, int) {
+    eventLoopRole.assertHeld();
+    auto* const self = static_cast<StreamServer*>(server);
+    self->acceptAll(self->m_Listening.ipv4.get());
+  });
+  watch(m_Listening.ipv6, [](void* server, int) {
+    eventLoopRole.assertHeld();
+    auto* const self = static_cast<StreamServer*>(server);
+    self->acceptAll(self->m_Listening.ipv6.get());
+  });
+}
+
+void StreamServer::rest() {
+  envir().taskScheduler().turnOffBackgroundReadHandling(m_Listening.ipv4.get());
+  envir().taskScheduler().turnOffBackgroundReadHandling(m_Listening.ipv6.get());
+}
+
+void StreamServer::acceptAll(int listeningSocket) {
+  for (int i = 0; i < acceptsInARow && acceptOne(listeningSocket); ++i) {
+  }
+}
+
+// False when nobody waits any more, or there is no descriptor to take him in with.
+bool StreamServer::acceptOne(int listeningSocket) {
+  sockaddr_storage address{};
+  socklen_t size = sizeof address;
+  Socket client(accept4(listeningSocket, reinterpret_cast<sockaddr*>(&address), &size, SOCK_NONBLOCK | SOCK_CLOEXEC));
+  if (client.get() >= 0) {
+    if (m_Connections.size() < m_MaxConnections || makeRoom()) {
+      createNewClientConnection(client.release(), address);
+    }
+    return true;
+  }
+  if (errno == EINTR || errno == ECONNABORTED) {
+    return true;
+  }
+  bool const full = errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM;
+  if (full && !makeRoom()) {
+    // Who waits stays in the backlog; until there is room the loop would only spin.
+    rest();
+    m_ListenAgain = envir().taskScheduler().scheduleDelayedTask(
+        restMicroseconds,
+        [](void* server) {
+          eventLoopRole.assertHeld();
+          static_cast<StreamServer*>(server)->listen();
+        },
+        this);
+    return false;
+  }
+  return full;
+}
+
+// Closes the connection that was silent longest of those without a session;
+// false when there is none.
+bool StreamServer::makeRoom() {
+  for (StreamConnection* connection : m_Connections) {
+    eventLoopRole.assertHeld();
+    if (!connection->hasSession()) {
+      delete connection;
+      return true;
+    }
+  }
+  return false;
+}
+
+void StreamServer::closeSilent() {
+  auto const limit = StreamConnection::Clock::now() - silence;
+  for (auto place = m_Connections.begin(); place != m_Connections.end() && (*place)->lastHeard() < limit;) {
+    StreamConnection* const connection = *place++;
+    if (!connection->hasSession()) {
+      delete connection;
+    }
+  }
+  m_CloseSilent = envir().taskScheduler().scheduleDelayedTask(
+      silenceCheckMicroseconds,
+      [](void* server) {
+        eventLoopRole.assertHeld();
+        static_cast<StreamServer*>(server)->closeSilent();
+      },
+      this);
 }
 
 }  // namespace kavo

@@ -1,14 +1,17 @@
-// The RTSP server, on sockets of our own and deaf to the requests that would
-// harm other viewers. Event-loop thread.
+// The RTSP server: on sockets of our own, with a limit to its connections, and
+// deaf to the requests that would harm other viewers. Event-loop thread.
 #pragma once
 
 #include <RTSPServer.hh>
 #include <cstdint>
+#include <list>
 
 #include "eventloop/eventlooprole.h"
 #include "eventloop/listeningsockets.h"
 
 namespace kavo {
+
+class StreamConnection;
 
 class StreamServer : public RTSPServer {
  public:
@@ -22,14 +25,36 @@ class StreamServer : public RTSPServer {
   bool hasSession(char const* streamName) KAVO_REQUIRES(eventLoopRole);
 
  protected:
-  StreamServer(UsageEnvironment& env, ListeningSockets sockets, std::uint16_t port, unsigned reclamationSeconds);
+  StreamServer(UsageEnvironment& env, ListeningSockets sockets, std::uint16_t port, unsigned reclamationSeconds)
+      KAVO_REQUIRES(eventLoopRole);
+  ~StreamServer() override;
 
   ClientConnection* createNewClientConnection(int clientSocket, sockaddr_storage const& clientAddress) override;
   ClientSession* createNewClientSession(u_int32_t sessionId) override;
 
  private:
-  class Connection;
+  friend class StreamConnection;
   class Viewer;
+  using Connections = std::list<StreamConnection*>;
+
+  // A connection's own place among those that the server keeps.
+  Connections::iterator enlist(StreamConnection& connection) KAVO_REQUIRES(eventLoopRole);
+  void strike(Connections::iterator place) KAVO_REQUIRES(eventLoopRole);
+  void noteHeard(Connections::iterator place) KAVO_REQUIRES(eventLoopRole);
+  bool knowsSession(u_int32_t sessionId) KAVO_REQUIRES(eventLoopRole);
+
+  void listen() KAVO_REQUIRES(eventLoopRole);
+  void rest() KAVO_REQUIRES(eventLoopRole);
+  void acceptAll(int listeningSocket) KAVO_REQUIRES(eventLoopRole);
+  bool acceptOne(int listeningSocket) KAVO_REQUIRES(eventLoopRole);
+  bool makeRoom() KAVO_REQUIRES(eventLoopRole);
+  void closeSilent() KAVO_REQUIRES(eventLoopRole);
+
+  ListeningSockets m_Listening;
+  std::size_t const m_MaxConnections;
+  Connections m_Connections;  // that which was silent longest is first
+  TaskToken m_ListenAgain = nullptr;
+  TaskToken m_CloseSilent = nullptr;
 };
 
 }  // namespace kavo

@@ -1,48 +1,16 @@
 #include "rtsp/transportheader.h"
 
 #include <algorithm>
-#include <cctype>
 #include <charconv>
 #include <utility>
 #include <vector>
 
+#include "rtsp/requestreader.h"
+#include "rtsp/text.h"
+
 namespace kavo {
 
 namespace {
-
-bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-  return std::equal(a.begin(), a.end(), b.begin(), b.end(),
-                    [](unsigned char x, unsigned char y) { return std::tolower(x) == std::tolower(y); });
-}
-
-std::string_view trimmed(std::string_view text) {
-  constexpr std::string_view space = " \t\r\n";
-  auto const first = text.find_first_not_of(space);
-  return first == std::string_view::npos ? std::string_view()
-                                         : text.substr(first, text.find_last_not_of(space) - first + 1);
-}
-
-std::vector<std::string_view> split(std::string_view text, char separator) {
-  std::vector<std::string_view> parts;
-  while (true) {
-    auto const end = text.find(separator);
-    parts.push_back(trimmed(text.substr(0, end)));
-    if (end == std::string_view::npos) {
-      return parts;
-    }
-    text.remove_prefix(end + 1);
-  }
-}
-
-std::string_view headerValue(std::string_view request, std::string_view name) {
-  for (auto const line : split(request, '\n')) {
-    auto const colon = line.find(':');
-    if (colon != std::string_view::npos && equalsIgnoringCase(trimmed(line.substr(0, colon)), name)) {
-      return trimmed(line.substr(colon + 1));
-    }
-  }
-  return {};
-}
 
 using Range = std::pair<unsigned, unsigned>;
 

@@ -3,6 +3,7 @@
 #include <MediaSink.hh>
 
 #include "base/streamexception.h"
+#include "eventloop/epollscheduler.h"
 #include "eventloop/quietusageenvironment.h"
 
 namespace kavo {
@@ -15,7 +16,7 @@ constexpr unsigned largestFrame = 8000000;
 
 StreamEnvironment::StreamEnvironment() {
   EventLoopRole::Holder const role(eventLoopRole);
-  m_TaskScheduler.reset(BasicTaskScheduler::createNew(granularityMicroseconds));
+  m_TaskScheduler.reset(EpollScheduler::createNew(granularityMicroseconds));
   if (!m_TaskScheduler) {
     throw StreamException("BasicTaskScheduler creation failed", ErrorResource);
   }

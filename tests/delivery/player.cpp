@@ -38,6 +38,12 @@ Process::~Process() {
   }
 }
 
+bool Process::runs() const {
+  siginfo_t info{};
+  return m_Pid > 0 && waitid(P_PID, static_cast<id_t>(m_Pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+         info.si_pid == 0;
+}
+
 int Process::wait(std::chrono::seconds limit) {
   auto const end = std::chrono::steady_clock::now() + limit;
   while (m_Pid > 0 && std::chrono::steady_clock::now() < end) {

@@ -17,6 +17,7 @@ class Process {
   Process(Process&& other) noexcept : m_Pid(std::exchange(other.m_Pid, -1)) {}
   Process& operator=(Process const&) = delete;
 
+  bool runs() const;
   // The exit status, or -1 if the process had to be killed at the limit.
   int wait(std::chrono::seconds limit = std::chrono::seconds(90));
 

@@ -177,6 +177,10 @@ bool RtspClient::receivesAPicture() {
 }
 
 bool RtspClient::isClosedWithin(int seconds) {
-  char byte;
-  return readable(m_Socket, seconds * 1000) && recv(m_Socket, &byte, 1, 0) <= 0;
+  char block[4096];
+  ssize_t got = 1;
+  while (got > 0 && readable(m_Socket, seconds * 1000)) {
+    got = recv(m_Socket, block, sizeof block, 0);
+  }
+  return got <= 0;
 }

@@ -1,0 +1,54 @@
+// live555's task scheduler on epoll: sockets of any number, event triggers of any
+// number that wake the loop at once, and timers that no clock setting moves.
+#pragma once
+
+#include <BasicUsageEnvironment.hh>
+#include <unordered_map>
+
+#include "eventloop/eventtriggers.h"
+#include "eventloop/socket.h"
+#include "eventloop/timers.h"
+
+namespace kavo {
+
+// Event-loop thread, but for triggerEvent(), which any thread may call.
+class EpollScheduler : public BasicTaskScheduler {
+ public:
+  // The loop passes at least once in every maxGranularity microseconds. Null
+  // when the process has no descriptors left.
+  static EpollScheduler* createNew(unsigned maxGranularity);
+
+  TaskToken scheduleDelayedTask(int64_t microseconds, TaskFunc* task, void* clientData) override;
+  void unscheduleDelayedTask(TaskToken& task) override;
+
+  EventTriggerId createEventTrigger(TaskFunc* handler) override;
+  void deleteEventTrigger(EventTriggerId id) override;
+  void triggerEvent(EventTriggerId id, void* clientData) override;
+
+ protected:
+  EpollScheduler(unsigned maxGranularity, Socket epoll, Socket wakeUp);
+
+  void SingleStep(unsigned maxDelayTime) override;
+  void setBackgroundHandling(int socket, int conditions, BackgroundHandlerProc* handler, void* clientData) override;
+  void moveSocketHandling(int oldSocket, int newSocket) override;
+
+ private:
+  struct Handler {
+    int conditions;
+    BackgroundHandlerProc* function;
+    void* clientData;
+    std::uint32_t version;  // tells events that were meant for an earlier owner of the number
+  };
+
+  void drainWakeUp();
+  void handle(std::uint64_t key, std::uint32_t events);
+
+  Socket m_Epoll;
+  Socket m_WakeUp;
+  EventTriggers m_Triggers;
+  Timers m_Timers;
+  std::unordered_map<int, Handler> m_Handlers;
+  std::uint32_t m_LastVersion = 0;
+};
+
+}  // namespace kavo

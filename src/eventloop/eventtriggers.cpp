@@ -1,0 +1,58 @@
+#include "eventloop/eventtriggers.h"
+
+#include <utility>
+
+namespace kavo {
+
+EventTriggerId EventTriggers::create(TaskFunc* handler) {
+  Locked lock(m_Mutex);
+  do {
+    ++m_LastId;
+  } while (m_LastId == 0 || m_Triggers.contains(m_LastId));
+  m_Triggers[m_LastId] = Trigger{handler};
+  return m_LastId;
+}
+
+void EventTriggers::remove(EventTriggerId id) {
+  Locked lock(m_Mutex);
+  m_Triggers.erase(id);
+}
+
+bool EventTriggers::fire(EventTriggerId id, void* clientData) {
+  Locked lock(m_Mutex);
+  auto const found = m_Triggers.find(id);
+  if (found == m_Triggers.end()) {
+    return false;
+  }
+  Trigger& trigger = found->second;
+  trigger.clientData = clientData;
+  if (std::exchange(trigger.fired, true)) {
+    return false;
+  }
+  m_Fired.push_back(id);
+  return m_Fired.size() == 1;
+}
+
+void EventTriggers::runFired() {
+  std::vector<EventTriggerId> fired;
+  {
+    Locked lock(m_Mutex);
+    fired.swap(m_Fired);
+  }
+  for (EventTriggerId const id : fired) {
+    Trigger trigger{nullptr};
+    {
+      Locked lock(m_Mutex);
+      // One that an earlier handler deleted is not there any more.
+      auto const found = m_Triggers.find(id);
+      if (found != m_Triggers.end() && std::exchange(found->second.fired, false)) {
+        trigger = found->second;
+      }
+    }
+    if (trigger.handler != nullptr) {
+      trigger.handler(trigger.clientData);
+    }
+  }
+}
+
+}  // namespace kavo

@@ -1,0 +1,40 @@
+// Event triggers without a limit to their number. Any thread fires one; creating,
+// deleting and running them is the event-loop thread's.
+#pragma once
+
+#include <UsageEnvironment.hh>
+#include <unordered_map>
+#include <vector>
+
+#include "base/threadannotations.h"
+
+namespace kavo {
+
+class EventTriggers {
+ public:
+  // Never 0, and not used again for a long time after it was deleted.
+  EventTriggerId create(TaskFunc* handler) KAVO_EXCLUDES(m_Mutex);
+  // A trigger that was fired and has not run yet does not run any more.
+  void remove(EventTriggerId id) KAVO_EXCLUDES(m_Mutex);
+
+  // Has the handler run with the client data of the last call; calls until then
+  // are merged into one run. True when the loop has to be woken for it.
+  bool fire(EventTriggerId id, void* clientData) KAVO_EXCLUDES(m_Mutex);
+
+  // Runs what has been fired, in that order. Handlers may create, delete and fire.
+  void runFired() KAVO_EXCLUDES(m_Mutex);
+
+ private:
+  struct Trigger {
+    TaskFunc* handler;
+    void* clientData = nullptr;
+    bool fired = false;
+  };
+
+  Mutex m_Mutex;
+  std::unordered_map<EventTriggerId, Trigger> m_Triggers KAVO_GUARDED_BY(m_Mutex);
+  std::vector<EventTriggerId> m_Fired KAVO_GUARDED_BY(m_Mutex);
+  EventTriggerId m_LastId KAVO_GUARDED_BY(m_Mutex) = 0;
+};
+
+}  // namespace kavo

@@ -1,0 +1,31 @@
+// A descriptor that is closed with its owner. Any thread.
+#pragma once
+
+#include <unistd.h>
+
+#include <utility>
+
+namespace kavo {
+
+class Socket {
+ public:
+  explicit Socket(int descriptor = -1) : m_Descriptor(descriptor) {}
+  ~Socket() {
+    if (m_Descriptor >= 0) {
+      close(m_Descriptor);
+    }
+  }
+  Socket(Socket&& other) noexcept : m_Descriptor(std::exchange(other.m_Descriptor, -1)) {}
+  Socket& operator=(Socket&& other) noexcept {
+    std::swap(m_Descriptor, other.m_Descriptor);
+    return *this;
+  }
+
+  int get() const { return m_Descriptor; }
+  [[nodiscard]] int release() { return std::exchange(m_Descriptor, -1); }
+
+ private:
+  int m_Descriptor;
+};
+
+}  // namespace kavo

@@ -1,0 +1,42 @@
+// Delayed tasks on the monotonic clock: a wall clock that is set forward or back
+// runs none early and holds none up. Event-loop thread.
+#pragma once
+
+#include <UsageEnvironment.hh>
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <unordered_map>
+#include <utility>
+
+namespace kavo {
+
+class Timers {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  // Due at once for a delay of zero or less. Tasks due at the same time run in
+  // the order in which they were scheduled.
+  TaskToken schedule(std::int64_t microseconds, TaskFunc* task, void* clientData);
+  // Nothing happens for a task that has run or was never scheduled.
+  void cancel(TaskToken token);
+
+  // How long until the next task is due, at most the limit and never below zero.
+  std::chrono::microseconds untilNext(std::chrono::microseconds limit) const;
+  // Runs tasks that are due, and those that they schedule at once, up to a
+  // number that leaves the sockets their turn.
+  void runDue();
+
+ private:
+  using Key = std::pair<Clock::time_point, std::uintptr_t>;  // when due, and the token
+  struct Task {
+    TaskFunc* function;
+    void* clientData;
+  };
+
+  std::map<Key, Task> m_Tasks;
+  std::unordered_map<std::uintptr_t, Clock::time_point> m_DueTimes;
+  std::uintptr_t m_LastToken = 0;
+};
+
+}  // namespace kavo

@@ -1,0 +1,53 @@
+/* Preloaded into a process, it shifts the process's wall clock by the number of
+ * seconds that the file KAVO_CLOCK_FILE holds (8 bytes, which the test changes
+ * while the process runs). The monotonic clock stays. */
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <sys/mman.h>
+#include <sys/time.h>
+#include <time.h>
+#include <unistd.h>
+
+static int64_t const volatile* offset;
+
+__attribute__((constructor)) static void map_offset(void) {
+  int const file = open(getenv("KAVO_CLOCK_FILE"), O_RDONLY | O_CLOEXEC);
+  void* const memory = mmap(NULL, sizeof *offset, PROT_READ, MAP_SHARED, file, 0);
+  offset = memory == MAP_FAILED ? NULL : memory;
+  close(file);
+}
+
+static int64_t shift(void) { return offset != NULL ? *offset : 0; }
+
+int gettimeofday(struct timeval* restrict now, void* restrict zone) {
+  struct timespec exact;
+  (void)zone;
+  clock_gettime(CLOCK_REALTIME, &exact);
+  now->tv_sec = exact.tv_sec;
+  now->tv_usec = exact.tv_nsec / 1000;
+  return 0;
+}
+
+int clock_gettime(clockid_t clock, struct timespec* now) {
+  static int (*real)(clockid_t, struct timespec*);
+  if (real == NULL) {
+    *(void**)&real = dlsym(RTLD_NEXT, "clock_gettime");
+  }
+  int const result = real(clock, now);
+  if (clock == CLOCK_REALTIME) {
+    now->tv_sec += shift();
+  }
+  return result;
+}
+
+time_t time(time_t* result) {
+  struct timespec now;
+  clock_gettime(CLOCK_REALTIME, &now);
+  if (result != NULL) {
+    *result = now.tv_sec;
+  }
+  return now.tv_sec;
+}

@@ -1,0 +1,267 @@
+#include "eventloop/epollscheduler.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <thread>
+#include <vector>
+
+using namespace kavo;
+using namespace std::chrono_literals;
+
+namespace {
+
+// Two ends of a connection.
+struct Pair {
+  Pair() {
+    int ends[2];
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends), 0);
+    near = Socket(ends[0]);
+    far = Socket(ends[1]);
+  }
+  void send() const { EXPECT_EQ(write(far.get(), "x", 1), 1); }
+
+  Socket near;
+  Socket far;
+};
+
+class EpollSchedulerTest : public ::testing::Test {
+ protected:
+  using Callback = std::function<void()>;
+
+  static void call(void* function) { (*static_cast<Callback*>(function))(); }
+  static void callForSocket(void* function, int) { (*static_cast<Callback*>(function))(); }
+
+  void watch(int socket, Callback& callback) {
+    scheduler().setBackgroundHandling(socket, SOCKET_READABLE, callForSocket, &callback);
+  }
+  void unwatch(int socket) { scheduler().disableBackgroundHandling(socket); }
+
+  // Runs the loop until the condition holds.
+  void runUntil(std::function<bool()> const& condition) {
+    auto const end = std::chrono::steady_clock::now() + 20s;
+    while (!condition()) {
+      ASSERT_LT(std::chrono::steady_clock::now(), end) << "it never happened";
+      static_cast<BasicTaskScheduler0*>(m_Scheduler.get())->SingleStep(0);
+    }
+  }
+  void passes(int count) {
+    for (int i = 0; i < count; ++i) {
+      static_cast<BasicTaskScheduler0*>(m_Scheduler.get())->SingleStep(1);
+    }
+  }
+
+  TaskScheduler& scheduler() { return *m_Scheduler; }
+
+  std::unique_ptr<EpollScheduler> m_Scheduler{EpollScheduler::createNew(10000)};
+};
+
+}  // namespace
+
+TEST_F(EpollSchedulerTest, RunsTriggersFromManyThreadsWithoutALimit) {
+  constexpr int triggers = 200;
+  constexpr int firings = 500;
+  std::vector<std::unique_ptr<std::atomic<int>>> runs;
+  std::vector<EventTriggerId> ids;
+  for (int i = 0; i < triggers; ++i) {
+    runs.push_back(std::make_unique<std::atomic<int>>(0));
+    ids.push_back(scheduler().createEventTrigger([](void* count) { ++*static_cast<std::atomic<int>*>(count); }));
+    ASSERT_NE(ids.back(), 0U);
+  }
+  std::atomic<bool> done = false;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < firings * triggers / 4; ++i) {
+        auto const at = static_cast<std::size_t>((i * 4 + t) % triggers);
+        scheduler().triggerEvent(ids[at], runs[at].get());
+      }
+    });
+  }
+  std::thread joiner([&] {
+    for (auto& thread : threads) {
+      thread.join();
+    }
+    done = true;
+  });
+  runUntil([&] { return done.load(); });
+  joiner.join();
+  // Merged, but none is lost: every trigger fired now runs once more.
+  for (std::size_t i = 0; i < ids.size(); ++i) {
+    int const before = *runs[i];
+    EXPECT_GE(before, 1);
+    EXPECT_LE(before, firings);
+    scheduler().triggerEvent(ids[i], runs[i].get());
+    scheduler().triggerEvent(ids[i], runs[i].get());
+  }
+  std::vector<int> before;
+  for (auto const& run : runs) {
+    before.push_back(*run);
+  }
+  passes(3);
+  for (std::size_t i = 0; i < ids.size(); ++i) {
+    EXPECT_LE(*runs[i] - before[i], 1);
+    EXPECT_GE(*runs[i], 1);
+  }
+}
+
+TEST_F(EpollSchedulerTest, ADeletedTriggerDoesNotRun) {
+  int runs = 0;
+  Callback count = [&] { ++runs; };
+  EventTriggerId const second = scheduler().createEventTrigger(call);
+  Callback deleteSecond = [&] {
+    ++runs;
+    scheduler().deleteEventTrigger(second);
+    scheduler().triggerEvent(scheduler().createEventTrigger(call), &count);  // one made inside a handler
+  };
+  EventTriggerId const first = scheduler().createEventTrigger(call);
+  scheduler().triggerEvent(first, &deleteSecond);
+  scheduler().triggerEvent(second, &count);
+  runUntil([&] { return runs == 2; });
+  scheduler().deleteEventTrigger(first);
+  scheduler().triggerEvent(first, &count);
+  scheduler().triggerEvent(second, &count);
+  scheduler().triggerEvent(4711, &count);
+  passes(3);
+  EXPECT_EQ(runs, 2);
+}
+
+TEST_F(EpollSchedulerTest, ASocketClosedInAHandlerHearsNothingMore) {
+  Pair first;
+  auto second = std::make_unique<Pair>();
+  auto third = std::make_unique<Pair>();
+  int late = 0;
+  int fresh = 0;
+  int const number = second->near.get();
+  Callback onLate = [&] { ++late; };
+  Callback onFresh = [&] { ++fresh; };
+  std::unique_ptr<Pair> replacement;
+  // Whichever of the two runs first closes the other and opens one anew under its number.
+  Callback replace = [&] {
+    char byte;
+    (void)!read(first.near.get(), &byte, 1);
+    unwatch(number);
+    second.reset();
+    replacement = std::make_unique<Pair>();
+    int const reused = replacement->near.get() == number ? number : replacement->far.get();
+    EXPECT_EQ(reused, number) << "the descriptor number was not used again";
+    watch(number, onFresh);
+  };
+  watch(first.near.get(), replace);
+  watch(number, onLate);
+  first.send();
+  second->send();
+  passes(1);
+  if (late == 0) {
+    passes(3);
+    EXPECT_EQ(fresh, 0) << "the new socket got what was meant for the old one";
+  }
+  unwatch(first.near.get());
+}
+
+TEST_F(EpollSchedulerTest, HandlesManySocketsTimersAndMoves) {
+  constexpr int count = 100;
+  std::vector<std::unique_ptr<Pair>> pairs;
+  std::vector<std::unique_ptr<Callback>> callbacks;
+  std::vector<int> heard(count, 0);
+  for (int i = 0; i < count; ++i) {
+    pairs.push_back(std::make_unique<Pair>());
+    auto const at = static_cast<std::size_t>(i);
+    callbacks.push_back(std::make_unique<Callback>([&, at] {
+      char byte;
+      heard[at] += static_cast<int>(read(pairs[at]->near.get(), &byte, 1));
+    }));
+    watch(pairs.back()->near.get(), *callbacks.back());
+  }
+  int ticks = 0;
+  Callback tick = [&] {
+    if (++ticks < 50) {
+      scheduler().scheduleDelayedTask(1000, call, &tick);
+    }
+  };
+  scheduler().scheduleDelayedTask(0, call, &tick);
+  for (int round = 0; round < 20; ++round) {
+    for (auto const& pair : pairs) {
+      pair->send();
+    }
+  }
+  runUntil([&] { return ticks == 50 && heard == std::vector<int>(count, 20); });
+
+  Pair moved;
+  scheduler().moveSocketHandling(pairs[0]->near.get(), moved.near.get());
+  pairs[0]->send();
+  passes(3);
+  EXPECT_EQ(heard[0], 20);
+  pairs[0]->near = std::move(moved.near);  // what the callback reads from
+  moved.send();
+  runUntil([&] { return heard[0] == 21; });
+}
+
+TEST_F(EpollSchedulerTest, RunsTimersInOrderAndForgetsCancelledOnes) {
+  std::vector<int> order;
+  std::vector<std::unique_ptr<Callback>> callbacks;
+  auto const schedule = [&](std::int64_t microseconds, int number) {
+    callbacks.push_back(std::make_unique<Callback>([&order, number] { order.push_back(number); }));
+    return scheduler().scheduleDelayedTask(microseconds, call, callbacks.back().get());
+  };
+  schedule(20000, 4);
+  schedule(0, 1);
+  TaskToken cancelled = schedule(5000, 99);
+  schedule(-5, 2);
+  schedule(10000, 3);
+  schedule(INT64_MAX, 98);
+  scheduler().unscheduleDelayedTask(cancelled);
+  EXPECT_EQ(cancelled, nullptr);
+  scheduler().unscheduleDelayedTask(cancelled);
+  TaskToken moved = schedule(1, 97);
+  callbacks.push_back(std::make_unique<Callback>([&order] { order.push_back(5); }));
+  scheduler().rescheduleDelayedTask(moved, 30000, call, callbacks.back().get());
+  runUntil([&] { return order.size() == 5; });
+  EXPECT_EQ(order, (std::vector<int>{1, 2, 3, 4, 5}));
+}
+
+TEST_F(EpollSchedulerTest, ATimerThatGoesOnForeverLeavesSocketsTheirTurn) {
+  Callback again = [&] { scheduler().scheduleDelayedTask(0, call, &again); };
+  scheduler().scheduleDelayedTask(0, call, &again);
+  Pair pair;
+  int heard = 0;
+  Callback onData = [&] { ++heard; };
+  watch(pair.near.get(), onData);
+  pair.send();
+  runUntil([&] { return heard > 0; });
+}
+
+TEST_F(EpollSchedulerTest, ServesSocketsAboveSelectsLimit) {
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  if (limit.rlim_max < 2000) {
+    GTEST_SKIP() << "this process may not open 2000 files";
+  }
+  limit.rlim_cur = 2000;
+  setrlimit(RLIMIT_NOFILE, &limit);
+  Pair pair;
+  Socket const high(fcntl(pair.near.get(), F_DUPFD, 1500));
+  ASSERT_GE(high.get(), 1500);
+  int heard = 0;
+  Callback onData = [&] { ++heard; };
+  watch(high.get(), onData);
+  pair.send();
+  runUntil([&] { return heard > 0; });
+}
+
+TEST_F(EpollSchedulerTest, CannotBeMadeWithoutDescriptors) {
+  rlimit before{};
+  getrlimit(RLIMIT_NOFILE, &before);
+  rlimit none = before;
+  none.rlim_cur = 0;
+  setrlimit(RLIMIT_NOFILE, &none);
+  std::unique_ptr<EpollScheduler> const made(EpollScheduler::createNew(10000));
+  setrlimit(RLIMIT_NOFILE, &before);
+  EXPECT_EQ(made, nullptr);
+}
