@@ -1,6 +1,6 @@
 # The everyday commands. Each sets up what it needs (see scripts/run).
 .DEFAULT_GOAL := help
-.PHONY: help build demo test fuzz format lint shell clean
+.PHONY: help bench build demo test fuzz format lint shell clean
 
 RUN := scripts/run
 PRESET ?= release
@@ -20,8 +20,11 @@ test: ## build and run all tests: release, asan+ubsan, tsan, fuzz
 fuzz: ## run the fuzz drivers for long (SECONDS=600)
 	@$(RUN) sh -c 'cmake --preset fuzz -DKAVO_FUZZ_SECONDS=$(or $(SECONDS),600) >/dev/null && cmake --build --preset fuzz && ctest --test-dir build/fuzz --output-on-failure --timeout 100000; cmake --preset fuzz -UKAVO_FUZZ_SECONDS >/dev/null'
 
+bench: ## measure: ours beside live555 as it comes and gst-rtsp-server (TABLES="submit latency cpu memory")
+	@$(RUN) sh -c 'cmake --preset bench >/dev/null && cmake --build --preset bench >/dev/null && scripts/bench $(TABLES)'
+
 format: ## bring the sources into shape with clang-format
-	@$(RUN) sh -c 'find include src tools tests -name "*.h" -o -name "*.c" -o -name "*.cpp" | xargs clang-format -i'
+	@$(RUN) sh -c 'find include src tools tests bench -name "*.h" -o -name "*.c" -o -name "*.cpp" | xargs clang-format -i'
 
 lint: ## check format, thread annotations (as errors) and clang-tidy
 	@$(RUN) scripts/lint

@@ -54,7 +54,7 @@ RequestReader::Item RequestReader::takeInterleaved() {
 
 RequestReader::Item RequestReader::takeRequest() {
   auto const end = m_Buffer.find("\r\n\r\n");
-  if (end == std::string::npos || end > maxHeader) {
+  if (end > maxHeader) {  // as it is when there is no end yet
     return m_Buffer.size() > maxHeader ? Item::Malformed : Item::Incomplete;
   }
   auto const header = std::string_view(m_Buffer).substr(0, end + 4);

@@ -1,6 +1,7 @@
 // Starting, stopping, unloading, and sessions that come and go while clients play.
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -130,6 +131,26 @@ TEST(Lifecycle, UnloadingEndsEverything) {
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
   EXPECT_EQ(contentOf("/proc/self/maps").find("libkavo_stream"), std::string::npos);
 #endif
+}
+
+TEST(Lifecycle, WithoutItsEnvironmentTheLibraryLoadsAndSaysSo) {
+  // One descriptor is left: enough to load the library, too few for its event loop.
+  int const next = dup(0);
+  close(next);
+  rlimit before{};
+  getrlimit(RLIMIT_NOFILE, &before);
+  rlimit limit = before;
+  limit.rlim_cur = static_cast<rlim_t>(next) + 1;
+  setrlimit(RLIMIT_NOFILE, &limit);
+  Host host;
+  setrlimit(RLIMIT_NOFILE, &before);
+  std::uint32_t port = freePort();
+  auto session = sessionRecord("stream");
+  EXPECT_EQ(host.call(KV_INIT, port), KV_RESOURCE_FAILURE);
+  EXPECT_EQ(host.call(KV_EXIT, nullptr, 0), KV_RESOURCE_FAILURE);
+  EXPECT_EQ(host.call(KV_CREATE_SESSION, session), KV_RESOURCE_FAILURE);
+  EXPECT_EQ(host.call(KV_REMOVE_SESSION, &session, 8), KV_RESOURCE_FAILURE);
+  EXPECT_EQ(host.call(7, nullptr, 0), KV_INVALID_PARAMETER);
 }
 
 TEST(Lifecycle, AnEmptySessionIsDescribedAndServesNothing) {

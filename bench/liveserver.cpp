@@ -1,0 +1,120 @@
+#include <GroupsockHelper.hh>
+#include <JPEGVideoRTPSink.hh>
+#include <RTSPServer.hh>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "eventloop/epollscheduler.h"
+#include "eventloop/quietusageenvironment.h"
+#include "rtsp/jpegdemandsession.h"
+#include "rtsp/jpegsource.h"
+#include "rtsp/streamserver.h"
+#include "server.h"
+
+extern "C" {
+#include <libavcodec/packet.h>
+}
+
+using namespace kavo;
+
+namespace {
+
+// Our source in live555's own on-demand session and sink.
+class StockSession : public LiveDemandSession {
+ public:
+  StockSession(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler)
+      : LiveDemandSession(env, std::move(handler), true, 64) {}
+
+ protected:
+  FramedSource* openSource(std::shared_ptr<FrameSourceHandler> handler) override {
+    eventLoopRole.assertHeld();
+    return JpegSource::createNew(envir(), std::move(handler));
+  }
+  bool admit(FramedSource*, bool) override { return true; }
+  void wakeSource(TaskScheduler* scheduler, FramedSource* source) override {
+    JpegSource::signalNewFrameData(scheduler, source);
+  }
+  RTPSink* createNewRTPSink(Groupsock* groupsock, unsigned char, FramedSource*) override {
+    return JPEGVideoRTPSink::createNew(envir(), groupsock);
+  }
+};
+
+class LiveServer : public BenchServer {
+ public:
+  LiveServer(Setup const& setup, bool stock) {
+    EventLoopRole::Holder const role(eventLoopRole);
+    m_Scheduler.reset(stock ? static_cast<TaskScheduler*>(BasicTaskScheduler::createNew())
+                            : EpollScheduler::createNew(10000));
+    m_Environment = QuietUsageEnvironment::createNew(*m_Scheduler);
+    OutPacketBuffer::maxSize = 8000000;
+    m_Server = stock ? RTSPServer::createNew(*m_Environment, setup.port)
+                     : StreamServer::createNew(*m_Environment, setup.port, 65);
+    if (m_Server == nullptr) {
+      std::fprintf(stderr, "port %d is taken\n", setup.port);
+      std::exit(1);
+    }
+    for (int i = 0; i < setup.streams; ++i) {
+      auto const queue = std::make_shared<FrameSourceHandler>();
+      LiveDemandSession* const session = stock
+                                             ? static_cast<LiveDemandSession*>(new StockSession(*m_Environment, queue))
+                                             : JpegDemandSession::createNew(*m_Environment, queue);
+      auto* const media = ServerMediaSession::createNew(*m_Environment, std::to_string(i).c_str(), "i", "d");
+      media->addSubsession(session);
+      m_Server->addServerMediaSession(media);
+      m_Streams.push_back({queue, session});
+    }
+    m_Thread = std::thread([this] {
+      EventLoopRole::Holder const loopRole(eventLoopRole);
+      m_Scheduler->doEventLoop(&m_Stop);
+    });
+  }
+
+  ~LiveServer() override {
+    m_Stop = 1;
+    m_Thread.join();
+    EventLoopRole::Holder const role(eventLoopRole);
+    Medium::close(m_Server);
+    m_Scheduler.reset();
+    m_Environment->reclaim();
+  }
+
+  void push(std::span<std::uint8_t const> image) override {
+    for (auto const& [queue, session] : m_Streams) {
+      if (!queue->IsStreaming() || !queue->IsBufferFree()) {
+        continue;
+      }
+      FrameSourceHandler::FrameData frame{};
+      av_new_packet(&frame.packet, static_cast<int>(image.size()));
+      std::memcpy(frame.packet.data, image.data(), image.size());
+      queue->push(frame);
+      session->signalNewFrame(m_Scheduler.get());
+    }
+  }
+
+ private:
+  struct Stream {
+    std::shared_ptr<FrameSourceHandler> queue;
+    LiveDemandSession* session;
+  };
+
+  std::unique_ptr<TaskScheduler> m_Scheduler;
+  UsageEnvironment* m_Environment;
+  RTSPServer* m_Server;
+  std::vector<Stream> m_Streams;
+  char volatile m_Stop = 0;
+  std::thread m_Thread;
+};
+
+}  // namespace
+
+std::unique_ptr<BenchServer> makeOurServer(BenchServer::Setup const& setup) {
+  return std::make_unique<LiveServer>(setup, false);
+}
+
+std::unique_ptr<BenchServer> makeStockServer(BenchServer::Setup const& setup) {
+  return std::make_unique<LiveServer>(setup, true);
+}

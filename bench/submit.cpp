@@ -1,0 +1,228 @@
+// The submit call against the bare floor: libswscale and the encoder called
+// directly, with the same settings, on the same frames, in turns.
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "codec/hostnumbers.h"
+#include "codec/openh264library.h"
+#include "codec/transcoder.h"
+#include "kavo_stream.h"
+#include "rtsp/framesourcehandler.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavutil/imgutils.h>
+#include <libswscale/swscale.h>
+}
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct Shape {
+  int width, height, codec;
+};
+
+std::vector<std::vector<std::uint8_t>> frames(Shape const& shape) {
+  std::vector<std::vector<std::uint8_t>> result;
+  for (int n = 0; n < 8; ++n) {
+    std::vector<std::uint8_t> frame(static_cast<std::size_t>(shape.width * shape.height * 3) + 4096);
+    for (std::size_t i = 0; i < frame.size(); ++i) {
+      frame[i] = static_cast<std::uint8_t>((i / 7) + i / 4096 + static_cast<std::size_t>(n) * 3);
+    }
+    result.push_back(std::move(frame));
+  }
+  return result;
+}
+
+// What the submit call is made of, without the library.
+class Floor {
+ public:
+  explicit Floor(Shape const& shape) : m_Shape(shape) {
+    m_Scaler = sws_getContext(shape.width, shape.height, AV_PIX_FMT_RGB24, shape.width, shape.height,
+                              AV_PIX_FMT_YUV420P, SWS_FAST_BILINEAR, nullptr, nullptr, nullptr);
+    m_Frame = av_frame_alloc();
+    m_Frame->format = shape.codec == 8 ? AV_PIX_FMT_YUVJ420P : AV_PIX_FMT_YUV420P;
+    m_Frame->width = shape.width;
+    m_Frame->height = shape.height;
+    av_frame_get_buffer(m_Frame, 1);
+    if (shape.codec == 8) {
+      openJpeg();
+    } else {
+      openH264();
+    }
+  }
+
+  void encode(std::uint8_t const* pixels) {
+    std::uint8_t const* planes[1] = {pixels};
+    int const strides[1] = {m_Shape.width * 3};
+    sws_scale(m_Scaler, planes, strides, 0, m_Shape.height, m_Frame->data, m_Frame->linesize);
+    if (m_Context != nullptr) {
+      AVPacket packet{};
+      avcodec_send_frame(m_Context, m_Frame);
+      avcodec_receive_packet(m_Context, &packet);
+      av_packet_unref(&packet);
+      return;
+    }
+    SSourcePicture picture{};
+    picture.iColorFormat = videoFormatI420;
+    picture.iPicWidth = m_Shape.width;
+    picture.iPicHeight = m_Shape.height;
+    std::copy_n(m_Frame->linesize, 3, picture.iStride);
+    std::copy_n(m_Frame->data, 3, picture.pData);
+    SFrameBSInfo info{};
+    m_Encoder->EncodeFrame(&picture, &info);
+  }
+
+ private:
+  void openJpeg() {
+    AVCodec const* codec = avcodec_find_encoder(AV_CODEC_ID_MJPEG);
+    m_Context = avcodec_alloc_context3(codec);
+    m_Context->bit_rate = m_Context->bit_rate_tolerance = 2000000;
+    m_Context->width = m_Shape.width;
+    m_Context->height = m_Shape.height;
+    m_Context->time_base = {1, 1};
+    m_Context->pix_fmt = AV_PIX_FMT_YUVJ420P;
+    m_Context->qcompress = 1.0F;
+    m_Context->qmin = 1;
+    m_Context->qmax = 100;
+    AVDictionary* options = nullptr;
+    av_dict_set(&options, "huffman", "default", 0);
+    avcodec_open2(m_Context, codec, &options);
+    av_dict_free(&options);
+  }
+
+  void openH264() {
+    m_Encoder = kavo::OpenH264Library().createEncoder().release();
+    SEncParamBase base{};
+    base.iUsageType = CAMERA_VIDEO_REAL_TIME;
+    base.iPicWidth = m_Shape.width;
+    base.iPicHeight = m_Shape.height;
+    base.iTargetBitrate = 2000000;
+    base.iRCMode = RC_BITRATE_MODE;
+    base.fMaxFrameRate = 25;
+    int quiet = 0;
+    m_Encoder->SetOption(ENCODER_OPTION_TRACE_LEVEL, &quiet);
+    m_Encoder->Initialize(&base);
+    int interval = 50;
+    m_Encoder->SetOption(ENCODER_OPTION_IDR_INTERVAL, &interval);
+    int skip = 1;
+    m_Encoder->SetOption(ENCODER_OPTION_RC_FRAME_SKIP, &skip);
+  }
+
+  Shape m_Shape;
+  SwsContext* m_Scaler;
+  AVFrame* m_Frame;
+  AVCodecContext* m_Context = nullptr;
+  ISVCEncoder* m_Encoder = nullptr;
+};
+
+// The library's way of the same frame: transcode, queue, hand over.
+class Library {
+ public:
+  explicit Library(Shape const& shape) {
+    kavo::VideoCodecParameter parameter;
+    parameter.m_SrcWidth = parameter.m_DstWidth = shape.width;
+    parameter.m_SrcHeight = parameter.m_DstHeight = shape.height;
+    parameter.m_SrcPixelFmt = kavo::HostRgb24;
+    parameter.m_DstCodecId = shape.codec;
+    parameter.m_FrameRate = 25;
+    parameter.m_Bitrate = 2000000;
+    m_Transcoder = std::make_unique<kavo::Transcoder>(&parameter);
+    m_Queue.SetStreaming(true);
+  }
+
+  void submit(std::uint8_t const* pixels) {
+    if (!m_Queue.IsStreaming() || !m_Queue.IsBufferFree()) {
+      return;
+    }
+    kavo::FrameSourceHandler::FrameData data{};
+    m_Transcoder->transcode(pixels, data.packet);
+    m_Queue.push(data);
+    m_Queue.pop();
+  }
+
+ private:
+  std::unique_ptr<kavo::Transcoder> m_Transcoder;
+  kavo::FrameSourceHandler m_Queue;
+};
+
+template <class Function>
+double seconds(Function const& function) {
+  auto const begin = Clock::now();
+  function();
+  return std::chrono::duration<double>(Clock::now() - begin).count();
+}
+
+// One pair a round, in turns of who is first; the median of the ratios.
+void submitOverFloor(benchmark::State& state, Shape const& shape) {
+  auto const pictures = frames(shape);
+  Floor floor(shape);
+  Library library(shape);
+  std::vector<double> ratios;
+  double milliseconds = 0;
+  int round = 0;
+  for (auto _ : state) {
+    auto const* pixels = pictures[static_cast<std::size_t>(round) % pictures.size()].data();
+    double bare = 0;
+    double ours = 0;
+    if (round++ % 2 == 0) {
+      bare = seconds([&] { floor.encode(pixels); });
+      ours = seconds([&] { library.submit(pixels); });
+    } else {
+      ours = seconds([&] { library.submit(pixels); });
+      bare = seconds([&] { floor.encode(pixels); });
+    }
+    ratios.push_back(ours / bare);
+    milliseconds += ours * 1e3;
+  }
+  std::sort(ratios.begin(), ratios.end());
+  state.counters["ratio"] = ratios[ratios.size() / 2];
+  state.counters["ratio_q1"] = ratios[ratios.size() / 4];
+  state.counters["ratio_q3"] = ratios[ratios.size() * 3 / 4];
+  state.counters["ms"] = milliseconds / round;
+}
+
+BENCHMARK_CAPTURE(submitOverFloor, jpeg_720p, Shape{1280, 720, 8})->Iterations(150)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(submitOverFloor, jpeg_1080p, Shape{1920, 1080, 8})->Iterations(100)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(submitOverFloor, h264_720p, Shape{1280, 720, 28})->Iterations(150)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(submitOverFloor, h264_1080p, Shape{1920, 1080, 28})->Iterations(100)->Unit(benchmark::kMillisecond);
+
+// A frame that nobody waits for, through the whole of kv_Stream.
+void submitWithoutViewer(benchmark::State& state) {
+  std::uint32_t port = 39871;
+  while (kv_Stream(KV_INIT, &port, sizeof port) != KV_OK) {
+    ++port;
+  }
+  kv_session_record session{};
+  std::strcpy(session.name, "a");
+  std::strcpy(session.info, "a");
+  std::strcpy(session.description, "a");
+  kv_Stream(KV_CREATE_SESSION, &session, sizeof session);
+  kv_video_record video{};
+  video.src_width = video.dst_width = 640;
+  video.src_height = video.dst_height = 480;
+  video.src_pixel_format = KV_RGB24;
+  video.dst_codec = KV_CODEC_MJPEG;
+  video.bitrate = 400000;
+  kv_stream_record stream{nullptr, session.handle, nullptr, KV_MEDIA_VIDEO, 0, &video};
+  kv_Stream(KV_CREATE_STREAM, &stream, sizeof stream);
+  std::vector<std::uint8_t> const pixels(640 * 480 * 3);
+  kv_frame_record frame{nullptr, session.handle, stream.stream, pixels.data(), nullptr};
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(kv_Stream(KV_SUBMIT_FRAME, &frame, sizeof frame));
+  }
+  kv_Stream(KV_EXIT, nullptr, 0);
+}
+BENCHMARK(submitWithoutViewer);
+
+}  // namespace
+
+BENCHMARK_MAIN();

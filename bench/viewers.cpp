@@ -1,0 +1,297 @@
+// bench_viewers PORT STREAMS VIEWERS tcp|udp SECONDS
+//
+// Joins as many viewers, spread over the streams, prints a line when all play,
+// counts for SECONDS what arrives, and prints it as JSON: whole pictures, lost
+// packets, and the time from handing a picture over to its last packet here.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/epoll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace {
+
+std::int64_t nanoseconds() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return now.tv_sec * 1000000000LL + now.tv_nsec;
+}
+
+[[noreturn]] void fail(char const* what) {
+  std::perror(what);
+  std::exit(1);
+}
+
+struct Counts {
+  long pictures = 0;
+  long damaged = 0;
+  long lost = 0;
+  std::vector<double> latencies;  // microseconds
+  std::vector<double> joins;      // milliseconds from PLAY to the first whole picture
+};
+
+class Viewer {
+ public:
+  Viewer(int port, int stream, bool tcp, Counts& counts) : m_Tcp(tcp), m_Counts(counts) {
+    m_Url = "rtsp://127.0.0.1:" + std::to_string(port) + "/" + std::to_string(stream);
+    m_Rtsp = socket(AF_INET, SOCK_STREAM, 0);
+    auto const address = loopback(port);
+    if (connect(m_Rtsp, reinterpret_cast<sockaddr const*>(&address), sizeof address) != 0) {
+      fail("connect");
+    }
+    std::string transport = "RTP/AVP/TCP;unicast;interleaved=0-1";
+    if (!tcp) {
+      int const first = openUdp(m_Rtp);
+      int const second = openUdp(m_Rtcp);
+      transport = "RTP/AVP;unicast;client_port=" + std::to_string(first) + "-" + std::to_string(second);
+    }
+    auto const description = request("DESCRIBE", m_Url, "Accept: application/sdp\r\n");
+    auto const at = description.find("a=control:", description.find("m=video"));
+    auto control = description.substr(at + 10, description.find_first_of("\r\n", at) - at - 10);
+    if (control.find("://") == std::string::npos) {
+      control = m_Url + "/" + control;
+    }
+    auto const setup = request("SETUP", control, "Transport: " + transport + "\r\n");
+    auto const session = setup.find("Session: ");
+    m_Session = setup.substr(session + 9, setup.find_first_of(";\r\n", session) - session - 9);
+    m_Played = nanoseconds();
+    request("PLAY", m_Url, "Session: " + m_Session + "\r\n");
+  }
+  ~Viewer() {
+    for (int const socket : {m_Rtsp, m_Rtp, m_Rtcp}) {
+      if (socket >= 0) {
+        close(socket);
+      }
+    }
+  }
+  Viewer(Viewer const&) = delete;
+  Viewer& operator=(Viewer const&) = delete;
+
+  int mediaSocket() const { return m_Tcp ? m_Rtsp : m_Rtp; }
+
+  // Reads all that is there.
+  void read() {
+    char block[65536];
+    ssize_t size;
+    while ((size = recv(mediaSocket(), block, sizeof block, MSG_DONTWAIT)) > 0) {
+      if (m_Tcp) {
+        m_Buffer.append(block, static_cast<std::size_t>(size));
+        takeInterleaved();
+      } else {
+        packet(reinterpret_cast<std::uint8_t const*>(block), static_cast<std::size_t>(size));
+      }
+    }
+    if (size == 0 && m_Tcp) {
+      std::fprintf(stderr, "a viewer was disconnected\n");
+      std::exit(1);
+    }
+  }
+
+  bool hasPicture() const { return m_Joined; }
+  void startCounting() { m_Counting = true; }
+
+ private:
+  static sockaddr_in loopback(int port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    return address;
+  }
+
+  static int openUdp(int& result) {
+    result = socket(AF_INET, SOCK_DGRAM, 0);
+    auto address = loopback(0);
+    socklen_t size = sizeof address;
+    if (bind(result, reinterpret_cast<sockaddr*>(&address), size) != 0) {
+      fail("bind");
+    }
+    getsockname(result, reinterpret_cast<sockaddr*>(&address), &size);
+    return ntohs(address.sin_port);
+  }
+
+  std::string request(std::string const& method, std::string const& url, std::string const& headers) {
+    std::string const text =
+        method + " " + url + " RTSP/1.0\r\nCSeq: " + std::to_string(++m_CSeq) + "\r\n" + headers + "\r\n";
+    send(m_Rtsp, text.data(), text.size(), MSG_NOSIGNAL);
+    std::size_t end;
+    while ((end = m_Buffer.find("\r\n\r\n")) == std::string::npos) {
+      receive();
+    }
+    std::size_t size = end + 4;
+    auto const length = m_Buffer.find("Content-Length: ");
+    if (length < end) {
+      size += static_cast<std::size_t>(std::atol(m_Buffer.c_str() + length + 16));
+    }
+    while (m_Buffer.size() < size) {
+      receive();
+    }
+    std::string const response = m_Buffer.substr(0, size);
+    m_Buffer.erase(0, size);
+    auto const status = response.find("RTSP/1.0 200");
+    if (status == std::string::npos) {
+      std::fprintf(stderr, "%s failed: %s\n", method.c_str(), response.c_str());
+      std::exit(1);
+    }
+    return response;
+  }
+
+  void receive() {
+    char block[4096];
+    ssize_t const size = recv(m_Rtsp, block, sizeof block, 0);
+    if (size <= 0) {
+      fail("recv");
+    }
+    m_Buffer.append(block, static_cast<std::size_t>(size));
+  }
+
+  void takeInterleaved() {
+    std::size_t at = 0;
+    while (m_Buffer.size() - at >= 4) {
+      auto const* bytes = reinterpret_cast<std::uint8_t const*>(m_Buffer.data()) + at;
+      std::size_t const size = bytes[2] * 256U + bytes[3];
+      if (m_Buffer.size() - at < 4 + size) {
+        break;
+      }
+      if (bytes[1] == 0) {
+        packet(bytes + 4, size);
+      }
+      at += 4 + size;
+    }
+    m_Buffer.erase(0, at);
+  }
+
+  void packet(std::uint8_t const* bytes, std::size_t size) {
+    auto const sequence = static_cast<std::uint16_t>(bytes[2] << 8 | bytes[3]);
+    if (m_Sequence >= 0 && sequence != static_cast<std::uint16_t>(m_Sequence + 1)) {
+      m_Whole = false;
+      if (m_Counting) {
+        m_Counts.lost += static_cast<std::uint16_t>(sequence - m_Sequence - 1);
+      }
+    }
+    m_Sequence = sequence;
+    if ((bytes[1] & 0x80) != 0) {
+      pictureEnds(bytes, size);
+    }
+  }
+
+  void pictureEnds(std::uint8_t const* bytes, std::size_t size) {
+    if (m_Counting) {
+      (m_Whole ? m_Counts.pictures : m_Counts.damaged) += 1;
+      std::string_view const text(reinterpret_cast<char const*>(bytes), size);
+      if (auto const at = text.find("KAVO"); at != std::string_view::npos && text.size() >= at + 23) {
+        m_Counts.latencies.push_back(
+            static_cast<double>(nanoseconds() - std::atoll(std::string(text.substr(at + 4, 19)).c_str())) / 1e3);
+      }
+    } else if (m_Whole && !m_Joined) {
+      m_Counts.joins.push_back(static_cast<double>(nanoseconds() - m_Played) / 1e6);
+    }
+    m_Joined = m_Joined || m_Whole;
+    m_Whole = true;
+  }
+
+  bool m_Tcp;
+  Counts& m_Counts;
+  std::string m_Url;
+  std::string m_Session;
+  std::string m_Buffer;
+  int m_Rtsp = -1;
+  int m_Rtp = -1;
+  int m_Rtcp = -1;
+  int m_CSeq = 0;
+  int m_Sequence = -1;
+  bool m_Whole = true;
+  bool m_Joined = false;
+  bool m_Counting = false;
+  std::int64_t m_Played = 0;
+};
+
+class Crowd {
+ public:
+  explicit Crowd(int epoll) : m_Epoll(epoll) {}
+
+  void add(std::unique_ptr<Viewer> viewer) {
+    epoll_event event{.events = EPOLLIN, .data = {.ptr = viewer.get()}};
+    epoll_ctl(m_Epoll, EPOLL_CTL_ADD, viewer->mediaSocket(), &event);
+    m_Viewers.push_back(std::move(viewer));
+  }
+
+  void readFor(std::int64_t duration) {
+    auto const end = nanoseconds() + duration;
+    while (nanoseconds() < end) {
+      epoll_event events[256];
+      int const count = epoll_wait(m_Epoll, events, 256, 5);
+      for (int i = 0; i < count; ++i) {
+        static_cast<Viewer*>(events[i].data.ptr)->read();
+      }
+    }
+  }
+
+  std::vector<std::unique_ptr<Viewer>> const& viewers() const { return m_Viewers; }
+
+ private:
+  int m_Epoll;
+  std::vector<std::unique_ptr<Viewer>> m_Viewers;
+};
+
+double percentile(std::vector<double>& values, double fraction) {
+  if (values.empty()) {
+    return -1;
+  }
+  auto const at = values.begin() + static_cast<std::ptrdiff_t>(fraction * static_cast<double>(values.size() - 1));
+  std::nth_element(values.begin(), at, values.end());
+  return *at;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 6) {
+    std::fprintf(stderr, "usage: bench_viewers PORT STREAMS VIEWERS tcp|udp SECONDS\n");
+    return 2;
+  }
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  limit.rlim_cur = limit.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &limit);
+  int const port = std::atoi(argv[1]);
+  int const streams = std::atoi(argv[2]);
+  int const count = std::atoi(argv[3]);
+  bool const tcp = std::string(argv[4]) == "tcp";
+  Counts counts;
+  Crowd crowd(epoll_create1(0));
+  for (int i = 0; i < count; ++i) {
+    crowd.add(std::make_unique<Viewer>(port, i % streams, tcp, counts));
+    crowd.readFor(1000000);
+  }
+  for (int i = 0; i < 300 && !std::all_of(
+                                 crowd.viewers().begin(), crowd.viewers().end(),
+                                 [](auto const& viewer) { return viewer->hasPicture(); });
+       ++i) {
+    crowd.readFor(100000000);
+  }
+  crowd.readFor(500000000);
+  for (auto const& viewer : crowd.viewers()) {
+    viewer->startCounting();
+  }
+  std::printf("playing\n");
+  std::fflush(stdout);
+  crowd.readFor(static_cast<std::int64_t>(std::atof(argv[5]) * 1e9));
+  std::printf("{\"pictures\": %ld, \"damaged\": %ld, \"lost\": %ld, \"p50\": %.1f, \"p99\": %.1f, \"join\": %.2f}\n",
+              counts.pictures, counts.damaged, counts.lost, percentile(counts.latencies, 0.5),
+              percentile(counts.latencies, 0.99), percentile(counts.joins, 0.5));
+  std::fflush(stdout);
+  std::_Exit(0);
+}
