@@ -41,6 +41,9 @@ class StockSession : public LiveDemandSession {
   RTPSink* createNewRTPSink(Groupsock* groupsock, unsigned char, FramedSource*) override {
     return JPEGVideoRTPSink::createNew(envir(), groupsock);
   }
+  Groupsock* createGroupsock(sockaddr_storage const& address, Port port) override {
+    return OnDemandServerMediaSubsession::createGroupsock(address, port);
+  }
 };
 
 class LiveServer : public BenchServer {

@@ -23,27 +23,39 @@
 
 namespace {
 
-// Noise of such a grain that the image has about the size asked for.
-std::vector<std::uint8_t> imageOf(int bytes) {
-  kavo::VideoCodecParameter parameter;
-  parameter.m_SrcWidth = parameter.m_DstWidth = 640;
-  parameter.m_SrcHeight = parameter.m_DstHeight = 480;
-  parameter.m_DstCodecId = 8;
-  parameter.m_Bitrate = bytes * 8;
-  kavo::Transcoder transcoder(&parameter);
+std::vector<std::uint8_t> imageOf(kavo::Transcoder& transcoder, int amplitude) {
   std::vector<std::uint8_t> frame(640 * 480 * 3 / 2 + 4096, 128);
   std::minstd_rand random(1);
   for (int i = 0; i < 640 * 480; ++i) {
-    frame[static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(100 + random() % 60);
+    frame[static_cast<std::size_t>(i)] =
+        static_cast<std::uint8_t>(128 + static_cast<int>(random() >> 8) % (amplitude + 1));
   }
   std::vector<std::uint8_t> image;
-  for (int i = 0; i < 30; ++i) {  // until rate control has settled
+  for (int i = 0; i < 12; ++i) {  // until rate control has settled
     AVPacket packet{};
     transcoder.transcode(frame.data(), packet);
     image.assign(packet.data, packet.data + packet.size);
     av_packet_unref(&packet);
   }
   return image;
+}
+
+// Noise just strong enough that the image has the size asked for.
+std::vector<std::uint8_t> imageOf(int bytes) {
+  kavo::VideoCodecParameter parameter;
+  parameter.m_SrcWidth = parameter.m_DstWidth = 640;
+  parameter.m_SrcHeight = parameter.m_DstHeight = 480;
+  parameter.m_DstCodecId = 8;
+  parameter.m_Bitrate = bytes * 8 * 4;
+  int weak = 0;
+  int strong = 120;
+  while (strong - weak > 1) {
+    int const middle = (weak + strong) / 2;
+    kavo::Transcoder transcoder(&parameter);
+    (static_cast<int>(imageOf(transcoder, middle).size()) < bytes ? weak : strong) = middle;
+  }
+  kavo::Transcoder transcoder(&parameter);
+  return imageOf(transcoder, strong);
 }
 
 // The time at which a picture was handed over travels in its last bytes, as

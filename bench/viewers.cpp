@@ -182,18 +182,24 @@ class Viewer {
       }
     }
     m_Sequence = sequence;
-    if ((bytes[1] & 0x80) != 0) {
-      pictureEnds(bytes, size);
+    // Only a picture's end is looked at; it may lie in its last two packets.
+    constexpr std::size_t headers = 12 + 8;
+    if (size > headers) {
+      std::size_t const tail = std::min<std::size_t>(size - headers, 64);
+      m_End.append(reinterpret_cast<char const*>(bytes) + size - tail, tail);
     }
+    if ((bytes[1] & 0x80) != 0) {
+      pictureEnds();
+    }
+    m_End.erase(0, m_End.size() - std::min<std::size_t>(m_End.size(), 64));
   }
 
-  void pictureEnds(std::uint8_t const* bytes, std::size_t size) {
+  void pictureEnds() {
     if (m_Counting) {
       (m_Whole ? m_Counts.pictures : m_Counts.damaged) += 1;
-      std::string_view const text(reinterpret_cast<char const*>(bytes), size);
-      if (auto const at = text.find("KAVO"); at != std::string_view::npos && text.size() >= at + 23) {
-        m_Counts.latencies.push_back(
-            static_cast<double>(nanoseconds() - std::atoll(std::string(text.substr(at + 4, 19)).c_str())) / 1e3);
+      if (auto const at = m_End.rfind("KAVO"); at != std::string::npos && m_End.size() >= at + 23) {
+        m_Counts.latencies.push_back(static_cast<double>(nanoseconds() - std::atoll(m_End.substr(at + 4, 19).c_str())) /
+                                     1e3);
       }
     } else if (m_Whole && !m_Joined) {
       m_Counts.joins.push_back(static_cast<double>(nanoseconds() - m_Played) / 1e6);
@@ -207,6 +213,7 @@ class Viewer {
   std::string m_Url;
   std::string m_Session;
   std::string m_Buffer;
+  std::string m_End;  // the last bytes that came
   int m_Rtsp = -1;
   int m_Rtp = -1;
   int m_Rtcp = -1;

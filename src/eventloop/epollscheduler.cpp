@@ -57,8 +57,8 @@ int wait(int epoll, std::span<epoll_event> events, std::chrono::microseconds lim
 }  // namespace
 
 EpollScheduler* EpollScheduler::createNew(unsigned maxGranularity) {
-  Socket epoll(epoll_create1(EPOLL_CLOEXEC));
-  Socket wakeUp(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+  Descriptor epoll(epoll_create1(EPOLL_CLOEXEC));
+  Descriptor wakeUp(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
   epoll_event event{.events = EPOLLIN, .data = {.u64 = wakeUpKey}};
   if (epoll.get() < 0 || wakeUp.get() < 0 || epoll_ctl(epoll.get(), EPOLL_CTL_ADD, wakeUp.get(), &event) != 0) {
     return nullptr;
@@ -66,7 +66,7 @@ EpollScheduler* EpollScheduler::createNew(unsigned maxGranularity) {
   return new EpollScheduler(maxGranularity, std::move(epoll), std::move(wakeUp));
 }
 
-EpollScheduler::EpollScheduler(unsigned maxGranularity, Socket epoll, Socket wakeUp)
+EpollScheduler::EpollScheduler(unsigned maxGranularity, Descriptor epoll, Descriptor wakeUp)
     : BasicTaskScheduler(maxGranularity), m_Epoll(std::move(epoll)), m_WakeUp(std::move(wakeUp)) {}
 
 TaskToken EpollScheduler::scheduleDelayedTask(int64_t microseconds, TaskFunc* task, void* clientData) {

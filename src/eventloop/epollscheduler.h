@@ -5,8 +5,8 @@
 #include <BasicUsageEnvironment.hh>
 #include <unordered_map>
 
+#include "eventloop/descriptor.h"
 #include "eventloop/eventtriggers.h"
-#include "eventloop/socket.h"
 #include "eventloop/timers.h"
 
 namespace kavo {
@@ -26,7 +26,7 @@ class EpollScheduler : public BasicTaskScheduler {
   void triggerEvent(EventTriggerId id, void* clientData) override;
 
  protected:
-  EpollScheduler(unsigned maxGranularity, Socket epoll, Socket wakeUp);
+  EpollScheduler(unsigned maxGranularity, Descriptor epoll, Descriptor wakeUp);
 
   void SingleStep(unsigned maxDelayTime) override;
   void setBackgroundHandling(int socket, int conditions, BackgroundHandlerProc* handler, void* clientData) override;
@@ -43,8 +43,8 @@ class EpollScheduler : public BasicTaskScheduler {
   void drainWakeUp();
   void handle(std::uint64_t key, std::uint32_t events);
 
-  Socket m_Epoll;
-  Socket m_WakeUp;
+  Descriptor m_Epoll;
+  Descriptor m_WakeUp;
   EventTriggers m_Triggers;
   Timers m_Timers;
   std::unordered_map<int, Handler> m_Handlers;

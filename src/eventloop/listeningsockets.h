@@ -4,15 +4,15 @@
 #include <cstdint>
 #include <optional>
 
-#include "eventloop/socket.h"
+#include "eventloop/descriptor.h"
 
 namespace kavo {
 
 // One socket for each address family that the machine has; -1 inside for one
 // that it has not.
 struct ListeningSockets {
-  Socket ipv4;
-  Socket ipv6;
+  Descriptor ipv4;
+  Descriptor ipv6;
 };
 
 // Listens on the port (host byte order) on every local address. Nothing when a

@@ -47,7 +47,9 @@ void H264DemandSession::wakeSource(TaskScheduler* scheduler, FramedSource* sourc
 RTPSink* H264DemandSession::createNewRTPSink(Groupsock* rtpGroupsock, unsigned char rtpPayloadTypeIfDynamic,
                                              FramedSource*) {
   eventLoopRole.assertHeld();
-  return H264VideoRTPSink::createNew(envir(), rtpGroupsock, rtpPayloadTypeIfDynamic);
+  auto* const sink = H264VideoRTPSink::createNew(envir(), rtpGroupsock, rtpPayloadTypeIfDynamic);
+  sink->setPacketSizes(largestPacket, largestPacket);
+  return sink;
 }
 
 }  // namespace kavo

@@ -38,7 +38,9 @@ void JpegDemandSession::wakeSource(TaskScheduler* scheduler, FramedSource* sourc
 
 RTPSink* JpegDemandSession::createNewRTPSink(Groupsock* rtpGroupsock, unsigned char, FramedSource*) {
   eventLoopRole.assertHeld();
-  return JpegSink::createNew(envir(), rtpGroupsock);
+  auto* const sink = JpegSink::createNew(envir(), rtpGroupsock);
+  sink->setPacketSizes(largestPacket, largestPacket);
+  return sink;
 }
 
 }  // namespace kavo

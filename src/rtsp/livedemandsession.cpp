@@ -1,9 +1,14 @@
 #include "rtsp/livedemandsession.h"
 
+#include <netinet/in.h>
 #include <sys/time.h>
 
+#include <GroupsockHelper.hh>
+#include <MultiFramedRTPSink.hh>
 #include <cstdint>
 #include <utility>
+
+#include "rtsp/picturegroupsock.h"
 
 namespace kavo {
 
@@ -76,6 +81,49 @@ void LiveDemandSession::closeStreamSource(FramedSource* inputSource) {
   }
 }
 
+void LiveDemandSession::getStreamParameters(unsigned clientSessionId, sockaddr_storage const& clientAddress,
+                                            Port const& clientRTPPort, Port const& clientRTCPPort, int tcpSocketNum,
+                                            unsigned char rtpChannelId, unsigned char rtcpChannelId, TLSState* tlsState,
+                                            sockaddr_storage& destinationAddress, u_int8_t& destinationTTL,
+                                            Boolean& isMulticast, Port& serverRTPPort, Port& serverRTCPPort,
+                                            void*& streamToken) {
+  eventLoopRole.assertHeld();
+  auto const output = TcpOutput::of(tcpSocketNum);
+  bool const tcp = output != nullptr;
+  if (tcp) {
+    (*m_TcpViewers)[clientSessionId] = {output, rtpChannelId, rtcpChannelId};
+    // Of the family that most UDP viewers have, for whom this may open the sockets.
+    destinationAddress = nullAddress(AF_INET);
+    reinterpret_cast<sockaddr_in&>(destinationAddress).sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  }
+  OnDemandServerMediaSubsession::getStreamParameters(
+      clientSessionId, clientAddress, tcp ? Port(rtpOverTcpPort) : clientRTPPort,
+      tcp ? Port(rtcpOverTcpPort) : clientRTCPPort, tcp ? -1 : tcpSocketNum, rtpChannelId, rtcpChannelId, tlsState,
+      destinationAddress, destinationTTL, isMulticast, serverRTPPort, serverRTCPPort, streamToken);
+  if (tcp) {
+    destinationAddress = clientAddress;  // for the response
+  }
+}
+
+Groupsock* LiveDemandSession::createGroupsock(sockaddr_storage const& address, Port port) {
+  eventLoopRole.assertHeld();
+  PictureGroupsock::Callbacks callbacks;
+  callbacks.keyPictureWanted = [this] { m_FrameSourceHandler->keyFrameRequest().ask(); };
+  callbacks.packetSizeWanted = [this](unsigned size) {
+    eventLoopRole.assertHeld();
+    setPacketSize(size);
+  };
+  return new PictureGroupsock(envir(), address, port, m_TcpViewers, std::move(callbacks));
+}
+
+// The viewer with the narrowest path decides for all, since they share the packets.
+void LiveDemandSession::setPacketSize(unsigned size) {
+  if (size < m_PacketSize && m_Stream != nullptr) {
+    m_PacketSize = size;
+    static_cast<MultiFramedRTPSink*>(m_Stream->rtpSink())->setPacketSizes(size, size);
+  }
+}
+
 void LiveDemandSession::startStream(unsigned clientSessionId, void* streamToken, TaskFunc* rtcpRRHandler,
                                     void* rtcpRRHandlerClientData, unsigned short& rtpSeqNum, unsigned& rtpTimestamp,
                                     ServerRequestAlternativeByteHandler* alternativeByteHandler,
@@ -85,6 +133,7 @@ void LiveDemandSession::startStream(unsigned clientSessionId, void* streamToken,
   if (stream == nullptr || stream->rtpSink() == nullptr) {
     return;
   }
+  m_Stream = stream;
   auto const start = [=, this] {
     // live555's table takes numbers in a pointer's clothes.
     auto const* key =
@@ -118,7 +167,12 @@ void LiveDemandSession::deleteStream(unsigned clientSessionId, void*& streamToke
   eventLoopRole.assertHeld();
   m_Playing.erase(clientSessionId);
   m_Waiting.erase(clientSessionId);
+  m_TcpViewers->erase(clientSessionId);
   OnDemandServerMediaSubsession::deleteStream(clientSessionId, streamToken);
+  if (streamToken == nullptr) {
+    m_Stream = nullptr;
+    m_PacketSize = largestPacket;
+  }
 }
 
 }  // namespace kavo

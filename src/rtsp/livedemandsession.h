@@ -11,6 +11,7 @@
 #include "base/threadannotations.h"
 #include "eventloop/eventlooprole.h"
 #include "rtsp/framesourcehandler.h"
+#include "rtsp/tcpviewers.h"
 
 namespace kavo {
 
@@ -31,6 +32,13 @@ class LiveDemandSession : public OnDemandServerMediaSubsession {
 
   FramedSource* createNewStreamSource(unsigned clientSessionId, unsigned& estBitrate) override;
   void closeStreamSource(FramedSource* inputSource) override;
+  // Presents a viewer over TCP to live555 as a destination of our groupsocks.
+  void getStreamParameters(unsigned clientSessionId, sockaddr_storage const& clientAddress, Port const& clientRTPPort,
+                           Port const& clientRTCPPort, int tcpSocketNum, unsigned char rtpChannelId,
+                           unsigned char rtcpChannelId, TLSState* tlsState, sockaddr_storage& destinationAddress,
+                           u_int8_t& destinationTTL, Boolean& isMulticast, Port& serverRTPPort, Port& serverRTCPPort,
+                           void*& streamToken) override;
+  Groupsock* createGroupsock(sockaddr_storage const& address, Port port) override;
   void startStream(unsigned clientSessionId, void* streamToken, TaskFunc* rtcpRRHandler, void* rtcpRRHandlerClientData,
                    unsigned short& rtpSeqNum, unsigned& rtpTimestamp,
                    ServerRequestAlternativeByteHandler* alternativeByteHandler,
@@ -43,6 +51,9 @@ class LiveDemandSession : public OnDemandServerMediaSubsession {
   // Lets all viewers in that had to wait.
   void letWaitingIn() KAVO_REQUIRES(eventLoopRole);
 
+  // What fits every ordinary path, with room for tunnels on the way.
+  static constexpr unsigned largestPacket = 1400;
+
   FrameSourceHandler& queue() { return *m_FrameSourceHandler; }
 
   virtual FramedSource* openSource(std::shared_ptr<FrameSourceHandler> handler) KAVO_REQUIRES(eventLoopRole) = 0;
@@ -52,6 +63,11 @@ class LiveDemandSession : public OnDemandServerMediaSubsession {
  private:
   std::shared_ptr<FrameSourceHandler> m_FrameSourceHandler;
   unsigned const m_EstimatedBitrate;
+  void setPacketSize(unsigned size) KAVO_REQUIRES(eventLoopRole);
+
+  std::shared_ptr<TcpViewers> m_TcpViewers = std::make_shared<TcpViewers>();
+  StreamState* m_Stream KAVO_GUARDED_BY(eventLoopRole) = nullptr;  // what they play
+  unsigned m_PacketSize KAVO_GUARDED_BY(eventLoopRole) = largestPacket;
   std::set<unsigned> m_Playing KAVO_GUARDED_BY(eventLoopRole);  // client session ids
   std::map<unsigned, std::function<void()>> m_Waiting KAVO_GUARDED_BY(eventLoopRole);
   Mutex m_Mutex;

@@ -20,6 +20,8 @@ class RequestReader {
 
   void add(std::string_view bytes) { m_Buffer.append(bytes); }
 
+  // Whether (a part of) a request has arrived and comes next.
+  bool hasRequest() const { return !m_Buffer.empty() && m_Buffer[0] != '$'; }
   // What comes next. The text of a request, or the payload of an interleaved
   // packet, is valid until the next call. After Malformed there is no going on.
   Item next();

@@ -21,18 +21,38 @@ constexpr std::string_view answeredMethods[] = {"OPTIONS", "DESCRIBE", "SETUP", 
 }  // namespace
 
 StreamConnection::StreamConnection(StreamServer& server, int clientSocket, sockaddr_storage const& clientAddress)
-    : RTSPClientConnection(server, clientSocket, clientAddress), m_Server(server), m_Place(server.enlist(*this)) {
-  // A packet leaves in several writes; without this the last of them would wait
-  // for the client's delayed acknowledgement of the first, 40 ms.
-  int const on = 1;
-  setsockopt(clientSocket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    : RTSPClientConnection(server, clientSocket, clientAddress),
+      m_Server(server),
+      m_Place(server.enlist(*this)),
+      m_Output(std::make_shared<TcpOutput>(clientSocket, [this](bool wait) {
+        eventLoopRole.assertHeld();
+        waitForRoom(wait);
+      })) {
+  waitForRoom(false);
 }
 
 StreamConnection::~StreamConnection() {
   eventLoopRole.assertHeld();
+  m_Output->close();
   m_Server.strike(m_Place);
-  if (m_Deleted != nullptr) {
-    *m_Deleted = true;
+  *m_Alive = false;
+}
+
+void StreamConnection::waitForRoom(bool wait) {
+  envir().taskScheduler().setBackgroundHandling(
+      fOurSocket, SOCKET_READABLE | SOCKET_EXCEPTION | (wait ? SOCKET_WRITABLE : 0), onSocket, this);
+}
+
+void StreamConnection::onSocket(void* connection, int conditions) {
+  eventLoopRole.assertHeld();
+  auto* const self = static_cast<StreamConnection*>(connection);
+  auto const alive = self->m_Alive;
+  if ((conditions & SOCKET_WRITABLE) != 0) {
+    self->m_Output->flush();
+    self->handleAll();  // what was held back
+  }
+  if (*alive && (conditions & SOCKET_READABLE) != 0) {
+    self->incomingRequestHandler();
   }
 }
 
@@ -48,23 +68,30 @@ void StreamConnection::handleRequestBytes(int newBytesRead) {
   m_Server.noteHeard(m_Place);
   m_Reader.add({reinterpret_cast<char const*>(fRequestBuffer) + fRequestBytesAlreadySeen,
                 static_cast<std::size_t>(newBytesRead)});
+  handleAll();
+}
+
+void StreamConnection::handleAll() {
   while (handleNext()) {
   }
 }
 
 // Handles what has arrived next; false when there is no more, or nobody to go on with.
 bool StreamConnection::handleNext() {
+  // A response must not land inside a picture: the viewer gets no further one
+  // until what was begun is sent.
+  if (!m_Output->isIdle() && m_Reader.hasRequest()) {
+    m_Output->holdPictures();
+    return false;
+  }
   switch (m_Reader.next()) {
-    case RequestReader::Item::Interleaved:  // of a viewer that does not play (any more)
+    case RequestReader::Item::Interleaved:  // a receiver's report
+      m_Server.noteLiveness(m_SessionId);
       return true;
     case RequestReader::Item::Request: {
-      bool deleted = false;
-      m_Deleted = &deleted;
+      auto const alive = m_Alive;
       handleRequest();
-      if (!deleted) {
-        m_Deleted = nullptr;
-      }
-      return !deleted;
+      return *alive;
     }
     case RequestReader::Item::Malformed:
       answer("400 Bad Request");

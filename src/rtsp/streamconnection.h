@@ -5,9 +5,11 @@
 #include <RTSPServer.hh>
 #include <chrono>
 #include <list>
+#include <memory>
 
 #include "eventloop/eventlooprole.h"
 #include "rtsp/requestreader.h"
+#include "rtsp/tcpoutput.h"
 
 namespace kavo {
 
@@ -25,6 +27,8 @@ class StreamConnection : public RTSPServer::RTSPClientConnection {
   // Whether a session that was set up or used on this connection still lives.
   bool hasSession() const KAVO_REQUIRES(eventLoopRole);
   void noteSession(u_int32_t sessionId) { m_SessionId = sessionId; }
+  // Whether a viewer on it has taken nothing for too long.
+  bool isStalled() const { return m_Output->isStalled(); }
 
   // Answers the request at hand with an error.
   void refuseTransport() { handleCmd_unsupportedTransport(); }
@@ -36,6 +40,9 @@ class StreamConnection : public RTSPServer::RTSPClientConnection {
  private:
   friend class StreamServer;
 
+  static void onSocket(void* connection, int conditions);
+  void waitForRoom(bool wait) KAVO_REQUIRES(eventLoopRole);
+  void handleAll() KAVO_REQUIRES(eventLoopRole);
   bool handleNext() KAVO_REQUIRES(eventLoopRole);
   void handleRequest() KAVO_REQUIRES(eventLoopRole);
   void answer(char const* status) KAVO_REQUIRES(eventLoopRole);
@@ -45,7 +52,9 @@ class StreamConnection : public RTSPServer::RTSPClientConnection {
   Clock::time_point m_LastHeard = Clock::now();
   u_int32_t m_SessionId = 0;
   RequestReader m_Reader;
-  bool* m_Deleted = nullptr;  // set while live555 may delete this object
+  std::shared_ptr<TcpOutput> m_Output;
+  // live555 may delete this object inside its handlers; who goes on holds a copy.
+  std::shared_ptr<bool> m_Alive = std::make_shared<bool>(true);
 };
 
 }  // namespace kavo

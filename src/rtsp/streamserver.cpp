@@ -38,6 +38,8 @@ class StreamServer::Viewer : public RTSPServer::RTSPClientSession {
  public:
   Viewer(StreamServer& server, u_int32_t sessionId) : RTSPClientSession(server, sessionId) {}
 
+  void noteHeard() { noteLiveness(); }
+
  protected:
   void handleCmd_SETUP(RTSPClientConnection* connection, char const* urlPreSuffix, char const* urlSuffix,
                        char const* fullRequestStr) override {
@@ -88,7 +90,7 @@ StreamServer::StreamServer(UsageEnvironment& env, ListeningSockets sockets, std:
       m_Listening(std::move(sockets)),
       m_MaxConnections(maxConnections()) {
   listen();
-  closeSilent();
+  closeSilentAndStalled();
 }
 
 StreamServer::~StreamServer() {
@@ -102,6 +104,12 @@ StreamServer::~StreamServer() {
 }
 
 bool StreamServer::hasSession(char const* streamName) { return getServerMediaSession(streamName) != nullptr; }
+
+void StreamServer::noteLiveness(u_int32_t sessionId) {
+  if (auto* const viewer = static_cast<Viewer*>(lookupClientSession(sessionId))) {
+    viewer->noteHeard();
+  }
+}
 
 bool StreamServer::knowsSession(u_int32_t sessionId) { return lookupClientSession(sessionId) != nullptr; }
 
@@ -127,7 +135,7 @@ void StreamServer::noteHeard(Connections::iterator place) {
 }
 
 void StreamServer::listen() {
-  auto const watch = [this](Socket const& socket, TaskScheduler::BackgroundHandlerProc* handler) {
+  auto const watch = [this](Descriptor const& socket, TaskScheduler::BackgroundHandlerProc* handler) {
     envir().taskScheduler().turnOnBackgroundReadHandling(socket.get(), handler, this);
   };
   watch(m_Listening.ipv4, [](void* server, int) {
@@ -156,7 +164,8 @@ void StreamServer::acceptAll(int listeningSocket) {
 bool StreamServer::acceptOne(int listeningSocket) {
   sockaddr_storage address{};
   socklen_t size = sizeof address;
-  Socket client(accept4(listeningSocket, reinterpret_cast<sockaddr*>(&address), &size, SOCK_NONBLOCK | SOCK_CLOEXEC));
+  Descriptor client(
+      accept4(listeningSocket, reinterpret_cast<sockaddr*>(&address), &size, SOCK_NONBLOCK | SOCK_CLOEXEC));
   if (client.get() >= 0) {
     if (m_Connections.size() < m_MaxConnections || makeRoom()) {
       createNewClientConnection(client.release(), address);
@@ -195,11 +204,12 @@ bool StreamServer::makeRoom() {
   return false;
 }
 
-void StreamServer::closeSilent() {
+void StreamServer::closeSilentAndStalled() {
   auto const limit = StreamConnection::Clock::now() - silence;
-  for (auto place = m_Connections.begin(); place != m_Connections.end() && (*place)->lastHeard() < limit;) {
+  for (auto place = m_Connections.begin(); place != m_Connections.end();) {
     StreamConnection* const connection = *place++;
-    if (!connection->hasSession()) {
+    bool const silent = connection->lastHeard() < limit && !connection->hasSession();
+    if (silent || connection->isStalled()) {
       delete connection;
     }
   }
@@ -207,7 +217,7 @@ void StreamServer::closeSilent() {
       silenceCheckMicroseconds,
       [](void* server) {
         eventLoopRole.assertHeld();
-        static_cast<StreamServer*>(server)->closeSilent();
+        static_cast<StreamServer*>(server)->closeSilentAndStalled();
       },
       this);
 }

@@ -42,13 +42,14 @@ class StreamServer : public RTSPServer {
   void strike(Connections::iterator place) KAVO_REQUIRES(eventLoopRole);
   void noteHeard(Connections::iterator place) KAVO_REQUIRES(eventLoopRole);
   bool knowsSession(u_int32_t sessionId) KAVO_REQUIRES(eventLoopRole);
+  void noteLiveness(u_int32_t sessionId) KAVO_REQUIRES(eventLoopRole);
 
   void listen() KAVO_REQUIRES(eventLoopRole);
   void rest() KAVO_REQUIRES(eventLoopRole);
   void acceptAll(int listeningSocket) KAVO_REQUIRES(eventLoopRole);
   bool acceptOne(int listeningSocket) KAVO_REQUIRES(eventLoopRole);
   bool makeRoom() KAVO_REQUIRES(eventLoopRole);
-  void closeSilent() KAVO_REQUIRES(eventLoopRole);
+  void closeSilentAndStalled() KAVO_REQUIRES(eventLoopRole);
 
   ListeningSockets m_Listening;
   std::size_t const m_MaxConnections;

@@ -29,7 +29,11 @@ std::string RtspClient::Response::header(std::string const& name) const {
   return text.substr(begin, text.find("\r\n", begin) - begin);
 }
 
-RtspClient::RtspClient(std::uint32_t port, bool ipv6) : m_Socket(socket(ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM, 0)) {
+RtspClient::RtspClient(std::uint32_t port, bool ipv6, int receiveBuffer)
+    : m_Socket(socket(ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM, 0)) {
+  if (receiveBuffer > 0) {
+    setsockopt(m_Socket, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
+  }
   sockaddr_in v4{};
   v4.sin_family = AF_INET;
   v4.sin_port = htons(static_cast<std::uint16_t>(port));
@@ -105,6 +109,7 @@ RtspClient::Response RtspClient::request(std::string const& method, std::string 
        (m_Session.empty() ? "" : "Session: " + m_Session + "\r\n") + headers + "\r\n");
   Response response;
   while (fill(1) && m_Buffer[0] == '$') {
+    ++m_Dropped;
     if (packet().channel < 0) {
       return response;
     }

@@ -17,8 +17,9 @@ class RtspClient {
     std::vector<std::uint8_t> bytes;
   };
 
-  // Connects to 127.0.0.1 or ::1; connected() tells whether that worked.
-  explicit RtspClient(std::uint32_t port, bool ipv6 = false);
+  // Connects to 127.0.0.1 or ::1, with a receive buffer of that many bytes if
+  // told; connected() tells whether it worked.
+  explicit RtspClient(std::uint32_t port, bool ipv6 = false, int receiveBuffer = 0);
   ~RtspClient();
   RtspClient(RtspClient const&) = delete;
   RtspClient& operator=(RtspClient const&) = delete;
@@ -38,6 +39,8 @@ class RtspClient {
   int nextNalType();
   // Reads packets until one whole picture has come: from one RTP marker to the next.
   bool receivesAPicture();
+  // Interleaved packets that came before responses.
+  int dropped() const { return m_Dropped; }
   // Whether the server ends the connection within the limit.
   bool isClosedWithin(int seconds);
 
@@ -50,6 +53,7 @@ class RtspClient {
   int m_Socket = -1;
   int m_Udp[2] = {-1, -1};  // RTP, RTCP
   int m_CSeq = 0;
+  int m_Dropped = 0;
   std::string m_Session;
   std::string m_Buffer;
 };

@@ -22,13 +22,13 @@ struct Pair {
   Pair() {
     int ends[2];
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends), 0);
-    near = Socket(ends[0]);
-    far = Socket(ends[1]);
+    near = Descriptor(ends[0]);
+    far = Descriptor(ends[1]);
   }
   void send() const { EXPECT_EQ(write(far.get(), "x", 1), 1); }
 
-  Socket near;
-  Socket far;
+  Descriptor near;
+  Descriptor far;
 };
 
 class EpollSchedulerTest : public ::testing::Test {
@@ -246,7 +246,7 @@ TEST_F(EpollSchedulerTest, ServesSocketsAboveSelectsLimit) {
   limit.rlim_cur = 2000;
   setrlimit(RLIMIT_NOFILE, &limit);
   Pair pair;
-  Socket const high(fcntl(pair.near.get(), F_DUPFD, 1500));
+  Descriptor const high(fcntl(pair.near.get(), F_DUPFD, 1500));
   ASSERT_GE(high.get(), 1500);
   int heard = 0;
   Callback onData = [&] { ++heard; };

@@ -7,16 +7,16 @@
 
 namespace kavo {
 
-class Socket {
+class Descriptor {
  public:
-  explicit Socket(int descriptor = -1) : m_Descriptor(descriptor) {}
-  ~Socket() {
+  explicit Descriptor(int descriptor = -1) : m_Descriptor(descriptor) {}
+  ~Descriptor() {
     if (m_Descriptor >= 0) {
       close(m_Descriptor);
     }
   }
-  Socket(Socket&& other) noexcept : m_Descriptor(std::exchange(other.m_Descriptor, -1)) {}
-  Socket& operator=(Socket&& other) noexcept {
+  Descriptor(Descriptor&& other) noexcept : m_Descriptor(std::exchange(other.m_Descriptor, -1)) {}
+  Descriptor& operator=(Descriptor&& other) noexcept {
     std::swap(m_Descriptor, other.m_Descriptor);
     return *this;
   }

@@ -1,0 +1,77 @@
+// A groupsock that sends picture by picture: it gathers the packets of one, which
+// are the same for all viewers, and hands each viewer all of them at once.
+// Event-loop thread.
+#pragma once
+
+#include <Groupsock.hh>
+#include <chrono>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "eventloop/descriptor.h"
+#include "eventloop/eventlooprole.h"
+#include "rtsp/packetrun.h"
+#include "rtsp/tcpviewers.h"
+#include "rtsp/udpsender.h"
+
+namespace kavo {
+
+class PictureGroupsock : public Groupsock {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  struct Callbacks {
+    std::function<void()> keyPictureWanted;          // a viewer lost what the next pictures build on
+    std::function<void(unsigned)> packetSizeWanted;  // a viewer's path takes packets of this size at most
+  };
+
+  PictureGroupsock(UsageEnvironment& env, sockaddr_storage const& address, Port port,
+                   std::shared_ptr<TcpViewers const> tcpViewers, Callbacks callbacks) KAVO_REQUIRES(eventLoopRole);
+  ~PictureGroupsock() override;
+
+  void addDestination(sockaddr_storage const& address, Port const& port, unsigned sessionId) override;
+  void removeDestination(unsigned sessionId) override;
+  Boolean output(UsageEnvironment& env, unsigned char* buffer, unsigned size) override;
+
+ private:
+  struct TcpDestination {
+    std::shared_ptr<TcpOutput> output;
+    std::uint8_t channel;
+  };
+
+  void addPacket(std::span<std::uint8_t const> packet) KAVO_REQUIRES(eventLoopRole);
+  void cut(bool endsPicture) KAVO_REQUIRES(eventLoopRole);
+  void pace() KAVO_REQUIRES(eventLoopRole);
+  void notePicture() KAVO_REQUIRES(eventLoopRole);
+  void send(PacketRun const& run, bool report) KAVO_REQUIRES(eventLoopRole);
+  void sendOverTcp(PacketRun const& run, bool report) KAVO_REQUIRES(eventLoopRole);
+  int socketFor(int family) KAVO_REQUIRES(eventLoopRole);
+  void askPath(sockaddr_storage const& address) KAVO_REQUIRES(eventLoopRole);
+
+  int m_Family;
+  Port m_Port;
+  std::shared_ptr<TcpViewers const> m_TcpViewers;
+  Callbacks m_Callbacks;
+  Descriptor m_OtherFamily;  // of the same port, opened for the first viewer who needs it
+  UdpSender m_Sender;
+  std::map<unsigned, sockaddr_storage> m_UdpDestinations;
+  std::vector<sockaddr_storage> m_Addresses[2];  // of IPv4 and IPv6, for the sender
+  std::map<unsigned, TcpDestination> m_TcpDestinations;
+
+  PacketRun m_Gathered;
+  bool m_InsidePicture = false;
+  std::uint32_t m_Timestamp = 0;
+  std::deque<PacketRun> m_Cuts;  // waiting for their time
+  TaskToken m_PaceTask = nullptr;
+  Clock::time_point m_NextCut{};
+  Clock::time_point m_LastPicture{};
+  std::chrono::microseconds m_Interval{40000};  // between pictures
+  std::size_t m_PictureBytes = 0;               // so far, and of the last one
+  std::size_t m_LastPictureBytes = 0;
+};
+
+}  // namespace kavo

@@ -1,0 +1,109 @@
+#include "rtsp/tcpoutput.h"
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
+#include <utility>
+
+namespace kavo {
+
+namespace {
+
+// What the kernel may hold unsent of a viewer's pictures. More would only make
+// them old.
+constexpr int unsentInKernel = 128 * 1024;
+
+}  // namespace
+
+constinit TcpOutput* TcpOutput::s_First = nullptr;
+
+TcpOutput::TcpOutput(int socket, std::function<void(bool)> waitForRoom)
+    : m_Next(s_First), m_Socket(socket), m_WaitForRoom(std::move(waitForRoom)) {
+  if (m_Next != nullptr) {
+    m_Next->m_Previous = this;
+  }
+  s_First = this;
+  int const on = 1;
+  // A picture's last packet would wait for the client's delayed acknowledgement, 40 ms.
+  setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  setsockopt(socket, IPPROTO_TCP, TCP_NOTSENT_LOWAT, &unsentInKernel, sizeof unsentInKernel);
+}
+
+TcpOutput::~TcpOutput() {
+  (m_Previous != nullptr ? m_Previous->m_Next : s_First) = m_Next;
+  if (m_Next != nullptr) {
+    m_Next->m_Previous = m_Previous;
+  }
+}
+
+std::shared_ptr<TcpOutput> TcpOutput::of(int socket) {
+  for (TcpOutput* output = s_First; output != nullptr; output = output->m_Next) {
+    if (output->m_Socket == socket) {
+      return output->shared_from_this();
+    }
+  }
+  return nullptr;
+}
+
+// The connection is gone, and its descriptor's number may be another's soon.
+void TcpOutput::close() {
+  m_Socket = -1;
+  m_Waiting.clear();
+}
+
+bool TcpOutput::sendPicture(std::span<std::uint8_t const> framed, bool startsPicture, bool keyPicture) {
+  if (startsPicture) {
+    m_Skipping = !isIdle() || m_Held || (m_LacksKey && !keyPicture);
+    m_LacksKey = m_Skipping;
+  }
+  if (!m_Skipping) {
+    write(framed);
+  }
+  return !m_LacksKey;
+}
+
+void TcpOutput::sendReport(std::span<std::uint8_t const> framed) {
+  if (isIdle() && !m_Held) {
+    write(framed);
+  }
+}
+
+void TcpOutput::write(std::span<std::uint8_t const> framed) {
+  if (m_Socket < 0) {
+    return;
+  }
+  std::size_t const sent = isIdle() ? sendNow(framed) : 0;
+  if (sent < framed.size()) {
+    if (isIdle()) {
+      m_LastProgress = Clock::now();
+      m_WaitForRoom(true);
+    }
+    auto const rest = framed.subspan(sent);
+    m_Waiting.insert(m_Waiting.end(), rest.begin(), rest.end());
+  }
+}
+
+void TcpOutput::flush() {
+  std::size_t const sent = sendNow(std::span(m_Waiting).subspan(m_Sent));
+  m_Sent += sent;
+  if (sent > 0) {
+    m_LastProgress = Clock::now();
+  }
+  if (m_Sent == m_Waiting.size()) {
+    m_Waiting.clear();
+    m_Waiting.shrink_to_fit();
+    m_Sent = 0;
+    m_Held = false;
+    m_WaitForRoom(false);
+  }
+}
+
+// How much the socket took. One that is broken takes nothing more, and its
+// connection will hear of it when it reads.
+std::size_t TcpOutput::sendNow(std::span<std::uint8_t const> bytes) {
+  ssize_t const sent = ::send(m_Socket, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+  return sent > 0 ? static_cast<std::size_t>(sent) : 0;
+}
+
+}  // namespace kavo

@@ -1,0 +1,117 @@
+// Viewers that stall, crawl or vanish in the middle of a picture, and the others.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+
+#include "delivery/host.h"
+#include "delivery/rtpchecker.h"
+#include "delivery/rtspclient.h"
+
+namespace {
+
+class SlowViewers : public ::testing::TestWithParam<int> {
+ protected:
+  SlowViewers() {
+    m_Host.serve();
+    auto& frame = m_Host.publish("stream", KV_BGR24, GetParam(), 640, 480).frame;
+    if (GetParam() == KV_CODEC_MJPEG) {  // noise makes images large; H.264's rate control would skip most
+      std::minstd_rand random(1);
+      std::generate(frame.begin(), frame.end(), [&] { return static_cast<std::uint8_t>(random() >> 8); });
+    }
+    m_Host.startSubmitting();
+  }
+
+  std::string url() const { return m_Host.url("stream"); }
+
+  // Whole pictures, held to the RFCs (but for the gaps that a viewer behind
+  // sees). How many gaps there were.
+  int expectWholePictures(RtspClient& viewer, int count, bool gapsAllowed) {
+    RtpChecker checker(GetParam());
+    while (checker.pictures() < count) {
+      auto const packet = viewer.packet();
+      if (packet.channel < 0) {
+        ADD_FAILURE() << "nothing comes any more";
+        return 0;
+      }
+      if (packet.channel == 0) {
+        checker.rtp(packet.bytes, 4e9);
+      }
+    }
+    for (auto const& complaint : checker.complaints()) {
+      EXPECT_TRUE(gapsAllowed && complaint.find("gap in the sequence") != std::string::npos) << complaint;
+    }
+    return static_cast<int>(checker.complaints().size());
+  }
+
+  Host m_Host;
+};
+
+}  // namespace
+
+TEST_P(SlowViewers, OneThatStallsHoldsUpNobodyAndComesBackToWholePictures) {
+  RtspClient stalled(m_Host.port(), false, 4096);
+  RtspClient witness(m_Host.port());
+  ASSERT_TRUE(stalled.play(url()) && witness.play(url()));
+  int const submitted = m_Host.submitted();
+  expectWholePictures(witness, 60, false);
+  EXPECT_GE(m_Host.submitted(), submitted + 55) << "submitting was held up";
+  int const gaps = expectWholePictures(stalled, 40, true);
+  if (GetParam() == KV_CODEC_MJPEG) {
+    EXPECT_GT(gaps, 0) << "it was never behind";
+  }
+  EXPECT_EQ(stalled.request("GET_PARAMETER", url()).status, 200);
+  expectWholePictures(stalled, 5, true);
+  EXPECT_EQ(m_Host.failedSubmits(), 0);
+}
+
+TEST_P(SlowViewers, OneThatCrawlsGetsOnlyWholePictures) {
+  RtspClient crawling(m_Host.port(), false, 4096);
+  RtspClient witness(m_Host.port());
+  ASSERT_TRUE(crawling.play(url()) && witness.play(url()));
+  RtpChecker checker(GetParam());
+  for (int i = 0; i < 60; ++i) {
+    expectWholePictures(witness, 1, true);
+    auto const packet = crawling.packet();  // one for every picture
+    ASSERT_GE(packet.channel, 0);
+    if (packet.channel == 0) {
+      checker.rtp(packet.bytes, 4e9);
+    }
+  }
+  for (auto const& complaint : checker.complaints()) {
+    EXPECT_NE(complaint.find("gap in the sequence"), std::string::npos) << complaint;
+  }
+}
+
+TEST_P(SlowViewers, RequestsAndReportsInBetweenAreAnsweredBetweenPictures) {
+  RtspClient viewer(m_Host.port());
+  ASSERT_TRUE(viewer.play(url()));
+  std::string const report("$\1\0\x08\x80\xc9\0\1\0\0\0\1", 12);
+  for (int i = 0; i < 20; ++i) {
+    viewer.send(report);
+    EXPECT_EQ(viewer.request(i % 2 == 0 ? "OPTIONS" : "GET_PARAMETER", url()).status, 200);
+    EXPECT_TRUE(viewer.receivesAPicture());
+  }
+  EXPECT_EQ(viewer.request("TEARDOWN", url()).status, 200);
+}
+
+// The next connection often gets the last one's descriptor number.
+TEST_P(SlowViewers, NothingOfOneConnectionReachesTheNext) {
+  RtspClient witness(m_Host.port());
+  ASSERT_TRUE(witness.play(url()));
+  int const rounds = GetParam() == KV_CODEC_MJPEG ? 100 : 10;  // H.264 has each wait for a key picture
+  for (int i = 0; i < rounds; ++i) {
+    {
+      RtspClient leaving(m_Host.port(), false, 4096);
+      ASSERT_TRUE(leaving.play(url()));
+      leaving.packet();
+    }
+    RtspClient next(m_Host.port());
+    auto const response = next.request("OPTIONS", url());
+    ASSERT_EQ(response.text.substr(0, 15), "RTSP/1.0 200 OK") << "round " << i;
+    EXPECT_EQ(next.dropped(), 0) << "packets of another viewer came in round " << i;
+  }
+  expectWholePictures(witness, 3, true);
+}
+
+INSTANTIATE_TEST_SUITE_P(Codecs, SlowViewers, ::testing::Values(KV_CODEC_MJPEG, KV_CODEC_H264));
