@@ -1,12 +1,12 @@
 # The everyday commands. Each sets up what it needs (see scripts/run).
 .DEFAULT_GOAL := help
-.PHONY: help bench build demo test fuzz format lint shell clean
+.PHONY: help package package-check docs bench build demo test fuzz format lint shell clean
 
 RUN := scripts/run
 PRESET ?= release
 
 help: ## list the commands
-	@sed -n 's/^\([a-z]*\):.*## \(.*\)/  make \1	\2/p' $(MAKEFILE_LIST) | expand -t 16
+	@sed -n 's/^\([a-z-]*\):.*## \(.*\)/  make \1	\2/p' $(MAKEFILE_LIST) | expand -t 16
 
 build: ## build the library and the tools into build/release (PRESET=debug, asan, tsan)
 	@$(RUN) sh -c 'cmake --preset $(PRESET) >/dev/null && cmake --build --preset $(PRESET)'
@@ -24,10 +24,19 @@ bench: ## measure: ours beside live555 as it comes and gst-rtsp-server (TABLES="
 	@$(RUN) sh -c 'cmake --preset bench >/dev/null && cmake --build --preset bench >/dev/null && scripts/bench $(TABLES)'
 
 format: ## bring the sources into shape with clang-format
-	@$(RUN) sh -c 'find include src tools tests bench -name "*.h" -o -name "*.c" -o -name "*.cpp" | xargs clang-format -i'
+	@$(RUN) sh -c 'find include src tools tests bench examples -name "*.h" -o -name "*.c" -o -name "*.cpp" -o -name "*.hpp" | xargs clang-format -i'
 
 lint: ## check format, thread annotations (as errors) and clang-tidy
 	@$(RUN) scripts/lint
+
+package: ## make Debian packages and a relocatable archive in build/packages
+	@$(RUN) scripts/package
+
+package-check: package ## install them into fresh roots, build and run hosts there
+	@scripts/check-packages
+
+docs: ## make the API reference in build/docs (Doxygen)
+	@$(RUN) sh -c 'mkdir -p build && doxygen docs/Doxyfile'
 
 shell: ## open a shell where the project can be built
 	@$(RUN) bash

@@ -15,6 +15,8 @@ namespace {
 // A picture up to this size leaves at once; a larger one in cuts of it, which
 // small buffers on the way can take.
 constexpr std::size_t cutBytes = 32768;
+// The pace at which a link of 100 Mbit/s keeps up; slower would only add delay.
+constexpr std::chrono::microseconds longestGap{2500};
 constexpr std::chrono::microseconds shortestInterval{10000};
 constexpr std::chrono::microseconds longestInterval{200000};
 
@@ -143,7 +145,8 @@ void PictureGroupsock::cut(bool endsPicture) {
 }
 
 // Sends cuts that are due. Those of a large picture are spread over a quarter of
-// the time between pictures: all at once they would overflow what is on the way.
+// the time between pictures at most: all at once they would overflow what is on
+// the way.
 void PictureGroupsock::pace() {
   m_PaceTask = nullptr;
   while (!m_Cuts.empty()) {
@@ -161,7 +164,7 @@ void PictureGroupsock::pace() {
     send(m_Cuts.front(), false);
     m_Cuts.pop_front();
     auto const cuts = std::max(m_LastPictureBytes, m_PictureBytes) / cutBytes;
-    m_NextCut = cuts == 0 ? now : now + m_Interval / 4 / static_cast<int>(cuts);
+    m_NextCut = cuts == 0 ? now : now + std::min(longestGap, m_Interval / 4 / static_cast<int>(cuts));
   }
 }
 

@@ -58,12 +58,19 @@ void StreamConnection::onSocket(void* connection, int conditions) {
 
 bool StreamConnection::hasSession() const { return m_Server.knowsSession(m_SessionId); }
 
+void StreamConnection::noteProgress() {
+  if (m_Output->hasProgressed()) {
+    m_Server.noteLiveness(m_SessionId);
+  }
+}
+
 void StreamConnection::handleRequestBytes(int newBytesRead) {
   eventLoopRole.assertHeld();
   if (newBytesRead <= 0 || static_cast<unsigned>(newBytesRead) > fRequestBufferBytesLeft) {
     RTSPClientConnection::handleRequestBytes(-1);  // the client is gone
     return;
   }
+  m_HasSpoken = true;
   m_LastHeard = Clock::now();
   m_Server.noteHeard(m_Place);
   m_Reader.add({reinterpret_cast<char const*>(fRequestBuffer) + fRequestBytesAlreadySeen,

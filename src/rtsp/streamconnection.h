@@ -23,10 +23,14 @@ class StreamConnection : public RTSPServer::RTSPClientConnection {
       KAVO_REQUIRES(eventLoopRole);
   ~StreamConnection() override;
 
+  // Whether the client has said anything yet.
+  bool hasSpoken() const { return m_HasSpoken; }
   Clock::time_point lastHeard() const { return m_LastHeard; }
   // Whether a session that was set up or used on this connection still lives.
   bool hasSession() const KAVO_REQUIRES(eventLoopRole);
   void noteSession(u_int32_t sessionId) { m_SessionId = sessionId; }
+  // A viewer who takes pictures is alive, even if it says nothing.
+  void noteProgress() KAVO_REQUIRES(eventLoopRole);
   // Whether a viewer on it has taken nothing for too long.
   bool isStalled() const { return m_Output->isStalled(); }
 
@@ -50,6 +54,7 @@ class StreamConnection : public RTSPServer::RTSPClientConnection {
   StreamServer& m_Server;
   std::list<StreamConnection*>::iterator m_Place;  // in the server's list
   Clock::time_point m_LastHeard = Clock::now();
+  bool m_HasSpoken = false;
   u_int32_t m_SessionId = 0;
   RequestReader m_Reader;
   std::shared_ptr<TcpOutput> m_Output;

@@ -22,7 +22,7 @@ constexpr std::int64_t silenceCheckMicroseconds = 1000000;
 // How long no connections are accepted when the process is out of descriptors.
 constexpr std::int64_t restMicroseconds = 100000;
 // Per pass of the loop, so that others have their turn.
-constexpr int acceptsInARow = 64;
+constexpr int acceptsInARow = 16;
 
 // Half of the descriptors that the process may have: the others are the host's.
 std::size_t maxConnections() {
@@ -191,17 +191,23 @@ bool StreamServer::acceptOne(int listeningSocket) {
   return full;
 }
 
-// Closes the connection that was silent longest of those without a session;
-// false when there is none.
+// Closes the connection that was silent longest: of those that never said a word,
+// so that a crowd of such cannot push out who is about to set a session up, else
+// of those without a session. False when there is none.
 bool StreamServer::makeRoom() {
-  for (StreamConnection* connection : m_Connections) {
-    eventLoopRole.assertHeld();
-    if (!connection->hasSession()) {
-      delete connection;
+  auto const close = [](auto const& range, auto const& unwanted) {
+    auto const found = std::find_if(range.begin(), range.end(), unwanted);
+    if (found != range.end()) {
+      delete *found;
       return true;
     }
-  }
-  return false;
+    return false;
+  };
+  return close(m_Connections, [](StreamConnection const* connection) { return !connection->hasSpoken(); }) ||
+         close(m_Connections, [](StreamConnection const* connection) {
+           eventLoopRole.assertHeld();
+           return !connection->hasSession();
+         });
 }
 
 void StreamServer::closeSilentAndStalled() {
@@ -211,6 +217,8 @@ void StreamServer::closeSilentAndStalled() {
     bool const silent = connection->lastHeard() < limit && !connection->hasSession();
     if (silent || connection->isStalled()) {
       delete connection;
+    } else {
+      connection->noteProgress();
     }
   }
   m_CloseSilent = envir().taskScheduler().scheduleDelayedTask(

@@ -103,6 +103,7 @@ void TcpOutput::flush() {
 // connection will hear of it when it reads.
 std::size_t TcpOutput::sendNow(std::span<std::uint8_t const> bytes) {
   ssize_t const sent = ::send(m_Socket, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+  m_Progressed = m_Progressed || sent > 0;
   return sent > 0 ? static_cast<std::size_t>(sent) : 0;
 }
 

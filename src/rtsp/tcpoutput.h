@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 #include <span>
+#include <utility>
 #include <vector>
 
 namespace kavo {
@@ -43,6 +44,8 @@ class TcpOutput : public std::enable_shared_from_this<TcpOutput> {
   void flush();
   // Ends with its connection: who still holds it sends nowhere.
   void close();
+  // Whether the viewer has taken something since this was last asked.
+  bool hasProgressed() { return std::exchange(m_Progressed, false); }
   bool isStalled() const { return !isIdle() && Clock::now() - m_LastProgress > patience; }
 
  private:
@@ -59,6 +62,7 @@ class TcpOutput : public std::enable_shared_from_this<TcpOutput> {
   std::vector<std::uint8_t> m_Waiting;  // at most the rest of one picture
   std::size_t m_Sent = 0;               // of m_Waiting
   Clock::time_point m_LastProgress = Clock::now();
+  bool m_Progressed = false;
   bool m_Skipping = false;  // the picture at hand
   bool m_LacksKey = false;
   bool m_Held = false;

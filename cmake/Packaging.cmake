@@ -1,0 +1,44 @@
+# What is installed, and the Debian packages made of it: the library, the files
+# to develop with it, and the tools.
+include(CMakePackageConfigHelpers)
+
+install(TARGETS kavo_stream EXPORT kavo_streamTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT development)
+install(FILES include/kavo_stream.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
+install(DIRECTORY include/kavo DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
+install(TARGETS kavo-publish RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+install(FILES docs/kavo-publish.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+
+set(KAVO_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/kavo_stream)
+install(EXPORT kavo_streamTargets NAMESPACE kavo:: DESTINATION ${KAVO_CMAKE_DIR} COMPONENT development)
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/kavo_streamConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES cmake/kavo_streamConfig.cmake ${PROJECT_BINARY_DIR}/kavo_streamConfigVersion.cmake
+  DESTINATION ${KAVO_CMAKE_DIR} COMPONENT development)
+configure_file(cmake/kavo_stream.pc.in kavo_stream.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/kavo_stream.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME kavo-stream)
+set(CPACK_PACKAGE_CONTACT "The developers of Kavo Stream <kavo-stream@localhost>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Live video over RTSP from a program's own frames")
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_COMPONENTS_ALL library development tools)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS OFF)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/src)
+
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_NAME libkavo-stream2)
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_SHLIBDEPS ON)
+# OpenH264 is loaded by the name without a number, which only this package has.
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_RECOMMENDS libopenh264-dev)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libkavo-stream-dev)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "libkavo-stream2 (= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME kavo-publish)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION video)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libkavo-stream2 (= ${PROJECT_VERSION})")
+include(CPack)

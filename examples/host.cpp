@@ -1,0 +1,54 @@
+// A host program: a moving test picture, published until Enter is pressed.
+//
+//   c++ -std=c++17 host.cpp -o host -lkavo_stream
+//   ./host [PORT] [SECONDS]
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <kavo/stream.hpp>
+#include <thread>
+#include <vector>
+
+namespace {
+
+constexpr int width = 640;
+constexpr int height = 480;
+
+// A grey ramp that moves to the left, with a white bar that shows the time.
+void draw(std::vector<std::uint8_t>& pixels, int frame) {
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < width; ++x) {
+      bool const bar = y > height - 40 && x < frame * 4 % width;
+      auto* const pixel = &pixels[static_cast<std::size_t>((y * width + x) * 3)];
+      pixel[0] = bar ? 255 : static_cast<std::uint8_t>(x + frame * 3);
+      pixel[1] = bar ? 255 : static_cast<std::uint8_t>(y);
+      pixel[2] = bar ? 255 : 128;
+    }
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) try {
+  kavo::Server server(static_cast<std::uint16_t>(argc > 1 ? std::atoi(argv[1]) : 8554));
+  kavo::Session session = server.createSession("host");
+  kavo::VideoOptions video;
+  video.width = width;
+  video.height = height;
+  video.format = kavo::PixelFormat::Rgb24;
+  video.codec = kavo::Codec::Jpeg;
+  kavo::Stream stream = session.createStream(video);
+  std::printf("%s\n", session.url().c_str());
+  std::fflush(stdout);
+
+  std::vector<std::uint8_t> pixels(stream.frameSize());
+  int const frames = argc > 2 ? std::atoi(argv[2]) * video.frameRate : -1;
+  for (int frame = 0; frame != frames; ++frame) {
+    draw(pixels, frame);
+    stream.submit(pixels.data(), pixels.size());
+    std::this_thread::sleep_for(std::chrono::milliseconds(1000 / video.frameRate));
+  }
+} catch (std::exception const& failure) {
+  std::fprintf(stderr, "%s\n", failure.what());
+  return 1;
+}

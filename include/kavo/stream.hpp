@@ -1,0 +1,255 @@
+// Kavo Stream for C++17: the records of kavo_stream.h as objects.
+//
+//   kavo::Server server(8554);
+//   kavo::Session session = server.createSession("camera");
+//   kavo::VideoOptions video;
+//   video.width = 640;
+//   video.height = 480;
+//   video.format = kavo::PixelFormat::Rgb24;
+//   kavo::Stream stream = session.createStream(video);
+//   while (grab(pixels)) stream.submit(pixels.data(), pixels.size());
+//
+// Everything here is inline; the library itself exports one function, which
+// these objects call. Any thread; a process has one server at a time. Objects
+// are moved, not copied. A session ends with its object, a server with its own;
+// streams and sessions of a server that has ended throw KV_UNKNOWN when used.
+#ifndef KAVO_STREAM_HPP
+#define KAVO_STREAM_HPP
+
+#include <kavo_stream.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+namespace kavo {
+
+// What a command failed with.
+class Error : public std::runtime_error {
+ public:
+  Error(std::string const& what, int result)
+      : std::runtime_error(what + ": " + meaning(result)), m_Result(static_cast<kv_result>(result)) {}
+
+  kv_result result() const noexcept { return m_Result; }
+
+  static char const* meaning(int result) noexcept {
+    switch (result) {
+      case KV_OK:
+        return "success";
+      case KV_NOT_STARTED:
+        return "the server is not started";
+      case KV_ALREADY_THERE:
+        return "it is there already";
+      case KV_INVALID_PARAMETER:
+        return "a value is not acceptable";
+      case KV_NAME_IN_USE:
+        return "another session has this name";
+      case KV_UNKNOWN:
+        return "there is no such session or stream";
+      case KV_RESOURCE_FAILURE:
+        return "a resource is not to be had (is the port taken?)";
+      case KV_CODEC_FAILURE:
+        return "the codec refuses it (picture size? is OpenH264 installed?)";
+      default:
+        return "unexpected failure";
+    }
+  }
+
+ private:
+  kv_result m_Result;
+};
+
+enum class PixelFormat : std::int32_t {
+  Yuv420p = KV_YUV420P,
+  Rgb24 = KV_RGB24,
+  Bgr24 = KV_BGR24,
+  Yuv422p = KV_YUV422P,
+  Yuvj420p = KV_YUVJ420P,
+  Yuvj422p = KV_YUVJ422P,
+  Argb = KV_ARGB,
+  Rgba = KV_RGBA,
+  Abgr = KV_ABGR,
+  Bgra = KV_BGRA,
+};
+
+enum class Codec : std::int32_t { Jpeg = KV_CODEC_MJPEG, H264 = KV_CODEC_H264 };
+
+// The bytes of one frame, without padding.
+constexpr std::size_t frameSize(PixelFormat format, int width, int height) {
+  auto const pixels = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
+  auto const halfWidth = (static_cast<std::size_t>(width) + 1) / 2;
+  auto const halfHeight = (static_cast<std::size_t>(height) + 1) / 2;
+  switch (format) {
+    case PixelFormat::Rgb24:
+    case PixelFormat::Bgr24:
+      return pixels * 3;
+    case PixelFormat::Yuv420p:
+    case PixelFormat::Yuvj420p:
+      return pixels + 2 * halfWidth * halfHeight;
+    case PixelFormat::Yuv422p:
+    case PixelFormat::Yuvj422p:
+      return pixels + 2 * halfWidth * static_cast<std::size_t>(height);
+    default:
+      return pixels * 4;
+  }
+}
+
+struct VideoOptions {
+  int width = 0;  // of the submitted frames, pixels
+  int height = 0;
+  PixelFormat format = PixelFormat::Yuv420p;
+  Codec codec = Codec::H264;
+  int outputWidth = 0;  // of the published picture; 0: as the frames
+  int outputHeight = 0;
+  int frameRate = 25;              // at which frames are submitted
+  std::int64_t bitsPerSecond = 0;  // of either codec; 0: what suits the size
+};
+
+namespace detail {
+
+inline void call(char const* what, int command, void* param, int size) {
+  int const result = kv_Stream(command, param, size);
+  if (result != KV_OK) {
+    throw Error(what, result);
+  }
+}
+
+template <class Record>
+void call(char const* what, int command, Record& record) {
+  call(what, command, &record, static_cast<int>(sizeof record));
+}
+
+template <std::size_t Size>
+void copy(char (&field)[Size], std::string const& text, char const* what) {
+  if (text.empty() || text.size() >= Size) {
+    throw Error(std::string(what) + " takes 1 to " + std::to_string(Size - 1) + " characters", KV_INVALID_PARAMETER);
+  }
+  std::memcpy(field, text.c_str(), text.size() + 1);
+}
+
+}  // namespace detail
+
+// The one video stream of a session.
+class Stream {
+ public:
+  // Hands one frame over; returns when it is encoded and queued, or at once when
+  // nobody watches. Only read during the call. Throws Error.
+  void submit(void const* frame, std::size_t size) {
+    if (size < m_FrameSize) {
+      throw Error("a frame of " + std::to_string(size) + " bytes, but " + std::to_string(m_FrameSize) + " are needed",
+                  KV_INVALID_PARAMETER);
+    }
+    m_Record.frame = static_cast<std::uint8_t const*>(frame);
+    detail::call("submitting a frame", KV_SUBMIT_FRAME, m_Record);
+  }
+
+  std::size_t frameSize() const noexcept { return m_FrameSize; }
+
+ private:
+  friend class Session;
+  Stream(kv_session_handle session, kv_stream_id stream, std::size_t size) : m_FrameSize(size) {
+    m_Record.handle = session;
+    m_Record.stream = stream;
+  }
+
+  kv_frame_record m_Record{};
+  std::size_t m_FrameSize;
+};
+
+// One RTSP URL.
+class Session {
+ public:
+  Session(Session&& other) noexcept : m_Record(std::exchange(other.m_Record, {})) {}
+  Session& operator=(Session&& other) noexcept {
+    std::swap(m_Record, other.m_Record);
+    return *this;
+  }
+  ~Session() {
+    if (m_Record.handle != nullptr) {
+      kv_Stream(KV_REMOVE_SESSION, m_Record.handle, static_cast<int>(sizeof m_Record.handle));
+    }
+  }
+
+  // With the machine's own address; 127.0.0.1 on one that is offline.
+  std::string url() const {
+    std::string url = m_Record.url;
+    auto const none = url.find("//0.0.0.0:");
+    return none == std::string::npos ? url : url.replace(none + 2, 7, "127.0.0.1");
+  }
+  std::string name() const { return m_Record.name; }
+
+  // The session's stream; there can be one. Throws Error.
+  Stream createStream(VideoOptions const& options) {
+    kv_video_record video{};
+    video.src_width = options.width;
+    video.src_height = options.height;
+    video.dst_width = options.outputWidth != 0 ? options.outputWidth : options.width;
+    video.dst_height = options.outputHeight != 0 ? options.outputHeight : options.height;
+    video.src_pixel_format = static_cast<std::int32_t>(options.format);
+    video.dst_codec = static_cast<std::int32_t>(options.codec);
+    video.frame_rate = options.frameRate;
+    video.bitrate = bitrateOf(options, video);
+    kv_stream_record stream{};
+    stream.handle = m_Record.handle;
+    stream.media_type = KV_MEDIA_VIDEO;
+    stream.video = &video;
+    detail::call("creating a stream", KV_CREATE_STREAM, stream);
+    return Stream(m_Record.handle, stream.stream, frameSize(options.format, options.width, options.height));
+  }
+
+ private:
+  friend class Server;
+  Session(std::string const& name, std::string const& description) {
+    detail::copy(m_Record.name, name, "a session's name");
+    detail::copy(m_Record.info, description, "a session's description");
+    detail::copy(m_Record.description, description, "a session's description");
+    detail::call("creating a session", KV_CREATE_SESSION, m_Record);
+  }
+
+  // The record counts JPEG by picture and H.264 by second.
+  static std::int32_t bitrateOf(VideoOptions const& options, kv_video_record const& video) {
+    bool const jpeg = options.codec == Codec::Jpeg;
+    double const rate = options.frameRate > 0 ? options.frameRate : 1;
+    double const pixels = static_cast<double>(video.dst_width) * video.dst_height;
+    double const perSecond =
+        options.bitsPerSecond > 0 ? static_cast<double>(options.bitsPerSecond) : pixels * rate * (jpeg ? 1.2 : 0.1);
+    double const bitrate = jpeg ? perSecond / rate : perSecond;
+    return bitrate < 1 ? 1 : bitrate > 2e9 ? 2000000000 : static_cast<std::int32_t>(bitrate);
+  }
+
+  kv_session_record m_Record{};
+};
+
+// The process's RTSP server, from construction to destruction.
+class Server {
+ public:
+  explicit Server(std::uint16_t port = 8554) {
+    std::uint32_t record = port;
+    detail::call("starting the server", KV_INIT, record);
+  }
+  Server(Server&& other) noexcept : m_Serving(std::exchange(other.m_Serving, false)) {}
+  Server& operator=(Server&& other) noexcept {
+    std::swap(m_Serving, other.m_Serving);
+    return *this;
+  }
+  ~Server() {
+    if (m_Serving) {
+      kv_Stream(KV_EXIT, nullptr, 0);
+    }
+  }
+
+  // The name is the last part of the URL; players show the description as the title. Throws Error.
+  Session createSession(std::string const& name, std::string const& description = "live video") {
+    return Session(name, description);
+  }
+
+ private:
+  bool m_Serving = true;
+};
+
+}  // namespace kavo
+
+#endif  // KAVO_STREAM_HPP
