@@ -3,6 +3,8 @@
  *   cc -std=c11 host.c -o host -lkavo_stream
  *   ./host [PORT] [SECONDS]
  */
+#define _POSIX_C_SOURCE 199309L /* nanosleep */
+
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
