@@ -116,11 +116,12 @@ Groupsock* LiveDemandSession::createGroupsock(sockaddr_storage const& address, P
   return new PictureGroupsock(envir(), address, port, m_TcpViewers, std::move(callbacks));
 }
 
-// The viewer with the narrowest path decides for all, since they share the packets.
+// The first viewer's path decides for all, since they share the packets. Later
+// the sink has a request out for its buffer, which the new size would replace;
+// the packets of a viewer with a narrower path are fragmented by the kernel.
 void LiveDemandSession::setPacketSize(unsigned size) {
-  if (size < m_PacketSize && m_Stream != nullptr) {
-    m_PacketSize = size;
-    static_cast<MultiFramedRTPSink*>(m_Stream->rtpSink())->setPacketSizes(size, size);
+  if (size < largestPacket && m_Starting != nullptr && m_Starting != m_Started) {
+    static_cast<MultiFramedRTPSink*>(m_Starting->rtpSink())->setPacketSizes(size, size);
   }
 }
 
@@ -133,7 +134,6 @@ void LiveDemandSession::startStream(unsigned clientSessionId, void* streamToken,
   if (stream == nullptr || stream->rtpSink() == nullptr) {
     return;
   }
-  m_Stream = stream;
   auto const start = [=, this] {
     // live555's table takes numbers in a pointer's clothes.
     auto const* key =
@@ -150,7 +150,9 @@ void LiveDemandSession::startStream(unsigned clientSessionId, void* streamToken,
   bool const again = m_Playing.contains(clientSessionId);
   if (again || admit(stream->mediaSource(), m_Playing.empty())) {
     m_Playing.insert(clientSessionId);
+    m_Starting = stream;
     start();
+    m_Started = stream;
   } else {
     m_Waiting[clientSessionId] = start;
   }
@@ -170,8 +172,8 @@ void LiveDemandSession::deleteStream(unsigned clientSessionId, void*& streamToke
   m_TcpViewers->erase(clientSessionId);
   OnDemandServerMediaSubsession::deleteStream(clientSessionId, streamToken);
   if (streamToken == nullptr) {
-    m_Stream = nullptr;
-    m_PacketSize = largestPacket;
+    m_Started = nullptr;
+    m_Starting = nullptr;
   }
 }
 

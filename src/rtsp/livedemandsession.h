@@ -66,8 +66,8 @@ class LiveDemandSession : public OnDemandServerMediaSubsession {
   void setPacketSize(unsigned size) KAVO_REQUIRES(eventLoopRole);
 
   std::shared_ptr<TcpViewers> m_TcpViewers = std::make_shared<TcpViewers>();
-  StreamState* m_Stream KAVO_GUARDED_BY(eventLoopRole) = nullptr;  // what they play
-  unsigned m_PacketSize KAVO_GUARDED_BY(eventLoopRole) = largestPacket;
+  StreamState* m_Started KAVO_GUARDED_BY(eventLoopRole) = nullptr;  // the stream whose sink has begun to play
+  StreamState* m_Starting KAVO_GUARDED_BY(eventLoopRole) = nullptr;
   std::set<unsigned> m_Playing KAVO_GUARDED_BY(eventLoopRole);  // client session ids
   std::map<unsigned, std::function<void()>> m_Waiting KAVO_GUARDED_BY(eventLoopRole);
   Mutex m_Mutex;

@@ -16,7 +16,7 @@ namespace {
 // small buffers on the way can take.
 constexpr std::size_t cutBytes = 32768;
 // The pace at which a link of 100 Mbit/s keeps up; slower would only add delay.
-constexpr std::chrono::microseconds longestGap{2500};
+constexpr std::chrono::microseconds longestGap{3000};
 constexpr std::chrono::microseconds shortestInterval{10000};
 constexpr std::chrono::microseconds longestInterval{200000};
 
@@ -163,8 +163,8 @@ void PictureGroupsock::pace() {
     }
     send(m_Cuts.front(), false);
     m_Cuts.pop_front();
-    auto const cuts = std::max(m_LastPictureBytes, m_PictureBytes) / cutBytes;
-    m_NextCut = cuts == 0 ? now : now + std::min(longestGap, m_Interval / 4 / static_cast<int>(cuts));
+    auto const cuts = std::max(m_LastPictureBytes, m_PictureBytes) / cutBytes + 1;
+    m_NextCut = now + std::min(longestGap, m_Interval / 4 / static_cast<int>(cuts));
   }
 }
 

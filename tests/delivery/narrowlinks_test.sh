@@ -1,0 +1,68 @@
+#!/usr/bin/env bash
+# Publisher and player in network namespaces of this test's own, with a narrow
+# link between them: one of 1280 bytes, then one of 100 Mbit/s with a small queue.
+# Exit status 77 (skipped) where namespaces are not allowed.
+set -euo pipefail
+publish=$1
+
+if [ -z "${KAVO_IN_NAMESPACE:-}" ]; then
+  unshare -n true 2>/dev/null || {
+    echo "skipped: this machine allows no network namespaces"
+    exit 77
+  }
+  exec env KAVO_IN_NAMESPACE=1 unshare -n "$0" "$@"
+fi
+
+work=$(mktemp -d)
+unshare -n sleep 600 &
+far=$!
+trap 'kill $far 2>/dev/null; rm -rf "$work"' EXIT
+until [ "$(readlink /proc/$far/ns/net)" != "$(readlink /proc/self/ns/net)" ]; do sleep 0.05; done
+ip link set lo up
+ip link add near type veth peer name far netns $far
+ip addr add 10.77.0.1/24 dev near
+ip link set near up
+on_far() { nsenter -t $far -n "$@"; }
+on_far ip addr add 10.77.0.2/24 dev far
+on_far ip link set far up
+on_far ip link set lo up
+
+# IP packets that were fragmented since the namespace was made.
+fragments() { awk '/^Ip:/ { if (!n++) { for (i = 1; i <= NF; ++i) if ($i == "FragCreates") c = i } else print $c }' /proc/net/snmp; }
+
+# watch FRAMES PUBLISH_ARGUMENT...: over UDP, without a lost packet.
+watch() {
+  local frames=$1
+  shift
+  "$publish" "$@" >"$work/out" 2>&1 &
+  local pid=$!
+  until grep -q Ctrl-C "$work/out"; do
+    kill -0 $pid || { cat "$work/out"; exit 1; }
+    sleep 0.05
+  done
+  # Not decoded while it arrives: the player's own time for that would be measured.
+  on_far ffmpeg -v warning -rtsp_transport udp -i rtsp://10.77.0.1:8554/kavo -frames:v "$frames" -c:v copy \
+    -y "$work/seen.mkv" 2>"$work/player" || { cat "$work/player"; exit 1; }
+  kill -INT $pid
+  wait $pid
+  if grep -E 'missed|error|conceal|corrupt' "$work/player"; then
+    echo "damage: $*"
+    tc -s qdisc show dev near
+    exit 1
+  fi
+  ffmpeg -v error -xerror -i "$work/seen.mkv" -f null -
+}
+
+ip link set near mtu 1280
+on_far ip link set far mtu 1280
+for codec in jpeg h264; do
+  watch 20 --codec $codec --size 640x480 --bitrate 8M
+  [ "$(fragments)" = 0 ] || { echo "$codec: $(fragments) packets were fragmented"; exit 1; }
+done
+
+ip link set near mtu 1500
+on_far ip link set far mtu 1500
+tc qdisc add dev near root tbf rate 100mbit burst 16kb limit 64kb
+ffmpeg -v error -f lavfi -i "nullsrc=s=640x480:r=10,geq=random(1)*255:128:128" -t 3 -c:v mjpeg -q:v 2 -y "$work/noise.avi"
+watch 20 --loop --codec jpeg --bitrate 24M "$work/noise.avi"
+echo passed
