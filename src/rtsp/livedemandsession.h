@@ -61,10 +61,10 @@ class LiveDemandSession : public OnDemandServerMediaSubsession {
   virtual void wakeSource(TaskScheduler* scheduler, FramedSource* source) = 0;
 
  private:
-  std::shared_ptr<FrameSourceHandler> m_FrameSourceHandler;
-  unsigned const m_EstimatedBitrate;
   void setPacketSize(unsigned size) KAVO_REQUIRES(eventLoopRole);
 
+  std::shared_ptr<FrameSourceHandler> m_FrameSourceHandler;
+  unsigned const m_EstimatedBitrate;
   std::shared_ptr<TcpViewers> m_TcpViewers = std::make_shared<TcpViewers>();
   StreamState* m_Started KAVO_GUARDED_BY(eventLoopRole) = nullptr;  // the stream whose sink has begun to play
   StreamState* m_Starting KAVO_GUARDED_BY(eventLoopRole) = nullptr;

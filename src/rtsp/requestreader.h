@@ -19,6 +19,8 @@ class RequestReader {
   static constexpr std::size_t maxBody = 8192;
 
   void add(std::string_view bytes) { m_Buffer.append(bytes); }
+  // Bytes that have arrived and were not taken yet.
+  std::size_t size() const { return m_Buffer.size(); }
 
   // Whether (a part of) a request has arrived and comes next.
   bool hasRequest() const { return !m_Buffer.empty() && m_Buffer[0] != '$'; }

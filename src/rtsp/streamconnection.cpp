@@ -18,6 +18,10 @@ namespace {
 constexpr std::string_view answeredMethods[] = {"OPTIONS", "DESCRIBE", "SETUP",         "PLAY",
                                                 "PAUSE",   "TEARDOWN", "GET_PARAMETER", "SET_PARAMETER"};
 
+// What a client may send ahead while its requests wait for a picture to be sent:
+// more than the largest item it can be in the middle of.
+constexpr std::size_t maxAhead = 128 * std::size_t{1024};
+
 }  // namespace
 
 StreamConnection::StreamConnection(StreamServer& server, int clientSocket, sockaddr_storage const& clientAddress)
@@ -75,7 +79,11 @@ void StreamConnection::handleRequestBytes(int newBytesRead) {
   m_Server.noteHeard(m_Place);
   m_Reader.add({reinterpret_cast<char const*>(fRequestBuffer) + fRequestBytesAlreadySeen,
                 static_cast<std::size_t>(newBytesRead)});
+  auto const alive = m_Alive;
   handleAll();
+  if (*alive && m_Reader.size() > maxAhead) {
+    RTSPClientConnection::handleRequestBytes(-1);  // it sends, and does not read
+  }
 }
 
 void StreamConnection::handleAll() {

@@ -38,7 +38,8 @@ TcpOutput::~TcpOutput() {
 }
 
 std::shared_ptr<TcpOutput> TcpOutput::of(int socket) {
-  for (TcpOutput* output = s_First; output != nullptr; output = output->m_Next) {
+  // One that is closed has no socket, and is nobody's.
+  for (TcpOutput* output = socket >= 0 ? s_First : nullptr; output != nullptr; output = output->m_Next) {
     if (output->m_Socket == socket) {
       return output->shared_from_this();
     }

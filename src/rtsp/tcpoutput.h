@@ -63,7 +63,7 @@ class TcpOutput : public std::enable_shared_from_this<TcpOutput> {
   std::size_t m_Sent = 0;               // of m_Waiting
   Clock::time_point m_LastProgress = Clock::now();
   bool m_Progressed = false;
-  bool m_Skipping = false;  // the picture at hand
+  bool m_Skipping = true;  // the picture at hand; one that came in the middle of it has not its beginning
   bool m_LacksKey = false;
   bool m_Held = false;
 };

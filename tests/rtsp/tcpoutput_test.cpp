@@ -79,6 +79,12 @@ TEST_F(TcpOutputTest, AfterALossOnlyAKeyPictureLetsItGoOn) {
   EXPECT_EQ(drain(), std::string(10, 'k') + std::string(10, 'e'));
 }
 
+TEST_F(TcpOutputTest, AViewerWhoComesInMidPictureWaitsForTheNext) {
+  m_Output->sendPicture(std::vector<std::uint8_t>(10, 'a'), false, true);
+  EXPECT_TRUE(picture('b', 10));
+  EXPECT_EQ(drain(), std::string(10, 'b'));
+}
+
 TEST_F(TcpOutputTest, HeldPicturesMakeRoomForAResponse) {
   picture('a', huge);
   m_Output->holdPictures();
@@ -94,6 +100,7 @@ TEST_F(TcpOutputTest, IsFoundByItsSocketAndSendsNowhereOnceClosed) {
   picture('a', huge);
   m_Output->close();
   EXPECT_EQ(TcpOutput::of(m_Near.get()), nullptr);
+  EXPECT_EQ(TcpOutput::of(-1), nullptr) << "a viewer without a connection was taken for a closed one's";
   m_Waiting = false;
   picture('b', 10);
   EXPECT_FALSE(m_Waiting);
