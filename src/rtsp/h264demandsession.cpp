@@ -1,9 +1,9 @@
 #include "rtsp/h264demandsession.h"
 
-#include <H264VideoRTPSink.hh>
 #include <utility>
 
 #include "rtsp/accessunitframer.h"
+#include "rtsp/h264sink.h"
 #include "rtsp/h264source.h"
 
 namespace kavo {
@@ -47,7 +47,7 @@ void H264DemandSession::wakeSource(TaskScheduler* scheduler, FramedSource* sourc
 RTPSink* H264DemandSession::createNewRTPSink(Groupsock* rtpGroupsock, unsigned char rtpPayloadTypeIfDynamic,
                                              FramedSource*) {
   eventLoopRole.assertHeld();
-  auto* const sink = H264VideoRTPSink::createNew(envir(), rtpGroupsock, rtpPayloadTypeIfDynamic);
+  auto* const sink = H264Sink::createNew(envir(), rtpGroupsock, rtpPayloadTypeIfDynamic);
   sink->setPacketSizes(largestPacket, largestPacket);
   return sink;
 }

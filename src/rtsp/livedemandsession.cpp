@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <utility>
 
+#include "rtsp/path.h"
 #include "rtsp/picturegroupsock.h"
 
 namespace kavo {
@@ -32,6 +33,11 @@ LiveDemandSession::LiveDemandSession(UsageEnvironment& env, std::shared_ptr<Fram
     : OnDemandServerMediaSubsession(env, reuseFirstSource ? True : False, firstServerPort, False),
       m_FrameSourceHandler(std::move(handler)),
       m_EstimatedBitrate(estimatedBitrate) {}
+
+LiveDemandSession::~LiveDemandSession() {
+  eventLoopRole.assertHeld();
+  envir().taskScheduler().unscheduleDelayedTask(m_RestartTask);
+}
 
 void LiveDemandSession::signalNewFrame(TaskScheduler* scheduler) {
   Locked lock(m_Mutex);
@@ -109,20 +115,66 @@ Groupsock* LiveDemandSession::createGroupsock(sockaddr_storage const& address, P
   eventLoopRole.assertHeld();
   PictureGroupsock::Callbacks callbacks;
   callbacks.keyPictureWanted = [this] { m_FrameSourceHandler->keyFrameRequest().ask(); };
-  callbacks.packetSizeWanted = [this](unsigned size) {
+  callbacks.pathTooNarrow = [this](sockaddr_storage const& destination) {
     eventLoopRole.assertHeld();
-    setPacketSize(size);
+    fitPacketsTo(destination);
   };
   return new PictureGroupsock(envir(), address, port, m_TcpViewers, std::move(callbacks));
 }
 
-// The first viewer's path decides for all, since they share the packets. Later
-// the sink has a request out for its buffer, which the new size would replace;
-// the packets of a viewer with a narrower path are fragmented by the kernel.
-void LiveDemandSession::setPacketSize(unsigned size) {
-  if (size < largestPacket && m_Starting != nullptr && m_Starting != m_Started) {
-    static_cast<MultiFramedRTPSink*>(m_Starting->rtpSink())->setPacketSizes(size, size);
+// The narrowest path decides for all, since the viewers share the packets.
+void LiveDemandSession::fitPacketsTo(sockaddr_storage const& address) {
+  unsigned const size = largestPayloadTo(address).value_or(largestPacket);
+  if (size >= m_PacketSize || m_Starting == nullptr) {
+    return;
   }
+  m_PacketSize = size;
+  if (m_Starting != m_Started) {
+    static_cast<MultiFramedRTPSink*>(m_Starting->rtpSink())->setPacketSizes(size, size);
+  } else if (m_RestartTask == nullptr) {
+    // Not here: the sink may be the caller.
+    restartSoon(0);
+  }
+}
+
+void LiveDemandSession::restartSoon(int64_t microseconds) {
+  m_RestartTask = envir().taskScheduler().scheduleDelayedTask(
+      microseconds,
+      [](void* session) {
+        eventLoopRole.assertHeld();
+        static_cast<LiveDemandSession*>(session)->restartWithNarrowerPackets();
+      },
+      this);
+}
+
+// A sink gets a new buffer with its new packet size, so the old one must be
+// neither half sent nor asked to be filled.
+void LiveDemandSession::restartWithNarrowerPackets() {
+  constexpr int64_t restOfPicture = 1000;
+  auto* const sink = static_cast<MultiFramedRTPSink*>(m_Started->rtpSink());
+  if (static_cast<PictureGroupsock const&>(sink->groupsockBeingUsed()).isInsidePicture()) {
+    restartSoon(restOfPicture);
+    return;
+  }
+  m_RestartTask = nullptr;
+  m_Started->pause();
+  sink->setPacketSizes(m_PacketSize, m_PacketSize);
+  if (!m_Playing.empty()) {
+    unsigned const anyone = *m_Playing.begin();
+    m_Started->startPlaying(destinationsOf(anyone), anyone, nullptr, nullptr, nullptr, nullptr);
+  } else if (!m_Waiting.empty()) {
+    admit(m_Started->mediaSource(), true);
+    letWaitingIn();
+  } else {
+    m_Started = nullptr;  // until somebody plays
+  }
+}
+
+Destinations* LiveDemandSession::destinationsOf(unsigned clientSessionId) {
+  // live555's table takes numbers in a pointer's clothes.
+  auto const* key =
+      reinterpret_cast<char const*>(std::uintptr_t{clientSessionId});  // NOLINT(performance-no-int-to-ptr)
+  return static_cast<Destinations*>(fDestinationsHashTable->Lookup(key));
 }
 
 void LiveDemandSession::startStream(unsigned clientSessionId, void* streamToken, TaskFunc* rtcpRRHandler,
@@ -135,12 +187,9 @@ void LiveDemandSession::startStream(unsigned clientSessionId, void* streamToken,
     return;
   }
   auto const start = [=, this] {
-    // live555's table takes numbers in a pointer's clothes.
-    auto const* key =
-        reinterpret_cast<char const*>(std::uintptr_t{clientSessionId});  // NOLINT(performance-no-int-to-ptr)
-    stream->startPlaying(static_cast<Destinations*>(fDestinationsHashTable->Lookup(key)), clientSessionId,
-                         rtcpRRHandler, rtcpRRHandlerClientData, alternativeByteHandler,
-                         alternativeByteHandlerClientData);
+    eventLoopRole.assertHeld();
+    stream->startPlaying(destinationsOf(clientSessionId), clientSessionId, rtcpRRHandler, rtcpRRHandlerClientData,
+                         alternativeByteHandler, alternativeByteHandlerClientData);
   };
   // For the response. live555's own way here is presetNextTimestamp(), which
   // shifts the time stamps of a stream that others are watching.
@@ -148,9 +197,13 @@ void LiveDemandSession::startStream(unsigned clientSessionId, void* streamToken,
   rtpTimestamp = SinkClock::now(*stream->rtpSink());
 
   bool const again = m_Playing.contains(clientSessionId);
+  m_Starting = stream;
+  if (auto const* const destinations = destinationsOf(clientSessionId);
+      destinations != nullptr && !m_TcpViewers->contains(clientSessionId)) {
+    fitPacketsTo(destinations->addr);
+  }
   if (again || admit(stream->mediaSource(), m_Playing.empty())) {
     m_Playing.insert(clientSessionId);
-    m_Starting = stream;
     start();
     m_Started = stream;
   } else {
@@ -174,6 +227,8 @@ void LiveDemandSession::deleteStream(unsigned clientSessionId, void*& streamToke
   if (streamToken == nullptr) {
     m_Started = nullptr;
     m_Starting = nullptr;
+    m_PacketSize = largestPacket;
+    envir().taskScheduler().unscheduleDelayedTask(m_RestartTask);
   }
 }
 

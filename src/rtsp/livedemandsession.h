@@ -28,7 +28,7 @@ class LiveDemandSession : public OnDemandServerMediaSubsession {
   // estimatedBitrate in kbit/s: for the SDP's bandwidth line and RTCP's share.
   LiveDemandSession(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler, bool reuseFirstSource,
                     unsigned estimatedBitrate) KAVO_REQUIRES(eventLoopRole);
-  ~LiveDemandSession() override = default;
+  ~LiveDemandSession() override;
 
   FramedSource* createNewStreamSource(unsigned clientSessionId, unsigned& estBitrate) override;
   void closeStreamSource(FramedSource* inputSource) override;
@@ -61,13 +61,18 @@ class LiveDemandSession : public OnDemandServerMediaSubsession {
   virtual void wakeSource(TaskScheduler* scheduler, FramedSource* source) = 0;
 
  private:
-  void setPacketSize(unsigned size) KAVO_REQUIRES(eventLoopRole);
+  void fitPacketsTo(sockaddr_storage const& address) KAVO_REQUIRES(eventLoopRole);
+  void restartSoon(int64_t microseconds) KAVO_REQUIRES(eventLoopRole);
+  Destinations* destinationsOf(unsigned clientSessionId) KAVO_REQUIRES(eventLoopRole);
+  void restartWithNarrowerPackets() KAVO_REQUIRES(eventLoopRole);
 
   std::shared_ptr<FrameSourceHandler> m_FrameSourceHandler;
   unsigned const m_EstimatedBitrate;
   std::shared_ptr<TcpViewers> m_TcpViewers = std::make_shared<TcpViewers>();
   StreamState* m_Started KAVO_GUARDED_BY(eventLoopRole) = nullptr;  // the stream whose sink has begun to play
   StreamState* m_Starting KAVO_GUARDED_BY(eventLoopRole) = nullptr;
+  unsigned m_PacketSize KAVO_GUARDED_BY(eventLoopRole) = largestPacket;
+  TaskToken m_RestartTask KAVO_GUARDED_BY(eventLoopRole) = nullptr;
   std::set<unsigned> m_Playing KAVO_GUARDED_BY(eventLoopRole);  // client session ids
   std::map<unsigned, std::function<void()>> m_Waiting KAVO_GUARDED_BY(eventLoopRole);
   Mutex m_Mutex;

@@ -12,7 +12,6 @@ namespace kavo {
 struct PacketRun {
   std::vector<std::uint8_t> bytes;  // the packets, one behind the other
   std::vector<std::size_t> sizes;
-  bool startsPicture = false;
   bool keyPicture = false;  // of a picture that a viewer can begin with
 
   void add(std::span<std::uint8_t const> packet) {

@@ -12,8 +12,8 @@ namespace kavo {
 
 namespace {
 
-// A picture up to this size leaves at once; a larger one in cuts of it, which
-// small buffers on the way can take.
+// A picture up to this size leaves at once over UDP; a larger one in cuts of it,
+// which small buffers on the way can take.
 constexpr std::size_t cutBytes = 32768;
 // The pace at which a link of 100 Mbit/s keeps up; slower would only add delay.
 constexpr std::chrono::microseconds longestGap{3000};
@@ -22,7 +22,6 @@ constexpr std::chrono::microseconds longestInterval{200000};
 
 constexpr std::size_t rtpHeader = 12;
 constexpr int jpegPayload = 26;
-constexpr unsigned ipAndUdpHeaders = 48;  // of IPv6
 
 bool isReport(std::span<std::uint8_t const> packet) { return packet[1] >= 192 && packet[1] <= 223; }
 
@@ -61,36 +60,37 @@ PictureGroupsock::PictureGroupsock(UsageEnvironment& env, sockaddr_storage const
       m_Port(port),
       m_TcpViewers(std::move(tcpViewers)),
       m_Callbacks(std::move(callbacks)) {
-  m_Sender.onPathTooNarrow([this](sockaddr_storage const& destination) {
-    eventLoopRole.assertHeld();
-    askPath(destination);
-  });
+  m_Sender.onPathTooNarrow(m_Callbacks.pathTooNarrow);
 }
 
 PictureGroupsock::~PictureGroupsock() {
   eventLoopRole.assertHeld();
-  env().taskScheduler().unscheduleDelayedTask(m_PaceTask);
+  env().taskScheduler().unscheduleDelayedTask(m_CutTask);
 }
 
 void PictureGroupsock::addDestination(sockaddr_storage const& address, Port const& port, unsigned sessionId) {
   eventLoopRole.assertHeld();
   if (auto const viewer = m_TcpViewers->find(sessionId); viewer != m_TcpViewers->end()) {
     bool const report = port.num() == htons(rtcpOverTcpPort);
-    m_TcpDestinations[sessionId] = {viewer->second.output,
-                                    report ? viewer->second.rtcpChannel : viewer->second.rtpChannel};
+    m_TcpDestinations[sessionId] = {.output = viewer->second.output,
+                                    .channel = report ? viewer->second.rtcpChannel : viewer->second.rtpChannel,
+                                    .lacksBeginning = isInsidePicture()};
     return;
   }
   sockaddr_storage destination = address;
   setPortNum(destination, port.num());
   m_UdpDestinations[sessionId] = destination;
-  m_Addresses[destination.ss_family == AF_INET6 ? 1 : 0].push_back(destination);
-  askPath(destination);
+  listAddresses();
 }
 
 void PictureGroupsock::removeDestination(unsigned sessionId) {
   eventLoopRole.assertHeld();
   m_TcpDestinations.erase(sessionId);
   m_UdpDestinations.erase(sessionId);
+  listAddresses();
+}
+
+void PictureGroupsock::listAddresses() {
   m_Addresses[0].clear();
   m_Addresses[1].clear();
   for (auto const& [id, destination] : m_UdpDestinations) {
@@ -102,9 +102,7 @@ Boolean PictureGroupsock::output(UsageEnvironment&, unsigned char* buffer, unsig
   eventLoopRole.assertHeld();
   std::span<std::uint8_t const> const packet(buffer, size);
   if (size < rtpHeader || isReport(packet)) {
-    PacketRun report;
-    report.add(packet);
-    send(report, true);
+    sendReport(packet);
   } else {
     addPacket(packet);
   }
@@ -113,97 +111,108 @@ Boolean PictureGroupsock::output(UsageEnvironment&, unsigned char* buffer, unsig
 
 void PictureGroupsock::addPacket(std::span<std::uint8_t const> packet) {
   // A picture whose end never came must not keep the next one waiting.
-  if (m_InsidePicture && timestampOf(packet) != m_Timestamp) {
-    cut(true);
+  if (isInsidePicture() && timestampOf(packet) != m_Timestamp) {
+    endPicture();
   }
-  if (!m_InsidePicture) {
-    m_InsidePicture = true;
+  if (!isInsidePicture()) {
     m_Timestamp = timestampOf(packet);
-    m_Gathered.startsPicture = true;
-    m_Gathered.keyPicture = startsKeyPicture(packet);
+    m_Picture.keyPicture = startsKeyPicture(packet);
   }
-  m_Gathered.add(packet);
-  m_PictureBytes += packet.size();
+  m_Picture.add(packet);
   if (hasMarker(packet)) {
-    cut(true);
-  } else if (m_Gathered.bytes.size() + packet.size() > cutBytes) {
-    cut(false);
+    endPicture();
   }
 }
 
-// What has been gathered leaves now, or when its turn comes.
-void PictureGroupsock::cut(bool endsPicture) {
-  m_Cuts.push_back(std::exchange(m_Gathered, {}));
-  m_Gathered.keyPicture = m_Cuts.back().keyPicture;
-  if (endsPicture) {
-    m_InsidePicture = false;
-    notePicture();
-  }
-  if (m_PaceTask == nullptr) {
-    pace();
-  }
-}
-
-// Sends cuts that are due. Those of a large picture are spread over a quarter of
-// the time between pictures at most: all at once they would overflow what is on
-// the way.
-void PictureGroupsock::pace() {
-  m_PaceTask = nullptr;
+void PictureGroupsock::endPicture() {
+  PacketRun picture = std::exchange(m_Picture, {});
+  noteInterval();
+  sendOverTcp(picture);
+  // Cuts of the last picture that still wait would only make this one late.
   while (!m_Cuts.empty()) {
-    auto const now = Clock::now();
-    if (now < m_NextCut) {
-      m_PaceTask = env().taskScheduler().scheduleDelayedTask(
-          std::chrono::ceil<std::chrono::microseconds>(m_NextCut - now).count(),
-          [](void* groupsock) {
-            eventLoopRole.assertHeld();
-            static_cast<PictureGroupsock*>(groupsock)->pace();
-          },
-          this);
-      return;
-    }
-    send(m_Cuts.front(), false);
-    m_Cuts.pop_front();
-    auto const cuts = std::max(m_LastPictureBytes, m_PictureBytes) / cutBytes + 1;
-    m_NextCut = now + std::min(longestGap, m_Interval / 4 / static_cast<int>(cuts));
+    sendCut();
+  }
+  if (!m_UdpDestinations.empty()) {
+    cut(std::move(picture));
+    sendCut();
   }
 }
 
-void PictureGroupsock::notePicture() {
+void PictureGroupsock::noteInterval() {
   auto const now = Clock::now();
   auto const since = std::chrono::duration_cast<std::chrono::microseconds>(now - m_LastPicture);
   m_Interval = (3 * m_Interval + std::clamp(since, shortestInterval, longestInterval)) / 4;
   m_LastPicture = now;
-  m_LastPictureBytes = std::exchange(m_PictureBytes, 0);
 }
 
-void PictureGroupsock::send(PacketRun const& run, bool report) {
+// All of a large picture at once would overflow what is on the way: its cuts are
+// spread over a quarter of the time between pictures at most.
+void PictureGroupsock::cut(PacketRun picture) {
+  if (picture.bytes.size() <= cutBytes) {
+    m_Cuts.push_back(std::move(picture));
+    return;
+  }
+  std::span<std::uint8_t const> rest(picture.bytes);
+  for (std::size_t const size : picture.sizes) {
+    if (m_Cuts.empty() || m_Cuts.back().bytes.size() + size > cutBytes) {
+      m_Cuts.emplace_back();
+    }
+    m_Cuts.back().add(rest.first(size));
+    rest = rest.subspan(size);
+  }
+  m_Gap = std::min(longestGap, m_Interval / 4 / static_cast<int>(m_Cuts.size()));
+}
+
+void PictureGroupsock::sendCut() {
+  env().taskScheduler().unscheduleDelayedTask(m_CutTask);
+  PacketRun const run = std::move(m_Cuts.front());
+  m_Cuts.pop_front();
+  if (!m_Cuts.empty()) {
+    m_CutTask = env().taskScheduler().scheduleDelayedTask(
+        m_Gap.count(),
+        [](void* groupsock) {
+          eventLoopRole.assertHeld();
+          static_cast<PictureGroupsock*>(groupsock)->sendCut();
+        },
+        this);
+  }
+  sendOverUdp(run);
+}
+
+void PictureGroupsock::sendOverUdp(PacketRun const& run) {
   if (!m_Addresses[0].empty()) {
     m_Sender.send(socketFor(AF_INET), run, m_Addresses[0]);
   }
   if (!m_Addresses[1].empty()) {
     m_Sender.send(socketFor(AF_INET6), run, m_Addresses[1]);
   }
-  if (!m_TcpDestinations.empty()) {
-    sendOverTcp(run, report);
-  }
 }
 
-void PictureGroupsock::sendOverTcp(PacketRun const& run, bool report) {
+// Whole and at once: the kernel paces what it sends over a connection itself.
+void PictureGroupsock::sendOverTcp(PacketRun const& picture) {
   bool lacksKey = false;
   std::map<std::uint8_t, std::vector<std::uint8_t>> byChannel;  // almost always one
-  for (auto const& [sessionId, destination] : m_TcpDestinations) {
+  for (auto& [sessionId, destination] : m_TcpDestinations) {
+    if (std::exchange(destination.lacksBeginning, false)) {
+      continue;
+    }
     auto& bytes = byChannel[destination.channel];
     if (bytes.empty()) {
-      bytes = framed(run, destination.channel);
+      bytes = framed(picture, destination.channel);
     }
-    if (report) {
-      destination.output->sendReport(bytes);
-    } else {
-      lacksKey = !destination.output->sendPicture(bytes, run.startsPicture, run.keyPicture) || lacksKey;
-    }
+    lacksKey = !destination.output->sendPicture(bytes, picture.keyPicture) || lacksKey;
   }
   if (lacksKey) {
     m_Callbacks.keyPictureWanted();
+  }
+}
+
+void PictureGroupsock::sendReport(std::span<std::uint8_t const> report) {
+  PacketRun run;
+  run.add(report);
+  sendOverUdp(run);
+  for (auto const& [sessionId, destination] : m_TcpDestinations) {
+    destination.output->sendReport(framed(run, destination.channel));
   }
 }
 
@@ -230,19 +239,6 @@ int PictureGroupsock::socketFor(int family) {
     (void)!bind(m_OtherFamily.get(), reinterpret_cast<sockaddr const*>(&local), sizeOf(local));
   }
   return m_OtherFamily.get();
-}
-
-// What a connected socket says of the way to the viewer.
-void PictureGroupsock::askPath(sockaddr_storage const& address) {
-  Descriptor const probe(socket(address.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  int mtu = 0;
-  socklen_t size = sizeof mtu;
-  bool const ipv6 = address.ss_family == AF_INET6;
-  if (probe.get() >= 0 && connect(probe.get(), reinterpret_cast<sockaddr const*>(&address), sizeOf(address)) == 0 &&
-      getsockopt(probe.get(), ipv6 ? IPPROTO_IPV6 : IPPROTO_IP, ipv6 ? IPV6_MTU : IP_MTU, &mtu, &size) == 0 &&
-      mtu > static_cast<int>(ipAndUdpHeaders)) {
-    m_Callbacks.packetSizeWanted(static_cast<unsigned>(mtu) - ipAndUdpHeaders);
-  }
 }
 
 }  // namespace kavo

@@ -25,8 +25,8 @@ class PictureGroupsock : public Groupsock {
   using Clock = std::chrono::steady_clock;
 
   struct Callbacks {
-    std::function<void()> keyPictureWanted;          // a viewer lost what the next pictures build on
-    std::function<void(unsigned)> packetSizeWanted;  // a viewer's path takes packets of this size at most
+    std::function<void()> keyPictureWanted;  // a viewer lost what the next pictures build on
+    std::function<void(sockaddr_storage const&)> pathTooNarrow;
   };
 
   PictureGroupsock(UsageEnvironment& env, sockaddr_storage const& address, Port port,
@@ -37,20 +37,26 @@ class PictureGroupsock : public Groupsock {
   void removeDestination(unsigned sessionId) override;
   Boolean output(UsageEnvironment& env, unsigned char* buffer, unsigned size) override;
 
+  // Of a picture some packets have come, and not yet the last.
+  bool isInsidePicture() const KAVO_REQUIRES(eventLoopRole) { return !m_Picture.sizes.empty(); }
+
  private:
   struct TcpDestination {
     std::shared_ptr<TcpOutput> output;
     std::uint8_t channel;
+    bool lacksBeginning;  // of the picture that is being gathered
   };
 
   void addPacket(std::span<std::uint8_t const> packet) KAVO_REQUIRES(eventLoopRole);
-  void cut(bool endsPicture) KAVO_REQUIRES(eventLoopRole);
-  void pace() KAVO_REQUIRES(eventLoopRole);
-  void notePicture() KAVO_REQUIRES(eventLoopRole);
-  void send(PacketRun const& run, bool report) KAVO_REQUIRES(eventLoopRole);
-  void sendOverTcp(PacketRun const& run, bool report) KAVO_REQUIRES(eventLoopRole);
+  void endPicture() KAVO_REQUIRES(eventLoopRole);
+  void noteInterval() KAVO_REQUIRES(eventLoopRole);
+  void cut(PacketRun picture) KAVO_REQUIRES(eventLoopRole);
+  void sendCut() KAVO_REQUIRES(eventLoopRole);
+  void sendOverUdp(PacketRun const& run) KAVO_REQUIRES(eventLoopRole);
+  void sendOverTcp(PacketRun const& picture) KAVO_REQUIRES(eventLoopRole);
+  void sendReport(std::span<std::uint8_t const> report) KAVO_REQUIRES(eventLoopRole);
+  void listAddresses() KAVO_REQUIRES(eventLoopRole);
   int socketFor(int family) KAVO_REQUIRES(eventLoopRole);
-  void askPath(sockaddr_storage const& address) KAVO_REQUIRES(eventLoopRole);
 
   int m_Family;
   Port m_Port;
@@ -62,16 +68,13 @@ class PictureGroupsock : public Groupsock {
   std::vector<sockaddr_storage> m_Addresses[2];  // of IPv4 and IPv6, for the sender
   std::map<unsigned, TcpDestination> m_TcpDestinations;
 
-  PacketRun m_Gathered;
-  bool m_InsidePicture = false;
+  PacketRun m_Picture;  // the packets that have come of it
   std::uint32_t m_Timestamp = 0;
   std::deque<PacketRun> m_Cuts;  // waiting for their time
-  TaskToken m_PaceTask = nullptr;
-  Clock::time_point m_NextCut{};
+  TaskToken m_CutTask = nullptr;
   Clock::time_point m_LastPicture{};
   std::chrono::microseconds m_Interval{40000};  // between pictures
-  std::size_t m_PictureBytes = 0;               // so far, and of the last one
-  std::size_t m_LastPictureBytes = 0;
+  std::chrono::microseconds m_Gap{};            // between the cuts of one
 };
 
 }  // namespace kavo

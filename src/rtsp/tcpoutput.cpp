@@ -53,12 +53,9 @@ void TcpOutput::close() {
   m_Waiting.clear();
 }
 
-bool TcpOutput::sendPicture(std::span<std::uint8_t const> framed, bool startsPicture, bool keyPicture) {
-  if (startsPicture) {
-    m_Skipping = !isIdle() || m_Held || (m_LacksKey && !keyPicture);
-    m_LacksKey = m_Skipping;
-  }
-  if (!m_Skipping) {
+bool TcpOutput::sendPicture(std::span<std::uint8_t const> framed, bool keyPicture) {
+  m_LacksKey = !isIdle() || m_Held || (m_LacksKey && !keyPicture);
+  if (!m_LacksKey) {
     write(framed);
   }
   return !m_LacksKey;

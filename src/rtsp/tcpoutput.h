@@ -30,9 +30,9 @@ class TcpOutput : public std::enable_shared_from_this<TcpOutput> {
   // The output of the connection on the socket, if there is one.
   static std::shared_ptr<TcpOutput> of(int socket);
 
-  // A part of a picture, framed for the wire; parts come in order. False when
-  // the viewer lacks a key picture from now on.
-  bool sendPicture(std::span<std::uint8_t const> framed, bool startsPicture, bool keyPicture);
+  // A whole picture, framed for the wire. False when the viewer lacks a key
+  // picture from now on.
+  bool sendPicture(std::span<std::uint8_t const> framed, bool keyPicture);
   // A report, framed; left out while the viewer is behind.
   void sendReport(std::span<std::uint8_t const> framed);
 
@@ -63,7 +63,6 @@ class TcpOutput : public std::enable_shared_from_this<TcpOutput> {
   std::size_t m_Sent = 0;               // of m_Waiting
   Clock::time_point m_LastProgress = Clock::now();
   bool m_Progressed = false;
-  bool m_Skipping = true;  // the picture at hand; one that came in the middle of it has not its beginning
   bool m_LacksKey = false;
   bool m_Held = false;
 };

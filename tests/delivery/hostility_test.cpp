@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <memory>
+#include <set>
 
 #include "delivery/host.h"
 #include "delivery/player.h"
@@ -52,6 +53,21 @@ TEST_F(Hostility, TransportsThatAreNotRtpAreRefused) {
   RtspClient without(m_Host.port());
   EXPECT_EQ(without.request("SETUP", url() + "/track1").status, 461);
   expectAPicture();
+}
+
+TEST_F(Hostility, AViewerWhoAsksTwiceGetsEveryPacketOnce) {
+  RtspClient viewer(m_Host.port());
+  ASSERT_TRUE(viewer.playOverUdp(url()));
+  ASSERT_EQ(viewer.request("PLAY", url()).status, 200);
+  std::set<int> sequenceNumbers;
+  for (int packets = 0; packets < 50;) {
+    auto const packet = viewer.packet();
+    ASSERT_GE(packet.channel, 0);
+    if (packet.channel == 0) {
+      ++packets;
+      EXPECT_TRUE(sequenceNumbers.insert(packet.bytes[2] * 256 + packet.bytes[3]).second);
+    }
+  }
 }
 
 TEST_F(Hostility, BothWordsForUdpAreServed) {

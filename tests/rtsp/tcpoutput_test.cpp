@@ -22,11 +22,9 @@ class TcpOutputTest : public ::testing::Test {
     m_Output = std::make_shared<TcpOutput>(m_Near.get(), [this](bool wait) { m_Waiting = wait; });
   }
 
-  // A picture of one letter, in two parts.
+  // A picture of one letter.
   bool picture(char letter, std::size_t size, bool key = true) {
-    std::vector<std::uint8_t> const half(size / 2, static_cast<std::uint8_t>(letter));
-    m_Output->sendPicture(half, true, key);
-    return m_Output->sendPicture(half, false, key);
+    return m_Output->sendPicture(std::vector<std::uint8_t>(size, static_cast<std::uint8_t>(letter)), key);
   }
 
   // Reads and lets the output go on until nothing comes any more.
@@ -77,12 +75,6 @@ TEST_F(TcpOutputTest, AfterALossOnlyAKeyPictureLetsItGoOn) {
   EXPECT_TRUE(picture('k', 10, true));
   EXPECT_TRUE(picture('e', 10, false));
   EXPECT_EQ(drain(), std::string(10, 'k') + std::string(10, 'e'));
-}
-
-TEST_F(TcpOutputTest, AViewerWhoComesInMidPictureWaitsForTheNext) {
-  m_Output->sendPicture(std::vector<std::uint8_t>(10, 'a'), false, true);
-  EXPECT_TRUE(picture('b', 10));
-  EXPECT_EQ(drain(), std::string(10, 'b'));
 }
 
 TEST_F(TcpOutputTest, HeldPicturesMakeRoomForAResponse) {
