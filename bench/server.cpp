@@ -8,6 +8,7 @@
 #include <sys/resource.h>
 #include <time.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -118,21 +119,27 @@ int main(int argc, char** argv) {
   Clock::time_point end{};
   double cpu = 0;
   int pictures = 0;
+  Clock::duration longestPush{};
   while (end == Clock::time_point{} || Clock::now() < end) {
     if (counting && end == Clock::time_point{}) {
       end = Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
       cpu = cpuSeconds();
       pictures = 0;
+      longestPush = {};
     }
     stamp(image);
+    auto const pushed = Clock::now();
     server->push(image);
+    longestPush = std::max(longestPush, Clock::now() - pushed);
     ++pictures;
     due += interval;
     std::this_thread::sleep_until(due);
   }
-  std::printf("{\"cpu\": %.4f, \"pictures\": %d, \"kilobytes\": %ld, \"image\": %zu}\n", cpuSeconds() - cpu, pictures,
-              residentKilobytes(), image.size());
+  std::printf("{\"cpu\": %.4f, \"pictures\": %d, \"kilobytes\": %ld, \"image\": %zu, \"push\": %.3f}\n",
+              cpuSeconds() - cpu, pictures, residentKilobytes(), image.size(),
+              std::chrono::duration<double, std::milli>(longestPush).count());
   std::fflush(stdout);
   waiter.join();
-  std::_Exit(0);  // the viewers are still there
+  std::getchar();  // until the viewers have counted too
+  std::_Exit(0);
 }

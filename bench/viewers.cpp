@@ -1,8 +1,10 @@
-// bench_viewers PORT STREAMS VIEWERS tcp|udp SECONDS
+// bench_viewers PORT STREAMS VIEWERS tcp|udp SECONDS [CRAWL]
 //
 // Joins as many viewers, spread over the streams, prints a line when all play,
 // counts for SECONDS what arrives, and prints it as JSON: whole pictures, lost
 // packets, and the time from handing a picture over to its last packet here.
+// With CRAWL, two more watch over TCP and are not counted: one that reads
+// nothing, and one that reads as many bytes a second.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -80,6 +82,12 @@ class Viewer {
   Viewer& operator=(Viewer const&) = delete;
 
   int mediaSocket() const { return m_Tcp ? m_Rtsp : m_Rtp; }
+
+  // Reads a little, and forgets it.
+  void crawl(std::size_t bytes) {
+    std::vector<char> block(bytes);
+    (void)!recv(m_Rtsp, block.data(), block.size(), MSG_DONTWAIT);
+  }
 
   // Reads all that is there.
   void read() {
@@ -235,6 +243,13 @@ class Crowd {
     m_Viewers.push_back(std::move(viewer));
   }
 
+  void addSlow(std::unique_ptr<Viewer> stalled, std::unique_ptr<Viewer> crawling, double bytesPerSecond) {
+    m_Stalled = std::move(stalled);
+    m_Crawling = std::move(crawling);
+    m_CrawlRate = bytesPerSecond;
+    m_LastCrawl = nanoseconds();
+  }
+
   void readFor(std::int64_t duration) {
     auto const end = nanoseconds() + duration;
     while (nanoseconds() < end) {
@@ -243,14 +258,27 @@ class Crowd {
       for (int i = 0; i < count; ++i) {
         static_cast<Viewer*>(events[i].data.ptr)->read();
       }
+      crawl();
     }
   }
 
   std::vector<std::unique_ptr<Viewer>> const& viewers() const { return m_Viewers; }
 
  private:
+  void crawl() {
+    constexpr std::int64_t step = 10000000;
+    if (m_Crawling != nullptr && nanoseconds() - m_LastCrawl >= step) {
+      m_Crawling->crawl(static_cast<std::size_t>(m_CrawlRate * 1e-9 * step));
+      m_LastCrawl += step;
+    }
+  }
+
   int m_Epoll;
   std::vector<std::unique_ptr<Viewer>> m_Viewers;
+  std::unique_ptr<Viewer> m_Stalled;
+  std::unique_ptr<Viewer> m_Crawling;
+  double m_CrawlRate = 0;
+  std::int64_t m_LastCrawl = 0;
 };
 
 double percentile(std::vector<double>& values, double fraction) {
@@ -265,8 +293,8 @@ double percentile(std::vector<double>& values, double fraction) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 6) {
-    std::fprintf(stderr, "usage: bench_viewers PORT STREAMS VIEWERS tcp|udp SECONDS\n");
+  if (argc != 6 && argc != 7) {
+    std::fprintf(stderr, "usage: bench_viewers PORT STREAMS VIEWERS tcp|udp SECONDS [CRAWL]\n");
     return 2;
   }
   rlimit limit{};
@@ -289,16 +317,23 @@ int main(int argc, char** argv) {
        ++i) {
     crowd.readFor(100000000);
   }
-  crowd.readFor(500000000);
+  Counts uncounted;
+  if (argc == 7) {
+    crowd.addSlow(std::make_unique<Viewer>(port, 0, true, uncounted),
+                  std::make_unique<Viewer>(port, 0, true, uncounted), std::atof(argv[6]));
+  }
+  crowd.readFor(argc == 7 ? 3000000000 : 500000000);  // until their buffers are full
   for (auto const& viewer : crowd.viewers()) {
     viewer->startCounting();
   }
   std::printf("playing\n");
   std::fflush(stdout);
   crowd.readFor(static_cast<std::int64_t>(std::atof(argv[5]) * 1e9));
-  std::printf("{\"pictures\": %ld, \"damaged\": %ld, \"lost\": %ld, \"p50\": %.1f, \"p99\": %.1f, \"join\": %.2f}\n",
-              counts.pictures, counts.damaged, counts.lost, percentile(counts.latencies, 0.5),
-              percentile(counts.latencies, 0.99), percentile(counts.joins, 0.5));
+  std::printf(
+      "{\"pictures\": %ld, \"damaged\": %ld, \"lost\": %ld, \"p50\": %.1f, \"p99\": %.1f, \"worst\": %.1f, "
+      "\"join\": %.2f}\n",
+      counts.pictures, counts.damaged, counts.lost, percentile(counts.latencies, 0.5),
+      percentile(counts.latencies, 0.99), percentile(counts.latencies, 1), percentile(counts.joins, 0.5));
   std::fflush(stdout);
   std::_Exit(0);
 }
