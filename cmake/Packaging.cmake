@@ -7,6 +7,8 @@ install(TARGETS kavo_stream EXPORT kavo_streamTargets
 install(FILES include/kavo_stream.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
 install(DIRECTORY include/kavo DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
 install(TARGETS kavo-publish RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+install(FILES tools/kavo-publish/completion.bash RENAME kavo-publish
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tools)
 install(FILES docs/kavo-publish.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
 
 set(KAVO_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/kavo_stream)

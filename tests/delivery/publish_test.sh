@@ -25,7 +25,10 @@ refused 2 'from 1 to 65535' --port 70000
 refused 2 'WIDTHxHEIGHT' --size 640
 refused 2 'such as 800k' --bitrate fast
 refused 2 '1 to 19 characters' --name this-name-is-far-too-long
-refused 2 'more than one input' a b
+refused 2 'once for each input' --name a x y
+refused 2 "two inputs have the name 'a'" --name a --name a x y
+refused 2 'not .a"b.' --name 'a"b'
+refused 1 "no camera has 'nobody'" camera:nobody
 refused 1 'nearest to --size 642x480 is 640x480' --codec jpeg --size 642x480
 refused 1 'nearest to --size 641x480 is 640x480' --codec h264 --size 641x480
 refused 2 'takes h264 or jpeg' --codec h265
@@ -41,7 +44,7 @@ start() {
     "$publish" --port "$port" "$@" >"$work/out" 2>"$work/err" &
     pid=$!
     while kill -0 "$pid" 2>/dev/null; do
-      grep -q 'Ctrl-C' "$work/out" && return
+      grep -qE 'Ctrl-C|"url"' "$work/out" && return
       sleep 0.05
     done
     grep -q 'cannot serve on port' "$work/err" || die "$(cat "$work/err")"
@@ -52,7 +55,7 @@ start() {
 stop() {
   kill -INT "$pid"
   wait "$pid" || die "did not end cleanly: $(cat "$work/err")"
-  grep -q 'frames submitted' "$work/out" || die "no status"
+  grep -qE 'frames submitted|"offered"' "$work/out" || die "no status"
 }
 
 # pixel FILE: the colour in the middle of its picture, as hex.
@@ -75,6 +78,23 @@ stop
 [ -f "$work/seen40.png" ] || die "the file did not start again"
 green "$work/seen1.png"
 
+# Two inputs at once are two streams, and JSON tells of each.
+ffmpeg -v error -f lavfi -i color=c=0x0000c0:size=160x120:rate=25 -t 1 -pix_fmt yuv420p "$work/blue.mp4"
+refused 1 'missing.mp4' "$work/green.mp4" "$work/missing.mp4"
+start --json --codec jpeg --loop --name green --name blue "$work/green.mp4" "$work/blue.mp4"
+ffmpeg -v error -rtsp_transport tcp -i "rtsp://127.0.0.1:$port/green" -frames:v 30 -y "$work/two%d.png"
+stop
+green "$work/two30.png"
+python3 - "$work/out" <<'EOF' || die "$(cat "$work/out")"
+import json, sys
+lines = [json.loads(line) for line in open(sys.argv[1])]
+assert [line["stream"] for line in lines[:2]] == ["green", "blue"], "introduction"
+assert lines[1]["width"] == 160 and lines[1]["codec"] == "jpeg" and lines[1]["url"].endswith("/blue")
+green, blue = lines[-2:]
+assert green["encoded"] >= 30 and green["offered"] == green["encoded"] + green["dropped"], "watched"
+assert blue["encoded"] == 0 and blue["dropped"] == blue["offered"] > 0, "not watched"
+EOF
+
 # Without OpenH264 it says so, and publishes JPEG.
 mkdir "$work/without"
 : >"$work/without/libopenh264.so"
@@ -91,4 +111,11 @@ ffmpeg -v error -rtsp_transport tcp -i "rtsp://127.0.0.1:$port/kavo" -frames:v 2
 stop
 cmp -s "$work/moving1.png" "$work/moving2.png" && die "the test picture stands still"
 "$publish" --port "$port" --duration 0.3 --size 64x64 >"$work/out" || die "no end after --duration"
+# What a terminal completes.
+completed=$(bash -c '. "$1"; COMP_WORDS=(kavo-publish --l); COMP_CWORD=1; _kavo_publish; echo "${COMPREPLY[*]}"' - "$2")
+[ "$completed" = "--loop --list-formats" ] || die "completed to: $completed"
+for option in $("$publish" --help | grep -o -- '^  --[a-z-]*'); do
+  grep -q -- "$option" "$2" || die "$option is not completed"
+done
+"$publish" --list-formats | grep -q 'JPEG *16x16 to 2040x2040, in steps of 8' || die "no formats"
 echo passed

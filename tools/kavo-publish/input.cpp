@@ -3,7 +3,7 @@
 #include <cmath>
 #include <utility>
 
-#include "kavo_stream.h"
+#include "cameras.h"
 
 extern "C" {
 #include <libavdevice/avdevice.h>
@@ -13,11 +13,12 @@ extern "C" {
 namespace {
 
 // The layouts that the library takes as they are.
-constexpr std::pair<AVPixelFormat, std::int32_t> hostFormats[] = {
-    {AV_PIX_FMT_YUV420P, KV_YUV420P},   {AV_PIX_FMT_YUVJ420P, KV_YUVJ420P}, {AV_PIX_FMT_YUV422P, KV_YUV422P},
-    {AV_PIX_FMT_YUVJ422P, KV_YUVJ422P}, {AV_PIX_FMT_RGB24, KV_RGB24},       {AV_PIX_FMT_BGR24, KV_BGR24},
-    {AV_PIX_FMT_ARGB, KV_ARGB},         {AV_PIX_FMT_RGBA, KV_RGBA},         {AV_PIX_FMT_ABGR, KV_ABGR},
-    {AV_PIX_FMT_BGRA, KV_BGRA},
+constexpr std::pair<AVPixelFormat, kavo::PixelFormat> hostFormats[] = {
+    {AV_PIX_FMT_YUV420P, kavo::PixelFormat::Yuv420p}, {AV_PIX_FMT_YUVJ420P, kavo::PixelFormat::Yuvj420p},
+    {AV_PIX_FMT_YUV422P, kavo::PixelFormat::Yuv422p}, {AV_PIX_FMT_YUVJ422P, kavo::PixelFormat::Yuvj422p},
+    {AV_PIX_FMT_RGB24, kavo::PixelFormat::Rgb24},     {AV_PIX_FMT_BGR24, kavo::PixelFormat::Bgr24},
+    {AV_PIX_FMT_ARGB, kavo::PixelFormat::Argb},       {AV_PIX_FMT_RGBA, kavo::PixelFormat::Rgba},
+    {AV_PIX_FMT_ABGR, kavo::PixelFormat::Abgr},       {AV_PIX_FMT_BGRA, kavo::PixelFormat::Bgra},
 };
 
 std::string reason(int error) {
@@ -30,13 +31,12 @@ int interrupted(void* stop) { return static_cast<std::atomic<bool> const*>(stop)
 
 }  // namespace
 
-Input::Input(Options const& options, std::atomic<bool> const& stop)
+Input::Input(std::string const& source, Options const& options, std::atomic<bool> const& stop)
     : m_Stop(stop), m_Loop(options.loop), m_Frame(av_frame_alloc()), m_Packet(av_packet_alloc()) {
   av_log_set_level(AV_LOG_QUIET);
   avdevice_register_all();
-  open(options);
-  std::string const name = options.input.empty() ? "the test picture" : "'" + options.input + "'";
-  openDecoder(name);
+  open(source, options);
+  openDecoder(source.empty() ? "the test picture" : "'" + source + "'");
   AVRational const rate = av_guess_frame_rate(m_Format.get(), m_Format->streams[m_Stream], nullptr);
   double const framesPerSecond = rate.num > 0 && rate.den > 0 ? av_q2d(rate) : 0;
   m_FrameRate = framesPerSecond >= 1 && framesPerSecond <= 240 ? static_cast<int>(std::lround(framesPerSecond))
@@ -44,8 +44,8 @@ Input::Input(Options const& options, std::atomic<bool> const& stop)
   choosePixelFormat();
 }
 
-void Input::open(Options const& options) {
-  std::string url = options.input;
+void Input::open(std::string const& source, Options const& options) {
+  std::string url = deviceOf(source);
   AVInputFormat const* format = nullptr;
   if (url.empty()) {
     format = av_find_input_format("lavfi");
@@ -59,7 +59,8 @@ void Input::open(Options const& options) {
   context->interrupt_callback = {interrupted, const_cast<std::atomic<bool>*>(&m_Stop)};
   int const opened = avformat_open_input(&context, url.c_str(), format, nullptr);
   if (opened < 0) {  // the context is freed then
-    throw Failure("cannot open '" + (options.input.empty() ? url : options.input) + "': " + reason(opened));
+    throw Failure("cannot open '" + (source.empty() ? url : source) + "': " + reason(opened) +
+                  "; give a video file, a camera or a URL");
   }
   m_Format.reset(context);
 }
@@ -81,7 +82,7 @@ void Input::openDecoder(std::string const& name) {
 
 void Input::choosePixelFormat() {
   m_PixelFormat = AV_PIX_FMT_YUV420P;
-  m_HostFormat = KV_YUV420P;
+  m_HostFormat = kavo::PixelFormat::Yuv420p;
   for (auto const& [format, number] : hostFormats) {
     if (format == m_Decoder->pix_fmt) {
       m_PixelFormat = format;

@@ -18,11 +18,11 @@ extern "C" {
 class Input {
  public:
   // Opens the input; reading from it ends when stop becomes true. Throws Failure.
-  Input(Options const& options, std::atomic<bool> const& stop);
+  Input(std::string const& source, Options const& options, std::atomic<bool> const& stop);
 
   Size size() const { return {m_Decoder->width, m_Decoder->height}; }
   int frameRate() const { return m_FrameRate; }
-  std::int32_t pixelFormat() const { return m_HostFormat; }
+  kavo::PixelFormat pixelFormat() const { return m_HostFormat; }
 
   // The next frame, tightly packed, valid until the next call; nothing at the end.
   std::optional<std::vector<std::uint8_t> const*> next();
@@ -41,7 +41,7 @@ class Input {
     void operator()(SwsContext* scaler) const { sws_freeContext(scaler); }
   };
 
-  void open(Options const& options);
+  void open(std::string const& source, Options const& options);
   void openDecoder(std::string const& name);
   void choosePixelFormat();
   bool decode();
@@ -59,7 +59,7 @@ class Input {
   int m_Stream = -1;
   int m_FrameRate = 0;
   AVPixelFormat m_PixelFormat = AV_PIX_FMT_NONE;
-  std::int32_t m_HostFormat = 0;
+  kavo::PixelFormat m_HostFormat = kavo::PixelFormat::Yuv420p;
   std::vector<std::uint8_t> m_Packed;
   double m_Time = -1;
   std::optional<double> m_TimeOffset;  // from the input's clock to ours

@@ -2,9 +2,11 @@
 #pragma once
 
 #include <cstdint>
+#include <kavo/stream.hpp>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 struct Size {
   int width;
@@ -12,15 +14,19 @@ struct Size {
 };
 
 struct Options {
-  std::string input;                  // empty: the test picture
-  std::optional<std::int32_t> codec;  // without one, H.264 where OpenH264 is, else JPEG
-  std::optional<Size> size;           // of the published picture; without one, the input's
-  int frameRate = 25;                 // of the test picture and of inputs that do not tell theirs
+  struct Input {
+    std::string source;  // empty: the test picture
+    std::string name;    // of its session
+  };
+  std::vector<Input> inputs;         // at least one
+  std::optional<kavo::Codec> codec;  // without one, H.264 where OpenH264 is, else JPEG
+  std::optional<Size> size;          // of the published picture; without one, the input's
+  int frameRate = 25;                // of the test picture and of inputs that do not tell theirs
   std::optional<std::int64_t> bitsPerSecond;
-  std::uint32_t port = 8554;
-  std::string name = "kavo";
+  std::uint16_t port = 8554;
   bool loop = false;
   std::optional<double> seconds;  // end after this time
+  bool json = false;
 };
 
 // What is wrong and what to do, in one line.
@@ -30,5 +36,5 @@ struct Failure : std::runtime_error {
   int exitCode;
 };
 
-// Nothing when only help was asked for (and printed). Throws Failure.
+// Nothing when only help or a list was asked for (and printed). Throws Failure.
 std::optional<Options> readOptions(int argc, char** argv);

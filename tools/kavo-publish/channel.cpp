@@ -1,0 +1,147 @@
+#include "channel.h"
+
+#include <time.h>
+
+#include <algorithm>
+#include <chrono>
+#include <utility>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Seconds = std::chrono::duration<double>;
+
+// The library does not tell whether it encoded a frame. One that nobody waits for
+// costs its thread some microseconds at most, with cold caches; a small picture 50.
+constexpr long encodedNanoseconds = 20000;
+
+long threadNanoseconds() {
+  timespec now{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+  return now.tv_sec * 1000000000L + now.tv_nsec;
+}
+
+void waitUntil(Clock::time_point due, std::atomic<bool> const& stop) {
+  while (!stop && Clock::now() < due) {
+    std::this_thread::sleep_until(std::min(due, Clock::now() + std::chrono::milliseconds(100)));
+  }
+}
+
+}  // namespace
+
+Channel::Channel(kavo::Server& server, Options const& options, Options::Input const& input, std::atomic<bool>& stop,
+                 std::function<void(std::string const&)> const& note)
+    : m_Name(input.name),
+      m_Source(input.source),
+      m_Stop(stop),
+      m_Input(input.source, options, stop),
+      m_Session(server.createSession(input.name, input.name)) {
+  createStream(options, note);
+}
+
+Channel::~Channel() {
+  if (m_Thread.joinable()) {
+    m_Thread.join();
+  }
+}
+
+kavo::VideoOptions Channel::videoFor(CodecInfo const& codec, Options const& options) const {
+  Size const wanted = options.size.value_or(m_Input.size());
+  Size const nearest = nearestSize(codec, wanted);
+  if (options.size && textOf(nearest) != textOf(wanted)) {
+    throw Failure(std::string(codec.name) + " takes sizes from 16x16 to " + textOf(codec.largest) + " in steps of " +
+                  std::to_string(codec.step) + ": the nearest to --size " + textOf(wanted) + " is " + textOf(nearest));
+  }
+  kavo::VideoOptions video;
+  video.width = m_Input.size().width;
+  video.height = m_Input.size().height;
+  video.format = m_Input.pixelFormat();
+  video.codec = codec.codec;
+  video.outputWidth = nearest.width;
+  video.outputHeight = nearest.height;
+  video.frameRate = m_Input.frameRate();
+  video.bitsPerSecond = options.bitsPerSecond.value_or(
+      static_cast<std::int64_t>(codec.bitsPerPixel * nearest.width * nearest.height * video.frameRate));
+  return video;
+}
+
+// The codec asked for, or the first that works here.
+void Channel::createStream(Options const& options, std::function<void(std::string const&)> const& note) {
+  for (CodecInfo const& codec : codecs()) {
+    if (options.codec && *options.codec != codec.codec) {
+      continue;
+    }
+    m_Codec = &codec;
+    m_Video = videoFor(codec, options);
+    try {
+      m_Stream = std::make_unique<kavo::Stream>(m_Session.createStream(m_Video));
+      return;
+    } catch (kavo::Error const& error) {
+      bool const h264 = codec.codec == kavo::Codec::H264;
+      if (options.codec || !h264 || error.result() != KV_CODEC_FAILURE) {
+        throw Failure("cannot encode " + std::string(codec.name) + " (result " + std::to_string(error.result()) +
+                      "): " +
+                      (h264 ? "install OpenH264 (on Debian: libopenh264-dev), or use --codec jpeg"
+                            : "choose another --size or --bitrate"));
+      }
+      note("OpenH264 is not installed (on Debian: libopenh264-dev), so " + m_Name + " is JPEG");
+    }
+  }
+}
+
+void Channel::start() {
+  m_Running = true;
+  m_Thread = std::thread([this] {
+    try {
+      run();
+    } catch (...) {
+      m_Failure = std::current_exception();
+      m_Stop = true;
+    }
+    m_Running = false;
+  });
+}
+
+void Channel::rethrow() const {
+  if (m_Failure) {
+    std::rethrow_exception(m_Failure);
+  }
+}
+
+void Channel::run() {
+  auto start = Clock::now();
+  while (!m_Stop) {
+    auto const frame = m_Input.next();
+    if (!frame) {
+      break;
+    }
+    auto const due = start + std::chrono::duration_cast<Clock::duration>(Seconds(m_Input.time()));
+    waitUntil(due, m_Stop);
+    // An input that fell behind is not hurried to catch up.
+    if (Clock::now() - due > std::chrono::milliseconds(500)) {
+      start += Clock::now() - due;
+    }
+    submit(**frame);
+  }
+}
+
+void Channel::submit(std::vector<std::uint8_t> const& frame) {
+  long const cpu = threadNanoseconds();
+  auto const before = Clock::now();
+  m_Stream->submit(frame.data(), frame.size());
+  ++m_Offered;
+  if (threadNanoseconds() - cpu > encodedNanoseconds) {
+    m_Nanoseconds += std::chrono::nanoseconds(Clock::now() - before).count();
+    ++m_Encoded;
+  }
+}
+
+Channel::Figures Channel::takeFigures() {
+  Figures figures;
+  figures.offered = m_Offered;
+  figures.encoded = m_Encoded;
+  long const lately = figures.encoded - std::exchange(m_EncodedBefore, figures.encoded);
+  auto const nanoseconds = static_cast<double>(m_Nanoseconds.exchange(0));
+  figures.millisecondsPerFrame = lately > 0 ? nanoseconds / 1e6 / static_cast<double>(lately) : 0;
+  return figures;
+}

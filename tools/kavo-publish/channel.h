@@ -1,0 +1,71 @@
+// One input and the stream it is published as, on a thread of its own.
+#pragma once
+
+#include <atomic>
+#include <exception>
+#include <functional>
+#include <kavo/stream.hpp>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "formats.h"
+#include "input.h"
+#include "options.h"
+
+class Channel {
+ public:
+  // Since the last time they were taken, except for the totals.
+  struct Figures {
+    long offered = 0;                 // frames, in all
+    long encoded = 0;                 // of them; the others found nobody waiting
+    double millisecondsPerFrame = 0;  // of those that were encoded lately
+  };
+
+  // Opens the input and creates its session and stream; note gets remarks. Throws Failure.
+  Channel(kavo::Server& server, Options const& options, Options::Input const& input, std::atomic<bool>& stop,
+          std::function<void(std::string const&)> const& note);
+  // Ends the thread; set stop before.
+  ~Channel();
+  Channel(Channel const&) = delete;
+  Channel& operator=(Channel const&) = delete;
+
+  // Submits frames when they are due, until the input ends or stop becomes true;
+  // sets stop if something fails.
+  void start();
+  bool isRunning() const { return m_Running; }
+  // Throws what the thread failed with, if it did. After it has ended.
+  void rethrow() const;
+
+  std::string const& name() const { return m_Name; }
+  std::string const& source() const { return m_Source; }
+  std::string url() const { return m_Session.url(); }
+  CodecInfo const& codec() const { return *m_Codec; }
+  Size size() const { return {m_Video.outputWidth, m_Video.outputHeight}; }
+  int frameRate() const { return m_Video.frameRate; }
+  std::int64_t bitsPerSecond() const { return m_Video.bitsPerSecond; }
+  Figures takeFigures();
+
+ private:
+  kavo::VideoOptions videoFor(CodecInfo const& codec, Options const& options) const;
+  void createStream(Options const& options, std::function<void(std::string const&)> const& note);
+  void run();
+  void submit(std::vector<std::uint8_t> const& frame);
+
+  std::string m_Name;
+  std::string m_Source;
+  std::atomic<bool>& m_Stop;
+  Input m_Input;
+  kavo::Session m_Session;
+  kavo::VideoOptions m_Video;
+  CodecInfo const* m_Codec = nullptr;
+  std::unique_ptr<kavo::Stream> m_Stream;
+
+  std::atomic<long> m_Offered = 0;
+  std::atomic<long> m_Encoded = 0;
+  std::atomic<long> m_Nanoseconds = 0;  // that encoding took
+  long m_EncodedBefore = 0;             // when figures were last taken
+  std::exception_ptr m_Failure;
+  std::atomic<bool> m_Running = false;
+  std::thread m_Thread;
+};

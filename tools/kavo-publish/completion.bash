@@ -1,0 +1,18 @@
+# Completion of kavo-publish for bash.
+_kavo_publish() {
+  local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
+  COMPREPLY=()
+  case $previous in
+    --codec) mapfile -t COMPREPLY < <(compgen -W "h264 jpeg" -- "$current") ;;
+    --size | --fps | --bitrate | --port | --name | --duration) ;;
+    *)
+      if [[ $current == -* ]]; then
+        mapfile -t COMPREPLY < <(compgen -W "--codec --size --fps --bitrate --port --name --loop --duration --json
+          --list-formats --help" -- "$current")
+      else
+        mapfile -t COMPREPLY < <(compgen -f -- "$current")
+      fi
+      ;;
+  esac
+}
+complete -o filenames -F _kavo_publish kavo-publish

@@ -1,0 +1,27 @@
+// The codecs that can be published, and their sizes.
+#pragma once
+
+#include <kavo/stream.hpp>
+#include <span>
+#include <string>
+
+#include "options.h"
+
+struct CodecInfo {
+  kavo::Codec codec;
+  char const* name;
+  Size largest;
+  int step;               // sizes are multiples of it
+  double bitsPerPixel;    // of each picture, without --bitrate
+  char const* gstreamer;  // the elements that decode it
+};
+
+// In the order in which they are tried.
+std::span<CodecInfo const> codecs();
+
+std::string textOf(Size size);
+
+// The nearest size that the codec takes, in the same shape.
+Size nearestSize(CodecInfo const& codec, Size size);
+
+void printFormats();
