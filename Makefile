@@ -1,6 +1,6 @@
 # The everyday commands. Each sets up what it needs (see scripts/run).
 .DEFAULT_GOAL := help
-.PHONY: help package package-check docs bench build demo test fuzz format lint shell clean
+.PHONY: help package package-check scale-out-check docs bench build demo test fuzz format lint shell clean
 
 RUN := scripts/run
 PRESET ?= release
@@ -20,7 +20,7 @@ test: ## build and run all tests: release, asan+ubsan, tsan, fuzz
 fuzz: ## run the fuzz drivers for long (SECONDS=600)
 	@$(RUN) sh -c 'cmake --preset fuzz -DKAVO_FUZZ_SECONDS=$(or $(SECONDS),600) >/dev/null && cmake --build --preset fuzz && ctest --test-dir build/fuzz --output-on-failure --timeout 100000; cmake --preset fuzz -UKAVO_FUZZ_SECONDS >/dev/null'
 
-bench: ## measure: ours beside live555 as it comes and gst-rtsp-server (TABLES="submit latency cpu memory")
+bench: ## measure: ours beside live555 as it comes and gst-rtsp-server (TABLES="cpu slow", all of them take 20 minutes)
 	@$(RUN) sh -c 'cmake --preset bench >/dev/null && cmake --build --preset bench >/dev/null && scripts/bench $(TABLES)'
 
 format: ## bring the sources into shape with clang-format
@@ -34,6 +34,9 @@ package: ## make Debian packages and a relocatable archive in build/packages
 
 package-check: package ## install them into fresh roots, build and run hosts there
 	@scripts/check-packages
+
+scale-out-check: package ## try docs/scale-out.md in a fresh root: HLS in a headless Chromium
+	@scripts/check-scale-out
 
 docs: ## make the API reference in build/docs (Doxygen)
 	@$(RUN) sh -c 'mkdir -p build && doxygen docs/Doxyfile'

@@ -1,0 +1,34 @@
+# Sourced by the checks that install what 'make package' made into fresh Debian 13
+# roots. They put what goes along, and the program "inside", into $work.
+# shellcheck shell=bash
+
+[ -d "$project/build/packages" ] || fail "there are no packages: run 'make package' first"
+"$scripts/make-root" >/dev/null # brings mmdebstrap and bubblewrap
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+mkdir "$work/sources"
+debian_sources "$(debian_mirror)" >"$work/sources/debian.sources"
+live555_preferences >"$work/sources/live555"
+cp -r "$project/build/packages" "$work/packages"
+
+# fresh NAME PACKAGES: a root with these packages and everything of $work in
+# /root. There "inside prepare NAME" runs while it is made, and then "inside
+# check NAME"; what that leaves in /tmp/results is in $work/results.
+fresh() {
+  local root=$work.$1
+  say "making a fresh root for $1"
+  mkdir -p "$work/results"
+  chmod -R a+rX "$work"
+  mkdir "$root"
+  # shellcheck disable=SC2064  # the root's name as it is now
+  trap "rm -rf '$work' '$root'" EXIT
+  mmdebstrap --quiet --variant=apt --include="$2" \
+    --setup-hook="mkdir -p \"\$1/etc/apt/preferences.d\" && cp '$work/sources/live555' \"\$1/etc/apt/preferences.d/live555\"" \
+    --customize-hook="cp -r '$work'/* \"\$1/root/\"" \
+    --customize-hook="chroot \"\$1\" /root/inside prepare $1" \
+    trixie - "$work/sources/debian.sources" </dev/null |
+    tar -x -C "$root" --exclude='./dev/*' --no-same-owner
+  bwrap --die-with-parent --bind "$root" / --proc /proc --dev /dev --tmpfs /tmp --bind "$work/results" /tmp/results \
+    --setenv PATH /usr/sbin:/usr/bin:/sbin:/bin --setenv HOME /root --chdir /root /root/inside check "$1"
+  rm -rf "$root"
+}
