@@ -35,7 +35,7 @@ package: ## make Debian packages and a relocatable archive in build/packages
 package-check: package ## install them into fresh roots, build and run hosts there
 	@scripts/check-packages
 
-scale-out-check: package ## try docs/scale-out.md in a fresh root: HLS in a headless Chromium
+scale-out-check: package ## try docs/scale-out.md in a fresh root: HLS and WebRTC in Chromium
 	@scripts/check-scale-out
 
 docs: ## make the API reference in build/docs (Doxygen)

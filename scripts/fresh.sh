@@ -13,7 +13,8 @@ cp -r "$project/build/packages" "$work/packages"
 
 # fresh NAME PACKAGES: a root with these packages and everything of $work in
 # /root. There "inside prepare NAME" runs while it is made, and then "inside
-# check NAME"; what that leaves in /tmp/results is in $work/results.
+# check NAME" on a network of its own; what that leaves in /tmp/results is in
+# $work/results.
 fresh() {
   local root=$work.$1
   say "making a fresh root for $1"
@@ -28,7 +29,7 @@ fresh() {
     --customize-hook="chroot \"\$1\" /root/inside prepare $1" \
     trixie - "$work/sources/debian.sources" </dev/null |
     tar -x -C "$root" --exclude='./dev/*' --no-same-owner
-  bwrap --die-with-parent --bind "$root" / --proc /proc --dev /dev --tmpfs /tmp --bind "$work/results" /tmp/results \
-    --setenv PATH /usr/sbin:/usr/bin:/sbin:/bin --setenv HOME /root --chdir /root /root/inside check "$1"
+  bwrap --die-with-parent --unshare-net --cap-add CAP_NET_ADMIN --bind "$root" / --proc /proc --dev /dev --tmpfs /tmp \
+    --bind "$work/results" /tmp/results --setenv PATH /usr/sbin:/usr/bin:/sbin:/bin --setenv HOME /root --chdir /root /root/inside check "$1"
   rm -rf "$root"
 }
