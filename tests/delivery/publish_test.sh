@@ -9,11 +9,14 @@ die() {
   exit 1
 }
 
+# For those that get as far as serving.
+free=$(python3 -c 'import socket; s = socket.socket(socket.AF_INET6); s.bind(("::", 0)); print(s.getsockname()[1])')
+
 # refused STATUS TEXT ARGUMENT...: one line with the text, and the exit status.
 refused() {
   local status=$1 text=$2 got=0
   shift 2
-  "$publish" "$@" >"$work/out" 2>"$work/err" || got=$?
+  "$publish" --port "$free" "$@" >"$work/out" 2>"$work/err" || got=$?
   [ "$got" = "$status" ] || die "$* ended with $got: $(cat "$work/err")"
   [ "$(wc -l <"$work/err")" = 1 ] || die "$* did not say one line: $(cat "$work/err")"
   grep -q -- "$text" "$work/err" || die "$* said: $(cat "$work/err")"
@@ -79,20 +82,20 @@ stop
 green "$work/seen1.png"
 
 # Two inputs at once are two streams, and JSON tells of each.
-ffmpeg -v error -f lavfi -i color=c=0x0000c0:size=160x120:rate=25 -t 1 -pix_fmt yuv420p "$work/blue.mp4"
+ffmpeg -v error -f lavfi -i testsrc=size=1280x720:rate=25 -t 1 -pix_fmt yuv420p "$work/large.mp4"
 refused 1 'missing.mp4' "$work/green.mp4" "$work/missing.mp4"
-start --json --codec jpeg --loop --name green --name blue "$work/green.mp4" "$work/blue.mp4"
+start --json --codec jpeg --loop --name green --name large "$work/green.mp4" "$work/large.mp4"
 ffmpeg -v error -rtsp_transport tcp -i "rtsp://127.0.0.1:$port/green" -frames:v 30 -y "$work/two%d.png"
 stop
 green "$work/two30.png"
 python3 - "$work/out" <<'EOF' || die "$(cat "$work/out")"
 import json, sys
 lines = [json.loads(line) for line in open(sys.argv[1])]
-assert [line["stream"] for line in lines[:2]] == ["green", "blue"], "introduction"
-assert lines[1]["width"] == 160 and lines[1]["codec"] == "jpeg" and lines[1]["url"].endswith("/blue")
-green, blue = lines[-2:]
+assert [line["stream"] for line in lines[:2]] == ["green", "large"], "introduction"
+assert lines[1]["width"] == 1280 and lines[1]["codec"] == "jpeg" and lines[1]["url"].endswith("/large")
+green, large = lines[-2:]
 assert green["encoded"] >= 30 and green["offered"] == green["encoded"] + green["dropped"], "watched"
-assert blue["encoded"] == 0 and blue["dropped"] == blue["offered"] > 0, "not watched"
+assert large["encoded"] == 0 and large["dropped"] == large["offered"] > 0, "not watched"
 EOF
 
 # Without OpenH264 it says so, and publishes JPEG.

@@ -11,9 +11,10 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Seconds = std::chrono::duration<double>;
 
-// The library does not tell whether it encoded a frame. One that nobody waits for
-// costs its thread some microseconds at most, with cold caches; a small picture 50.
-constexpr long encodedNanoseconds = 20000;
+// The library does not tell whether it encoded a frame. It did if the call took
+// its thread this long: one that nobody waits for takes a few microseconds, with
+// cold caches, and the fastest encoder several times more for its picture.
+long encodedNanoseconds(Size size) { return std::max(20000L, size.width * long{size.height} / 2); }
 
 long threadNanoseconds() {
   timespec now{};
@@ -130,7 +131,7 @@ void Channel::submit(std::vector<std::uint8_t> const& frame) {
   auto const before = Clock::now();
   m_Stream->submit(frame.data(), frame.size());
   ++m_Offered;
-  if (threadNanoseconds() - cpu > encodedNanoseconds) {
+  if (threadNanoseconds() - cpu > encodedNanoseconds(size())) {
     m_Nanoseconds += std::chrono::nanoseconds(Clock::now() - before).count();
     ++m_Encoded;
   }
