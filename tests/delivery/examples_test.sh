@@ -12,6 +12,7 @@ trap 'rm -rf "$work"' EXIT
 watched() {
   local name=$1 port=$2
   shift 2
+  : >"$work/out"  # what the last one said
   "$@" >"$work/out" 2>"$work/err" &
   local pid=$!
   for _ in $(seq 400); do

@@ -52,6 +52,7 @@ whole() {
 watch() {
   local players=$1
   shift
+  : >"$work/out"  # what the last one said
   "$publish" "$@" >"$work/out" 2>&1 &
   local pid=$! near=
   until grep -q Ctrl-C "$work/out"; do

@@ -44,6 +44,7 @@ refused 1 'text.txt' "$work/text.txt"
 start() {
   for _ in 1 2 3 4 5; do
     port=$((20000 + RANDOM % 20000))
+    : >"$work/out"  # what the last one said
     "$publish" --port "$port" "$@" >"$work/out" 2>"$work/err" &
     pid=$!
     while kill -0 "$pid" 2>/dev/null; do
