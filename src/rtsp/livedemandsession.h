@@ -69,8 +69,8 @@ class LiveDemandSession : public OnDemandServerMediaSubsession {
   std::shared_ptr<FrameSourceHandler> m_FrameSourceHandler;
   unsigned const m_EstimatedBitrate;
   std::shared_ptr<TcpViewers> m_TcpViewers = std::make_shared<TcpViewers>();
-  StreamState* m_Started KAVO_GUARDED_BY(eventLoopRole) = nullptr;  // the stream whose sink has begun to play
-  StreamState* m_Starting KAVO_GUARDED_BY(eventLoopRole) = nullptr;
+  StreamState* m_Started KAVO_GUARDED_BY(eventLoopRole) = nullptr;   // the stream whose sink has begun to play
+  StreamState* m_Starting KAVO_GUARDED_BY(eventLoopRole) = nullptr;  // the one that was last asked to play
   unsigned m_PacketSize KAVO_GUARDED_BY(eventLoopRole) = largestPacket;
   TaskToken m_RestartTask KAVO_GUARDED_BY(eventLoopRole) = nullptr;
   std::set<unsigned> m_Playing KAVO_GUARDED_BY(eventLoopRole);  // client session ids

@@ -15,11 +15,10 @@
 
 class Channel {
  public:
-  // Since the last time they were taken, except for the totals.
   struct Figures {
     long offered = 0;                 // frames, in all
     long encoded = 0;                 // of them; the others found nobody waiting
-    double millisecondsPerFrame = 0;  // of those that were encoded lately
+    double millisecondsPerFrame = 0;  // of those encoded since figures were last taken
   };
 
   // Opens the input and creates its session and stream; note gets remarks. Throws Failure.
