@@ -93,10 +93,7 @@ void StreamConnection::handleAll() {
 
 // Handles what has arrived next; false when there is no more, or nobody to go on with.
 bool StreamConnection::handleNext() {
-  // A response must not land inside a picture: the viewer gets no further one
-  // until what was begun is sent.
-  if (!m_Output->isIdle() && m_Reader.hasRequest()) {
-    m_Output->holdPictures();
+  if (m_Reader.hasRequest() && !m_Output->admitsResponse()) {
     return false;
   }
   switch (m_Reader.next()) {

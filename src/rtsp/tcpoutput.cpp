@@ -2,6 +2,7 @@
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <utility>
@@ -51,10 +52,25 @@ std::shared_ptr<TcpOutput> TcpOutput::of(int socket) {
 void TcpOutput::close() {
   m_Socket = -1;
   m_Waiting.clear();
+  m_Held = false;
+}
+
+// live555 does not look at how much of a response the socket took, so one is only
+// made where the kernel calls the socket writable: a third of its buffer is free.
+bool TcpOutput::admitsResponse() {
+  pollfd socket{m_Socket, POLLOUT, 0};
+  if (isIdle() && poll(&socket, 1, 0) > 0) {
+    return true;
+  }
+  if (!isWaiting()) {
+    wait();
+  }
+  m_Held = true;
+  return false;
 }
 
 bool TcpOutput::sendPicture(std::span<std::uint8_t const> framed, bool keyPicture) {
-  m_LacksKey = !isIdle() || m_Held || (m_LacksKey && !keyPicture);
+  m_LacksKey = isWaiting() || (m_LacksKey && !keyPicture);
   if (!m_LacksKey) {
     write(framed);
   }
@@ -62,7 +78,7 @@ bool TcpOutput::sendPicture(std::span<std::uint8_t const> framed, bool keyPictur
 }
 
 void TcpOutput::sendReport(std::span<std::uint8_t const> framed) {
-  if (isIdle() && !m_Held) {
+  if (!isWaiting()) {
     write(framed);
   }
 }
@@ -71,15 +87,17 @@ void TcpOutput::write(std::span<std::uint8_t const> framed) {
   if (m_Socket < 0) {
     return;
   }
-  std::size_t const sent = isIdle() ? sendNow(framed) : 0;
+  std::size_t const sent = sendNow(framed);
   if (sent < framed.size()) {
-    if (isIdle()) {
-      m_LastProgress = Clock::now();
-      m_WaitForRoom(true);
-    }
+    wait();
     auto const rest = framed.subspan(sent);
-    m_Waiting.insert(m_Waiting.end(), rest.begin(), rest.end());
+    m_Waiting.assign(rest.begin(), rest.end());
   }
+}
+
+void TcpOutput::wait() {
+  m_LastProgress = Clock::now();
+  m_WaitForRoom(true);
 }
 
 void TcpOutput::flush() {

@@ -36,19 +36,22 @@ class TcpOutput : public std::enable_shared_from_this<TcpOutput> {
   // A report, framed; left out while the viewer is behind.
   void sendReport(std::span<std::uint8_t const> framed);
 
-  // Nothing of a picture waits to be sent: a response would not land inside it.
-  bool isIdle() const { return m_Waiting.empty(); }
-  // Lets no further picture in until isIdle().
-  void holdPictures() { m_Held = true; }
+  // Whether a response can be sent now: it would not land inside a picture, and
+  // there is room for the whole of it. If not, no further picture is let in until
+  // flush() has found room.
+  bool admitsResponse();
 
   void flush();
   // Ends with its connection: who still holds it sends nowhere.
   void close();
   // Whether the viewer has taken something since this was last asked.
   bool hasProgressed() { return std::exchange(m_Progressed, false); }
-  bool isStalled() const { return !isIdle() && Clock::now() - m_LastProgress > patience; }
+  bool isStalled() const { return isWaiting() && Clock::now() - m_LastProgress > patience; }
 
  private:
+  bool isIdle() const { return m_Waiting.empty(); }
+  bool isWaiting() const { return m_Held || !isIdle(); }
+  void wait();
   void write(std::span<std::uint8_t const> framed);
   std::size_t sendNow(std::span<std::uint8_t const> bytes);
 
@@ -64,7 +67,7 @@ class TcpOutput : public std::enable_shared_from_this<TcpOutput> {
   Clock::time_point m_LastProgress = Clock::now();
   bool m_Progressed = false;
   bool m_LacksKey = false;
-  bool m_Held = false;
+  bool m_Held = false;  // for a response
 };
 
 }  // namespace kavo

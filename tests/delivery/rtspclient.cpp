@@ -7,9 +7,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <chrono>
 #include <cstdlib>
 
 namespace {
+
+using Clock = std::chrono::steady_clock;
 
 constexpr int limitMilliseconds = 20000;
 
@@ -181,11 +185,31 @@ bool RtspClient::receivesAPicture() {
   return true;
 }
 
-bool RtspClient::isClosedWithin(int seconds) {
+bool RtspClient::isClosedWhileReading() {
   char block[4096];
-  ssize_t got = 1;
-  while (got > 0 && readable(m_Socket, seconds * 1000)) {
-    got = recv(m_Socket, block, sizeof block, 0);
+  auto const limit = Clock::now() + std::chrono::milliseconds(limitMilliseconds);
+  while (Clock::now() < limit && readable(m_Socket, limitMilliseconds)) {
+    if (recv(m_Socket, block, sizeof block, 0) <= 0) {
+      return true;
+    }
   }
-  return got <= 0;
+  return false;
+}
+
+bool RtspClient::isClosedWhileSending(std::string const& bytes) {
+  std::size_t done = 0;
+  auto const limit = Clock::now() + std::chrono::milliseconds(limitMilliseconds);
+  while (Clock::now() < limit) {
+    ssize_t const sent = ::send(m_Socket, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (sent < 0 && errno != EAGAIN) {
+      return true;
+    }
+    if (sent < 0) {
+      pollfd entry{m_Socket, POLLOUT, 0};
+      poll(&entry, 1, limitMilliseconds);
+    } else {
+      done = (done + static_cast<std::size_t>(sent)) % bytes.size();
+    }
+  }
+  return false;
 }

@@ -41,8 +41,10 @@ class RtspClient {
   bool receivesAPicture();
   // Interleaved packets that came before responses.
   int dropped() const { return m_Dropped; }
-  // Whether the server ends the connection within the limit.
-  bool isClosedWithin(int seconds);
+  // Whether the server ends the connection: while this client reads, and while it
+  // only sends these bytes again and again.
+  bool isClosedWhileReading();
+  bool isClosedWhileSending(std::string const& bytes);
 
   static constexpr char const* overTcp = "Transport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n";
 

@@ -1,6 +1,7 @@
 #include "rtsp/tcpoutput.h"
 
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <string>
@@ -53,14 +54,12 @@ constexpr std::size_t huge = 4 * 1024 * 1024;  // more than a socket takes
 
 TEST_F(TcpOutputTest, AViewerBehindLosesWholePictures) {
   EXPECT_TRUE(picture('a', 10));
-  EXPECT_TRUE(m_Output->isIdle());
+  EXPECT_FALSE(m_Waiting);
   picture('b', huge);
-  EXPECT_FALSE(m_Output->isIdle());
   EXPECT_TRUE(m_Waiting);
   EXPECT_FALSE(picture('c', 10));
   m_Output->sendReport(std::vector<std::uint8_t>(10, 'r'));
   EXPECT_EQ(drain(), std::string(10, 'a') + std::string(huge, 'b'));
-  EXPECT_TRUE(m_Output->isIdle());
   EXPECT_FALSE(m_Waiting);
   EXPECT_TRUE(picture('d', 10));
   EXPECT_EQ(drain(), std::string(10, 'd'));
@@ -77,13 +76,27 @@ TEST_F(TcpOutputTest, AfterALossOnlyAKeyPictureLetsItGoOn) {
   EXPECT_EQ(drain(), std::string(10, 'k') + std::string(10, 'e'));
 }
 
-TEST_F(TcpOutputTest, HeldPicturesMakeRoomForAResponse) {
+TEST_F(TcpOutputTest, PicturesMakeRoomForAResponse) {
+  EXPECT_TRUE(m_Output->admitsResponse());
   picture('a', huge);
-  m_Output->holdPictures();
+  EXPECT_FALSE(m_Output->admitsResponse());
   EXPECT_FALSE(picture('b', 10));
   drain();
-  EXPECT_TRUE(m_Output->isIdle());
+  EXPECT_TRUE(m_Output->admitsResponse());
   EXPECT_TRUE(picture('c', 10));
+}
+
+TEST_F(TcpOutputTest, AResponseWaitsWhereOnlyAPartOfItWouldFit) {
+  for (pollfd socket{m_Near.get(), POLLOUT, 0}; poll(&socket, 1, 0) > 0;) {
+    picture('a', 1000);
+  }
+  ASSERT_FALSE(m_Waiting) << "the pictures were to be taken whole";
+  EXPECT_FALSE(m_Output->admitsResponse());
+  EXPECT_TRUE(m_Waiting);
+  EXPECT_FALSE(picture('b', 10));
+  drain();
+  EXPECT_TRUE(m_Output->admitsResponse());
+  EXPECT_FALSE(m_Waiting);
 }
 
 TEST_F(TcpOutputTest, IsFoundByItsSocketAndSendsNowhereOnceClosed) {
