@@ -39,8 +39,9 @@ bool startsKeyPicture(std::span<std::uint8_t const> packet) {
 }
 
 // The packets as they go over an RTSP connection.
-std::vector<std::uint8_t> framed(PacketRun const& run, std::uint8_t channel) {
-  std::vector<std::uint8_t> bytes;
+FramedPicture framed(PacketRun const& run, std::uint8_t channel) {
+  auto const framed = std::make_shared<std::vector<std::uint8_t>>();
+  auto& bytes = *framed;
   bytes.reserve(run.bytes.size() + 4 * run.sizes.size());
   auto from = run.bytes.begin();
   for (std::size_t const size : run.sizes) {
@@ -48,7 +49,7 @@ std::vector<std::uint8_t> framed(PacketRun const& run, std::uint8_t channel) {
     bytes.insert(bytes.end(), from, from + static_cast<std::ptrdiff_t>(size));
     from += static_cast<std::ptrdiff_t>(size);
   }
-  return bytes;
+  return framed;
 }
 
 }  // namespace
@@ -85,7 +86,10 @@ void PictureGroupsock::addDestination(sockaddr_storage const& address, Port cons
 
 void PictureGroupsock::removeDestination(unsigned sessionId) {
   eventLoopRole.assertHeld();
-  m_TcpDestinations.erase(sessionId);
+  if (auto const viewer = m_TcpDestinations.find(sessionId); viewer != m_TcpDestinations.end()) {
+    viewer->second.output->forget(viewer->second.channel);
+    m_TcpDestinations.erase(viewer);
+  }
   m_UdpDestinations.erase(sessionId);
   listAddresses();
 }
@@ -191,13 +195,13 @@ void PictureGroupsock::sendOverUdp(PacketRun const& run) {
 // Whole and at once: the kernel paces what it sends over a connection itself.
 void PictureGroupsock::sendOverTcp(PacketRun const& picture) {
   bool lacksKey = false;
-  std::map<std::uint8_t, std::vector<std::uint8_t>> byChannel;  // almost always one
+  std::map<std::uint8_t, FramedPicture> byChannel;  // almost always one
   for (auto& [sessionId, destination] : m_TcpDestinations) {
     if (std::exchange(destination.lacksBeginning, false)) {
       continue;
     }
     auto& bytes = byChannel[destination.channel];
-    if (bytes.empty()) {
+    if (!bytes) {
       bytes = framed(picture, destination.channel);
     }
     lacksKey = !destination.output->sendPicture(bytes, picture.keyPicture) || lacksKey;
@@ -212,7 +216,7 @@ void PictureGroupsock::sendReport(std::span<std::uint8_t const> report) {
   run.add(report);
   sendOverUdp(run);
   for (auto const& [sessionId, destination] : m_TcpDestinations) {
-    destination.output->sendReport(framed(run, destination.channel));
+    destination.output->sendReport(*framed(run, destination.channel));
   }
 }
 

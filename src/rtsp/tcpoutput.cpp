@@ -5,15 +5,19 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <utility>
 
 namespace kavo {
 
 namespace {
 
-// What the kernel may hold unsent of a viewer's pictures. More would only make
-// them old.
-constexpr int unsentInKernel = 128 * 1024;
+// The kernel takes a picture only when it has sent all before (which it looks at
+// where a record ended). Nothing can be taken back from it, so old pictures would
+// come first when a viewer goes on reading.
+constexpr int unsentInKernel = 1;
+
+std::uint8_t channelOf(FramedPicture const& picture) { return (*picture)[1]; }
 
 }  // namespace
 
@@ -52,65 +56,102 @@ std::shared_ptr<TcpOutput> TcpOutput::of(int socket) {
 void TcpOutput::close() {
   m_Socket = -1;
   m_Waiting.clear();
-  m_Held = false;
+  m_Begun = 0;
+  m_WaitsForRoom = false;
 }
 
 // live555 does not look at how much of a response the socket took, so one is only
 // made where the kernel calls the socket writable: a third of its buffer is free.
 bool TcpOutput::admitsResponse() {
   pollfd socket{m_Socket, POLLOUT, 0};
-  if (isIdle() && poll(&socket, 1, 0) > 0) {
+  if (m_Begun == 0 && poll(&socket, 1, 0) > 0) {
     return true;
   }
-  if (!isWaiting()) {
-    wait();
-  }
-  m_Held = true;
+  m_HeldForResponse = true;
+  waitForRoom();
   return false;
 }
 
-bool TcpOutput::sendPicture(std::span<std::uint8_t const> framed, bool keyPicture) {
-  m_LacksKey = isWaiting() || (m_LacksKey && !keyPicture);
-  if (!m_LacksKey) {
-    write(framed);
+bool TcpOutput::sendPicture(FramedPicture const& picture, bool keyPicture) {
+  auto const channel = channelOf(picture);
+  if (keyPicture) {
+    dropNotBegun(channel);  // what builds on older pictures is not needed any more
+    m_LackKey.erase(channel);
+  } else if (isBehind(picture)) {
+    dropNotBegun(channel);
+    m_LackKey.insert(channel);
   }
-  return !m_LacksKey;
+  if (m_LackKey.contains(channel)) {
+    return m_WaitsForRoom;  // a key picture is large for everybody; it is asked for when it can be sent
+  }
+  write(picture);
+  return true;
+}
+
+void TcpOutput::forget(std::uint8_t channel) {
+  dropNotBegun(channel);
+  m_LackKey.erase(channel);
 }
 
 void TcpOutput::sendReport(std::span<std::uint8_t const> framed) {
-  if (!isWaiting()) {
-    write(framed);
+  if (!m_WaitsForRoom) {
+    write(std::make_shared<std::vector<std::uint8_t> const>(framed.begin(), framed.end()));
   }
 }
 
-void TcpOutput::write(std::span<std::uint8_t const> framed) {
+void TcpOutput::write(FramedPicture const& picture) {
   if (m_Socket < 0) {
     return;
   }
-  std::size_t const sent = sendNow(framed);
-  if (sent < framed.size()) {
-    wait();
-    auto const rest = framed.subspan(sent);
-    m_Waiting.assign(rest.begin(), rest.end());
+  std::size_t const sent = m_WaitsForRoom ? 0 : sendNow(*picture);
+  if (sent < picture->size()) {
+    m_Waiting.push_back({picture, Clock::now()});
+    m_Begun += sent;
+    waitForRoom();
   }
 }
 
-void TcpOutput::wait() {
-  m_LastProgress = Clock::now();
-  m_WaitForRoom(true);
+void TcpOutput::waitForRoom() {
+  if (!std::exchange(m_WaitsForRoom, true)) {
+    m_LastProgress = Clock::now();
+    m_WaitForRoom(true);
+  }
+}
+
+// Whether what waits would come too late with the next picture, or be too much.
+bool TcpOutput::isBehind(FramedPicture const& next) const {
+  auto const now = Clock::now();
+  std::size_t bytes = next->size();
+  bool late = false;
+  for (std::size_t i = firstNotBegun(); i < m_Waiting.size(); ++i) {
+    if (channelOf(m_Waiting[i].picture) == channelOf(next)) {
+      bytes += m_Waiting[i].picture->size();
+      late = late || now - m_Waiting[i].since > maxAge;
+    }
+  }
+  return late || (bytes > maxWaiting && bytes > next->size());
+}
+
+void TcpOutput::dropNotBegun(std::uint8_t channel) {
+  auto const from = m_Waiting.begin() + static_cast<std::ptrdiff_t>(firstNotBegun());
+  m_Waiting.erase(
+      std::remove_if(from, m_Waiting.end(), [&](Waiting const& w) { return channelOf(w.picture) == channel; }),
+      m_Waiting.end());
 }
 
 void TcpOutput::flush() {
-  std::size_t const sent = sendNow(std::span(m_Waiting).subspan(m_Sent));
-  m_Sent += sent;
-  if (sent > 0) {
-    m_LastProgress = Clock::now();
+  while (!m_Waiting.empty() && (m_Begun > 0 || !m_HeldForResponse)) {
+    auto const& picture = *m_Waiting.front().picture;
+    m_Begun += sendNow(std::span(picture).subspan(m_Begun));
+    if (m_Begun < picture.size()) {
+      return;
+    }
+    m_Waiting.erase(m_Waiting.begin());
+    m_Begun = 0;
   }
-  if (m_Sent == m_Waiting.size()) {
-    m_Waiting.clear();
-    m_Waiting.shrink_to_fit();
-    m_Sent = 0;
-    m_Held = false;
+  m_HeldForResponse = false;
+  if (m_Waiting.empty()) {
+    m_WaitsForRoom = false;
     m_WaitForRoom(false);
   }
 }
@@ -118,9 +159,13 @@ void TcpOutput::flush() {
 // How much the socket took. One that is broken takes nothing more, and its
 // connection will hear of it when it reads.
 std::size_t TcpOutput::sendNow(std::span<std::uint8_t const> bytes) {
-  ssize_t const sent = ::send(m_Socket, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-  m_Progressed = m_Progressed || sent > 0;
-  return sent > 0 ? static_cast<std::size_t>(sent) : 0;
+  ssize_t const sent = ::send(m_Socket, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL | MSG_EOR);
+  if (sent <= 0) {
+    return 0;
+  }
+  m_Progressed = true;
+  m_LastProgress = Clock::now();
+  return static_cast<std::size_t>(sent);
 }
 
 }  // namespace kavo

@@ -7,11 +7,15 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <set>
 #include <span>
 #include <utility>
 #include <vector>
 
 namespace kavo {
+
+// As it goes over the wire, all of it on one channel. The viewers who wait for it share it.
+using FramedPicture = std::shared_ptr<std::vector<std::uint8_t> const>;
 
 class TcpOutput : public std::enable_shared_from_this<TcpOutput> {
  public:
@@ -19,6 +23,10 @@ class TcpOutput : public std::enable_shared_from_this<TcpOutput> {
 
   // A viewer who takes nothing for this time while something waits for it is given up.
   static constexpr std::chrono::seconds patience{10};
+  // What has waited longer than this is not sent any more, unless it was begun.
+  static constexpr std::chrono::milliseconds maxAge{500};
+  // What may wait besides the picture that was begun.
+  static constexpr std::size_t maxWaiting = std::size_t{1024} * 1024;
 
   // The socket is the connection's. waitForRoom says whether the owner is to
   // call flush() when the socket takes more.
@@ -30,15 +38,17 @@ class TcpOutput : public std::enable_shared_from_this<TcpOutput> {
   // The output of the connection on the socket, if there is one.
   static std::shared_ptr<TcpOutput> of(int socket);
 
-  // A whole picture, framed for the wire. False when the viewer lacks a key
-  // picture from now on.
-  bool sendPicture(std::span<std::uint8_t const> framed, bool keyPicture);
+  // A whole picture. False when the viewer needs a key picture to go on with.
+  // Pictures on other channels are other streams'.
+  bool sendPicture(FramedPicture const& picture, bool keyPicture);
   // A report, framed; left out while the viewer is behind.
   void sendReport(std::span<std::uint8_t const> framed);
 
+  // Sends nothing more on the channel, but the end of what was begun.
+  void forget(std::uint8_t channel);
+
   // Whether a response can be sent now: it would not land inside a picture, and
-  // there is room for the whole of it. If not, no further picture is let in until
-  // flush() has found room.
+  // there is room for the whole of it. If not, it goes before the next picture.
   bool admitsResponse();
 
   void flush();
@@ -46,13 +56,19 @@ class TcpOutput : public std::enable_shared_from_this<TcpOutput> {
   void close();
   // Whether the viewer has taken something since this was last asked.
   bool hasProgressed() { return std::exchange(m_Progressed, false); }
-  bool isStalled() const { return isWaiting() && Clock::now() - m_LastProgress > patience; }
+  bool isStalled() const { return m_WaitsForRoom && Clock::now() - m_LastProgress > patience; }
 
  private:
-  bool isIdle() const { return m_Waiting.empty(); }
-  bool isWaiting() const { return m_Held || !isIdle(); }
-  void wait();
-  void write(std::span<std::uint8_t const> framed);
+  struct Waiting {
+    FramedPicture picture;
+    Clock::time_point since;
+  };
+
+  std::size_t firstNotBegun() const { return m_Begun > 0 ? 1 : 0; }
+  bool isBehind(FramedPicture const& next) const;
+  void dropNotBegun(std::uint8_t channel);
+  void write(FramedPicture const& picture);
+  void waitForRoom();
   std::size_t sendNow(std::span<std::uint8_t const> bytes);
 
   // All of them in a list, which live555's sessions find theirs in by its socket.
@@ -62,12 +78,13 @@ class TcpOutput : public std::enable_shared_from_this<TcpOutput> {
 
   int m_Socket;
   std::function<void(bool)> m_WaitForRoom;
-  std::vector<std::uint8_t> m_Waiting;  // at most the rest of one picture
-  std::size_t m_Sent = 0;               // of m_Waiting
+  std::vector<Waiting> m_Waiting;
+  std::size_t m_Begun = 0;  // bytes of the first that were sent
   Clock::time_point m_LastProgress = Clock::now();
   bool m_Progressed = false;
-  bool m_LacksKey = false;
-  bool m_Held = false;  // for a response
+  std::set<std::uint8_t> m_LackKey;  // channels
+  bool m_WaitsForRoom = false;
+  bool m_HeldForResponse = false;
 };
 
 }  // namespace kavo

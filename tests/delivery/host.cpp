@@ -58,20 +58,24 @@ Host::Stream& Host::publish(std::string const& name, int format, int codec, int 
   auto result = std::make_unique<Stream>();
   result->name = name;
   result->frame = testFrame(format, width, height);
+  result->frameSize = result->frame.size();
   result->width = width;
   result->height = height;
   result->record.handle = session.handle;
   result->record.stream = stream.stream;
-  result->record.frame = result->frame.data();
   m_Streams.push_back(std::move(result));
   return *m_Streams.back();
 }
 
 void Host::startSubmitting() {
+  constexpr int scrolledRows = 21;  // no multiple of what encoders look for at once
   m_Submitting = true;
   m_Submitter = std::thread([this] {
     while (m_Submitting) {
       for (auto const& stream : m_Streams) {
+        auto const row = stream->frameSize / static_cast<std::size_t>(stream->height);
+        auto const rows = (stream->frame.size() - stream->frameSize) / row + 1;
+        stream->record.frame = stream->frame.data() + static_cast<std::size_t>(m_Submitted * scrolledRows) % rows * row;
         if (call(KV_SUBMIT_FRAME, stream->record) != KV_OK) {
           ++m_FailedSubmits;
         }

@@ -16,7 +16,8 @@ class Host {
   struct Stream {
     std::string name;
     kv_frame_record record{};
-    std::vector<std::uint8_t> frame;
+    std::vector<std::uint8_t> frame;  // with more rows than a frame of a packed format has, it scrolls
+    std::size_t frameSize = 0;
     int width = 0;
     int height = 0;
   };

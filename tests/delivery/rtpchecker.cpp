@@ -44,6 +44,9 @@ void RtpChecker::rtp(std::span<std::uint8_t const> packet, double arrival) {
     require((timestamp == m_Timestamp) != m_PictureEnded, "time stamp and marker bit disagree");
   }
   payload(packet.subspan(12), marker);
+  if (m_Codec != 8 && m_Packets > 0 && sequence != static_cast<std::uint16_t>(m_Sequence + 1)) {
+    require(m_NalTypes.back() == 7, "a picture that builds on a lost one");
+  }
   if (m_PictureEnded) {
     checkClock(timestamp, arrival);
   }

@@ -18,6 +18,8 @@ class RtpChecker {
   // Everything that was wrong, one line each.
   std::vector<std::string> const& complaints() const { return m_Complaints; }
   int pictures() const { return m_Markers; }
+  // Of the last packet.
+  std::uint32_t timestamp() const { return m_Timestamp; }
   int senderReports() const { return m_SenderReports; }
   // Types of the H.264 NAL units begun so far, in order.
   std::vector<int> const& nalTypes() const { return m_NalTypes; }

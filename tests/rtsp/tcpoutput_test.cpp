@@ -4,7 +4,10 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
+#include <chrono>
 #include <string>
+#include <thread>
 
 #include "eventloop/descriptor.h"
 
@@ -24,27 +27,41 @@ class TcpOutputTest : public ::testing::Test {
   }
 
   // A picture of one letter.
-  bool picture(char letter, std::size_t size, bool key = true) {
-    return m_Output->sendPicture(std::vector<std::uint8_t>(size, static_cast<std::uint8_t>(letter)), key);
+  bool picture(char letter, std::size_t size, bool key = true, std::uint8_t channel = 0) {
+    std::vector<std::uint8_t> bytes(size, static_cast<std::uint8_t>(letter));
+    bytes[1] = channel;
+    return m_Output->sendPicture(std::make_shared<std::vector<std::uint8_t> const>(std::move(bytes)), key);
   }
 
-  // Reads and lets the output go on until nothing comes any more.
-  std::string drain() {
-    std::string all;
-    char block[65536];
-    ssize_t size;
-    while ((size = read(m_Far.get(), block, sizeof block)) > 0) {
-      all.append(block, static_cast<std::size_t>(size));
-      if (m_Waiting) {
-        m_Output->flush();
-      }
+  // Lets the output go on, and reads a block; false when there was nothing.
+  bool readSome() {
+    if (m_Waiting) {
+      m_Output->flush();
     }
-    return all;
+    char block[65536];
+    ssize_t const size = read(m_Far.get(), block, sizeof block);
+    m_Received.append(block, static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
+    return size > 0;
+  }
+
+  // All that comes, as "10a 20b ".
+  std::string drain() {
+    while (readSome()) {
+    }
+    std::string runs;
+    for (std::size_t at = 0, end; at < m_Received.size(); at = end) {
+      std::string const sameRun{m_Received[at], 0, 2};  // and the channels
+      end = std::min(m_Received.find_first_not_of(sameRun, at), m_Received.size());
+      runs += std::to_string(end - at) + m_Received[at] + ' ';
+    }
+    m_Received.clear();
+    return runs;
   }
 
   Descriptor m_Near;
   Descriptor m_Far;
   bool m_Waiting = false;
+  std::string m_Received;
   std::shared_ptr<TcpOutput> m_Output;
 };
 
@@ -52,38 +69,64 @@ constexpr std::size_t huge = 4 * 1024 * 1024;  // more than a socket takes
 
 }  // namespace
 
-TEST_F(TcpOutputTest, AViewerBehindLosesWholePictures) {
+TEST_F(TcpOutputTest, WhatAViewerMissesIsWholePictures) {
   EXPECT_TRUE(picture('a', 10));
   EXPECT_FALSE(m_Waiting);
-  picture('b', huge);
+  EXPECT_TRUE(picture('b', huge));
   EXPECT_TRUE(m_Waiting);
-  EXPECT_FALSE(picture('c', 10));
+  EXPECT_TRUE(picture('c', 10));
+  EXPECT_TRUE(picture('d', huge)) << "it takes the place of the one before";
+  EXPECT_TRUE(picture('e', 10));
   m_Output->sendReport(std::vector<std::uint8_t>(10, 'r'));
-  EXPECT_EQ(drain(), std::string(10, 'a') + std::string(huge, 'b'));
+  EXPECT_EQ(drain(), "10a " + std::to_string(huge) + "b 10e ");
   EXPECT_FALSE(m_Waiting);
-  EXPECT_TRUE(picture('d', 10));
-  EXPECT_EQ(drain(), std::string(10, 'd'));
+  m_Output->sendReport(std::vector<std::uint8_t>(10, 'r'));
+  EXPECT_EQ(drain(), "10r ");
 }
 
-TEST_F(TcpOutputTest, AfterALossOnlyAKeyPictureLetsItGoOn) {
-  picture('b', huge);
-  EXPECT_FALSE(picture('c', 10, false));
-  drain();
-  EXPECT_FALSE(picture('d', 10, false)) << "nobody is told that a key picture is wanted";
-  EXPECT_EQ(drain(), "");
-  EXPECT_TRUE(picture('k', 10, true));
-  EXPECT_TRUE(picture('e', 10, false));
-  EXPECT_EQ(drain(), std::string(10, 'k') + std::string(10, 'e'));
+TEST_F(TcpOutputTest, PicturesThatBuildOnOthersWaitUntilTheyAreTooMany) {
+  picture('k', huge);
+  EXPECT_TRUE(picture('p', 10, false));
+  EXPECT_TRUE(picture('q', 10, false));
+  EXPECT_TRUE(picture('o', 10, true, 2)) << "another stream's";
+  EXPECT_TRUE(picture('r', TcpOutput::maxWaiting, false)) << "a key picture could not be sent yet";
+  EXPECT_TRUE(picture('s', 10, false));
+  EXPECT_EQ(drain(), std::to_string(huge) + "k 10o ");
+  EXPECT_FALSE(picture('t', 10, false)) << "nobody is told that a key picture is wanted";
+  EXPECT_TRUE(picture('o', 10, false, 2));
+  EXPECT_TRUE(picture('k', 10));
+  EXPECT_TRUE(picture('u', 10, false));
+  EXPECT_EQ(drain(), "10o 10k 10u ");
 }
 
-TEST_F(TcpOutputTest, PicturesMakeRoomForAResponse) {
+TEST_F(TcpOutputTest, PicturesThatBuildOnOthersWaitUntilTheyAreTooOld) {
+  picture('k', huge);
+  EXPECT_TRUE(picture('p', 10, false));
+  std::this_thread::sleep_for(TcpOutput::maxAge + std::chrono::milliseconds(1));
+  EXPECT_TRUE(picture('q', 10, false)) << "a key picture could not be sent yet";
+  EXPECT_EQ(drain(), std::to_string(huge) + "k ");
+  EXPECT_FALSE(picture('r', 10, false));
+}
+
+TEST_F(TcpOutputTest, OfAStreamThatEndedOnlyABegunPictureIsSent) {
+  picture('a', huge);
+  picture('b', 10);
+  picture('c', 10, true, 2);
+  m_Output->forget(0);
+  EXPECT_EQ(drain(), std::to_string(huge) + "a 10c ");
+}
+
+TEST_F(TcpOutputTest, AResponseComesAfterTheBegunPicture) {
   EXPECT_TRUE(m_Output->admitsResponse());
   picture('a', huge);
   EXPECT_FALSE(m_Output->admitsResponse());
-  EXPECT_FALSE(picture('b', 10));
-  drain();
-  EXPECT_TRUE(m_Output->admitsResponse());
-  EXPECT_TRUE(picture('c', 10));
+  picture('b', 10);
+  while (!m_Output->admitsResponse()) {
+    ASSERT_TRUE(readSome());
+  }
+  EXPECT_EQ(m_Received.find('b'), std::string::npos);
+  EXPECT_EQ(drain(), std::to_string(huge) + "a 10b ");
+  EXPECT_FALSE(m_Waiting);
 }
 
 TEST_F(TcpOutputTest, AResponseWaitsWhereOnlyAPartOfItWouldFit) {
@@ -93,10 +136,12 @@ TEST_F(TcpOutputTest, AResponseWaitsWhereOnlyAPartOfItWouldFit) {
   ASSERT_FALSE(m_Waiting) << "the pictures were to be taken whole";
   EXPECT_FALSE(m_Output->admitsResponse());
   EXPECT_TRUE(m_Waiting);
-  EXPECT_FALSE(picture('b', 10));
-  drain();
-  EXPECT_TRUE(m_Output->admitsResponse());
-  EXPECT_FALSE(m_Waiting);
+  picture('b', 10);
+  while (!m_Output->admitsResponse()) {
+    ASSERT_TRUE(readSome());
+  }
+  EXPECT_EQ(m_Received.find('b'), std::string::npos);
+  EXPECT_NE(drain().find("10b"), std::string::npos);
 }
 
 TEST_F(TcpOutputTest, IsFoundByItsSocketAndSendsNowhereOnceClosed) {
@@ -108,6 +153,7 @@ TEST_F(TcpOutputTest, IsFoundByItsSocketAndSendsNowhereOnceClosed) {
   EXPECT_EQ(TcpOutput::of(-1), nullptr) << "a viewer without a connection was taken for a closed one's";
   m_Waiting = false;
   picture('b', 10);
+  m_Output->forget(0);
   EXPECT_FALSE(m_Waiting);
   EXPECT_FALSE(m_Output->isStalled());
 }
