@@ -26,4 +26,10 @@ std::optional<unsigned> largestPayloadTo(sockaddr_storage const& address) {
   return static_cast<unsigned>(mtu - headers);
 }
 
+void refuseToFragment(int socket, int family) {
+  int const discover = family == AF_INET6 ? IPV6_PMTUDISC_DO : IP_PMTUDISC_DO;
+  setsockopt(socket, family == AF_INET6 ? IPPROTO_IPV6 : IPPROTO_IP,
+             family == AF_INET6 ? IPV6_MTU_DISCOVER : IP_MTU_DISCOVER, &discover, sizeof discover);
+}
+
 }  // namespace kavo

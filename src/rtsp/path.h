@@ -11,4 +11,7 @@ namespace kavo {
 // kernel knows; nothing if it does not know the way.
 std::optional<unsigned> largestPayloadTo(sockaddr_storage const& address);
 
+// Has the socket refuse (EMSGSIZE) what the path does not take in one piece.
+void refuseToFragment(int socket, int family);
+
 }  // namespace kavo

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "rtsp/nalunits.h"
+#include "rtsp/path.h"
 
 namespace kavo {
 
@@ -62,6 +63,7 @@ PictureGroupsock::PictureGroupsock(UsageEnvironment& env, sockaddr_storage const
       m_TcpViewers(std::move(tcpViewers)),
       m_Callbacks(std::move(callbacks)) {
   m_Sender.onPathTooNarrow(m_Callbacks.pathTooNarrow);
+  refuseToFragment(socketNum(), m_Family);
 }
 
 PictureGroupsock::~PictureGroupsock() {
@@ -71,11 +73,14 @@ PictureGroupsock::~PictureGroupsock() {
 
 void PictureGroupsock::addDestination(sockaddr_storage const& address, Port const& port, unsigned sessionId) {
   eventLoopRole.assertHeld();
+  if (isInsidePicture() || !m_Cuts.empty()) {  // of which it would get the end, or what its path does not take
+    m_Joining.insert_or_assign(sessionId, Joining{address, port});
+    return;
+  }
   if (auto const viewer = m_TcpViewers->find(sessionId); viewer != m_TcpViewers->end()) {
     bool const report = port.num() == htons(rtcpOverTcpPort);
     m_TcpDestinations[sessionId] = {.output = viewer->second.output,
-                                    .channel = report ? viewer->second.rtcpChannel : viewer->second.rtpChannel,
-                                    .lacksBeginning = isInsidePicture()};
+                                    .channel = report ? viewer->second.rtcpChannel : viewer->second.rtpChannel};
     return;
   }
   sockaddr_storage destination = address;
@@ -86,6 +91,7 @@ void PictureGroupsock::addDestination(sockaddr_storage const& address, Port cons
 
 void PictureGroupsock::removeDestination(unsigned sessionId) {
   eventLoopRole.assertHeld();
+  m_Joining.erase(sessionId);
   if (auto const viewer = m_TcpDestinations.find(sessionId); viewer != m_TcpDestinations.end()) {
     viewer->second.output->forget(viewer->second.channel);
     m_TcpDestinations.erase(viewer);
@@ -119,8 +125,7 @@ void PictureGroupsock::addPacket(std::span<std::uint8_t const> packet) {
     endPicture();
   }
   if (!isInsidePicture()) {
-    m_Timestamp = timestampOf(packet);
-    m_Picture.keyPicture = startsKeyPicture(packet);
+    beginPicture(packet);
   }
   m_Picture.add(packet);
   if (hasMarker(packet)) {
@@ -128,14 +133,22 @@ void PictureGroupsock::addPacket(std::span<std::uint8_t const> packet) {
   }
 }
 
-void PictureGroupsock::endPicture() {
-  PacketRun picture = std::exchange(m_Picture, {});
-  noteInterval();
-  sendOverTcp(picture);
+void PictureGroupsock::beginPicture(std::span<std::uint8_t const> firstPacket) {
+  m_Timestamp = timestampOf(firstPacket);
+  m_Picture.keyPicture = startsKeyPicture(firstPacket);
   // Cuts of the last picture that still wait would only make this one late.
   while (!m_Cuts.empty()) {
     sendCut();
   }
+  for (auto const& [sessionId, joining] : std::exchange(m_Joining, {})) {
+    addDestination(joining.address, joining.port, sessionId);
+  }
+}
+
+void PictureGroupsock::endPicture() {
+  PacketRun picture = std::exchange(m_Picture, {});
+  noteInterval();
+  sendOverTcp(picture);
   if (!m_UdpDestinations.empty()) {
     cut(std::move(picture));
     sendCut();
@@ -196,10 +209,7 @@ void PictureGroupsock::sendOverUdp(PacketRun const& run) {
 void PictureGroupsock::sendOverTcp(PacketRun const& picture) {
   bool lacksKey = false;
   std::map<std::uint8_t, FramedPicture> byChannel;  // almost always one
-  for (auto& [sessionId, destination] : m_TcpDestinations) {
-    if (std::exchange(destination.lacksBeginning, false)) {
-      continue;
-    }
+  for (auto const& [sessionId, destination] : m_TcpDestinations) {
     auto& bytes = byChannel[destination.channel];
     if (!bytes) {
       bytes = framed(picture, destination.channel);
@@ -235,6 +245,7 @@ int PictureGroupsock::socketFor(int family) {
     if (family == AF_INET6) {
       setsockopt(m_OtherFamily.get(), IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
     }
+    refuseToFragment(m_OtherFamily.get(), family);
     // A port that another program has is no reason to send nothing; nor is a
     // machine without that family one to look further.
     if (m_OtherFamily.get() < 0) {

@@ -44,10 +44,14 @@ class PictureGroupsock : public Groupsock {
   struct TcpDestination {
     std::shared_ptr<TcpOutput> output;
     std::uint8_t channel;
-    bool lacksBeginning;  // of the picture that is being gathered
+  };
+  struct Joining {
+    sockaddr_storage address;
+    Port port;
   };
 
   void addPacket(std::span<std::uint8_t const> packet) KAVO_REQUIRES(eventLoopRole);
+  void beginPicture(std::span<std::uint8_t const> firstPacket) KAVO_REQUIRES(eventLoopRole);
   void endPicture() KAVO_REQUIRES(eventLoopRole);
   void noteInterval() KAVO_REQUIRES(eventLoopRole);
   void cut(PacketRun picture) KAVO_REQUIRES(eventLoopRole);
@@ -67,6 +71,7 @@ class PictureGroupsock : public Groupsock {
   std::map<unsigned, sockaddr_storage> m_UdpDestinations;
   std::vector<sockaddr_storage> m_Addresses[2];  // of IPv4 and IPv6, for the sender
   std::map<unsigned, TcpDestination> m_TcpDestinations;
+  std::map<unsigned, Joining> m_Joining;  // from the next picture on
 
   PacketRun m_Picture;  // the packets that have come of it
   std::uint32_t m_Timestamp = 0;

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Publisher and player in network namespaces of this test's own, with a narrow
-# link between them: one of 1280 bytes, then one of 100 Mbit/s with a small queue.
+# link between them: one of 1280 bytes, one that becomes so while somebody watches,
+# and one of 100 Mbit/s with a small queue.
 # Exit status 77 (skipped) where namespaces are not allowed.
 set -euo pipefail
 publish=$1
@@ -47,48 +48,79 @@ whole() {
   ffmpeg -v error -xerror -i "$work/$1.mkv" -fps_mode passthrough -f null -
 }
 
-# watch PLAYERS PUBLISH_ARGUMENT...: the far player, or the near one and then the
-# far one beside it, without a lost packet.
-watch() {
-  local players=$1
-  shift
+mtu() {
+  ip link set near mtu "$1"
+  on_far ip link set far mtu "$1"
+}
+
+publish() {
   : >"$work/out"  # what the last one said
   "$publish" "$@" >"$work/out" 2>&1 &
-  local pid=$! near=
+  pid=$!
   until grep -q Ctrl-C "$work/out"; do
     kill -0 $pid || { cat "$work/out"; exit 1; }
     sleep 0.05
   done
+}
+
+unpublish() {
+  kill -INT $pid
+  wait $pid
+}
+
+play_far() { on_far bash -c "$(declare -f play); work=$work; play 10.77.0.1 far -frames:v $1"; }
+
+# playing NAME PROCESS: once the player's first picture has come.
+playing() {
+  until [ -s "$work/$1.mkv" ]; do
+    kill -0 $2
+    sleep 0.05
+  done
+}
+
+# watch PLAYERS PUBLISH_ARGUMENT...: the far player, or the near one and then the
+# far one beside it, without a lost packet.
+watch() {
+  local players=$1 near=
+  publish "${@:2}"
+  rm -f "$work"/*.mkv
   if [ "$players" = both ]; then
-    rm -f "$work/near.mkv"
     play 127.0.0.1 near -frames:v 100 &
     near=$!
-    until [ -s "$work/near.mkv" ]; do
-      kill -0 $near
-      sleep 0.05
-    done
+    playing near $near
   fi
-  on_far bash -c "$(declare -f play); work=$work; play 10.77.0.1 far -frames:v 20"
+  play_far 20
   whole far
   if [ -n "$near" ]; then
     wait $near
     whole near
   fi
-  kill -INT $pid
-  wait $pid
+  unpublish
 }
 
-ip link set near mtu 1280
-on_far ip link set far mtu 1280
+# narrow PUBLISH_ARGUMENT...: the link becomes narrower, and pictures go on.
+narrow() {
+  mtu 1500
+  publish "$@"
+  rm -f "$work"/*.mkv
+  play_far 60 &
+  local far_player=$!
+  playing far $far_player
+  mtu 1280
+  wait $far_player
+  unpublish
+}
+
 for codec in jpeg h264; do
-  for players in far both; do
-    watch $players --codec $codec --size 640x480 --bitrate 8M
-    [ "$(fragments)" = 0 ] || { echo "$codec, $players: $(fragments) packets were fragmented"; exit 1; }
-  done
+  options=(--codec $codec --size 640x480 --bitrate 8M)
+  mtu 1280
+  watch far "${options[@]}"
+  watch both "${options[@]}"
+  narrow "${options[@]}"
+  [ "$(fragments)" = 0 ] || { echo "$codec: $(fragments) packets were fragmented"; exit 1; }
 done
 
-ip link set near mtu 1500
-on_far ip link set far mtu 1500
+mtu 1500
 tc qdisc add dev near root tbf rate 100mbit burst 16kb limit 64kb
 ffmpeg -v error -f lavfi -i "nullsrc=s=640x480:r=10,geq=random(1)*255:128:128" -t 3 -c:v mjpeg -q:v 2 -y "$work/noise.avi"
 watch far --loop --codec jpeg --bitrate 24M "$work/noise.avi"
