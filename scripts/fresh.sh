@@ -23,7 +23,7 @@ fresh() {
   mkdir "$root"
   # shellcheck disable=SC2064  # the root's name as it is now
   trap "rm -rf '$work' '$root'" EXIT
-  mmdebstrap --quiet --variant=apt --include="$2" \
+  mmdebstrap --quiet --variant=apt --aptopt='Acquire::Retries "5"' --include="$2" \
     --setup-hook="mkdir -p \"\$1/etc/apt/preferences.d\" && cp '$work/sources/live555' \"\$1/etc/apt/preferences.d/live555\"" \
     --customize-hook="cp -r '$work'/* \"\$1/root/\"" \
     --customize-hook="chroot \"\$1\" /root/inside prepare $1" \
