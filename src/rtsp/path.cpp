@@ -27,7 +27,8 @@ std::optional<unsigned> largestPayloadTo(sockaddr_storage const& address) {
 }
 
 void refuseToFragment(int socket, int family) {
-  int const discover = family == AF_INET6 ? IPV6_PMTUDISC_DO : IP_PMTUDISC_DO;
+  int const discover = IP_PMTUDISC_DO;
+  static_assert(IP_PMTUDISC_DO == IPV6_PMTUDISC_DO);
   setsockopt(socket, family == AF_INET6 ? IPPROTO_IPV6 : IPPROTO_IP,
              family == AF_INET6 ? IPV6_MTU_DISCOVER : IP_MTU_DISCOVER, &discover, sizeof discover);
 }
