@@ -46,10 +46,11 @@ int Host::exit() {
   return call(KV_EXIT, nullptr, 0);
 }
 
-Host::Stream& Host::publish(std::string const& name, int format, int codec, int width, int height) {
+Host::Stream& Host::publish(std::string const& name, int format, int codec, int width, int height, int bitrate) {
   auto session = sessionRecord(name);
   EXPECT_EQ(call(KV_CREATE_SESSION, session), KV_OK) << name;
-  auto const video = videoRecord(format, codec, width, height);
+  auto video = videoRecord(format, codec, width, height);
+  video.bitrate = bitrate;
   kv_stream_record stream{};
   stream.handle = session.handle;
   stream.video = &video;
@@ -68,7 +69,7 @@ Host::Stream& Host::publish(std::string const& name, int format, int codec, int 
 }
 
 void Host::startSubmitting() {
-  constexpr int scrolledRows = 21;  // no multiple of what encoders look for at once
+  constexpr int scrolledRows = 149;  // farther than encoders look
   m_Submitting = true;
   m_Submitter = std::thread([this] {
     while (m_Submitting) {

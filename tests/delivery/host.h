@@ -43,7 +43,7 @@ class Host {
   // A session with one stream of the test picture; its frames are submitted
   // from startSubmitting() on, all streams at once every few milliseconds.
   Stream& publish(std::string const& name, int format = KV_BGR24, int codec = KV_CODEC_MJPEG, int width = 320,
-                  int height = 240);
+                  int height = 240, int bitrate = 800000);
   void startSubmitting();
   void stopSubmitting();
   // Rounds of frames submitted so far.

@@ -18,6 +18,7 @@ class Process {
   Process& operator=(Process const&) = delete;
 
   bool runs() const;
+  void signal(int number) const;
   // The exit status, or -1 if the process had to be killed at the limit.
   int wait(std::chrono::seconds limit = std::chrono::seconds(90));
 
@@ -50,10 +51,14 @@ class Player {
   // Plays until the player has decoded this many pictures.
   Player(Client client, Transport transport, std::string const& url, int pictures, int codec = 8);
 
+  // Waits until it has shown a picture.
+  void waitForPicture() const;
+  // Stops its process, or lets it go on.
+  void freeze(bool frozen) const;
   // Waits for the end and gives all pictures, in order; none if the player failed.
   std::vector<Picture> pictures(int width, int height);
-  // What the player said that speaks of damage.
-  std::string complaints() const;
+  // What the player said that speaks of damage, but for lines with the word allowed.
+  std::string complaints(std::string const& allowed = "\n") const;
   // All that it said.
   std::string messages() const { return contentOf(m_Folder.file("messages")); }
 
