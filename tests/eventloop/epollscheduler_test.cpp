@@ -1,6 +1,5 @@
 #include "eventloop/epollscheduler.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -233,24 +232,6 @@ TEST_F(EpollSchedulerTest, ATimerThatGoesOnForeverLeavesSocketsTheirTurn) {
   int heard = 0;
   Callback onData = [&] { ++heard; };
   watch(pair.near.get(), onData);
-  pair.send();
-  runUntil([&] { return heard > 0; });
-}
-
-TEST_F(EpollSchedulerTest, ServesSocketsAboveSelectsLimit) {
-  rlimit limit{};
-  getrlimit(RLIMIT_NOFILE, &limit);
-  if (limit.rlim_max < 2000) {
-    GTEST_SKIP() << "this process may not open 2000 files";
-  }
-  limit.rlim_cur = 2000;
-  setrlimit(RLIMIT_NOFILE, &limit);
-  Pair pair;
-  Descriptor const high(fcntl(pair.near.get(), F_DUPFD, 1500));
-  ASSERT_GE(high.get(), 1500);
-  int heard = 0;
-  Callback onData = [&] { ++heard; };
-  watch(high.get(), onData);
   pair.send();
   runUntil([&] { return heard > 0; });
 }

@@ -50,11 +50,3 @@ TEST_F(RunOnLoopServing, BringsResultsAndExceptionsBack) {
   EXPECT_EQ(m_Environment.runOnLoop([] { return 42; }), 42);
   EXPECT_THROW(m_Environment.runOnLoop([] { throw StreamException("from the loop", ErrorResource); }), StreamException);
 }
-
-TEST_F(RunOnLoopServing, StopsAndServesAgain) {
-  m_Environment.stop();
-  m_Environment.stop();
-  EXPECT_THROW(m_Environment.GetRTSPServer(), StreamException);
-  SetUp();
-  EXPECT_EQ(m_Environment.runOnLoop([] { return 1; }), 1);
-}

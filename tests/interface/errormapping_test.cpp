@@ -23,12 +23,6 @@ TEST(ErrorMapping, NothingElseEscapes) {
   EXPECT_EQ(resultOf([] { throw 7; }), -1);
 }
 
-TEST(ErrorMapping, TheExceptionCarriesMessageAndCode) {
-  StreamException const failure("Invalid stream ID", ErrorNoStream);
-  EXPECT_STREQ(failure.what(), "Invalid stream ID");
-  EXPECT_EQ(failure.m_Code, 6);
-}
-
 TEST(OptionalRecord, IsReadOnlyInItsTwoForms) {
   unsigned value = 4711;
   EXPECT_EQ(ValidateInput<unsigned>(nullptr, 0, 8554), 8554U);

@@ -44,16 +44,6 @@ TEST(FrameQueue, HasRoomForTenFrames) {
   EXPECT_TRUE(queue.IsBufferFree());
 }
 
-TEST(FrameQueue, IsFirstInFirstOut) {
-  FrameSourceHandler queue;
-  queue.push(frame(1));
-  queue.push(frame(2));
-  EXPECT_EQ(queue.front().packet.size, 1);
-  EXPECT_EQ(queue.back().packet.size, 2);
-  queue.pop();
-  EXPECT_EQ(queue.front().packet.size, 2);
-}
-
 TEST(FrameQueue, ReleasesEveryFrameOnce) {
   g_Released = 0;
   {
@@ -89,14 +79,4 @@ TEST(FrameQueue, RefusesToReadWhatIsNotThere) {
   EXPECT_THROW(queue.front(), std::out_of_range);
   EXPECT_THROW(queue.back(), std::out_of_range);
   EXPECT_THROW(queue.pop(), std::out_of_range);
-}
-
-TEST(FrameQueue, StreamingIsAFlagAndNotACount) {
-  FrameSourceHandler queue;
-  EXPECT_FALSE(queue.IsStreaming());
-  queue.SetStreaming(true);
-  queue.SetStreaming(true);
-  EXPECT_TRUE(queue.IsStreaming());
-  queue.SetStreaming(false);
-  EXPECT_FALSE(queue.IsStreaming());
 }
