@@ -40,7 +40,7 @@ bool startsKeyPicture(std::span<std::uint8_t const> packet) {
 }
 
 // The packets as they go over an RTSP connection.
-FramedPicture framed(PacketRun const& run, std::uint8_t channel) {
+FramedPackets framed(PacketRun const& run, std::uint8_t channel) {
   auto const framed = std::make_shared<std::vector<std::uint8_t>>();
   auto& bytes = *framed;
   bytes.reserve(run.bytes.size() + 4 * run.sizes.size());
@@ -208,7 +208,7 @@ void PictureGroupsock::sendOverUdp(PacketRun const& run) {
 // Whole and at once: the kernel paces what it sends over a connection itself.
 void PictureGroupsock::sendOverTcp(PacketRun const& picture) {
   bool lacksKey = false;
-  std::map<std::uint8_t, FramedPicture> byChannel;  // almost always one
+  std::map<std::uint8_t, FramedPackets> byChannel;  // almost always one
   for (auto const& [sessionId, destination] : m_TcpDestinations) {
     auto& bytes = byChannel[destination.channel];
     if (!bytes) {
@@ -226,7 +226,7 @@ void PictureGroupsock::sendReport(std::span<std::uint8_t const> report) {
   run.add(report);
   sendOverUdp(run);
   for (auto const& [sessionId, destination] : m_TcpDestinations) {
-    destination.output->sendReport(*framed(run, destination.channel));
+    destination.output->sendReport(framed(run, destination.channel));
   }
 }
 

@@ -17,7 +17,7 @@ namespace {
 // come first when a viewer goes on reading.
 constexpr int unsentInKernel = 1;
 
-std::uint8_t channelOf(FramedPicture const& picture) { return (*picture)[1]; }
+std::uint8_t channelOf(FramedPackets const& packets) { return (*packets)[1]; }
 
 }  // namespace
 
@@ -72,7 +72,7 @@ bool TcpOutput::admitsResponse() {
   return false;
 }
 
-bool TcpOutput::sendPicture(FramedPicture const& picture, bool keyPicture) {
+bool TcpOutput::sendPicture(FramedPackets const& picture, bool keyPicture) {
   auto const channel = channelOf(picture);
   if (keyPicture) {
     dropNotBegun(channel);  // what builds on older pictures is not needed any more
@@ -93,19 +93,19 @@ void TcpOutput::forget(std::uint8_t channel) {
   m_LackKey.erase(channel);
 }
 
-void TcpOutput::sendReport(std::span<std::uint8_t const> framed) {
+void TcpOutput::sendReport(FramedPackets const& report) {
   if (!m_WaitsForRoom) {
-    write(std::make_shared<std::vector<std::uint8_t> const>(framed.begin(), framed.end()));
+    write(report);
   }
 }
 
-void TcpOutput::write(FramedPicture const& picture) {
+void TcpOutput::write(FramedPackets const& packets) {
   if (m_Socket < 0) {
     return;
   }
-  std::size_t const sent = m_WaitsForRoom ? 0 : sendNow(*picture);
-  if (sent < picture->size()) {
-    m_Waiting.push_back({picture, Clock::now()});
+  std::size_t const sent = m_WaitsForRoom ? 0 : sendNow(*packets);
+  if (sent < packets->size()) {
+    m_Waiting.push_back({packets, Clock::now()});
     m_Begun += sent;
     waitForRoom();
   }
@@ -119,13 +119,13 @@ void TcpOutput::waitForRoom() {
 }
 
 // Whether what waits would come too late with the next picture, or be too much.
-bool TcpOutput::isBehind(FramedPicture const& next) const {
+bool TcpOutput::isBehind(FramedPackets const& next) const {
   auto const now = Clock::now();
   std::size_t bytes = next->size();
   bool late = false;
   for (std::size_t i = firstNotBegun(); i < m_Waiting.size(); ++i) {
-    if (channelOf(m_Waiting[i].picture) == channelOf(next)) {
-      bytes += m_Waiting[i].picture->size();
+    if (channelOf(m_Waiting[i].packets) == channelOf(next)) {
+      bytes += m_Waiting[i].packets->size();
       late = late || now - m_Waiting[i].since > maxAge;
     }
   }
@@ -135,15 +135,15 @@ bool TcpOutput::isBehind(FramedPicture const& next) const {
 void TcpOutput::dropNotBegun(std::uint8_t channel) {
   auto const from = m_Waiting.begin() + static_cast<std::ptrdiff_t>(firstNotBegun());
   m_Waiting.erase(
-      std::remove_if(from, m_Waiting.end(), [&](Waiting const& w) { return channelOf(w.picture) == channel; }),
+      std::remove_if(from, m_Waiting.end(), [&](Waiting const& w) { return channelOf(w.packets) == channel; }),
       m_Waiting.end());
 }
 
 void TcpOutput::flush() {
   while (!m_Waiting.empty() && (m_Begun > 0 || !m_HeldForResponse)) {
-    auto const& picture = *m_Waiting.front().picture;
-    m_Begun += sendNow(std::span(picture).subspan(m_Begun));
-    if (m_Begun < picture.size()) {
+    auto const& packets = *m_Waiting.front().packets;
+    m_Begun += sendNow(std::span(packets).subspan(m_Begun));
+    if (m_Begun < packets.size()) {
       return;
     }
     m_Waiting.erase(m_Waiting.begin());

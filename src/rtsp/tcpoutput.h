@@ -14,8 +14,8 @@
 
 namespace kavo {
 
-// As it goes over the wire, all of it on one channel. The viewers who wait for it share it.
-using FramedPicture = std::shared_ptr<std::vector<std::uint8_t> const>;
+// Packets as they go over the wire, all on one channel. The viewers who wait for them share them.
+using FramedPackets = std::shared_ptr<std::vector<std::uint8_t> const>;
 
 class TcpOutput : public std::enable_shared_from_this<TcpOutput> {
  public:
@@ -40,9 +40,9 @@ class TcpOutput : public std::enable_shared_from_this<TcpOutput> {
 
   // A whole picture. False when the viewer needs a key picture to go on with.
   // Pictures on other channels are other streams'.
-  bool sendPicture(FramedPicture const& picture, bool keyPicture);
-  // A report, framed; left out while the viewer is behind.
-  void sendReport(std::span<std::uint8_t const> framed);
+  bool sendPicture(FramedPackets const& picture, bool keyPicture);
+  // Left out while the viewer is behind.
+  void sendReport(FramedPackets const& report);
 
   // Sends nothing more on the channel, but the end of what was begun.
   void forget(std::uint8_t channel);
@@ -60,14 +60,14 @@ class TcpOutput : public std::enable_shared_from_this<TcpOutput> {
 
  private:
   struct Waiting {
-    FramedPicture picture;
+    FramedPackets packets;
     Clock::time_point since;
   };
 
   std::size_t firstNotBegun() const { return m_Begun > 0 ? 1 : 0; }
-  bool isBehind(FramedPicture const& next) const;
+  bool isBehind(FramedPackets const& next) const;
   void dropNotBegun(std::uint8_t channel);
-  void write(FramedPicture const& picture);
+  void write(FramedPackets const& packets);
   void waitForRoom();
   std::size_t sendNow(std::span<std::uint8_t const> bytes);
 

@@ -57,8 +57,8 @@ class Player {
   void freeze(bool frozen) const;
   // Waits for the end and gives all pictures, in order; none if the player failed.
   std::vector<Picture> pictures(int width, int height);
-  // What the player said that speaks of damage, but for lines with the word allowed.
-  std::string complaints(std::string const& allowed = "\n") const;
+  // What the player said that speaks of damage, but for lines with a word that is allowed.
+  std::string complaints(std::string const& allowed = "") const;
   // All that it said.
   std::string messages() const { return contentOf(m_Folder.file("messages")); }
 

@@ -26,11 +26,15 @@ class TcpOutputTest : public ::testing::Test {
     m_Output = std::make_shared<TcpOutput>(m_Near.get(), [this](bool wait) { m_Waiting = wait; });
   }
 
-  // A picture of one letter.
+  // One letter throughout, but for the channel.
+  static FramedPackets framed(char letter, std::size_t size, std::uint8_t channel = 0) {
+    auto const bytes = std::make_shared<std::vector<std::uint8_t>>(size, static_cast<std::uint8_t>(letter));
+    (*bytes)[1] = channel;
+    return bytes;
+  }
+
   bool picture(char letter, std::size_t size, bool key = true, std::uint8_t channel = 0) {
-    std::vector<std::uint8_t> bytes(size, static_cast<std::uint8_t>(letter));
-    bytes[1] = channel;
-    return m_Output->sendPicture(std::make_shared<std::vector<std::uint8_t> const>(std::move(bytes)), key);
+    return m_Output->sendPicture(framed(letter, size, channel), key);
   }
 
   // Lets the output go on, and reads a block; false when there was nothing.
@@ -77,10 +81,10 @@ TEST_F(TcpOutputTest, WhatAViewerMissesIsWholePictures) {
   EXPECT_TRUE(picture('c', 10));
   EXPECT_TRUE(picture('d', huge)) << "it takes the place of the one before";
   EXPECT_TRUE(picture('e', 10));
-  m_Output->sendReport(std::vector<std::uint8_t>(10, 'r'));
+  m_Output->sendReport(framed('r', 10));
   EXPECT_EQ(drain(), "10a " + std::to_string(huge) + "b 10e ");
   EXPECT_FALSE(m_Waiting);
-  m_Output->sendReport(std::vector<std::uint8_t>(10, 'r'));
+  m_Output->sendReport(framed('r', 10));
   EXPECT_EQ(drain(), "10r ");
 }
 
