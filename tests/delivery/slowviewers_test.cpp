@@ -13,12 +13,17 @@
 
 namespace {
 
+// Pictures for which a viewer stands still. H.264 has a key picture after 50 by
+// itself, which must not be what a viewer who goes on begins with.
+constexpr int standstill = 90;
+
 class SlowViewers : public ::testing::TestWithParam<int> {
  protected:
   SlowViewers() {
     m_Host.serve();
-    // Noise on the test picture makes JPEG images large. H.264 skips frames where
-    // all is noise, and makes next to nothing of what stands still: blocks that move.
+    // Noise on the test picture makes JPEG images large. H.264 skips frames where all
+    // is noise, makes next to nothing of what stands still, and key pictures where
+    // much changes: faint blocks that move.
     bool const jpeg = GetParam() == KV_CODEC_MJPEG;
     auto& frame = m_Host.publish("stream", KV_BGR24, GetParam(), 640, 480, 4000000).frame;
     frame.resize(jpeg ? frame.size() : 2 * frame.size());
@@ -31,7 +36,7 @@ class SlowViewers : public ::testing::TestWithParam<int> {
       } else if (at / row % 16 != 0) {
         frame[at] = frame[at - row];
       } else {
-        frame[at] = at % 48 != 0 ? frame[at - 1] : static_cast<std::uint8_t>(noise);
+        frame[at] = at % 48 != 0 ? frame[at - 1] : static_cast<std::uint8_t>(112 + noise / 8);
       }
     }
     m_Host.startSubmitting();
@@ -75,8 +80,8 @@ TEST_P(SlowViewers, OneThatStallsHoldsUpNobodyAndComesBackToWholePictures) {
   RtspClient witness(m_Host.port());
   ASSERT_TRUE(stalled.play(url()) && witness.play(url()));
   int const submitted = m_Host.submitted();
-  expectWholePictures(witness, 60, false);
-  EXPECT_GE(m_Host.submitted(), submitted + 55) << "submitting was held up";
+  expectWholePictures(witness, standstill, false);
+  EXPECT_GE(m_Host.submitted(), submitted + standstill - 5) << "submitting was held up";
   std::uint32_t const newest = m_Timestamp;
   int older = 0;
   int const gaps = expectWholePictures(stalled, true, [&](RtpChecker const& checker) {
@@ -84,8 +89,7 @@ TEST_P(SlowViewers, OneThatStallsHoldsUpNobodyAndComesBackToWholePictures) {
     return checker.pictures() >= older + 40;
   });
   EXPECT_GT(gaps, 0) << "it was never behind";
-  // The one that was begun, and small ones that its own system holds.
-  EXPECT_LE(older, GetParam() == KV_CODEC_MJPEG ? 1 : 20) << "old pictures came first";
+  EXPECT_LE(older, 1) << "others came first than the end of the one that was begun";
   EXPECT_EQ(stalled.request("GET_PARAMETER", url()).status, 200);
   expectWholePictures(stalled, 5, true);
   EXPECT_EQ(m_Host.failedSubmits(), 0);
@@ -93,20 +97,19 @@ TEST_P(SlowViewers, OneThatStallsHoldsUpNobodyAndComesBackToWholePictures) {
 
 // A real one: what it shows afterwards, it decodes without a complaint.
 TEST_P(SlowViewers, APlayerThatWasStoppedShowsWholePictures) {
-  constexpr int frozen = 60;
   Player player(Player::Client::Ffmpeg, Player::Transport::Tcp, url(), 60, GetParam());
   player.waitForPicture();
   int const submitted = m_Host.submitted();
   player.freeze(true);
   RtspClient witness(m_Host.port());
   ASSERT_TRUE(witness.play(url()));
-  expectWholePictures(witness, frozen, false);
+  expectWholePictures(witness, standstill, false);
   player.freeze(false);
   auto const pictures = player.pictures(640, 480);
   EXPECT_EQ(pictures.size(), 60U) << player.messages();
   EXPECT_EQ(player.complaints("muxer"), "");
   if (GetParam() == KV_CODEC_MJPEG) {  // whose pictures are too large to have all waited on the way
-    EXPECT_GT(m_Host.submitted() - submitted, frozen + 10) << "it was never behind";
+    EXPECT_GT(m_Host.submitted() - submitted, standstill + 10) << "it was never behind";
     for (auto const& picture : pictures) {
       EXPECT_EQ(differences(picture), "");
     }
