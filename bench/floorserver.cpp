@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "eventloop/descriptor.h"
+#include "base/descriptor.h"
 #include "server.h"
 
 namespace {

@@ -12,8 +12,8 @@
 #include "eventloop/quietusageenvironment.h"
 #include "rtsp/jpegdemandsession.h"
 #include "rtsp/jpegsource.h"
-#include "rtsp/streamserver.h"
 #include "server.h"
+#include "server/rtspserver.h"
 
 extern "C" {
 #include <libavcodec/packet.h>
@@ -55,7 +55,7 @@ class LiveServer : public BenchServer {
     m_Environment = QuietUsageEnvironment::createNew(*m_Scheduler);
     OutPacketBuffer::maxSize = 8000000;
     m_Server = stock ? RTSPServer::createNew(*m_Environment, setup.port)
-                     : StreamServer::createNew(*m_Environment, setup.port, 65);
+                     : RtspServer::createNew(*m_Environment, setup.port, 65);
     if (m_Server == nullptr) {
       std::fprintf(stderr, "port %d is taken\n", setup.port);
       std::exit(1);

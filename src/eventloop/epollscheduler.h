@@ -5,7 +5,7 @@
 #include <BasicUsageEnvironment.hh>
 #include <unordered_map>
 
-#include "eventloop/descriptor.h"
+#include "base/descriptor.h"
 #include "eventloop/eventtriggers.h"
 #include "eventloop/timers.h"
 

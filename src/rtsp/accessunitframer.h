@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "eventloop/eventlooprole.h"
-#include "rtsp/nalunits.h"
+#include "rtp/nalunits.h"
 
 namespace kavo {
 

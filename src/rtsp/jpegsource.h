@@ -5,7 +5,7 @@
 #include <JPEGVideoSource.hh>
 #include <optional>
 
-#include "rtsp/jpegheader.h"
+#include "rtp/jpegheader.h"
 #include "rtsp/queuedsource.h"
 
 namespace kavo {

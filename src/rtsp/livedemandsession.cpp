@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <utility>
 
-#include "rtsp/path.h"
+#include "delivery/pathmtu.h"
 #include "rtsp/picturegroupsock.h"
 
 namespace kavo {
@@ -94,7 +94,7 @@ void LiveDemandSession::getStreamParameters(unsigned clientSessionId, sockaddr_s
                                             Boolean& isMulticast, Port& serverRTPPort, Port& serverRTCPPort,
                                             void*& streamToken) {
   eventLoopRole.assertHeld();
-  auto const output = TcpOutput::of(tcpSocketNum);
+  auto const output = InterleavedWriter::of(tcpSocketNum);
   bool const tcp = output != nullptr;
   if (tcp) {
     (*m_TcpViewers)[clientSessionId] = {output, rtpChannelId, rtcpChannelId};

@@ -6,8 +6,8 @@
 #include <algorithm>
 #include <utility>
 
-#include "rtsp/nalunits.h"
-#include "rtsp/path.h"
+#include "delivery/pathmtu.h"
+#include "rtp/nalunits.h"
 
 namespace kavo {
 

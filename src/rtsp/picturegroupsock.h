@@ -12,11 +12,11 @@
 #include <optional>
 #include <vector>
 
-#include "eventloop/descriptor.h"
+#include "base/descriptor.h"
+#include "delivery/packetrun.h"
+#include "delivery/udpsender.h"
 #include "eventloop/eventlooprole.h"
-#include "rtsp/packetrun.h"
 #include "rtsp/tcpviewers.h"
-#include "rtsp/udpsender.h"
 
 namespace kavo {
 
@@ -42,7 +42,7 @@ class PictureGroupsock : public Groupsock {
 
  private:
   struct TcpDestination {
-    std::shared_ptr<TcpOutput> output;
+    std::shared_ptr<InterleavedWriter> output;
     std::uint8_t channel;
   };
   struct Joining {

@@ -7,12 +7,12 @@
 #include <map>
 #include <memory>
 
-#include "rtsp/tcpoutput.h"
+#include "delivery/interleavedwriter.h"
 
 namespace kavo {
 
 struct TcpViewer {
-  std::shared_ptr<TcpOutput> output;
+  std::shared_ptr<InterleavedWriter> output;
   std::uint8_t rtpChannel;
   std::uint8_t rtcpChannel;
 };

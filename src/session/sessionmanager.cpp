@@ -19,7 +19,7 @@ void SessionManager::exit() {
 
 void SessionManager::addSession(SessionInformation& information) {
   Locked lock(m_Mutex);
-  StreamServer* const server = m_Environment.GetRTSPServer();
+  RtspServer* const server = m_Environment.GetRTSPServer();
   auto const nameTaken = [&] {
     eventLoopRole.assertHeld();
     return server->hasSession(information.name.c_str());
@@ -38,7 +38,7 @@ void SessionManager::removeSession(void* handle) {
   Locked lock(m_Mutex);
   auto const session = m_Sessions.at(handle);
   m_Sessions.erase(handle);
-  StreamServer* const server = m_Environment.GetRTSPServer();
+  RtspServer* const server = m_Environment.GetRTSPServer();
   m_Environment.runOnLoop([&] { server->deleteServerMediaSession(session->mediaSession()); });
 }
 
@@ -65,7 +65,7 @@ void SessionManager::submitData(void* handle, void* streamId, unsigned char cons
 }
 
 std::string SessionManager::urlOf(Session& session) const {
-  StreamServer const* const server = m_Environment.GetRTSPServer();
+  RtspServer const* const server = m_Environment.GetRTSPServer();
   return m_Environment.runOnLoop([&] {
     // No particular connection: the URL carries the machine's own address.
     std::unique_ptr<char[]> const url(server->rtspURL(session.mediaSession(), -1));

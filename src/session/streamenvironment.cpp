@@ -40,7 +40,7 @@ void StreamEnvironment::start(unsigned int port) {
   }
   {
     EventLoopRole::Holder const role(eventLoopRole);
-    m_RTSPServer = StreamServer::createNew(*m_UsageEnvironment, static_cast<std::uint16_t>(port), reclamationSeconds);
+    m_RTSPServer = RtspServer::createNew(*m_UsageEnvironment, static_cast<std::uint16_t>(port), reclamationSeconds);
   }
   if (m_RTSPServer == nullptr) {
     throw StreamException("RTSPServer creation failed", ErrorResource);
@@ -72,7 +72,7 @@ void StreamEnvironment::run() {
   m_TaskScheduler->doEventLoop(&m_WatchVariable);
 }
 
-StreamServer* StreamEnvironment::GetRTSPServer() const {
+RtspServer* StreamEnvironment::GetRTSPServer() const {
   if (m_RTSPServer == nullptr) {
     throw StreamException("RTSP server is not initialized", ErrorServerNotStarted);
   }

@@ -12,7 +12,7 @@
 #include "base/owners.h"
 #include "eventloop/eventlooprole.h"
 #include "eventloop/eventlooptasks.h"
-#include "rtsp/streamserver.h"
+#include "server/rtspserver.h"
 
 namespace kavo {
 
@@ -40,7 +40,7 @@ class StreamEnvironment {
   UsageEnvironment& GetUsageEnvironment() const { return *m_UsageEnvironment; }
   TaskScheduler* GetTaskScheduler() const { return m_TaskScheduler.get(); }
   // Throws "RTSP server is not initialized".
-  StreamServer* GetRTSPServer() const;
+  RtspServer* GetRTSPServer() const;
 
  private:
   struct Reclaim {
@@ -53,7 +53,7 @@ class StreamEnvironment {
   std::unique_ptr<UsageEnvironment, Reclaim> m_UsageEnvironment;
   std::unique_ptr<TaskScheduler> m_TaskScheduler;
   std::unique_ptr<EventLoopTasks> m_Tasks;
-  StreamServer* m_RTSPServer = nullptr;  // closed with Medium::close
+  RtspServer* m_RTSPServer = nullptr;  // closed with Medium::close
   std::thread m_Thread;
   char volatile m_WatchVariable = 0;  // not 0: the event loop returns
 };

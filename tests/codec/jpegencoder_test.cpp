@@ -4,7 +4,7 @@
 #include <iterator>
 
 #include "codec/encoding.h"
-#include "rtsp/jpegheader.h"
+#include "rtp/jpegheader.h"
 
 using namespace kavo;
 using namespace kavo::test;

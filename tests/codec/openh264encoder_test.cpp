@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "codec/encoding.h"
-#include "rtsp/nalunits.h"
+#include "rtp/nalunits.h"
 
 using namespace kavo;
 using namespace kavo::test;

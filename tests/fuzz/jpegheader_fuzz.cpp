@@ -2,7 +2,7 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "rtsp/jpegheader.h"
+#include "rtp/jpegheader.h"
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
   auto const header = kavo::readJpegHeader({data, size});

@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "rtsp/nalunits.h"
+#include "rtp/nalunits.h"
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
   std::uint8_t const* end = data;

@@ -2,7 +2,7 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "rtsp/requestreader.h"
+#include "server/requestreader.h"
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
   using kavo::RequestReader;

@@ -1,0 +1,60 @@
+#include "server/listeningsockets.h"
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <utility>
+
+namespace kavo {
+
+namespace {
+
+template <class Address>
+bool bindAndListen(int descriptor, Address const& address) {
+  // SO_REUSEADDR passes over connections of an earlier server in TIME_WAIT, and
+  // still refuses a port that somebody listens on (SO_REUSEPORT would share it).
+  int const on = 1;
+  return setsockopt(descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == 0 &&
+         bind(descriptor, reinterpret_cast<sockaddr const*>(&address), sizeof address) == 0 &&
+         listen(descriptor, SOMAXCONN) == 0;
+}
+
+// False when the family is there but the port cannot be had.
+template <class Address>
+bool openFamily(Address const& address, int family, Descriptor& result) {
+  Descriptor socket(::socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  if (socket.get() < 0) {
+    return errno == EAFNOSUPPORT;
+  }
+  int const on = 1;
+  if (family == AF_INET6) {
+    setsockopt(socket.get(), IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
+  }
+  if (!bindAndListen(socket.get(), address)) {
+    return errno == EADDRNOTAVAIL;
+  }
+  result = std::move(socket);
+  return true;
+}
+
+}  // namespace
+
+std::optional<ListeningSockets> listenOnPort(std::uint16_t port) {
+  sockaddr_in ipv4{};
+  ipv4.sin_family = AF_INET;
+  ipv4.sin_port = htons(port);
+  sockaddr_in6 ipv6{};
+  ipv6.sin6_family = AF_INET6;
+  ipv6.sin6_port = htons(port);
+
+  ListeningSockets sockets;
+  bool const complete = openFamily(ipv4, AF_INET, sockets.ipv4) && openFamily(ipv6, AF_INET6, sockets.ipv6);
+  bool const any = sockets.ipv4.get() >= 0 || sockets.ipv6.get() >= 0;
+  if (!complete || !any) {
+    return std::nullopt;
+  }
+  return sockets;
+}
+
+}  // namespace kavo

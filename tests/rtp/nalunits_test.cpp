@@ -1,0 +1,51 @@
+#include "rtp/nalunits.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+using namespace kavo;
+
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+// The NAL units as text, split from a block of exactly the input's size.
+std::vector<Bytes> split(Bytes const& input) {
+  auto const exact = std::make_unique<std::uint8_t[]>(input.size());
+  std::copy(input.begin(), input.end(), exact.get());
+  std::vector<Bytes> result;
+  for (NalUnit const nalUnit : splitAccessUnit({exact.get(), input.size()})) {
+    result.emplace_back(nalUnit.begin(), nalUnit.end());
+  }
+  return result;
+}
+
+}  // namespace
+
+TEST(NalUnits, AreFoundBehindStartCodesOfBothLengths) {
+  struct Case {
+    Bytes input;
+    std::vector<Bytes> expected;
+  };
+  Case const cases[] = {
+      {{}, {}},
+      {{0x41, 9, 8}, {{0x41, 9, 8}}},
+      {{0x67, 1, 0, 0, 0, 1, 0x68, 2, 0, 0, 0, 1, 0x65, 3}, {{0x67, 1}, {0x68, 2}, {0x65, 3}}},
+      {{0x67, 1, 0, 0, 1, 0x68, 2, 0, 0, 1, 0x65, 3}, {{0x67, 1}, {0x68, 2}, {0x65, 3}}},
+      {{0, 0, 0, 1, 0x65, 3}, {{0x65, 3}}},
+      {{0, 0, 1, 0x65, 3}, {{0x65, 3}}},
+      {{0x65, 3, 0, 0, 0}, {{0x65, 3}}},                         // zeros behind the last
+      {{0x65, 3, 0, 0, 1}, {{0x65, 3}}},                         // an empty one at the end
+      {{0x65, 0, 0, 1, 0, 0, 1, 0x41, 1}, {{0x65}, {0x41, 1}}},  // an empty one between
+      {{0x65, 0, 0, 3, 1, 7}, {{0x65, 0, 0, 3, 1, 7}}},          // emulation prevention
+      {{0x65, 0, 1, 1, 0, 1}, {{0x65, 0, 1, 1, 0, 1}}},
+      {{0, 0}, {}},
+      {{1}, {{1}}},
+      {{0, 0, 1}, {}},
+  };
+  for (auto const& c : cases) {
+    EXPECT_EQ(split(c.input), c.expected) << ::testing::PrintToString(c.input);
+  }
+}

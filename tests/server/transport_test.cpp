@@ -1,0 +1,44 @@
+#include "server/transport.h"
+
+#include <gtest/gtest.h>
+
+using kavo::acceptableTransport;
+
+namespace {
+
+std::string accepted(std::string const& transport) {
+  return acceptableTransport("SETUP rtsp://host/name/track1 RTSP/1.0\r\nCSeq: 3\r\nTransport: " + transport +
+                             "\r\nUser-Agent: test\r\n\r\n")
+      .value_or("refused");
+}
+
+}  // namespace
+
+TEST(TransportHeader, OffersInTheWordsOfTheServer) {
+  std::pair<char const*, char const*> const cases[] = {
+      {"RTP/AVP;unicast;client_port=5000-5001", "RTP/AVP;unicast;client_port=5000-5001"},
+      {"RTP/AVP/UDP;unicast;client_port=5000-5001", "RTP/AVP;unicast;client_port=5000-5001"},
+      {"rtp/avp/udp ; unicast ; Client_Port = 5000-5001", "RTP/AVP;unicast;client_port=5000-5001"},
+      {"RTP/AVP;unicast;client_port=5000", "RTP/AVP;unicast;client_port=5000-5001"},
+      {"RTP/AVP/TCP;unicast;interleaved=0-1", "RTP/AVP/TCP;unicast;interleaved=0-1"},
+      {"RTP/AVP/TCP;unicast", "RTP/AVP/TCP;unicast"},
+      {"RTP/AVP/TCP;interleaved=300-301", "RTP/AVP/TCP;unicast"},
+      {"RTP/AVP;multicast, RTP/AVP/TCP;unicast;interleaved=2-3", "RTP/AVP/TCP;unicast;interleaved=2-3"},
+  };
+  for (auto const& [asked, offered] : cases) {
+    EXPECT_EQ(accepted(asked), offered) << asked;
+  }
+}
+
+TEST(TransportHeader, RefusesWhatWouldSpoilTheStream) {
+  for (auto const* asked :
+       {"RAW/RAW/UDP;unicast;client_port=5000", "MP2T/H2221/UDP;unicast;client_port=5000", "RTP/AVP", "RTP/AVP;unicast",
+        "RTP/AVP;unicast;client_port=0-1", "RTP/AVP;unicast;client_port=5000-0", "RTP/AVP;unicast;client_port=65535",
+        "RTP/AVP;unicast;client_port=65536-65537", "RTP/AVP;unicast;client_port=-5", "RTP/AVP;unicast;client_port=x",
+        "RTP/AVP;multicast;client_port=5000-5001", "RTP/SAVP;unicast;client_port=5000-5001", "", ";;;", ","}) {
+    EXPECT_EQ(accepted(asked), "refused") << asked;
+  }
+  EXPECT_FALSE(acceptableTransport("SETUP rtsp://h/n RTSP/1.0\r\nCSeq: 1\r\n\r\n"));
+  EXPECT_FALSE(acceptableTransport("SETUP Transport:RTP/AVP/TCP RTSP/1.0\r\nX: Transport: RTP/AVP/TCP\r\n\r\n"));
+  EXPECT_FALSE(acceptableTransport(""));
+}

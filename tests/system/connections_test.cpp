@@ -1,0 +1,165 @@
+// Many connections, silent ones, and a process that runs out of descriptors.
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <ctime>
+#include <memory>
+#include <thread>
+
+#include "system/host.h"
+#include "system/player.h"
+#include "system/rtspclient.h"
+
+namespace {
+
+void allowFiles(rlim_t count) {
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  limit.rlim_cur = count;
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+double cpuSeconds() { return static_cast<double>(std::clock()) / CLOCKS_PER_SEC; }
+
+}  // namespace
+
+// The clients are in a process of their own: only the server runs short.
+TEST(Connections, DISABLED_Crowd) {
+  std::vector<std::unique_ptr<RtspClient>> silent;
+  auto const port = static_cast<std::uint32_t>(std::atoi(std::getenv("KAVO_CROWD_PORT")));
+  for (int i = 0; i < 80; ++i) {
+    silent.push_back(std::make_unique<RtspClient>(port));
+  }
+  std::this_thread::sleep_for(std::chrono::seconds(60));  // it is killed before
+}
+
+TEST(Connections, SilentOnesDoNotExhaustTheHost) {
+  allowFiles(64);
+  Host host;
+  host.serve();
+  host.publish("stream");
+  host.startSubmitting();
+  RtspClient viewer(host.port());
+  ASSERT_TRUE(viewer.play(host.url("stream")));
+  TemporaryFolder folder;
+  char self[4096] = {};
+  ASSERT_GT(readlink("/proc/self/exe", self, sizeof self - 1), 0);
+  Process crowd({"env", "KAVO_CROWD_PORT=" + std::to_string(host.port()), self, "--gtest_also_run_disabled_tests",
+                 "--gtest_filter=Connections.DISABLED_Crowd"},
+                folder.file("output"));
+  // New viewers are served while the crowd comes, and after; and the host still opens files.
+  for (int i = 0; i < 30; ++i) {
+    // While the crowd streams in it may be pushed out before its first word.
+    bool served = false;
+    for (int attempt = 0; attempt < 3 && !served; ++attempt) {
+      RtspClient newcomer(host.port());
+      served = newcomer.play(host.url("stream")) && newcomer.receivesAPicture();
+    }
+    EXPECT_TRUE(served) << "newcomer " << i;
+    EXPECT_TRUE(viewer.receivesAPicture());
+    int const file = dup(0);
+    EXPECT_GE(file, 0) << "the host is out of descriptors";
+    close(file);
+  }
+}
+
+TEST(Connections, ALoopOutOfDescriptorsRestsAndComesBack) {
+  Host host;
+  host.serve();
+  host.publish("stream");
+  host.startSubmitting();
+  RtspClient viewer(host.port());
+  ASSERT_TRUE(viewer.play(host.url("stream")));
+  // The host itself uses up all descriptors but the one for the newcomer's end.
+  allowFiles(64);
+  std::vector<int> files;
+  for (int file; (file = dup(0)) >= 0;) {
+    files.push_back(file);
+  }
+  close(files.back());
+  files.pop_back();
+  RtspClient newcomer(host.port());
+  ASSERT_TRUE(newcomer.connected());  // by the kernel, in the backlog
+  double const before = cpuSeconds();
+  auto const begin = std::chrono::steady_clock::now();
+  for (int i = 0; i < 30; ++i) {
+    EXPECT_TRUE(viewer.receivesAPicture());
+  }
+  double const elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+  // Spinning would take a whole core; encoding and sending these pictures takes little of one.
+  EXPECT_LT(cpuSeconds() - before, elapsed * 0.9);
+  for (int const file : files) {
+    close(file);
+  }
+  EXPECT_TRUE(newcomer.play(host.url("stream")) && newcomer.receivesAPicture());
+}
+
+TEST(Connections, RequestsThatAreNotOfferedAreAnsweredWithAnError) {
+  Host host;
+  host.serve();
+  host.publish("stream");
+  host.startSubmitting();
+  auto const url = host.url("stream");
+  RtspClient client(host.port());
+  for (auto const* method : {"REGISTER", "DEREGISTER", "ANNOUNCE", "RECORD", "REDIRECT", "GET", "POST", "NONSENSE"}) {
+    auto const response = client.request(method, url, "Content-Length: 2\r\n\r\nx");
+    EXPECT_EQ(response.status, 405) << method;
+    EXPECT_NE(response.header("CSeq"), "") << method;
+  }
+  EXPECT_EQ(client.request("OPTIONS", url).status, 200);
+  ASSERT_TRUE(client.play(url));
+  EXPECT_EQ(client.request("SETUP", url + "/track1", RtspClient::overTcp).status, 455);
+  EXPECT_TRUE(client.receivesAPicture());
+
+  RtspClient tunnel(host.port());
+  tunnel.send("GET /stream HTTP/1.0\r\nx-sessioncookie: abc\r\nAccept: application/x-rtsp-tunnelled\r\n\r\n");
+  tunnel.send("POST /stream HTTP/1.0\r\nx-sessioncookie: abc\r\nContent-Length: 32767\r\n\r\n");
+  EXPECT_TRUE(tunnel.isClosedWhileReading());
+  RtspClient garbage(host.port());
+  garbage.send(std::string(9000, 'x'));
+  EXPECT_TRUE(garbage.isClosedWhileReading());
+  EXPECT_TRUE(client.receivesAPicture());
+}
+
+TEST(Connections, AHostWithManyOpenFilesIsServed) {
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  if (limit.rlim_max < 2200) {
+    GTEST_SKIP() << "this process may not open 2200 files";
+  }
+  allowFiles(2200);
+  std::vector<int> files;
+  for (int i = 0; i < 2000; ++i) {
+    files.push_back(dup(0));
+  }
+  Host host;
+  host.serve();
+  host.publish("stream");
+  host.startSubmitting();
+  RtspClient tcp(host.port());
+  RtspClient udp(host.port());
+  EXPECT_TRUE(tcp.play(host.url("stream")) && tcp.receivesAPicture());
+  EXPECT_TRUE(udp.playOverUdp(host.url("stream")) && udp.receivesAPicture());
+  for (int const file : files) {
+    close(file);
+  }
+}
+
+TEST(Connections, FortyStreamsAllDeliver) {
+  Host host;
+  host.serve();
+  std::vector<std::unique_ptr<RtspClient>> viewers;
+  for (int i = 0; i < 40; ++i) {
+    host.publish("stream" + std::to_string(i), KV_YUV420P, KV_CODEC_MJPEG, 64, 64);
+  }
+  host.startSubmitting();
+  for (auto const& name : host.names()) {
+    viewers.push_back(std::make_unique<RtspClient>(host.port()));
+    ASSERT_TRUE(viewers.back()->play(host.url(name)));
+  }
+  for (auto const& viewer : viewers) {
+    EXPECT_TRUE(viewer->receivesAPicture());
+  }
+}

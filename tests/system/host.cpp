@@ -1,0 +1,141 @@
+#include "system/host.h"
+
+#include <arpa/inet.h>
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+
+#include "system/testpicture.h"
+
+Host::Host() : m_Library(dlopen(KAVO_LIBRARY, RTLD_NOW | RTLD_LOCAL)) {
+  if (m_Library == nullptr) {
+    std::fprintf(stderr, "%s\n", dlerror());
+    std::abort();
+  }
+  m_Function = reinterpret_cast<int (*)(int, void*, int)>(dlsym(m_Library, "_Z9kv_StreamiPvi"));
+}
+
+Host::~Host() {
+  stopSubmitting();
+  dlclose(m_Library);
+}
+
+void Host::serve() {
+  for (int attempt = 0; attempt < 20; ++attempt) {
+    if (serveOn(freePort()) == KV_OK) {
+      return;
+    }
+  }
+  FAIL() << "no port to serve on";
+}
+
+int Host::serveOn(std::uint32_t port) {
+  m_Port = port;
+  return call(KV_INIT, port);
+}
+
+int Host::exit() {
+  stopSubmitting();
+  m_Streams.clear();
+  return call(KV_EXIT, nullptr, 0);
+}
+
+Host::Stream& Host::publish(std::string const& name, int format, int codec, int width, int height, int bitrate) {
+  auto session = sessionRecord(name);
+  EXPECT_EQ(call(KV_CREATE_SESSION, session), KV_OK) << name;
+  auto video = videoRecord(format, codec, width, height);
+  video.bitrate = bitrate;
+  kv_stream_record stream{};
+  stream.handle = session.handle;
+  stream.video = &video;
+  EXPECT_EQ(call(KV_CREATE_STREAM, stream), KV_OK) << name;
+
+  auto result = std::make_unique<Stream>();
+  result->name = name;
+  result->frame = testFrame(format, width, height);
+  result->frameSize = result->frame.size();
+  result->width = width;
+  result->height = height;
+  result->record.handle = session.handle;
+  result->record.stream = stream.stream;
+  m_Streams.push_back(std::move(result));
+  return *m_Streams.back();
+}
+
+void Host::startSubmitting() {
+  constexpr int scrolledRows = 149;  // farther than encoders look
+  m_Submitting = true;
+  m_Submitter = std::thread([this] {
+    while (m_Submitting) {
+      for (auto const& stream : m_Streams) {
+        auto const row = stream->frameSize / static_cast<std::size_t>(stream->height);
+        auto const rows = (stream->frame.size() - stream->frameSize) / row + 1;
+        stream->record.frame = stream->frame.data() + static_cast<std::size_t>(m_Submitted * scrolledRows) % rows * row;
+        if (call(KV_SUBMIT_FRAME, stream->record) != KV_OK) {
+          ++m_FailedSubmits;
+        }
+      }
+      ++m_Submitted;
+      std::this_thread::sleep_for(std::chrono::milliseconds(30));  // the frame rate
+    }
+  });
+}
+
+void Host::stopSubmitting() {
+  m_Submitting = false;
+  if (m_Submitter.joinable()) {
+    m_Submitter.join();
+  }
+}
+
+std::vector<std::string> Host::names() const {
+  std::vector<std::string> names;
+  for (auto const& stream : m_Streams) {
+    names.push_back(stream->name);
+  }
+  return names;
+}
+
+std::string Host::url(std::string const& name, std::string const& address) const {
+  return "rtsp://" + address + ":" + std::to_string(m_Port) + "/" + name;
+}
+
+kv_session_record sessionRecord(std::string const& name) {
+  kv_session_record record{};
+  std::snprintf(record.name, sizeof record.name, "%s", name.c_str());
+  std::snprintf(record.info, sizeof record.info, "info");
+  std::snprintf(record.description, sizeof record.description, "description");
+  return record;
+}
+
+kv_video_record videoRecord(int format, int codec, int width, int height) {
+  kv_video_record record{};
+  record.reserved = 4711;
+  record.src_width = record.dst_width = width;
+  record.src_height = record.dst_height = height;
+  record.src_pixel_format = format;
+  record.dst_pixel_format = 99;  // of no effect
+  record.dst_codec = codec;
+  record.frame_rate = 25;
+  record.bitrate = 800000;
+  return record;
+}
+
+std::uint32_t freePort() {
+  int const socket = ::socket(AF_INET6, SOCK_STREAM, 0);
+  sockaddr_in6 address{};
+  address.sin6_family = AF_INET6;  // and IPv4 with it, where it is not IPv6 alone
+  socklen_t size = sizeof address;
+  if (socket < 0 || bind(socket, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
+      getsockname(socket, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
+    ADD_FAILURE() << "no free port";
+  }
+  close(socket);
+  return ntohs(address.sin6_port);
+}

@@ -1,0 +1,99 @@
+// Viewers that come to an H.264 stream begin with a whole picture, at once.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <memory>
+#include <thread>
+
+#include "system/host.h"
+#include "system/player.h"
+#include "system/rtspclient.h"
+
+namespace {
+
+constexpr int sps = 7;
+
+class Joining : public ::testing::Test {
+ protected:
+  Joining() {
+    m_Host.serve();
+    m_Host.publish("stream", KV_BGR24, KV_CODEC_H264);
+    m_Host.startSubmitting();
+  }
+
+  std::string url() const { return m_Host.url("stream"); }
+
+  void waitForFrames(int count) {
+    int const end = m_Host.submitted() + count;
+    while (m_Host.submitted() < end) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+  }
+
+  Host m_Host;
+};
+
+}  // namespace
+
+TEST_F(Joining, TheFirstViewerBeginsWithAKeyPicture) {
+  for (int round = 0; round < 3; ++round) {
+    RtspClient viewer(m_Host.port());
+    ASSERT_TRUE(round == 0 ? viewer.play(url()) : viewer.playOverUdp(url()));
+    EXPECT_EQ(viewer.nextNalType(), sps) << "round " << round;
+    EXPECT_EQ(viewer.request("TEARDOWN", url()).status, 200);
+    waitForFrames(5);
+  }
+}
+
+// The regular key picture comes every 50 frames.
+TEST_F(Joining, ALaterViewerDoesNotWaitForTheRegularKeyPicture) {
+  RtspClient first(m_Host.port());
+  ASSERT_TRUE(first.play(url()));
+  EXPECT_EQ(first.nextNalType(), sps);
+  waitForFrames(18);
+  RtspClient second(m_Host.port());
+  ASSERT_TRUE(second.play(url()));
+  int const asked = m_Host.submitted();
+  EXPECT_EQ(second.nextNalType(), sps);
+  EXPECT_LT(m_Host.submitted() - asked, 10);
+}
+
+TEST_F(Joining, ViewersThatComeTogetherAllBeginWithAWholePicture) {
+  std::vector<std::unique_ptr<RtspClient>> viewers;
+  for (int i = 0; i < 6; ++i) {
+    viewers.push_back(std::make_unique<RtspClient>(m_Host.port()));
+    ASSERT_TRUE(i % 2 == 0 ? viewers.back()->play(url()) : viewers.back()->playOverUdp(url()));
+    waitForFrames(1);
+  }
+  int const asked = m_Host.submitted();
+  for (auto const& viewer : viewers) {
+    EXPECT_EQ(viewer->nextNalType(), sps);
+  }
+  // The last one's wish waited for its time, half a second, and not for the regular picture.
+  EXPECT_LT(m_Host.submitted() - asked, 25);
+}
+
+TEST_F(Joining, AViewerMayLeaveWhileItWaits) {
+  RtspClient first(m_Host.port());
+  ASSERT_TRUE(first.play(url()));
+  for (int i = 0; i < 4; ++i) {
+    RtspClient passing(m_Host.port());
+    ASSERT_TRUE(passing.play(url()));
+  }
+  RtspClient leaving(m_Host.port());
+  ASSERT_TRUE(leaving.play(url()));
+  EXPECT_EQ(leaving.request("TEARDOWN", url()).status, 200);
+  EXPECT_TRUE(first.receivesAPicture());
+}
+
+TEST_F(Joining, FfmpegSeesNoDamageWhenItJoinsOthers) {
+  RtspClient first(m_Host.port());
+  ASSERT_TRUE(first.playOverUdp(url()));
+  for (auto const transport : {Player::Transport::Tcp, Player::Transport::Udp, Player::Transport::Tcp}) {
+    Player player(Player::Client::Ffmpeg, transport, url(), 5);
+    auto const pictures = player.pictures(320, 240);
+    ASSERT_EQ(pictures.size(), 5U) << player.messages();
+    EXPECT_EQ(differences(pictures[0]), "");
+    EXPECT_EQ(player.complaints(), "");
+  }
+}

@@ -1,0 +1,167 @@
+// Starting, stopping, unloading, and sessions that come and go while clients play.
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "system/host.h"
+#include "system/player.h"
+#include "system/rtspclient.h"
+
+namespace {
+
+// Holds a port on one address family only.
+class HeldPort {
+ public:
+  explicit HeldPort(int family) : m_Socket(socket(family, SOCK_STREAM, 0)) {
+    int const on = 1;
+    sockaddr_in6 address{};  // its first fields are those of sockaddr_in
+    address.sin6_family = static_cast<sa_family_t>(family);
+    socklen_t size = family == AF_INET ? sizeof(sockaddr_in) : sizeof address;
+    if (family == AF_INET6) {
+      setsockopt(m_Socket, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
+    }
+    setsockopt(m_Socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    EXPECT_EQ(bind(m_Socket, reinterpret_cast<sockaddr*>(&address), size), 0);
+    EXPECT_EQ(listen(m_Socket, 1), 0);
+    getsockname(m_Socket, reinterpret_cast<sockaddr*>(&address), &size);
+    m_Port = ntohs(address.sin6_port);
+  }
+  ~HeldPort() { close(m_Socket); }
+  HeldPort(HeldPort const&) = delete;
+  HeldPort& operator=(HeldPort const&) = delete;
+
+  std::uint32_t port() const { return m_Port; }
+
+ private:
+  int m_Socket;
+  std::uint32_t m_Port = 0;
+};
+
+}  // namespace
+
+TEST(Lifecycle, APortHeldOnOneAddressFamilyIsRefused) {
+  Host host;
+  for (int const family : {AF_INET, AF_INET6}) {
+    HeldPort const held(family);
+    EXPECT_EQ(host.serveOn(held.port()), KV_RESOURCE_FAILURE) << "family " << family;
+  }
+  host.serve();
+  Host second;
+  EXPECT_EQ(second.call(KV_EXIT, nullptr, 0), KV_OK);  // the same library: one server in the process
+  EXPECT_FALSE(RtspClient(host.port()).connected());
+}
+
+TEST(Lifecycle, APortGivenUpWithViewersIsTakenAgainAtOnce) {
+  Host host;
+  std::uint32_t port = 0;
+  for (int round = 0; round < 20; ++round) {
+    if (round == 0) {
+      host.serve();
+      port = host.port();
+    } else {
+      ASSERT_EQ(host.serveOn(port), KV_OK) << "round " << round;
+    }
+    host.publish("stream");
+    host.startSubmitting();
+    RtspClient overIpv4(port);
+    RtspClient overIpv6(port, true);
+    EXPECT_TRUE(overIpv4.play(host.url("stream")) && overIpv4.receivesAPicture()) << "round " << round;
+    EXPECT_TRUE(overIpv6.play(host.url("stream", "[::1]")) && overIpv6.receivesAPicture()) << "round " << round;
+    EXPECT_EQ(host.exit(), KV_OK);
+  }
+  ASSERT_EQ(host.serveOn(port), KV_OK);
+  host.publish("stream");
+  host.startSubmitting();
+  for (std::string const address : {"127.0.0.1", "[::1]"}) {
+    Player player(Player::Client::Ffmpeg, Player::Transport::Tcp, host.url("stream", address), 1);
+    auto const pictures = player.pictures(320, 240);
+    ASSERT_EQ(pictures.size(), 1U) << player.messages();
+    EXPECT_EQ(differences(pictures[0]), "");
+  }
+}
+
+TEST(Lifecycle, SessionsComeAndGoWhileClientsPlay) {
+  Host host;
+  host.serve();
+  host.publish("steady");
+  host.startSubmitting();
+  RtspClient viewer(host.port());
+  ASSERT_TRUE(viewer.play(host.url("steady")));
+  for (int round = 0; round < 5; ++round) {
+    auto session = sessionRecord("passing");
+    ASSERT_EQ(host.call(KV_CREATE_SESSION, session), KV_OK);
+    auto const video = videoRecord(KV_RGB24, KV_CODEC_MJPEG, 64, 64);
+    kv_stream_record stream{};
+    stream.handle = session.handle;
+    stream.video = &video;
+    ASSERT_EQ(host.call(KV_CREATE_STREAM, stream), KV_OK);
+    RtspClient guest(host.port());
+    ASSERT_TRUE(guest.play(host.url("passing")));
+    std::vector<std::uint8_t> const frame(64 * 64 * 3, 80);
+    kv_frame_record record{};
+    record.handle = session.handle;
+    record.stream = stream.stream;
+    record.frame = frame.data();
+    EXPECT_EQ(host.call(KV_SUBMIT_FRAME, record), KV_OK);
+    EXPECT_EQ(guest.packet().channel, 0);
+    ASSERT_EQ(host.call(KV_REMOVE_SESSION, session.handle, 8), KV_OK);
+    EXPECT_EQ(host.call(KV_SUBMIT_FRAME, record), KV_UNKNOWN);
+    RtspClient late(host.port());
+    EXPECT_EQ(late.request("DESCRIBE", host.url("passing")).status, 404);
+    EXPECT_TRUE(viewer.receivesAPicture()) << "round " << round;
+  }
+  EXPECT_EQ(host.failedSubmits(), 0);
+}
+
+TEST(Lifecycle, UnloadingEndsEverything) {
+  std::uint32_t port = 0;
+  {
+    Host host;
+    host.serve();
+    port = host.port();
+    host.publish("stream");
+    host.startSubmitting();
+    RtspClient viewer(port);
+    ASSERT_TRUE(viewer.play(host.url("stream")) && viewer.receivesAPicture());
+  }
+  EXPECT_FALSE(RtspClient(port).connected());
+  EXPECT_FALSE(RtspClient(port, true).connected());
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+  EXPECT_EQ(contentOf("/proc/self/maps").find("libkavo_stream"), std::string::npos);
+#endif
+}
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // ubsan itself needs descriptors
+TEST(Lifecycle, WithoutItsEnvironmentTheLibraryLoadsAndSaysSo) {
+  // One descriptor is left: enough to load the library, too few for its event loop.
+  int const next = dup(0);
+  close(next);
+  rlimit before{};
+  getrlimit(RLIMIT_NOFILE, &before);
+  rlimit limit = before;
+  limit.rlim_cur = static_cast<rlim_t>(next) + 1;
+  setrlimit(RLIMIT_NOFILE, &limit);
+  Host host;
+  setrlimit(RLIMIT_NOFILE, &before);
+  std::uint32_t port = freePort();
+  auto session = sessionRecord("stream");
+  EXPECT_EQ(host.call(KV_INIT, port), KV_RESOURCE_FAILURE);
+  EXPECT_EQ(host.call(KV_EXIT, nullptr, 0), KV_RESOURCE_FAILURE);
+  EXPECT_EQ(host.call(KV_CREATE_SESSION, session), KV_RESOURCE_FAILURE);
+  EXPECT_EQ(host.call(KV_REMOVE_SESSION, &session, 8), KV_RESOURCE_FAILURE);
+  EXPECT_EQ(host.call(7, nullptr, 0), KV_INVALID_PARAMETER);
+}
+#endif
+
+TEST(Lifecycle, AnEmptySessionIsDescribedAndServesNothing) {
+  Host host;
+  host.serve();
+  auto session = sessionRecord("empty");
+  ASSERT_EQ(host.call(KV_CREATE_SESSION, session), KV_OK);
+  RtspClient client(host.port());
+  client.request("DESCRIBE", host.url("empty"));
+  client.request("SETUP", host.url("empty") + "/track1", RtspClient::overTcp);
+  EXPECT_EQ(host.call(KV_REMOVE_SESSION, session.handle, 8), KV_OK);
+}

@@ -1,0 +1,69 @@
+// Real players, run as processes of their own.
+#pragma once
+
+#include <chrono>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "system/testpicture.h"
+
+// A child process; killed with its object if it still runs.
+class Process {
+ public:
+  // Standard output and standard error go to the file.
+  Process(std::vector<std::string> const& arguments, std::string const& outputFile);
+  ~Process();
+  Process(Process&& other) noexcept : m_Pid(std::exchange(other.m_Pid, -1)) {}
+  Process& operator=(Process const&) = delete;
+
+  bool runs() const;
+  void signal(int number) const;
+  // The exit status, or -1 if the process had to be killed at the limit.
+  int wait(std::chrono::seconds limit = std::chrono::seconds(90));
+
+ private:
+  int m_Pid;
+};
+
+// A directory that goes away with its object.
+class TemporaryFolder {
+ public:
+  TemporaryFolder();
+  ~TemporaryFolder();
+  TemporaryFolder(TemporaryFolder&& other) noexcept : m_Path(std::exchange(other.m_Path, "")) {}
+  TemporaryFolder& operator=(TemporaryFolder const&) = delete;
+
+  std::string file(std::string const& name) const { return m_Path + "/" + name; }
+
+ private:
+  std::string m_Path;
+};
+
+std::string contentOf(std::string const& file);
+
+// One player watching one stream, from start() until its pictures are taken.
+class Player {
+ public:
+  enum class Client { Ffmpeg, Gstreamer };
+  enum class Transport { Tcp, Udp };
+
+  // Plays until the player has decoded this many pictures.
+  Player(Client client, Transport transport, std::string const& url, int pictures, int codec = 8);
+
+  // Waits until it has shown a picture.
+  void waitForPicture() const;
+  // Stops its process, or lets it go on.
+  void freeze(bool frozen) const;
+  // Waits for the end and gives all pictures, in order; none if the player failed.
+  std::vector<Picture> pictures(int width, int height);
+  // What the player said that speaks of damage, but for lines with a word that is allowed.
+  std::string complaints(std::string const& allowed = "") const;
+  // All that it said.
+  std::string messages() const { return contentOf(m_Folder.file("messages")); }
+
+ private:
+  TemporaryFolder m_Folder;
+  Process m_Process;
+  bool m_StatusCounts;
+};

@@ -1,0 +1,102 @@
+// What real players show of what a host submits.
+#include <gtest/gtest.h>
+
+#include <deque>
+
+#include "system/host.h"
+#include "system/player.h"
+
+using Client = Player::Client;
+using Transport = Player::Transport;
+
+struct Row {
+  int codec;
+  Client client;
+  Transport transport;
+};
+
+constexpr Row rows[] = {
+    {KV_CODEC_MJPEG, Client::Ffmpeg, Transport::Tcp},    {KV_CODEC_MJPEG, Client::Ffmpeg, Transport::Udp},
+    {KV_CODEC_MJPEG, Client::Gstreamer, Transport::Tcp}, {KV_CODEC_MJPEG, Client::Gstreamer, Transport::Udp},
+    {KV_CODEC_H264, Client::Ffmpeg, Transport::Tcp},     {KV_CODEC_H264, Client::Ffmpeg, Transport::Udp},
+    {KV_CODEC_H264, Client::Gstreamer, Transport::Tcp},  {KV_CODEC_H264, Client::Gstreamer, Transport::Udp},
+};
+
+// Each player as the stream's first viewer, and again after nobody watched.
+TEST(Players, ShowTheRightPictureFromTheFirstOn) {
+  Host host;
+  host.serve();
+  host.publish("jpeg");
+  host.publish("h264", KV_BGR24, KV_CODEC_H264);
+  host.startSubmitting();
+  for (auto const& [codec, client, transport] : rows) {
+    auto const url = host.url(codec == KV_CODEC_H264 ? "h264" : "jpeg");
+    Player player(client, transport, url, 3, codec);
+    auto const pictures = player.pictures(320, 240);
+    EXPECT_GE(pictures.size(), 3U) << player.messages();
+    for (auto const& picture : pictures) {
+      EXPECT_EQ(differences(picture), "")
+          << "codec " << codec << ", client " << int(client) << ", transport " << int(transport);
+    }
+    if (client == Client::Ffmpeg) {
+      EXPECT_EQ(player.complaints(), "") << "codec " << codec << ", transport " << int(transport);
+    }
+  }
+  EXPECT_EQ(host.failedSubmits(), 0);
+}
+
+TEST(Players, ShowEveryFormatInItsColours) {
+  Host host;
+  host.serve();
+  struct Watched {
+    std::string name;
+    Player player;
+  };
+  std::deque<Watched> watched;
+  for (int const codec : {KV_CODEC_MJPEG, KV_CODEC_H264}) {
+    for (int const format : {0, 2, 3, 4, 12, 13, 27, 28, 29, 30}) {
+      host.publish(std::to_string(codec) + "-" + std::to_string(format), format, codec);
+    }
+  }
+  host.startSubmitting();
+  for (auto const& name : host.names()) {
+    watched.push_back({name, Player(Client::Ffmpeg, Transport::Tcp, host.url(name), 1)});
+  }
+  for (auto& [name, player] : watched) {
+    auto const pictures = player.pictures(320, 240);
+    ASSERT_EQ(pictures.size(), 1U) << name << ": " << player.messages();
+    EXPECT_EQ(differences(pictures[0]), "") << "codec-format " << name;
+  }
+}
+
+TEST(Players, ShowAScaledPictureOfTheLargestSize) {
+  Host host;
+  host.serve();
+  auto session = sessionRecord("large");
+  ASSERT_EQ(host.call(KV_CREATE_SESSION, session), KV_OK);
+  auto video = videoRecord(KV_RGB24, KV_CODEC_MJPEG, 322, 242);
+  video.dst_width = video.dst_height = 2040;
+  kv_stream_record stream{};
+  stream.handle = session.handle;
+  stream.video = &video;
+  ASSERT_EQ(host.call(KV_CREATE_STREAM, stream), KV_OK);
+  auto const frame = testFrame(KV_RGB24, 322, 242);
+  kv_frame_record record{};
+  record.handle = session.handle;
+  record.stream = stream.stream;
+  record.frame = frame.data();
+
+  Player player(Client::Ffmpeg, Transport::Tcp, host.url("large"), 1);
+  std::atomic<bool> done = false;
+  std::thread submitter([&] {
+    while (!done) {
+      EXPECT_EQ(host.call(KV_SUBMIT_FRAME, record), KV_OK);
+      std::this_thread::sleep_for(std::chrono::milliseconds(40));
+    }
+  });
+  auto const pictures = player.pictures(2040, 2040);
+  done = true;
+  submitter.join();
+  ASSERT_EQ(pictures.size(), 1U) << player.messages();
+  EXPECT_EQ(differences(pictures[0]), "");
+}

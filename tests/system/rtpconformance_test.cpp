@@ -1,0 +1,83 @@
+// What goes over the wire, against the RFCs.
+#include <gtest/gtest.h>
+#include <sys/time.h>
+
+#include <thread>
+#include <vector>
+
+#include "system/host.h"
+#include "system/rtpchecker.h"
+#include "system/rtspclient.h"
+
+namespace {
+
+double wallClock() {
+  timeval now{};
+  gettimeofday(&now, nullptr);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_usec) / 1e6;
+}
+
+struct Row {
+  int codec;
+  bool tcp;
+  RtpChecker checker{codec};
+};
+
+void receive(Host const& host, Row& row) {
+  auto const url = host.url(row.codec == KV_CODEC_H264 ? "h264" : "jpeg");
+  RtspClient client(host.port());
+  ASSERT_TRUE(row.tcp ? client.play(url) : client.playOverUdp(url));
+  while (row.checker.pictures() < 100 || row.checker.senderReports() < 2) {
+    auto const packet = client.packet();
+    ASSERT_GE(packet.channel, 0) << "after " << row.checker.pictures() << " pictures";
+    if (packet.channel == 0) {
+      row.checker.rtp(packet.bytes, wallClock());
+    } else {
+      row.checker.rtcp(packet.bytes);
+    }
+  }
+}
+
+}  // namespace
+
+TEST(RtpConformance, OfBothCodecsOverBothTransports) {
+  Host host;
+  host.serve();
+  host.publish("jpeg", KV_BGR24, KV_CODEC_MJPEG, 640, 480);
+  host.publish("h264", KV_BGR24, KV_CODEC_H264, 640, 480);
+  host.startSubmitting();
+  Row rows[] = {{KV_CODEC_MJPEG, true}, {KV_CODEC_MJPEG, false}, {KV_CODEC_H264, true}, {KV_CODEC_H264, false}};
+  std::vector<std::thread> viewers;
+  for (Row& row : rows) {
+    viewers.emplace_back([&host, &row] { receive(host, row); });
+  }
+  for (auto& viewer : viewers) {
+    viewer.join();
+  }
+  for (Row const& row : rows) {
+    EXPECT_EQ(row.checker.complaints(), std::vector<std::string>()) << "codec " << row.codec << ", tcp " << row.tcp;
+    if (row.codec == KV_CODEC_H264) {
+      ASSERT_GE(row.checker.nalTypes().size(), 3U);
+      EXPECT_EQ(row.checker.nalTypes()[0], 7);
+      EXPECT_EQ(row.checker.nalTypes()[1], 8);
+      EXPECT_EQ(row.checker.nalTypes()[2], 5);
+    }
+  }
+}
+
+TEST(RtpConformance, TheDescriptionTellsPayloadAndBandwidth) {
+  Host host;
+  host.serve();
+  host.publish("jpeg");
+  host.publish("h264", KV_BGR24, KV_CODEC_H264);
+  RtspClient client(host.port());
+  auto const jpeg = client.request("DESCRIBE", host.url("jpeg")).text;
+  EXPECT_NE(jpeg.find("m=video 0 RTP/AVP 26"), std::string::npos) << jpeg;
+  EXPECT_NE(jpeg.find("b=AS:64\r\n"), std::string::npos) << jpeg;
+  EXPECT_NE(jpeg.find("s=description\r\n"), std::string::npos) << jpeg;
+  EXPECT_NE(jpeg.find("i=info\r\n"), std::string::npos) << jpeg;
+  auto const h264 = client.request("DESCRIBE", host.url("h264")).text;
+  EXPECT_NE(h264.find("m=video 0 RTP/AVP 96"), std::string::npos) << h264;
+  EXPECT_NE(h264.find("b=AS:1048576\r\n"), std::string::npos) << h264;
+  EXPECT_NE(h264.find("a=rtpmap:96 H264/90000\r\n"), std::string::npos) << h264;
+}

@@ -1,0 +1,215 @@
+#include "system/rtspclient.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int limitMilliseconds = 20000;
+
+bool readable(int socket, int milliseconds) {
+  pollfd entry{socket, POLLIN, 0};
+  return poll(&entry, 1, milliseconds) > 0;
+}
+
+}  // namespace
+
+std::string RtspClient::Response::header(std::string const& name) const {
+  auto const at = text.find("\r\n" + name + ": ");
+  if (at == std::string::npos) {
+    return "";
+  }
+  auto const begin = at + name.size() + 4;
+  return text.substr(begin, text.find("\r\n", begin) - begin);
+}
+
+RtspClient::RtspClient(std::uint32_t port, bool ipv6, int receiveBuffer)
+    : m_Socket(socket(ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM, 0)) {
+  if (receiveBuffer > 0) {
+    setsockopt(m_Socket, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
+  }
+  sockaddr_in v4{};
+  v4.sin_family = AF_INET;
+  v4.sin_port = htons(static_cast<std::uint16_t>(port));
+  v4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  sockaddr_in6 v6{};
+  v6.sin6_family = AF_INET6;
+  v6.sin6_port = v4.sin_port;
+  v6.sin6_addr = in6addr_loopback;
+  auto const* address = ipv6 ? reinterpret_cast<sockaddr*>(&v6) : reinterpret_cast<sockaddr*>(&v4);
+  if (connect(m_Socket, address, ipv6 ? sizeof v6 : sizeof v4) != 0) {
+    close(m_Socket);
+    m_Socket = -1;
+  }
+}
+
+RtspClient::~RtspClient() {
+  for (int const socket : {m_Socket, m_Udp[0], m_Udp[1]}) {
+    if (socket >= 0) {
+      close(socket);
+    }
+  }
+}
+
+void RtspClient::send(std::string const& bytes) { (void)::send(m_Socket, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
+
+// Has at least this many bytes in the buffer.
+bool RtspClient::fill(std::size_t bytes) {
+  while (m_Buffer.size() < bytes) {
+    char block[65536];
+    ssize_t const got = readable(m_Socket, limitMilliseconds) ? recv(m_Socket, block, sizeof block, 0) : 0;
+    if (got <= 0) {
+      return false;
+    }
+    m_Buffer.append(block, static_cast<std::size_t>(got));
+  }
+  return true;
+}
+
+RtspClient::Packet RtspClient::datagram() {
+  Packet packet;
+  pollfd entries[2] = {{m_Udp[0], POLLIN, 0}, {m_Udp[1], POLLIN, 0}};
+  if (poll(entries, 2, limitMilliseconds) > 0) {
+    packet.channel = entries[0].revents != 0 ? 0 : 1;
+    packet.bytes.resize(2048);
+    ssize_t const size = recv(m_Udp[packet.channel], packet.bytes.data(), packet.bytes.size(), 0);
+    packet.bytes.resize(static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
+  }
+  return packet;
+}
+
+RtspClient::Packet RtspClient::packet() {
+  if (m_Udp[0] >= 0) {
+    return datagram();
+  }
+  Packet packet;
+  if (!fill(4) || m_Buffer[0] != '$') {
+    return packet;
+  }
+  auto const byte = [&](std::size_t at) { return static_cast<std::uint8_t>(m_Buffer[at]); };
+  std::size_t const size = byte(2) * 256U + byte(3);
+  if (!fill(4 + size)) {
+    return packet;
+  }
+  packet.channel = byte(1);
+  packet.bytes.assign(m_Buffer.begin() + 4, m_Buffer.begin() + static_cast<std::ptrdiff_t>(4 + size));
+  m_Buffer.erase(0, 4 + size);
+  return packet;
+}
+
+RtspClient::Response RtspClient::request(std::string const& method, std::string const& url,
+                                         std::string const& headers) {
+  send(method + " " + url + " RTSP/1.0\r\nCSeq: " + std::to_string(++m_CSeq) + "\r\n" +
+       (m_Session.empty() ? "" : "Session: " + m_Session + "\r\n") + headers + "\r\n");
+  Response response;
+  while (fill(1) && m_Buffer[0] == '$') {
+    ++m_Dropped;
+    if (packet().channel < 0) {
+      return response;
+    }
+  }
+  std::size_t end;
+  while ((end = m_Buffer.find("\r\n\r\n")) == std::string::npos) {
+    if (!fill(m_Buffer.size() + 1)) {
+      return response;
+    }
+  }
+  response.text = m_Buffer.substr(0, end + 4);
+  response.status = std::atoi(response.text.c_str() + std::min<std::size_t>(9, response.text.size()));
+  std::size_t const body = static_cast<std::size_t>(std::atoi(response.header("Content-Length").c_str()));
+  fill(end + 4 + body);
+  response.text = m_Buffer.substr(0, end + 4 + body);
+  m_Buffer.erase(0, end + 4 + body);
+  if (auto const session = response.header("Session"); !session.empty()) {
+    m_Session = session.substr(0, session.find(';'));
+  }
+  return response;
+}
+
+bool RtspClient::play(std::string const& url, bool describe) {
+  return (!describe || request("DESCRIBE", url).status == 200) &&
+         request("SETUP", url + "/track1", overTcp).status == 200 && request("PLAY", url).status == 200;
+}
+
+bool RtspClient::playOverUdp(std::string const& url) {
+  std::string ports;
+  for (int& socket : m_Udp) {
+    socket = ::socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    bind(socket, reinterpret_cast<sockaddr*>(&address), size);
+    getsockname(socket, reinterpret_cast<sockaddr*>(&address), &size);
+    ports += (ports.empty() ? "" : "-") + std::to_string(ntohs(address.sin_port));
+  }
+  return request("DESCRIBE", url).status == 200 &&
+         request("SETUP", url + "/track1", "Transport: RTP/AVP;unicast;client_port=" + ports + "\r\n").status == 200 &&
+         request("PLAY", url).status == 200;
+}
+
+int RtspClient::nextNalType() {
+  while (true) {
+    auto const next = packet();
+    if (next.channel < 0) {
+      return -1;
+    }
+    if (next.channel == 0 && next.bytes.size() > 13) {
+      int const type = next.bytes[12] & 0x1F;
+      return type == 28 ? next.bytes[13] & 0x1F : type;
+    }
+  }
+}
+
+bool RtspClient::receivesAPicture() {
+  int markers = 0;
+  while (markers < 2) {
+    auto const next = packet();
+    if (next.channel < 0) {
+      return false;
+    }
+    if (next.channel == 0 && next.bytes.size() > 12 && (next.bytes[1] & 0x80) != 0) {
+      ++markers;
+    }
+  }
+  return true;
+}
+
+bool RtspClient::isClosedWhileReading() {
+  char block[4096];
+  auto const limit = Clock::now() + std::chrono::milliseconds(limitMilliseconds);
+  while (Clock::now() < limit && readable(m_Socket, limitMilliseconds)) {
+    if (recv(m_Socket, block, sizeof block, 0) <= 0) {
+      return true;
+    }
+  }
+  return false;
+}
+
+bool RtspClient::isClosedWhileSending(std::string const& bytes) {
+  std::size_t done = 0;
+  auto const limit = Clock::now() + std::chrono::milliseconds(limitMilliseconds);
+  while (Clock::now() < limit) {
+    ssize_t const sent = ::send(m_Socket, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (sent < 0 && errno != EAGAIN) {
+      return true;
+    }
+    if (sent < 0) {
+      pollfd entry{m_Socket, POLLOUT, 0};
+      poll(&entry, 1, limitMilliseconds);
+    } else {
+      done = (done + static_cast<std::size_t>(sent)) % bytes.size();
+    }
+  }
+  return false;
+}
