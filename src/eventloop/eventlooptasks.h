@@ -1,12 +1,11 @@
 // Work that other threads want done on the event-loop thread.
 #pragma once
 
-#include <UsageEnvironment.hh>
 #include <deque>
 #include <functional>
 
 #include "base/threadannotations.h"
-#include "eventloop/eventlooprole.h"
+#include "eventloop/eventtrigger.h"
 
 namespace kavo {
 
@@ -14,20 +13,16 @@ namespace kavo {
 class EventLoopTasks {
  public:
   explicit EventLoopTasks(TaskScheduler& scheduler) KAVO_REQUIRES(eventLoopRole);
-  ~EventLoopTasks();
-  EventLoopTasks(EventLoopTasks const&) = delete;
-  EventLoopTasks& operator=(EventLoopTasks const&) = delete;
 
   // Has the loop run the task in its next pass, after those added before.
   void add(std::function<void()> task) KAVO_EXCLUDES(m_Mutex);
 
  private:
-  static void runAll(void* tasks);
+  void runAll() KAVO_REQUIRES(eventLoopRole) KAVO_EXCLUDES(m_Mutex);
 
-  TaskScheduler& m_Scheduler;
-  EventTriggerId m_Trigger;
   Mutex m_Mutex;
   std::deque<std::function<void()>> m_Tasks KAVO_GUARDED_BY(m_Mutex);
+  EventTrigger m_Trigger;
 };
 
 }  // namespace kavo
