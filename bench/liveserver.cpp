@@ -1,9 +1,14 @@
 #include <GroupsockHelper.hh>
 #include <JPEGVideoRTPSink.hh>
+#include <OnDemandServerMediaSubsession.hh>
 #include <RTSPServer.hh>
+#include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -24,26 +29,33 @@ using namespace kavo;
 namespace {
 
 // Our source in live555's own on-demand session and sink.
-class StockSession : public LiveDemandSession {
+class StockSession : public OnDemandServerMediaSubsession {
  public:
   StockSession(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler)
-      : LiveDemandSession(env, std::move(handler), true, 64) {}
+      : OnDemandServerMediaSubsession(env, True), m_Handler(std::move(handler)) {}
+
+  // Any thread.
+  void signalNewFrame(TaskScheduler* scheduler) { JpegSource::signalNewFrameData(scheduler, m_Source); }
 
  protected:
-  FramedSource* openSource(std::shared_ptr<FrameSourceHandler> handler) override {
+  FramedSource* createNewStreamSource(unsigned, unsigned& estBitrate) override {
     eventLoopRole.assertHeld();
-    return JpegSource::createNew(envir(), std::move(handler));
+    estBitrate = 64;
+    FramedSource* const source = JpegSource::createNew(envir(), m_Handler);
+    m_Source = source;
+    return source;
   }
-  bool admit(FramedSource*, bool) override { return true; }
-  void wakeSource(TaskScheduler* scheduler, FramedSource* source) override {
-    JpegSource::signalNewFrameData(scheduler, source);
+  void closeStreamSource(FramedSource* source) override {
+    m_Source = nullptr;
+    OnDemandServerMediaSubsession::closeStreamSource(source);
   }
   RTPSink* createNewRTPSink(Groupsock* groupsock, unsigned char, FramedSource*) override {
     return JPEGVideoRTPSink::createNew(envir(), groupsock);
   }
-  Groupsock* createGroupsock(sockaddr_storage const& address, Port port) override {
-    return OnDemandServerMediaSubsession::createGroupsock(address, port);
-  }
+
+ private:
+  std::shared_ptr<FrameSourceHandler> m_Handler;
+  std::atomic<FramedSource*> m_Source = nullptr;  // not closed while pictures are pushed
 };
 
 class LiveServer : public BenchServer {
@@ -62,13 +74,17 @@ class LiveServer : public BenchServer {
     }
     for (int i = 0; i < setup.streams; ++i) {
       auto const queue = std::make_shared<FrameSourceHandler>();
-      LiveDemandSession* const session = stock
-                                             ? static_cast<LiveDemandSession*>(new StockSession(*m_Environment, queue))
-                                             : JpegDemandSession::createNew(*m_Environment, queue);
       auto* const media = ServerMediaSession::createNew(*m_Environment, std::to_string(i).c_str(), "i", "d");
-      media->addSubsession(session);
       m_Server->addServerMediaSession(media);
-      m_Streams.push_back({queue, session});
+      if (stock) {
+        auto* const session = new StockSession(*m_Environment, queue);
+        media->addSubsession(session);
+        m_Streams.push_back({queue, [=, this] { session->signalNewFrame(m_Scheduler.get()); }});
+      } else {
+        auto* const session = JpegDemandSession::createNew(*m_Environment, queue);
+        media->addSubsession(session);
+        m_Streams.push_back({queue, [=, this] { session->signalNewFrame(m_Scheduler.get()); }});
+      }
     }
     m_Thread = std::thread([this] {
       EventLoopRole::Holder const loopRole(eventLoopRole);
@@ -86,22 +102,23 @@ class LiveServer : public BenchServer {
   }
 
   void push(std::span<std::uint8_t const> image) override {
-    for (auto const& [queue, session] : m_Streams) {
+    for (auto const& [queue, signal] : m_Streams) {
       if (!queue->IsStreaming() || !queue->IsBufferFree()) {
         continue;
       }
       FrameSourceHandler::FrameData frame{};
       av_new_packet(&frame.packet, static_cast<int>(image.size()));
       std::memcpy(frame.packet.data, image.data(), image.size());
+      FrameSourceHandler::setSubmitTime(frame.packet, std::chrono::steady_clock::now());
       queue->push(frame);
-      session->signalNewFrame(m_Scheduler.get());
+      signal();
     }
   }
 
  private:
   struct Stream {
     std::shared_ptr<FrameSourceHandler> queue;
-    LiveDemandSession* session;
+    std::function<void()> signal;
   };
 
   std::unique_ptr<TaskScheduler> m_Scheduler;

@@ -2,7 +2,9 @@
 // host's memory and the scaled frame that is encoded. Host thread, one at a time.
 #pragma once
 
+#include <cstdint>
 #include <memory>
+#include <vector>
 
 #include "base/owners.h"
 #include "codec/codecparameter.h"
@@ -26,9 +28,12 @@ class IEncoder {
   // there is one, then belongs to the caller (av_packet_unref).
   virtual void encode(unsigned char const* frame, AVPacket& packet) = 0;
 
-  // Makes the next picture one that can be decoded without any before it; of an
-  // encoder whose pictures all are it asks nothing.
+  // Makes the next frame a key frame; a no-op for intra-only codecs.
   virtual void requestKeyFrame() {}
+
+  // What a decoder must know before the first frame, in Annex B form; nothing for
+  // codecs whose frames carry it all.
+  virtual std::vector<std::uint8_t> parameterSets() { return {}; }
 
  protected:
   // Throws "Invalid parameter" (see isVideoCodecParameterSupported); silences

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <numeric>
 
 #include "base/streamexception.h"
 #include "codec/hostnumbers.h"
@@ -86,6 +87,17 @@ void OpenH264Encoder::encode(unsigned char const* frame, AVPacket& packet) {
     packet.flags |= AV_PKT_FLAG_KEY;
     m_KeyFrameWanted = false;  // not before: rate control may have skipped the frame that was to be one
   }
+}
+
+// SPS and PPS, which need no frame.
+std::vector<std::uint8_t> OpenH264Encoder::parameterSets() {
+  SFrameBSInfo info{};
+  if (m_Encoder->EncodeParameterSets(&info) != 0 || info.iLayerNum < 1) {
+    return {};
+  }
+  SLayerBSInfo const& layer = info.sLayerInfo[0];
+  int const size = std::accumulate(layer.pNalLengthInByte, layer.pNalLengthInByte + layer.iNalCount, 0);
+  return {layer.pBsBuf, layer.pBsBuf + size};
 }
 
 }  // namespace kavo

@@ -19,6 +19,7 @@ class OpenH264Encoder : public IEncoder {
   // when rate control skipped the frame, or OpenH264 failed on it.
   void encode(unsigned char const* frame, AVPacket& packet) override;
   void requestKeyFrame() override { m_KeyFrameWanted = true; }
+  std::vector<std::uint8_t> parameterSets() override;
 
  private:
   void initialize();

@@ -2,7 +2,9 @@
 // Host thread, one at a time.
 #pragma once
 
+#include <cstdint>
 #include <memory>
+#include <vector>
 
 #include "codec/idecoder.h"
 #include "codec/iencoder.h"
@@ -21,8 +23,9 @@ class Transcoder {
   // See IEncoder::encode. A failure leaves the transcoder usable.
   void transcode(unsigned char const* frame, AVPacket& packet);
 
-  // Makes the next picture one that a viewer can begin with.
+  // See IEncoder.
   void requestKeyFrame() { m_Encoder->requestKeyFrame(); }
+  std::vector<std::uint8_t> parameterSets() { return m_Encoder->parameterSets(); }
 
  private:
   // In this order: an unusable input is told before an unusable output.

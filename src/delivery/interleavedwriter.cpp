@@ -12,160 +12,194 @@ namespace kavo {
 
 namespace {
 
-// The kernel takes a picture only when it has sent all before (which it looks at
-// where a record ended). Nothing can be taken back from it, so old pictures would
-// come first when a viewer goes on reading.
+// The kernel accepts a frame only when it has sent all before (checked where a
+// record ended). It cannot give frames back, so a viewer that resumes reading
+// would get old ones first.
 constexpr int unsentInKernel = 1;
 
-std::uint8_t channelOf(FramedPackets const& packets) { return (*packets)[1]; }
+// The most that one system call takes.
+constexpr std::size_t maxPieces = 1024;
+
+std::size_t sizeOf(std::span<iovec const> pieces) {
+  std::size_t size = 0;
+  for (iovec const& piece : pieces) {
+    size += piece.iov_len;
+  }
+  return size;
+}
 
 }  // namespace
 
-constinit InterleavedWriter* InterleavedWriter::s_First = nullptr;
-
-InterleavedWriter::InterleavedWriter(int socket, std::function<void(bool)> waitForRoom)
-    : m_Next(s_First), m_Socket(socket), m_WaitForRoom(std::move(waitForRoom)) {
-  if (m_Next != nullptr) {
-    m_Next->m_Previous = this;
+InterleavedBytes const& InterleavedFrame::copy() {
+  if (!m_Copy) {
+    auto const bytes = std::make_shared<std::vector<std::uint8_t>>();
+    bytes->reserve(size());
+    for (iovec const& piece : pieces()) {
+      auto const* const begin = static_cast<std::uint8_t const*>(piece.iov_base);
+      bytes->insert(bytes->end(), begin, begin + piece.iov_len);
+    }
+    m_Copy = bytes;
   }
-  s_First = this;
+  return m_Copy;
+}
+
+InterleavedWriter::InterleavedWriter(int socket, std::function<void(bool)> setWriteInterest)
+    : m_Socket(socket), m_SetWriteInterest(std::move(setWriteInterest)) {
   int const on = 1;
-  // A picture's last packet would wait for the client's delayed acknowledgement, 40 ms.
+  // A frame's last packet would wait for the client's delayed acknowledgement, 40 ms.
   setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
   setsockopt(socket, IPPROTO_TCP, TCP_NOTSENT_LOWAT, &unsentInKernel, sizeof unsentInKernel);
 }
 
-InterleavedWriter::~InterleavedWriter() {
-  (m_Previous != nullptr ? m_Previous->m_Next : s_First) = m_Next;
-  if (m_Next != nullptr) {
-    m_Next->m_Previous = m_Previous;
-  }
-}
-
-std::shared_ptr<InterleavedWriter> InterleavedWriter::of(int socket) {
-  // One that is closed has no socket, and is nobody's.
-  for (InterleavedWriter* output = socket >= 0 ? s_First : nullptr; output != nullptr; output = output->m_Next) {
-    if (output->m_Socket == socket) {
-      return output->shared_from_this();
-    }
-  }
-  return nullptr;
-}
-
-// The connection is gone, and its descriptor's number may be another's soon.
 void InterleavedWriter::close() {
-  m_Socket = -1;
+  m_Socket = -1;  // the number may be another connection's soon
   m_Waiting.clear();
-  m_Begun = 0;
-  m_WaitsForRoom = false;
+  m_FrontOffset = 0;
+  m_Blocked = false;
 }
 
-// live555 does not look at how much of a response the socket took, so one is only
-// made where the kernel calls the socket writable: a third of its buffer is free.
-bool InterleavedWriter::admitsResponse() {
+// live555 ignores how much of a response the socket took, so one is only made
+// where the kernel calls the socket writable: a third of its buffer is free.
+bool InterleavedWriter::prepareForResponse() {
   pollfd socket{m_Socket, POLLOUT, 0};
-  if (m_Begun == 0 && poll(&socket, 1, 0) > 0) {
+  if (m_FrontOffset == 0 && poll(&socket, 1, 0) > 0) {
     return true;
   }
-  m_HeldForResponse = true;
-  waitForRoom();
+  m_ResponseWaits = true;
+  waitForSocket();
   return false;
 }
 
-bool InterleavedWriter::sendPicture(FramedPackets const& picture, bool keyPicture) {
-  auto const channel = channelOf(picture);
-  if (keyPicture) {
-    dropNotBegun(channel);  // what builds on older pictures is not needed any more
-    m_LackKey.erase(channel);
-  } else if (isBehind(picture)) {
-    dropNotBegun(channel);
-    m_LackKey.insert(channel);
+bool InterleavedWriter::sendFrame(InterleavedFrame& frame, bool keyFrame) {
+  if (keyFrame || isBehind(frame)) {
+    dropNotBegun(frame.channel());  // a key frame makes older frames needless
+    if (!keyFrame) {
+      return false;
+    }
   }
-  if (m_LackKey.contains(channel)) {
-    return m_WaitsForRoom;  // a key picture is large for everybody; it is asked for when it can be sent
+  if (m_Socket >= 0) {
+    std::size_t const sent = m_Blocked ? 0 : write(frame.pieces(), frame.channel());
+    if (sent < frame.size()) {
+      wait(frame.copy(), frame.channel(), sent);
+    }
   }
-  write(picture);
   return true;
 }
 
-void InterleavedWriter::forget(std::uint8_t channel) {
-  dropNotBegun(channel);
-  m_LackKey.erase(channel);
-}
-
-void InterleavedWriter::sendReport(FramedPackets const& report) {
-  if (!m_WaitsForRoom) {
-    write(report);
-  }
-}
-
-void InterleavedWriter::write(FramedPackets const& packets) {
-  if (m_Socket < 0) {
+void InterleavedWriter::sendReport(std::span<std::uint8_t const> report, std::uint8_t channel) {
+  if (m_Blocked || m_Socket < 0) {
     return;
   }
-  std::size_t const sent = m_WaitsForRoom ? 0 : sendNow(*packets);
-  if (sent < packets->size()) {
-    m_Waiting.push_back({packets, Clock::now()});
-    m_Begun += sent;
-    waitForRoom();
+  auto const bytes = std::make_shared<std::vector<std::uint8_t>>();
+  bytes->reserve(FramePackets::interleavedHeaderSize + report.size());
+  *bytes = {'$', channel, static_cast<std::uint8_t>(report.size() >> 8), static_cast<std::uint8_t>(report.size())};
+  bytes->insert(bytes->end(), report.begin(), report.end());
+  iovec const piece{bytes->data(), bytes->size()};
+  std::size_t const sent = write({&piece, 1}, channel);
+  if (sent < bytes->size()) {
+    wait(bytes, channel, sent);
   }
 }
 
-void InterleavedWriter::waitForRoom() {
-  if (!std::exchange(m_WaitsForRoom, true)) {
-    m_LastProgress = Clock::now();
-    m_WaitForRoom(true);
-  }
-}
-
-// Whether what waits would come too late with the next picture, or be too much.
-bool InterleavedWriter::isBehind(FramedPackets const& next) const {
+void InterleavedWriter::wait(InterleavedBytes bytes, std::uint8_t channel, std::size_t sent) {
   auto const now = Clock::now();
-  std::size_t bytes = next->size();
+  if (std::all_of(m_Waiting.begin(), m_Waiting.end(), [](Waiting const& waiting) { return waiting.cancelled; })) {
+    m_LastProgress = now;  // nobody was waiting until now
+  }
+  m_Waiting.push_back({std::move(bytes), channel, now});
+  m_FrontOffset += sent;
+  waitForSocket();
+}
+
+void InterleavedWriter::waitForSocket() {
+  if (!std::exchange(m_Blocked, true)) {
+    m_SetWriteInterest(true);
+  }
+}
+
+void InterleavedWriter::cancel(std::uint8_t channel) {
+  dropNotBegun(channel);
+  if (!m_Waiting.empty() && m_Waiting.front().channel == channel) {
+    m_Waiting.front().cancelled = true;
+  }
+}
+
+// Whether what waits would come too late with the next frame, or be too much.
+bool InterleavedWriter::isBehind(InterleavedFrame const& next) const {
+  auto const now = Clock::now();
+  std::size_t bytes = 0;
   bool late = false;
   for (std::size_t i = firstNotBegun(); i < m_Waiting.size(); ++i) {
-    if (channelOf(m_Waiting[i].packets) == channelOf(next)) {
-      bytes += m_Waiting[i].packets->size();
+    if (m_Waiting[i].channel == next.channel()) {
+      bytes += m_Waiting[i].bytes->size();
       late = late || now - m_Waiting[i].since > maxAge;
     }
   }
-  return late || (bytes > maxWaiting && bytes > next->size());
+  return late || (bytes > 0 && bytes + next.size() > maxWaiting);
 }
 
 void InterleavedWriter::dropNotBegun(std::uint8_t channel) {
   auto const from = m_Waiting.begin() + static_cast<std::ptrdiff_t>(firstNotBegun());
   m_Waiting.erase(
-      std::remove_if(from, m_Waiting.end(), [&](Waiting const& w) { return channelOf(w.packets) == channel; }),
+      std::remove_if(from, m_Waiting.end(), [&](Waiting const& waiting) { return waiting.channel == channel; }),
       m_Waiting.end());
 }
 
 void InterleavedWriter::flush() {
-  while (!m_Waiting.empty() && (m_Begun > 0 || !m_HeldForResponse)) {
-    auto const& packets = *m_Waiting.front().packets;
-    m_Begun += sendNow(std::span(packets).subspan(m_Begun));
-    if (m_Begun < packets.size()) {
+  while (!m_Waiting.empty() && (m_FrontOffset > 0 || !m_ResponseWaits)) {
+    Waiting const& front = m_Waiting.front();
+    auto const rest = std::span(*front.bytes).subspan(m_FrontOffset);
+    iovec const piece{const_cast<std::uint8_t*>(rest.data()), rest.size()};
+    std::size_t const sent = write({&piece, 1}, front.channel);
+    if (sent < rest.size()) {
+      m_FrontOffset += sent;
       return;
     }
     m_Waiting.erase(m_Waiting.begin());
-    m_Begun = 0;
+    m_FrontOffset = 0;
   }
-  m_HeldForResponse = false;
+  m_ResponseWaits = false;
   if (m_Waiting.empty()) {
-    m_WaitsForRoom = false;
-    m_WaitForRoom(false);
+    m_Blocked = false;
+    m_SetWriteInterest(false);
   }
 }
 
-// How much the socket took. One that is broken takes nothing more, and its
-// connection will hear of it when it reads.
-std::size_t InterleavedWriter::sendNow(std::span<std::uint8_t const> bytes) {
-  ssize_t const sent = ::send(m_Socket, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL | MSG_EOR);
-  if (sent <= 0) {
-    return 0;
+// How much the socket took. A broken one takes nothing more; its connection
+// finds out when it reads.
+std::size_t InterleavedWriter::write(std::span<iovec const> pieces, std::uint8_t channel) {
+  std::size_t total = 0;
+  while (!pieces.empty()) {
+    auto const part = pieces.first(std::min(pieces.size(), maxPieces));
+    pieces = pieces.subspan(part.size());
+    msghdr message{};
+    message.msg_iov = const_cast<iovec*>(part.data());
+    message.msg_iovlen = part.size();
+    ssize_t const sent =
+        sendmsg(m_Socket, &message, MSG_DONTWAIT | MSG_NOSIGNAL | (pieces.empty() ? MSG_EOR : MSG_MORE));
+    if (sent <= 0) {
+      break;
+    }
+    m_Progress.set(channel);
+    m_LastProgress = Clock::now();
+    total += static_cast<std::size_t>(sent);
+    if (static_cast<std::size_t>(sent) < sizeOf(part)) {
+      break;
+    }
   }
-  m_Progressed = true;
-  m_LastProgress = Clock::now();
-  return static_cast<std::size_t>(sent);
+  return total;
+}
+
+// Whoever has nothing to wait for is not stalled, a paused viewer above all.
+bool InterleavedWriter::isStalled(Clock::time_point now) const {
+  return now - m_LastProgress > stallTimeout &&
+         std::any_of(m_Waiting.begin(), m_Waiting.end(), [](Waiting const& waiting) { return !waiting.cancelled; });
+}
+
+bool InterleavedWriter::takeProgress(std::uint8_t channel) {
+  bool const progressed = m_Progress.test(channel);
+  m_Progress.reset(channel);
+  return progressed;
 }
 
 }  // namespace kavo

@@ -1,90 +1,102 @@
-// What is sent on one RTSP connection besides responses: pictures and reports,
-// interleaved. Never blocks; a viewer that is behind loses whole pictures, never
+// What is sent on one RTSP connection besides responses: frames and reports,
+// interleaved. Never blocks; a viewer that is behind loses whole frames, never
 // a part of one. Event-loop thread.
 #pragma once
 
+#include <bitset>
 #include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <set>
 #include <span>
-#include <utility>
 #include <vector>
+
+#include "rtp/framepackets.h"
 
 namespace kavo {
 
-// Packets as they go over the wire, all on one channel. The viewers who wait for them share them.
-using FramedPackets = std::shared_ptr<std::vector<std::uint8_t> const>;
+// Packets as they go over the wire, all on one channel.
+using InterleavedBytes = std::shared_ptr<std::vector<std::uint8_t> const>;
 
-class InterleavedWriter : public std::enable_shared_from_this<InterleavedWriter> {
+// One frame on one channel. It is sent from where its packets lie; the viewers
+// that have to wait for it share one copy.
+class InterleavedFrame {
+ public:
+  InterleavedFrame(FramePackets& packets, std::uint8_t channel) : m_Packets(packets), m_Channel(channel) {}
+
+  std::uint8_t channel() const { return m_Channel; }
+  std::span<iovec const> pieces() { return m_Packets.interleaved(m_Channel); }
+  std::size_t size() const { return m_Packets.bytes() + m_Packets.count() * FramePackets::interleavedHeaderSize; }
+  InterleavedBytes const& copy();
+
+ private:
+  FramePackets& m_Packets;
+  std::uint8_t m_Channel;
+  InterleavedBytes m_Copy;
+};
+
+class InterleavedWriter {
  public:
   using Clock = std::chrono::steady_clock;
 
-  // A viewer who takes nothing for this time while something waits for it is given up.
-  static constexpr std::chrono::seconds patience{10};
+  // A viewer that takes nothing for this time while something waits for it is stalled.
+  static constexpr std::chrono::seconds stallTimeout{10};
   // What has waited longer than this is not sent any more, unless it was begun.
   static constexpr std::chrono::milliseconds maxAge{500};
-  // What may wait besides the picture that was begun.
+  // What may wait besides the frame that was begun.
   static constexpr std::size_t maxWaiting = std::size_t{1024} * 1024;
 
-  // The socket is the connection's. waitForRoom says whether the owner is to
-  // call flush() when the socket takes more.
-  InterleavedWriter(int socket, std::function<void(bool)> waitForRoom);
-  ~InterleavedWriter();
+  // The socket is the connection's. setWriteInterest says whether the owner is
+  // to call flush() when the socket takes more.
+  InterleavedWriter(int socket, std::function<void(bool)> setWriteInterest);
   InterleavedWriter(InterleavedWriter const&) = delete;
   InterleavedWriter& operator=(InterleavedWriter const&) = delete;
 
-  // The output of the connection on the socket, if there is one.
-  static std::shared_ptr<InterleavedWriter> of(int socket);
+  // False when the viewer is too far behind: what waits on the channel is
+  // dropped, and the viewer needs a key frame to go on with. A key frame is always accepted.
+  bool sendFrame(InterleavedFrame& frame, bool keyFrame);
+  // Skipped while the viewer is behind.
+  void sendReport(std::span<std::uint8_t const> report, std::uint8_t channel);
+  // Sends nothing more on the channel but the end of a frame that was begun.
+  void cancel(std::uint8_t channel);
 
-  // A whole picture. False when the viewer needs a key picture to go on with.
-  // Pictures on other channels are other streams'.
-  bool sendPicture(FramedPackets const& picture, bool keyPicture);
-  // Left out while the viewer is behind.
-  void sendReport(FramedPackets const& report);
-
-  // Sends nothing more on the channel, but the end of what was begun.
-  void forget(std::uint8_t channel);
-
-  // Whether a response can be sent now: it would not land inside a picture, and
-  // there is room for the whole of it. If not, it goes before the next picture.
-  bool admitsResponse();
+  // True when a response can be sent now: no frame is sent in part, and the
+  // socket has room for the whole response. Otherwise holds frames back until it has.
+  bool prepareForResponse();
 
   void flush();
-  // Ends with its connection: who still holds it sends nowhere.
+  // The connection is gone: whatever is sent from now on is dropped.
   void close();
-  // Whether the viewer has taken something since this was last asked.
-  bool hasProgressed() { return std::exchange(m_Progressed, false); }
-  bool isStalled() const { return m_WaitsForRoom && Clock::now() - m_LastProgress > patience; }
+
+  // Whether something waits for the socket to take it.
+  bool isBlocked() const { return m_Blocked; }
+  bool isStalled(Clock::time_point now) const;
+  // Whether the channel's viewer has taken anything since the last call.
+  bool takeProgress(std::uint8_t channel);
 
  private:
   struct Waiting {
-    FramedPackets packets;
+    InterleavedBytes bytes;
+    std::uint8_t channel;
     Clock::time_point since;
+    bool cancelled = false;
   };
 
-  std::size_t firstNotBegun() const { return m_Begun > 0 ? 1 : 0; }
-  bool isBehind(FramedPackets const& next) const;
+  std::size_t firstNotBegun() const { return m_FrontOffset > 0 ? 1 : 0; }
+  bool isBehind(InterleavedFrame const& next) const;
   void dropNotBegun(std::uint8_t channel);
-  void write(FramedPackets const& packets);
-  void waitForRoom();
-  std::size_t sendNow(std::span<std::uint8_t const> bytes);
-
-  // All of them in a list, which live555's sessions find theirs in by its socket.
-  static InterleavedWriter* s_First;
-  InterleavedWriter* m_Previous = nullptr;
-  InterleavedWriter* m_Next;
+  void wait(InterleavedBytes bytes, std::uint8_t channel, std::size_t sent);
+  void waitForSocket();
+  std::size_t write(std::span<iovec const> pieces, std::uint8_t channel);
 
   int m_Socket;
-  std::function<void(bool)> m_WaitForRoom;
+  std::function<void(bool)> m_SetWriteInterest;
   std::vector<Waiting> m_Waiting;
-  std::size_t m_Begun = 0;  // bytes of the first that were sent
+  std::size_t m_FrontOffset = 0;  // bytes of the first that were sent
+  bool m_Blocked = false;
+  bool m_ResponseWaits = false;
   Clock::time_point m_LastProgress = Clock::now();
-  bool m_Progressed = false;
-  std::set<std::uint8_t> m_LackKey;  // channels
-  bool m_WaitsForRoom = false;
-  bool m_HeldForResponse = false;
+  std::bitset<256> m_Progress;  // channels
 };
 
 }  // namespace kavo

@@ -1,21 +1,17 @@
 #include "delivery/pathmtu.h"
 
-#include <netinet/in.h>
-
 #include "base/descriptor.h"
-#include "delivery/udpsender.h"
+#include "delivery/address.h"
 
 namespace kavo {
 
-// What a connected socket says; nothing is sent.
-std::optional<unsigned> largestPayloadTo(sockaddr_storage const& address) {
+// Asks a connected socket; nothing is sent.
+std::optional<unsigned> maxUdpPayload(sockaddr_storage const& address) {
   bool const ipv6 = address.ss_family == AF_INET6;
   int const headers = ipv6 ? 48 : 28;  // IP and UDP
   Descriptor const probe(socket(address.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  // Connecting takes a port other than 0, whichever.
   sockaddr_storage remote = address;
-  (ipv6 ? reinterpret_cast<sockaddr_in6&>(remote).sin6_port : reinterpret_cast<sockaddr_in&>(remote).sin_port) =
-      htons(9);
+  portOf(remote) = htons(9);  // connecting takes a port; any will do
   int mtu = 0;
   socklen_t size = sizeof mtu;
   if (probe.get() < 0 || connect(probe.get(), reinterpret_cast<sockaddr const*>(&remote), sizeOf(remote)) != 0 ||
@@ -26,7 +22,7 @@ std::optional<unsigned> largestPayloadTo(sockaddr_storage const& address) {
   return static_cast<unsigned>(mtu - headers);
 }
 
-void refuseToFragment(int socket, int family) {
+void setDontFragment(int socket, int family) {
   int const discover = IP_PMTUDISC_DO;
   static_assert(IP_PMTUDISC_DO == IPV6_PMTUDISC_DO);
   setsockopt(socket, family == AF_INET6 ? IPPROTO_IPV6 : IPPROTO_IP,

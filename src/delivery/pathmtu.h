@@ -1,4 +1,4 @@
-// The way to a viewer. Event-loop thread.
+// Path MTU: what a path takes in one piece. Event-loop thread.
 #pragma once
 
 #include <sys/socket.h>
@@ -7,11 +7,11 @@
 
 namespace kavo {
 
-// The largest UDP payload that reaches the address in one piece, as far as the
-// kernel knows; nothing if it does not know the way.
-std::optional<unsigned> largestPayloadTo(sockaddr_storage const& address);
+// The largest UDP payload that reaches the address unfragmented, as far as the
+// kernel knows; nothing if the path is unknown.
+std::optional<unsigned> maxUdpPayload(sockaddr_storage const& address);
 
-// Has the socket refuse (EMSGSIZE) what the path does not take in one piece.
-void refuseToFragment(int socket, int family);
+// Sets don't-fragment: the socket refuses (EMSGSIZE) what the path does not take in one piece.
+void setDontFragment(int socket, int family);
 
 }  // namespace kavo

@@ -1,53 +1,58 @@
-// Sends runs of packets to many UDP destinations with as few system calls as the
-// kernel allows. Event-loop thread.
+// Sends a frame's packets to many UDP destinations with as few system calls as
+// the kernel allows. Event-loop thread.
 #pragma once
 
 #include <sys/socket.h>
 
+#include <array>
 #include <cstddef>
-#include <functional>
+#include <cstdint>
 #include <span>
 #include <vector>
 
-#include "delivery/packetrun.h"
-
-struct mmsghdr;
+#include "rtp/framepackets.h"
 
 namespace kavo {
 
-class UdpSender {
- public:
-  // Packets of one length go as one segmented send, if the kernel can.
-  explicit UdpSender(bool segmentation = true) : m_Segmentation(segmentation) {}
-
-  // Has the function called when a destination's path took only smaller packets.
-  void onPathTooNarrow(std::function<void(sockaddr_storage const&)> function) { m_OnTooNarrow = std::move(function); }
-
-  // A destination that fails does not disturb the others. What is refused as a
-  // whole is sent packet by packet; what is refused then is counted as lost.
-  void send(int socket, PacketRun const& run, std::span<sockaddr_storage const> destinations);
-
-  // Packets that the kernel did not take.
-  std::size_t lost() const { return m_Lost; }
-
- private:
-  // Packets that can leave in one send: of one length, but for the last.
-  struct Group {
-    std::size_t offset;
-    std::size_t length;
-    std::size_t segment;
-  };
-
-  std::vector<Group> groupsOf(PacketRun const& run) const;
-  void sendAll(int socket, std::span<mmsghdr> messages);
-  void sendOneByOne(int socket, mmsghdr const& message);
-
-  bool m_Segmentation;
-  std::size_t m_Lost = 0;
-  std::function<void(sockaddr_storage const&)> m_OnTooNarrow;
+struct UdpDestination {
+  sockaddr_storage address{};
+  bool segmentation = true;  // off once its path has refused segmentation offload
+  bool tooNarrow = false;    // its path did not take a packet; nothing is sent to it until this is reset
+  std::uint64_t lost = 0;    // packets that the kernel did not take
 };
 
-// The size of a socket address of its family.
-socklen_t sizeOf(sockaddr_storage const& address);
+class UdpSender {
+ public:
+  // Packets [first, last) of the frame, in order. A destination that fails does
+  // not disturb the others.
+  void send(int socket, FramePackets& packets, std::size_t first, std::size_t last,
+            std::span<UdpDestination* const> destinations);
+
+ private:
+  // What one system call hands over.
+  static constexpr std::size_t batch = 256;
+
+  // Room for the one control message that tells the length of a segment.
+  struct Control {
+    alignas(cmsghdr) char bytes[CMSG_SPACE(sizeof(std::uint16_t))];
+  };
+  // Packets that one message carries: of one length, but for the last.
+  struct Train {
+    std::span<iovec const> pieces;
+    Control control;
+    bool segmented;
+  };
+
+  void formTrains(FramePackets& packets, std::size_t first, std::size_t last);
+  void add(UdpDestination& destination, std::span<iovec const> pieces, Train* train);
+  void flush();
+  void retry(mmsghdr const& message, UdpDestination& destination, int error);
+
+  int m_Socket = -1;
+  std::vector<Train> m_Trains;
+  std::array<mmsghdr, batch> m_Messages{};
+  std::array<UdpDestination*, batch> m_Targets{};
+  std::size_t m_Count = 0;
+};
 
 }  // namespace kavo

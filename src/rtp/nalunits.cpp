@@ -1,5 +1,6 @@
 #include "rtp/nalunits.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace kavo {
@@ -7,9 +8,9 @@ namespace kavo {
 namespace {
 
 // The position of the next 00 00 01, or the end.
-std::size_t findStartCode(std::span<std::uint8_t const> bytes, std::size_t from) {
-  // The ones are rarer than the zeros: look for them.
-  for (std::size_t at = from + 2; at < bytes.size(); ++at) {
+std::size_t findStartCode(std::span<std::uint8_t const> bytes) {
+  // 0x01 is rarer than 0x00.
+  for (std::size_t at = 2; at < bytes.size(); ++at) {
     auto const* one = static_cast<std::uint8_t const*>(std::memchr(bytes.data() + at, 1, bytes.size() - at));
     if (one == nullptr) {
       break;
@@ -24,21 +25,28 @@ std::size_t findStartCode(std::span<std::uint8_t const> bytes, std::size_t from)
 
 }  // namespace
 
-std::vector<NalUnit> splitAccessUnit(std::span<std::uint8_t const> accessUnit) {
-  std::vector<NalUnit> nalUnits;
-  std::size_t begin = 0;
-  while (begin < accessUnit.size()) {
-    std::size_t const startCode = findStartCode(accessUnit, begin);
+NalUnit takeNalUnit(std::span<std::uint8_t const>& byteStream) {
+  while (!byteStream.empty()) {
+    std::size_t const startCode = findStartCode(byteStream);
     std::size_t end = startCode;
-    while (end > begin && accessUnit[end - 1] == 0) {
+    while (end > 0 && byteStream[end - 1] == 0) {
       --end;
     }
-    if (end > begin) {
-      nalUnits.push_back(accessUnit.subspan(begin, end - begin));
+    NalUnit const nalUnit = byteStream.first(end);
+    byteStream = byteStream.subspan(std::min(startCode + 3, byteStream.size()));
+    if (!nalUnit.empty()) {
+      return nalUnit;
     }
-    begin = startCode + 3;
   }
-  return nalUnits;
+  return {};
+}
+
+NalUnit findNalUnit(std::span<std::uint8_t const> byteStream, NalUnitType type) {
+  NalUnit nalUnit;
+  do {
+    nalUnit = takeNalUnit(byteStream);
+  } while (!nalUnit.empty() && typeOf(nalUnit) != type);
+  return nalUnit;
 }
 
 }  // namespace kavo

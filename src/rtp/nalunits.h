@@ -3,19 +3,21 @@
 
 #include <cstdint>
 #include <span>
-#include <vector>
 
 namespace kavo {
 
 using NalUnit = std::span<std::uint8_t const>;
 
-// The NAL units of an access unit, in order, without start codes (of three or
-// four bytes) and the zeros behind a NAL unit; the first may stand without a
-// start code. Empty ones are left out.
-std::vector<NalUnit> splitAccessUnit(std::span<std::uint8_t const> accessUnit);
-
 enum class NalUnitType : std::uint8_t { Idr = 5, Sps = 7, Pps = 8 };
 
 inline NalUnitType typeOf(NalUnit nalUnit) { return static_cast<NalUnitType>(nalUnit[0] & 0x1F); }
+
+// Takes the first NAL unit off the byte stream, without start codes (of three or
+// four bytes) and trailing zeros; the first may come without a start code. Empty
+// ones are skipped, and an empty result means that there is none left.
+NalUnit takeNalUnit(std::span<std::uint8_t const>& byteStream);
+
+// The first NAL unit of the type; empty if there is none.
+NalUnit findNalUnit(std::span<std::uint8_t const> byteStream, NalUnitType type);
 
 }  // namespace kavo

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <deque>
 
@@ -19,18 +20,26 @@ namespace kavo {
 class FrameSourceHandler {
  public:
   // One encoded frame. A packet without data is a frame for which the encoder
-  // produced nothing.
+  // produced nothing. Its pts is the time of the submit (see submitTime()).
   struct FrameData {
     AVPacket packet;
   };
+
+  // When the host submitted the frame, to the microsecond.
+  static std::chrono::steady_clock::time_point submitTime(AVPacket const& packet) {
+    return std::chrono::steady_clock::time_point(std::chrono::microseconds(packet.pts));
+  }
+  static void setSubmitTime(AVPacket& packet, std::chrono::steady_clock::time_point time) {
+    packet.pts = std::chrono::ceil<std::chrono::microseconds>(time.time_since_epoch()).count();
+  }
 
   FrameSourceHandler() = default;
   ~FrameSourceHandler();
   FrameSourceHandler(FrameSourceHandler const&) = delete;
   FrameSourceHandler& operator=(FrameSourceHandler const&) = delete;
 
-  // From here on the queue owns the packet's bytes. The bound is the producer's
-  // to keep: it asks IsBufferFree() before it encodes.
+  // From here on the queue owns the packet's bytes. The producer enforces the
+  // limit: it asks IsBufferFree() before it encodes.
   void push(FrameData frame) KAVO_EXCLUDES(m_Mutex);
 
   // The oldest and the newest frame; the bytes stay the queue's and are valid
@@ -48,7 +57,7 @@ class FrameSourceHandler {
   // Whether one more frame may be encoded and pushed.
   bool IsBufferFree() const KAVO_EXCLUDES(m_Mutex);
 
-  // The other way round: what the event loop asks of the encoder.
+  // Back channel: key-frame requests.
   KeyFrameRequest& keyFrameRequest() { return m_KeyFrameRequest; }
 
   // Whether a source exists that will take frames out; set on the event-loop thread.

@@ -2,7 +2,6 @@
 
 #include <utility>
 
-#include "rtsp/accessunitframer.h"
 #include "rtsp/h264sink.h"
 #include "rtsp/h264source.h"
 
@@ -12,44 +11,29 @@ namespace {
 constexpr unsigned estimatedKilobits = 1048576;
 }
 
-H264DemandSession* H264DemandSession::createNew(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler) {
-  return new H264DemandSession(env, std::move(handler));
+H264DemandSession* H264DemandSession::createNew(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler,
+                                                std::span<std::uint8_t const> parameterSets) {
+  return new H264DemandSession(env, std::move(handler), parameterSets);
 }
 
-H264DemandSession::H264DemandSession(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler)
-    : LiveDemandSession(env, std::move(handler), true, estimatedKilobits) {}
+H264DemandSession::H264DemandSession(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler,
+                                     std::span<std::uint8_t const> parameterSets)
+    : LiveDemandSession(env, std::move(handler), true, estimatedKilobits),
+      m_ParameterSets(parameterSets.begin(), parameterSets.end()) {}
 
 FramedSource* H264DemandSession::openSource(std::shared_ptr<FrameSourceHandler> handler) {
   eventLoopRole.assertHeld();
-  auto const onKeyPicture = [this] {
-    eventLoopRole.assertHeld();
-    queue().keyFrameRequest().withdraw();
-    letWaitingIn();
-  };
-  return AccessUnitFramer::createNew(envir(), H264Source::createNew(envir(), std::move(handler)), onKeyPicture);
-}
-
-bool H264DemandSession::admit(FramedSource* source, bool first) {
-  eventLoopRole.assertHeld();
-  queue().keyFrameRequest().ask();
-  if (first) {
-    // What was queued before anybody played is stale.
-    queue().clear();
-    static_cast<AccessUnitFramer*>(source)->awaitKeyPicture();
-  }
-  return first;
+  return H264Source::createNew(envir(), std::move(handler));
 }
 
 void H264DemandSession::wakeSource(TaskScheduler* scheduler, FramedSource* source) {
-  H264Source::signalNewFrameData(scheduler, static_cast<AccessUnitFramer*>(source)->inputSource());
+  H264Source::signalNewFrameData(scheduler, source);
 }
 
 RTPSink* H264DemandSession::createNewRTPSink(Groupsock* rtpGroupsock, unsigned char rtpPayloadTypeIfDynamic,
                                              FramedSource*) {
   eventLoopRole.assertHeld();
-  auto* const sink = H264Sink::createNew(envir(), rtpGroupsock, rtpPayloadTypeIfDynamic);
-  sink->setPacketSizes(largestPacket, largestPacket);
-  return sink;
+  return H264Sink::createNew(envir(), rtpGroupsock, rtpPayloadTypeIfDynamic, viewers(), m_ParameterSets);
 }
 
 }  // namespace kavo

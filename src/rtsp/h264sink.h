@@ -1,30 +1,32 @@
-// live555's H.264 sink, whose packet size may change while it stands still.
-// Event-loop thread.
+// The RTP sink of H.264 streams (RFC 6184). Event-loop thread.
 #pragma once
 
-#include <FramedFilter.hh>
 #include <H264VideoRTPSink.hh>
+
+#include "rtp/h264packetizer.h"
+#include "rtp/nalunits.h"
+#include "rtsp/framesink.h"
 
 namespace kavo {
 
-class H264Sink : public H264VideoRTPSink {
+class H264Sink : public FrameSink<H264VideoRTPSink> {
  public:
-  static H264Sink* createNew(UsageEnvironment& env, Groupsock* rtpGroupsock, unsigned char payloadType) {
-    return new H264Sink(env, rtpGroupsock, payloadType);
-  }
-
-  // live555 keeps the fragmenter of the first start, with that one's packet size.
-  void stopPlaying() override {
-    H264VideoRTPSink::stopPlaying();
-    if (fOurFragmenter != nullptr) {
-      fOurFragmenter->detachInputSource();
-      Medium::close(fOurFragmenter);
-      fOurFragmenter = nullptr;
-    }
+  // The parameter sets (SPS and PPS in Annex B form, or nothing) are for the SDP.
+  static H264Sink* createNew(UsageEnvironment& env, Groupsock* rtpGroupsock, unsigned char payloadType,
+                             Viewers& viewers, std::span<std::uint8_t const> parameterSets) {
+    SmallOutPacketBuffer const small;
+    NalUnit const sps = findNalUnit(parameterSets, NalUnitType::Sps);
+    NalUnit const pps = findNalUnit(parameterSets, NalUnitType::Pps);
+    return new H264Sink(env, rtpGroupsock, viewers, payloadType, sps.data(), static_cast<unsigned>(sps.size()),
+                        pps.data(), static_cast<unsigned>(pps.size()));
   }
 
  private:
-  using H264VideoRTPSink::H264VideoRTPSink;
+  using FrameSink::FrameSink;
+
+  bool packetize(std::span<std::uint8_t const> frame, std::size_t maxPacket, FramePackets& packets) override {
+    return packetizeH264(frame, maxPacket, packets);
+  }
 };
 
 }  // namespace kavo

@@ -11,7 +11,8 @@ namespace {
 constexpr unsigned estimatedKilobits = 64;
 }
 
-JpegDemandSession* JpegDemandSession::createNew(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler) {
+JpegDemandSession* JpegDemandSession::createNew(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler,
+                                                std::span<std::uint8_t const> /*parameterSets*/) {
   return new JpegDemandSession(env, std::move(handler));
 }
 
@@ -23,24 +24,13 @@ FramedSource* JpegDemandSession::openSource(std::shared_ptr<FrameSourceHandler> 
   return JpegSource::createNew(envir(), std::move(handler));
 }
 
-// Every picture is one to begin with. Of those queued before anybody played,
-// only the newest is not stale.
-bool JpegDemandSession::admit(FramedSource*, bool first) {
-  while (first && queue().size() > 1) {
-    queue().pop();
-  }
-  return true;
-}
-
 void JpegDemandSession::wakeSource(TaskScheduler* scheduler, FramedSource* source) {
   JpegSource::signalNewFrameData(scheduler, source);
 }
 
 RTPSink* JpegDemandSession::createNewRTPSink(Groupsock* rtpGroupsock, unsigned char, FramedSource*) {
   eventLoopRole.assertHeld();
-  auto* const sink = JpegSink::createNew(envir(), rtpGroupsock);
-  sink->setPacketSizes(largestPacket, largestPacket);
-  return sink;
+  return JpegSink::createNew(envir(), rtpGroupsock, viewers());
 }
 
 }  // namespace kavo

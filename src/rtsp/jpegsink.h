@@ -1,25 +1,39 @@
-// live555's JPEG sink, with room for the quantization tables in every first
-// packet of a picture. Event-loop thread.
+// The RTP sink of JPEG streams (RFC 2435, payload type 26). Event-loop thread.
 #pragma once
 
 #include <JPEGVideoRTPSink.hh>
+#include <JPEGVideoSource.hh>
+
+#include "rtp/jpegpacketizer.h"
+#include "rtsp/framesink.h"
 
 namespace kavo {
 
-// live555 reserves the header's room before the source has seen its first
-// picture, when there are no tables yet, and then writes them over the
-// picture's beginning: the first picture of every source would arrive damaged.
-class JpegSink : public JPEGVideoRTPSink {
+class JpegSink : public FrameSink<JPEGVideoRTPSink> {
  public:
-  static JpegSink* createNew(UsageEnvironment& env, Groupsock* rtpGroupsock) { return new JpegSink(env, rtpGroupsock); }
+  static JpegSink* createNew(UsageEnvironment& env, Groupsock* rtpGroupsock, Viewers& viewers) {
+    SmallOutPacketBuffer const small;
+    return new JpegSink(env, rtpGroupsock, viewers);
+  }
 
  private:
-  using JPEGVideoRTPSink::JPEGVideoRTPSink;
+  using FrameSink::FrameSink;
 
-  unsigned specialHeaderSize() const override {
-    constexpr unsigned mainHeader = 8;
-    constexpr unsigned tablesHeader = 4 + 128;
-    return curFragmentationOffset() == 0 ? mainHeader + tablesHeader : mainHeader;
+  // Every JPEG image is a key frame. What its header said, the source knows.
+  bool packetize(std::span<std::uint8_t const> frame, std::size_t maxPacket, FramePackets& packets) override {
+    auto& source = static_cast<JPEGVideoSource&>(*fSource);
+    JpegFrame image{.type = source.type(),
+                    .q = source.qFactor(),
+                    .width = source.width(),
+                    .height = source.height(),
+                    .precision = 0,
+                    .tables = {},
+                    .scan = frame};
+    u_int16_t length = 0;
+    auto const* const tables = source.quantizationTables(image.precision, length);
+    image.tables = {tables, length};
+    packetizeJpeg(image, maxPacket, packets);
+    return true;
   }
 };
 

@@ -3,34 +3,49 @@
 // Event-loop thread, but for signalNewFrameData().
 #pragma once
 
-#include <sys/time.h>
-
 #include <FramedSource.hh>
 #include <algorithm>
+#include <chrono>
 #include <memory>
 #include <utility>
 
+#include "eventloop/eventtrigger.h"
+#include "rtsp/framebuffer.h"
 #include "rtsp/framesourcehandler.h"
-#include "rtsp/frametrigger.h"
+#include "rtsp/presentationclock.h"
 
 namespace kavo {
 
+// A source that lets its sink's buffer grow with the frames, instead of truncating them.
+class GrowingSource {
+ public:
+  void setBuffer(FrameBuffer* buffer) { m_Buffer = buffer; }
+
+ protected:
+  ~GrowingSource() = default;
+  FrameBuffer* m_Buffer = nullptr;
+};
+
 // Base is the source class of live555 that the sink wants.
 template <class Base>
-class QueuedSource : public Base {
+class QueuedSource : public Base, public GrowingSource {
  public:
-  // Any thread: has the event loop look for a frame. Nothing happens for a null
+  // Any thread: wakes the event loop for a frame. Nothing happens for a null
   // pointer or a source of another type.
   static void signalNewFrameData(TaskScheduler* scheduler, FramedSource* source) {
     auto* queued = dynamic_cast<QueuedSource*>(source);
     if (scheduler != nullptr && queued != nullptr) {
-      queued->m_Trigger.fire(*scheduler, queued);
+      queued->m_Trigger.fire();
     }
   }
 
  protected:
+  // What was queued before is of an earlier visit.
   QueuedSource(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler) KAVO_REQUIRES(eventLoopRole)
-      : Base(env), m_FrameSourceHandler(std::move(handler)), m_Trigger(env.taskScheduler(), deliverFrame0) {
+      : Base(env),
+        m_FrameSourceHandler(std::move(handler)),
+        m_Trigger(env.taskScheduler(), [this]() KAVO_REQUIRES(eventLoopRole) { deliverFrame(); }) {
+    m_FrameSourceHandler->clear();
     m_FrameSourceHandler->SetStreaming(true);
   }
 
@@ -40,34 +55,30 @@ class QueuedSource : public Base {
     m_FrameSourceHandler->clear();
   }
 
-  // A frame may have been queued while the sink was not waiting.
+  // A frame may have been queued while the sink was not waiting. It is delivered
+  // from the loop, so that several do not nest and sockets get their turn.
   void doGetNextFrame() override {
     eventLoopRole.assertHeld();
-    deliverFrame();
+    if (!m_FrameSourceHandler->empty()) {
+      m_Trigger.fire();
+    }
   }
 
   // Copies the packet, of which the first deliverable bytes fit, to fTo and sets fFrameSize.
   virtual void copyFrame(AVPacket const& packet, unsigned deliverable) KAVO_REQUIRES(eventLoopRole) = 0;
 
  private:
-  static void deliverFrame0(void* clientData) {
-    eventLoopRole.assertHeld();
-    if (clientData != nullptr) {
-      static_cast<QueuedSource*>(clientData)->deliverFrame();
-    }
-  }
-
-  // At most one frame, since the sink asks for each; empty ones are passed over.
+  // At most one frame, since the sink asks for each; empty ones are skipped.
   void deliverFrame() KAVO_REQUIRES(eventLoopRole) {
     while (this->isCurrentlyAwaitingData() && !m_FrameSourceHandler->empty()) {
       AVPacket const packet = m_FrameSourceHandler->front().packet;
-      bool const hasData = packet.data != nullptr;
-      if (hasData) {
+      // One that was submitted before and encoded until now is of an earlier visit too.
+      bool const wanted = packet.data != nullptr && FrameSourceHandler::submitTime(packet) >= m_Created;
+      if (wanted) {
         deliver(packet);
       }
-      // Before the frame is handed on: who gets it may ask for the next one at once.
       m_FrameSourceHandler->pop();
-      if (hasData) {
+      if (wanted) {
         FramedSource::afterGetting(this);
         return;
       }
@@ -76,14 +87,20 @@ class QueuedSource : public Base {
 
   void deliver(AVPacket const& packet) KAVO_REQUIRES(eventLoopRole) {
     auto const size = static_cast<unsigned>(packet.size);
+    if (m_Buffer != nullptr && size > this->fMaxSize) {
+      m_Buffer->reserve(size);
+      this->fTo = m_Buffer->data();
+      this->fMaxSize = static_cast<unsigned>(m_Buffer->size());
+    }
     unsigned const deliverable = std::min(size, this->fMaxSize);
     this->fNumTruncatedBytes = size - deliverable;
-    gettimeofday(&this->fPresentationTime, nullptr);
+    this->fPresentationTime = presentationTime(FrameSourceHandler::submitTime(packet));
     copyFrame(packet, deliverable);
   }
 
   std::shared_ptr<FrameSourceHandler> m_FrameSourceHandler;
-  FrameTrigger m_Trigger;
+  std::chrono::steady_clock::time_point const m_Created = std::chrono::steady_clock::now();
+  EventTrigger m_Trigger;
 };
 
 }  // namespace kavo

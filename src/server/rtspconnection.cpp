@@ -1,13 +1,14 @@
 #include "server/rtspconnection.h"
 
-#include <netinet/in.h>
-#include <netinet/tcp.h>
+#include <sys/socket.h>
 
 #include <algorithm>
+#include <array>
+#include <cerrno>
 #include <cstring>
 #include <string>
-#include <utility>
 
+#include "server/clientsession.h"
 #include "server/rtspserver.h"
 
 namespace kavo {
@@ -18,120 +19,154 @@ namespace {
 constexpr std::string_view answeredMethods[] = {"OPTIONS", "DESCRIBE", "SETUP",         "PLAY",
                                                 "PAUSE",   "TEARDOWN", "GET_PARAMETER", "SET_PARAMETER"};
 
-// What a client may send ahead while its requests wait for a picture to be sent:
+// What is read before other sockets get their turn.
+constexpr std::size_t readSize = 16 * std::size_t{1024};
+
+// What a client may send ahead while its requests wait for a frame to be sent:
 // more than the largest item it can be in the middle of.
-constexpr std::size_t maxAhead = 128 * std::size_t{1024};
+constexpr std::size_t maxPendingInput = 128 * std::size_t{1024};
 
 }  // namespace
 
 RtspConnection::RtspConnection(RtspServer& server, int clientSocket, sockaddr_storage const& clientAddress)
     : RTSPClientConnection(server, clientSocket, clientAddress),
       m_Server(server),
-      m_Place(server.enlist(*this)),
-      m_Output(std::make_shared<InterleavedWriter>(clientSocket, [this](bool wait) {
-        eventLoopRole.assertHeld();
-        waitForRoom(wait);
+      m_Watch(envir().taskScheduler(), clientSocket,
+              [this](int conditions) KAVO_REQUIRES(eventLoopRole) { handleSocket(conditions); }),
+      m_Writer(std::make_shared<InterleavedWriter>(clientSocket, [this](bool wanted) KAVO_REQUIRES(eventLoopRole) {
+        m_Watch.start(wanted ? SOCKET_READABLE | SOCKET_WRITABLE : SOCKET_READABLE);
       })) {
-  waitForRoom(false);
+  // In place of live555's handler, which would also ask for urgent data and never read it.
+  m_Watch.start(SOCKET_READABLE);
 }
 
 RtspConnection::~RtspConnection() {
   eventLoopRole.assertHeld();
-  m_Output->close();
-  m_Server.strike(m_Place);
+  m_Writer->close();
+  for (ClientSession* const session : m_Sessions) {
+    session->leaveConnection();
+  }
+  m_Server.removeConnection(m_Place);
   *m_Alive = false;
 }
 
-void RtspConnection::waitForRoom(bool wait) {
-  envir().taskScheduler().setBackgroundHandling(
-      fOurSocket, SOCKET_READABLE | SOCKET_EXCEPTION | (wait ? SOCKET_WRITABLE : 0), onSocket, this);
+bool RtspConnection::hasStream() const {
+  return std::any_of(m_Sessions.begin(), m_Sessions.end(), [](auto const* session) { return session->hasStream(); });
 }
 
-void RtspConnection::onSocket(void* connection, int conditions) {
-  eventLoopRole.assertHeld();
-  auto* const self = static_cast<RtspConnection*>(connection);
-  auto const alive = self->m_Alive;
+bool RtspConnection::hasAccepted() const {
+  return std::strncmp(reinterpret_cast<char const*>(fResponseBuffer), "RTSP/1.0 200", 12) == 0;
+}
+
+std::optional<Transport> RtspConnection::transportFor(std::optional<Transport> transport) const {
+  auto const isFree = [this](int channel) {
+    return std::none_of(m_Sessions.begin(), m_Sessions.end(),
+                        [=](auto const* session) { return session->usesChannel(channel); });
+  };
+  if (!transport || !transport->interleaved) {
+    return transport;
+  }
+  while (!transport->chosen && !(isFree(transport->rtp) && isFree(transport->rtcp))) {
+    transport->rtp = static_cast<std::uint16_t>(transport->rtp + 2);
+    transport->rtcp = static_cast<std::uint16_t>(transport->rtp + 1);
+  }
+  return isFree(transport->rtp) && isFree(transport->rtcp) ? transport : std::nullopt;
+}
+
+void RtspConnection::handleSocket(int conditions) {
+  bool here = true;
   if ((conditions & SOCKET_WRITABLE) != 0) {
-    self->m_Output->flush();
-    self->handleAll();  // what was held back
+    m_Writer->flush();
+    here = handleAll();  // what was held back
   }
-  if (*alive && (conditions & SOCKET_READABLE) != 0) {
-    self->incomingRequestHandler();
-  }
-}
-
-bool RtspConnection::hasSession() const { return m_Server.knowsSession(m_SessionId); }
-
-void RtspConnection::noteProgress() {
-  if (m_Output->hasProgressed()) {
-    m_Server.noteLiveness(m_SessionId);
+  if (here && (conditions & SOCKET_READABLE) != 0) {
+    receive();
   }
 }
 
-void RtspConnection::handleRequestBytes(int newBytesRead) {
-  eventLoopRole.assertHeld();
-  if (newBytesRead <= 0 || static_cast<unsigned>(newBytesRead) > fRequestBufferBytesLeft) {
-    RTSPClientConnection::handleRequestBytes(-1);  // the client is gone
+void RtspConnection::receive() {
+  std::array<char, readSize> bytes;
+  ssize_t const size = recv(fOurSocket, bytes.data(), bytes.size(), MSG_DONTWAIT);
+  if (size < 0 && (errno == EAGAIN || errno == EINTR)) {
     return;
   }
-  m_HasSpoken = true;
-  m_LastHeard = Clock::now();
-  m_Server.noteHeard(m_Place);
-  m_Reader.add({reinterpret_cast<char const*>(fRequestBuffer) + fRequestBytesAlreadySeen,
-                static_cast<std::size_t>(newBytesRead)});
-  auto const alive = m_Alive;
-  handleAll();
-  if (*alive && m_Reader.size() > maxAhead) {
-    RTSPClientConnection::handleRequestBytes(-1);  // it sends, and does not read
+  if (size <= 0) {
+    delete this;
+    return;
+  }
+  m_HasSentAnything = true;
+  m_LastActivity = Clock::now();
+  m_Server.noteActivity(m_Place);
+  m_Reader.add({bytes.data(), static_cast<std::size_t>(size)});
+  if (handleAll() && m_Reader.size() > maxPendingInput) {
+    delete this;  // it floods without reading
   }
 }
 
-void RtspConnection::handleAll() {
-  while (handleNext()) {
+// False when the connection is gone.
+bool RtspConnection::handleAll() {
+  Next next = Next::Item;
+  while (next == Next::Item) {
+    next = handleNext();
   }
+  return next != Next::Gone;
 }
 
-// Handles what has arrived next; false when there is no more, or nobody to go on with.
-bool RtspConnection::handleNext() {
-  if (m_Reader.hasRequest() && !m_Output->admitsResponse()) {
-    return false;
+RtspConnection::Next RtspConnection::handleNext() {
+  if (m_Reader.hasRequest() && !m_Writer->prepareForResponse()) {
+    return Next::Wait;
   }
   switch (m_Reader.next()) {
-    case RequestReader::Item::Interleaved:  // a receiver's report
-      m_Server.noteLiveness(m_SessionId);
-      return true;
+    case RequestReader::Item::Interleaved:
+      handleInterleaved();
+      return Next::Item;
     case RequestReader::Item::Request: {
       auto const alive = m_Alive;
       handleRequest();
-      return *alive;
+      return *alive ? Next::Item : Next::Gone;
     }
     case RequestReader::Item::Malformed:
       answer("400 Bad Request");
-      RTSPClientConnection::handleRequestBytes(-1);
-      return false;
+      delete this;
+      return Next::Gone;
     case RequestReader::Item::Incomplete:
-      return false;
+      break;
   }
-  return false;
+  return Next::Wait;
+}
+
+void RtspConnection::handleInterleaved() {
+  auto const session = std::find_if(m_Sessions.begin(), m_Sessions.end(),
+                                    [this](auto const* entry) { return entry->usesChannel(m_Reader.channel()); });
+  if (session != m_Sessions.end()) {
+    (*session)->handleReport(m_Reader.packet());
+  }
 }
 
 void RtspConnection::handleRequest() {
-  if (std::find(std::begin(answeredMethods), std::end(answeredMethods), m_Reader.method()) ==
+  if (std::find(std::begin(answeredMethods), std::end(answeredMethods), request().method) ==
       std::end(answeredMethods)) {
     answer("405 Method Not Allowed");
-    return;
+  } else if (request().cseq.empty()) {
+    answer("400 Bad Request");
+  } else if (request().method == "SETUP" && request().session.empty() &&
+             (m_Sessions.size() >= maxSessions || !m_Server.hasRoomForSession())) {
+    answer("453 Not Enough Bandwidth");
+  } else {
+    auto const text = request().text();
+    resetRequestBuffer();
+    std::memcpy(fRequestBuffer, text.data(), text.size());
+    auto& server = m_Server;
+    handleRequestBytes(static_cast<int>(text.size()));
+    server.removeFailedSession();
   }
-  auto const text = m_Reader.text();
-  resetRequestBuffer();
-  std::memcpy(fRequestBuffer, text.data(), text.size());
-  RTSPClientConnection::handleRequestBytes(static_cast<int>(text.size()));
 }
 
 // A response of our own, to a request that live555 does not get to see.
 void RtspConnection::answer(char const* status) {
   std::string response = std::string("RTSP/1.0 ") + status + "\r\n";
-  if (auto const sequence = headerValue(m_Reader.text(), "CSeq"); !sequence.empty()) {
-    response += "CSeq: " + std::string(sequence) + "\r\n";
+  if (!request().cseq.empty()) {
+    response += "CSeq: " + request().cseq + "\r\n";
   }
   response += "Allow: OPTIONS, DESCRIBE, SETUP, TEARDOWN, PLAY, PAUSE, GET_PARAMETER, SET_PARAMETER\r\n\r\n";
   send(fClientOutputSocket, response.data(), response.size(), MSG_NOSIGNAL);

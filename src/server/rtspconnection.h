@@ -1,64 +1,89 @@
-// One client's RTSP connection. It reads requests itself, and lets live555 see
-// only whole ones that it is to answer. Event-loop thread.
+// One client's RTSP connection. It reads what arrives itself, and gives live555
+// requests that are made anew from what was understood. Event-loop thread.
 #pragma once
 
 #include <RTSPServer.hh>
 #include <chrono>
 #include <list>
 #include <memory>
+#include <optional>
+#include <vector>
 
 #include "delivery/interleavedwriter.h"
 #include "eventloop/eventlooprole.h"
+#include "eventloop/socketwatch.h"
 #include "server/requestreader.h"
+#include "server/transport.h"
 
 namespace kavo {
 
+class ClientSession;
 class RtspServer;
 
 class RtspConnection : public RTSPServer::RTSPClientConnection {
  public:
   using Clock = std::chrono::steady_clock;
+  static constexpr std::size_t maxSessions = 4;
 
   RtspConnection(RtspServer& server, int clientSocket, sockaddr_storage const& clientAddress)
       KAVO_REQUIRES(eventLoopRole);
   ~RtspConnection() override;
 
-  // Whether the client has said anything yet.
-  bool hasSpoken() const { return m_HasSpoken; }
-  Clock::time_point lastHeard() const { return m_LastHeard; }
-  // Whether a session that was set up or used on this connection still lives.
-  bool hasSession() const KAVO_REQUIRES(eventLoopRole);
-  void noteSession(u_int32_t sessionId) { m_SessionId = sessionId; }
-  // A viewer who takes pictures is alive, even if it says nothing.
-  void noteProgress() KAVO_REQUIRES(eventLoopRole);
-  // Whether a viewer on it has taken nothing for too long.
-  bool isStalled() const { return m_Output->isStalled(); }
+  // Whether the client has sent anything yet.
+  bool hasSentAnything() const { return m_HasSentAnything; }
+  Clock::time_point lastActivity() const { return m_LastActivity; }
+  // Its place in the server's list.
+  void setPlace(std::list<RtspConnection*>::iterator place) { m_Place = place; }
+  // Whether a session of its has a stream: the connection is not closed for being silent then.
+  bool hasStream() const;
+  bool isStalled(Clock::time_point now) const { return m_Writer->isStalled(now); }
 
-  // Answers the request at hand with an error.
-  void refuseTransport() { handleCmd_unsupportedTransport(); }
-  void refuseState() { setRTSPResponse("455 Method Not Valid in This State"); }
+  void addSession(ClientSession& session) { m_Sessions.push_back(&session); }
+  void removeSession(ClientSession const& session) { std::erase(m_Sessions, &session); }
+  std::vector<ClientSession*> const& sessions() const { return m_Sessions; }
+
+  // The request that is being answered.
+  Request const& request() const { return m_Reader.request(); }
+  std::shared_ptr<InterleavedWriter> const& writer() const { return m_Writer; }
+  // The transport with channels that no other session of the connection uses;
+  // nothing if the client insists on such.
+  std::optional<Transport> transportFor(std::optional<Transport> transport) const;
+  // Makes this the response.
+  void refuse(char const* status) { setRTSPResponse(status); }
+  // Whether the response so far is a success.
+  bool hasAccepted() const;
 
  protected:
-  void handleRequestBytes(int newBytesRead) override;
+  void handleCmd_bad() override { refuse("400 Bad Request"); }
+  // A second wall: no request that reaches live555 is one of HTTP.
+  void handleHTTPCmd_OPTIONS() override { handleHTTPCmd_notSupported(); }
+  void handleHTTPCmd_TunnelingGET(char const*) override { handleHTTPCmd_notSupported(); }
+  Boolean handleHTTPCmd_TunnelingPOST(char const*, unsigned char const*, unsigned) override {
+    handleHTTPCmd_notSupported();
+    return False;
+  }
 
  private:
-  friend class RtspServer;
+  // What is left to do after an item was handled.
+  enum class Next { Item, Wait, Gone };
 
-  static void onSocket(void* connection, int conditions);
-  void waitForRoom(bool wait) KAVO_REQUIRES(eventLoopRole);
-  void handleAll() KAVO_REQUIRES(eventLoopRole);
-  bool handleNext() KAVO_REQUIRES(eventLoopRole);
+  void handleSocket(int conditions) KAVO_REQUIRES(eventLoopRole);
+  void receive() KAVO_REQUIRES(eventLoopRole);
+  bool handleAll() KAVO_REQUIRES(eventLoopRole);
+  Next handleNext() KAVO_REQUIRES(eventLoopRole);
+  void handleInterleaved() KAVO_REQUIRES(eventLoopRole);
   void handleRequest() KAVO_REQUIRES(eventLoopRole);
   void answer(char const* status) KAVO_REQUIRES(eventLoopRole);
 
   RtspServer& m_Server;
-  std::list<RtspConnection*>::iterator m_Place;  // in the server's list
-  Clock::time_point m_LastHeard = Clock::now();
-  bool m_HasSpoken = false;
-  u_int32_t m_SessionId = 0;
+  std::list<RtspConnection*>::iterator m_Place;
+  Clock::time_point m_LastActivity = Clock::now();
+  bool m_HasSentAnything = false;
+  std::vector<ClientSession*> m_Sessions;
   RequestReader m_Reader;
-  std::shared_ptr<InterleavedWriter> m_Output;
-  // live555 may delete this object inside its handlers; who goes on holds a copy.
+  SocketWatch m_Watch;
+  std::shared_ptr<InterleavedWriter> m_Writer;
+  // live555 may delete this object inside its handlers; callers that continue keep a copy.
   std::shared_ptr<bool> m_Alive = std::make_shared<bool>(true);
 };
 

@@ -5,22 +5,23 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
-#include <string>
 #include <utility>
+#include <vector>
 
+#include "server/clientsession.h"
 #include "server/rtspconnection.h"
-#include "server/transport.h"
 
 namespace kavo {
 
 namespace {
 
-// A client that wants a stream says so within this time; only a session may be silent for longer.
-constexpr std::chrono::seconds silence{30};
-constexpr std::int64_t silenceCheckMicroseconds = 1000000;
+using namespace std::chrono_literals;
+
+// How long a connection without a stream may be silent.
+constexpr auto idleTimeout = 30s;
+constexpr auto idleCheckInterval = 1s;
 // How long no connections are accepted when the process is out of descriptors.
-constexpr std::int64_t restMicroseconds = 100000;
+constexpr auto acceptRetryDelay = 100ms;
 // Per pass of the loop, so that others have their turn.
 constexpr int acceptsInARow = 16;
 
@@ -33,50 +34,6 @@ std::size_t maxConnections() {
 
 }  // namespace
 
-// One client's session.
-class RtspServer::Viewer : public RTSPServer::RTSPClientSession {
- public:
-  Viewer(RtspServer& server, u_int32_t sessionId) : RTSPClientSession(server, sessionId) {}
-
-  void noteHeard() { noteLiveness(); }
-
- protected:
-  void handleCmd_SETUP(RTSPClientConnection* connection, char const* urlPreSuffix, char const* urlSuffix,
-                       char const* fullRequestStr) override {
-    eventLoopRole.assertHeld();
-    auto* const ours = static_cast<RtspConnection*>(connection);
-    if (isSetUp()) {
-      ours->refuseState();
-      return;
-    }
-    auto const transport = acceptableTransport(fullRequestStr);
-    if (!transport) {
-      // Above all raw UDP and requests without ports: live555 would make a
-      // stream without RTP of them, and share it with all who come later.
-      ours->refuseTransport();
-      return;
-    }
-    ours->noteSession(fOurSessionId);
-    // live555 reads the transport from the request's text, wherever it finds
-    // the word; it gets nothing else to read.
-    std::string const request = "SETUP\r\nTransport: " + *transport + "\r\n\r\n";
-    RTSPClientSession::handleCmd_SETUP(connection, urlPreSuffix, urlSuffix, request.c_str());
-  }
-
-  void handleCmd_withinSession(RTSPClientConnection* connection, char const* cmdName, char const* urlPreSuffix,
-                               char const* urlSuffix, char const* fullRequestStr) override {
-    eventLoopRole.assertHeld();
-    static_cast<RtspConnection*>(connection)->noteSession(fOurSessionId);
-    RTSPClientSession::handleCmd_withinSession(connection, cmdName, urlPreSuffix, urlSuffix, fullRequestStr);
-  }
-
- private:
-  bool isSetUp() const {
-    return std::any_of(fStreamStates, fStreamStates + (fStreamStates != nullptr ? fNumStreamStates : 0),
-                       [](streamState const& state) { return state.streamToken != nullptr; });
-  }
-};
-
 RtspServer* RtspServer::createNew(UsageEnvironment& env, std::uint16_t port, unsigned reclamationSeconds) {
   auto sockets = listenOnPort(port);
   return sockets ? new RtspServer(env, std::move(*sockets), port, reclamationSeconds) : nullptr;
@@ -87,16 +44,24 @@ RtspServer* RtspServer::createNew(UsageEnvironment& env, std::uint16_t port, uns
 RtspServer::RtspServer(UsageEnvironment& env, ListeningSockets sockets, std::uint16_t port, unsigned reclamationSeconds)
     : RTSPServer(env, -1, -1, Port(port), nullptr, reclamationSeconds),
       m_Listening(std::move(sockets)),
-      m_MaxConnections(maxConnections()) {
-  listen();
-  closeSilentAndStalled();
+      m_WatchIpv4(env.taskScheduler(), m_Listening.ipv4.get(),
+                  [this](int) KAVO_REQUIRES(eventLoopRole) { acceptAll(m_Listening.ipv4.get()); }),
+      m_WatchIpv6(env.taskScheduler(), m_Listening.ipv6.get(),
+                  [this](int) KAVO_REQUIRES(eventLoopRole) { acceptAll(m_Listening.ipv6.get()); }),
+      m_MaxConnections(maxConnections()),
+      m_AcceptAgain(env.taskScheduler(), [this]() KAVO_REQUIRES(eventLoopRole) { startAccepting(); }),
+      m_CloseIdle(env.taskScheduler(), [this]() KAVO_REQUIRES(eventLoopRole) { closeIdleAndStalled(); }) {
+  startAccepting();
+  m_CloseIdle.start(idleCheckInterval);
 }
 
+// Sessions first, while this is still a server of ours.
 RtspServer::~RtspServer() {
   eventLoopRole.assertHeld();
-  rest();
-  envir().taskScheduler().unscheduleDelayedTask(m_ListenAgain);
-  envir().taskScheduler().unscheduleDelayedTask(m_CloseSilent);
+  while (auto* const session = static_cast<kavo::ClientSession*>(fClientSessions->getFirst())) {
+    session->sayGoodbye();
+    delete session;
+  }
   while (!m_Connections.empty()) {
     delete m_Connections.front();
   }
@@ -104,54 +69,79 @@ RtspServer::~RtspServer() {
 
 bool RtspServer::hasSession(char const* streamName) { return getServerMediaSession(streamName) != nullptr; }
 
-void RtspServer::noteLiveness(u_int32_t sessionId) {
-  if (auto* const viewer = static_cast<Viewer*>(lookupClientSession(sessionId))) {
-    viewer->noteHeard();
+template <class Function>
+void RtspServer::forEachSession(Function const& function) {
+  std::unique_ptr<HashTable::Iterator> const entries(HashTable::Iterator::create(*fClientSessions));
+  char const* id = nullptr;
+  while (auto* const session = static_cast<kavo::ClientSession*>(entries->next(id))) {
+    function(*session);
   }
 }
 
-bool RtspServer::knowsSession(u_int32_t sessionId) { return lookupClientSession(sessionId) != nullptr; }
+void RtspServer::removeSession(ServerMediaSession* session) {
+  std::vector<RtspConnection*> connections;
+  forEachSession([&](kavo::ClientSession& client) {
+    eventLoopRole.assertHeld();
+    if (client.isOf(session)) {
+      client.sayGoodbye();
+      connections.push_back(client.connection());
+    }
+  });
+  deleteServerMediaSession(session);
+  std::sort(connections.begin(), connections.end());
+  connections.erase(std::unique(connections.begin(), connections.end()), connections.end());
+  for (RtspConnection* const connection : connections) {
+    if (connection != nullptr && !connection->hasStream()) {
+      delete connection;
+    }
+  }
+}
 
 GenericMediaServer::ClientConnection* RtspServer::createNewClientConnection(int clientSocket,
                                                                             sockaddr_storage const& clientAddress) {
   eventLoopRole.assertHeld();
-  return new RtspConnection(*this, clientSocket, clientAddress);
+  auto* const connection = new RtspConnection(*this, clientSocket, clientAddress);
+  connection->setPlace(m_Connections.insert(m_Connections.end(), connection));
+  return connection;
 }
 
 GenericMediaServer::ClientSession* RtspServer::createNewClientSession(u_int32_t sessionId) {
   eventLoopRole.assertHeld();
-  return new Viewer(*this, sessionId);
+  m_NewSession = sessionId;
+  return new kavo::ClientSession(*this, sessionId);
 }
 
-RtspServer::Connections::iterator RtspServer::enlist(RtspConnection& connection) {
-  return m_Connections.insert(m_Connections.end(), &connection);
+void RtspServer::removeFailedSession() {
+  auto const* const session = static_cast<kavo::ClientSession*>(lookupClientSession(std::exchange(m_NewSession, 0)));
+  if (session != nullptr && !session->hasStream()) {
+    delete session;
+  }
 }
 
-void RtspServer::strike(Connections::iterator place) { m_Connections.erase(place); }
+bool RtspServer::hasRoomForSession() {
+  if (numClientSessions() < m_MaxConnections) {
+    return true;
+  }
+  kavo::ClientSession* lost = nullptr;
+  forEachSession([&](kavo::ClientSession& session) { lost = session.connection() == nullptr ? &session : lost; });
+  delete lost;
+  return lost != nullptr;
+}
 
-void RtspServer::noteHeard(Connections::iterator place) {
+void RtspServer::removeConnection(Connections::iterator place) { m_Connections.erase(place); }
+
+void RtspServer::noteActivity(Connections::iterator place) {
   m_Connections.splice(m_Connections.end(), m_Connections, place);
 }
 
-void RtspServer::listen() {
-  auto const watch = [this](Descriptor const& socket, TaskScheduler::BackgroundHandlerProc* handler) {
-    envir().taskScheduler().turnOnBackgroundReadHandling(socket.get(), handler, this);
-  };
-  watch(m_Listening.ipv4, [](void* server, int) {
-    eventLoopRole.assertHeld();
-    auto* const self = static_cast<RtspServer*>(server);
-    self->acceptAll(self->m_Listening.ipv4.get());
-  });
-  watch(m_Listening.ipv6, [](void* server, int) {
-    eventLoopRole.assertHeld();
-    auto* const self = static_cast<RtspServer*>(server);
-    self->acceptAll(self->m_Listening.ipv6.get());
-  });
+void RtspServer::startAccepting() {
+  m_WatchIpv4.start(SOCKET_READABLE);
+  m_WatchIpv6.start(SOCKET_READABLE);
 }
 
-void RtspServer::rest() {
-  envir().taskScheduler().turnOffBackgroundReadHandling(m_Listening.ipv4.get());
-  envir().taskScheduler().turnOffBackgroundReadHandling(m_Listening.ipv6.get());
+void RtspServer::pauseAccepting() {
+  m_WatchIpv4.stop();
+  m_WatchIpv6.stop();
 }
 
 void RtspServer::acceptAll(int listeningSocket) {
@@ -159,14 +149,14 @@ void RtspServer::acceptAll(int listeningSocket) {
   }
 }
 
-// False when nobody waits any more, or there is no descriptor to take him in with.
+// False when the backlog is empty, or descriptors ran out.
 bool RtspServer::acceptOne(int listeningSocket) {
   sockaddr_storage address{};
   socklen_t size = sizeof address;
   Descriptor client(
       accept4(listeningSocket, reinterpret_cast<sockaddr*>(&address), &size, SOCK_NONBLOCK | SOCK_CLOEXEC));
   if (client.get() >= 0) {
-    if (m_Connections.size() < m_MaxConnections || makeRoom()) {
+    if (m_Connections.size() < m_MaxConnections || evictConnection()) {
       createNewClientConnection(client.release(), address);
     }
     return true;
@@ -175,25 +165,19 @@ bool RtspServer::acceptOne(int listeningSocket) {
     return true;
   }
   bool const full = errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM;
-  if (full && !makeRoom()) {
-    // Who waits stays in the backlog; until there is room the loop would only spin.
-    rest();
-    m_ListenAgain = envir().taskScheduler().scheduleDelayedTask(
-        restMicroseconds,
-        [](void* server) {
-          eventLoopRole.assertHeld();
-          static_cast<RtspServer*>(server)->listen();
-        },
-        this);
+  if (full && !evictConnection()) {
+    // Pending connections stay in the backlog; until there is room the loop would only spin.
+    pauseAccepting();
+    m_AcceptAgain.start(acceptRetryDelay);
     return false;
   }
   return full;
 }
 
-// Closes the connection that was silent longest: of those that never said a word,
-// so that a crowd of such cannot push out who is about to set a session up, else
-// of those without a session. False when there is none.
-bool RtspServer::makeRoom() {
+// Closes the least recently active connection: of those that never sent
+// anything, so that a crowd of such cannot push out a client that is about to set
+// up a session, else of those without a stream. False when there is none.
+bool RtspServer::evictConnection() {
   auto const close = [](auto const& range, auto const& unwanted) {
     auto const found = std::find_if(range.begin(), range.end(), unwanted);
     if (found != range.end()) {
@@ -202,31 +186,24 @@ bool RtspServer::makeRoom() {
     }
     return false;
   };
-  return close(m_Connections, [](RtspConnection const* connection) { return !connection->hasSpoken(); }) ||
-         close(m_Connections, [](RtspConnection const* connection) {
-           eventLoopRole.assertHeld();
-           return !connection->hasSession();
-         });
+  return close(m_Connections, [](RtspConnection const* connection) { return !connection->hasSentAnything(); }) ||
+         close(m_Connections, [](RtspConnection const* connection) { return !connection->hasStream(); });
 }
 
-void RtspServer::closeSilentAndStalled() {
-  auto const limit = RtspConnection::Clock::now() - silence;
+void RtspServer::closeIdleAndStalled() {
+  auto const now = RtspConnection::Clock::now();
   for (auto place = m_Connections.begin(); place != m_Connections.end();) {
     RtspConnection* const connection = *place++;
-    bool const silent = connection->lastHeard() < limit && !connection->hasSession();
-    if (silent || connection->isStalled()) {
+    bool const idle = now - connection->lastActivity() > idleTimeout && !connection->hasStream();
+    if (idle || connection->isStalled(now)) {
       delete connection;
     } else {
-      connection->noteProgress();
+      for (kavo::ClientSession* const session : connection->sessions()) {
+        session->noteProgress();
+      }
     }
   }
-  m_CloseSilent = envir().taskScheduler().scheduleDelayedTask(
-      silenceCheckMicroseconds,
-      [](void* server) {
-        eventLoopRole.assertHeld();
-        static_cast<RtspServer*>(server)->closeSilentAndStalled();
-      },
-      this);
+  m_CloseIdle.start(idleCheckInterval);
 }
 
 }  // namespace kavo

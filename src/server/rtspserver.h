@@ -1,21 +1,26 @@
-// The RTSP server: on sockets of our own, with a limit to its connections, and
-// deaf to the requests that would harm other viewers. Event-loop thread.
+// The RTSP server: on sockets of our own, with limits to its connections and
+// sessions. Event-loop thread.
 #pragma once
 
 #include <RTSPServer.hh>
+#include <chrono>
 #include <cstdint>
 #include <list>
+#include <optional>
 
 #include "eventloop/eventlooprole.h"
+#include "eventloop/socketwatch.h"
+#include "eventloop/timer.h"
 #include "server/listeningsockets.h"
 
 namespace kavo {
 
+class ClientSession;
 class RtspConnection;
 
 class RtspServer : public RTSPServer {
  public:
-  // Null when the port (host byte order) cannot be had on every address family
+  // Null when the port (host byte order) cannot be bound on every address family
   // of the machine. A client session without a sign of life is closed after
   // reclamationSeconds.
   static RtspServer* createNew(UsageEnvironment& env, std::uint16_t port, unsigned reclamationSeconds)
@@ -23,6 +28,9 @@ class RtspServer : public RTSPServer {
 
   // Whether a media session of exactly this name is registered.
   bool hasSession(char const* streamName) KAVO_REQUIRES(eventLoopRole);
+  // Says goodbye to its viewers, closes the connections that have no other
+  // stream, and deletes the media session.
+  void removeSession(ServerMediaSession* session) KAVO_REQUIRES(eventLoopRole);
 
  protected:
   RtspServer(UsageEnvironment& env, ListeningSockets sockets, std::uint16_t port, unsigned reclamationSeconds)
@@ -30,32 +38,38 @@ class RtspServer : public RTSPServer {
   ~RtspServer() override;
 
   ClientConnection* createNewClientConnection(int clientSocket, sockaddr_storage const& clientAddress) override;
-  ClientSession* createNewClientSession(u_int32_t sessionId) override;
+  GenericMediaServer::ClientSession* createNewClientSession(u_int32_t sessionId) override;
 
  private:
   friend class RtspConnection;
-  class Viewer;
   using Connections = std::list<RtspConnection*>;
 
   // A connection's own place among those that the server keeps.
-  Connections::iterator enlist(RtspConnection& connection) KAVO_REQUIRES(eventLoopRole);
-  void strike(Connections::iterator place) KAVO_REQUIRES(eventLoopRole);
-  void noteHeard(Connections::iterator place) KAVO_REQUIRES(eventLoopRole);
-  bool knowsSession(u_int32_t sessionId) KAVO_REQUIRES(eventLoopRole);
-  void noteLiveness(u_int32_t sessionId) KAVO_REQUIRES(eventLoopRole);
+  void removeConnection(Connections::iterator place) KAVO_REQUIRES(eventLoopRole);
+  void noteActivity(Connections::iterator place) KAVO_REQUIRES(eventLoopRole);
 
-  void listen() KAVO_REQUIRES(eventLoopRole);
-  void rest() KAVO_REQUIRES(eventLoopRole);
+  // Whether one more client session may be made; one that has lost its connection gives way.
+  bool hasRoomForSession() KAVO_REQUIRES(eventLoopRole);
+  // Deletes the session that was made for the last request, unless that set up a stream.
+  void removeFailedSession() KAVO_REQUIRES(eventLoopRole);
+  template <class Function>
+  void forEachSession(Function const& function) KAVO_REQUIRES(eventLoopRole);
+
+  void startAccepting() KAVO_REQUIRES(eventLoopRole);
+  void pauseAccepting() KAVO_REQUIRES(eventLoopRole);
   void acceptAll(int listeningSocket) KAVO_REQUIRES(eventLoopRole);
   bool acceptOne(int listeningSocket) KAVO_REQUIRES(eventLoopRole);
-  bool makeRoom() KAVO_REQUIRES(eventLoopRole);
-  void closeSilentAndStalled() KAVO_REQUIRES(eventLoopRole);
+  bool evictConnection() KAVO_REQUIRES(eventLoopRole);
+  void closeIdleAndStalled() KAVO_REQUIRES(eventLoopRole);
 
-  ListeningSockets m_Listening;
+  ListeningSockets const m_Listening;
+  SocketWatch m_WatchIpv4;
+  SocketWatch m_WatchIpv6;
   std::size_t const m_MaxConnections;
-  Connections m_Connections;  // that which was silent longest is first
-  TaskToken m_ListenAgain = nullptr;
-  TaskToken m_CloseSilent = nullptr;
+  Connections m_Connections KAVO_GUARDED_BY(eventLoopRole);  // the least recently active first
+  u_int32_t m_NewSession KAVO_GUARDED_BY(eventLoopRole) = 0;
+  Timer m_AcceptAgain;
+  Timer m_CloseIdle;
 };
 
 }  // namespace kavo

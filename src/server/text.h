@@ -13,6 +13,10 @@ inline bool equalsIgnoringCase(std::string_view a, std::string_view b) {
                     [](unsigned char x, unsigned char y) { return std::tolower(x) == std::tolower(y); });
 }
 
+inline bool startsWithIgnoringCase(std::string_view text, std::string_view start) {
+  return equalsIgnoringCase(text.substr(0, start.size()), start);
+}
+
 inline std::string_view trimmed(std::string_view text) {
   constexpr std::string_view space = " \t\r\n";
   auto const first = text.find_first_not_of(space);

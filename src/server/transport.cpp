@@ -5,19 +5,18 @@
 #include <utility>
 #include <vector>
 
-#include "server/requestreader.h"
 #include "server/text.h"
 
 namespace kavo {
 
 namespace {
 
-using Range = std::pair<unsigned, unsigned>;
+using Range = std::pair<std::uint16_t, std::uint16_t>;
 
 // "a-b", or "a" for "a-(a+1)"; nothing if it is neither or leaves the limits.
 std::optional<Range> rangeOf(std::string_view text, unsigned lowest, unsigned highest) {
-  auto const number = [&](std::string_view digits) -> std::optional<unsigned> {
-    unsigned value = 0;
+  auto const number = [&](std::string_view digits) -> std::optional<std::uint16_t> {
+    std::uint16_t value = 0;
     auto const [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), value);
     bool const whole = error == std::errc() && end == digits.data() + digits.size();
     return whole && value >= lowest && value <= highest ? std::optional(value) : std::nullopt;
@@ -28,7 +27,7 @@ std::optional<Range> rangeOf(std::string_view text, unsigned lowest, unsigned hi
     return std::nullopt;
   }
   if (dash == std::string_view::npos) {
-    return *first < highest ? std::optional<Range>({*first, *first + 1}) : std::nullopt;
+    return *first < highest ? std::optional<Range>({*first, static_cast<std::uint16_t>(*first + 1)}) : std::nullopt;
   }
   auto const second = number(text.substr(dash + 1));
   return second ? std::optional<Range>({*first, *second}) : std::nullopt;
@@ -45,11 +44,7 @@ std::optional<Range> parameterRange(std::vector<std::string_view> const& fields,
   return std::nullopt;
 }
 
-std::string withRange(std::string const& text, std::optional<Range> range) {
-  return range ? text + std::to_string(range->first) + "-" + std::to_string(range->second) : text;
-}
-
-std::optional<std::string> acceptable(std::string_view transport) {
+std::optional<Transport> acceptable(std::string_view transport) {
   auto const fields = split(transport, ';');
   auto const has = [&](std::string_view word) {
     return std::any_of(fields.begin(), fields.end(), [&](auto field) { return equalsIgnoringCase(field, word); });
@@ -58,23 +53,29 @@ std::optional<std::string> acceptable(std::string_view transport) {
     return std::nullopt;
   }
   if (equalsIgnoringCase(fields[0], "RTP/AVP/TCP")) {
-    auto const channels = parameterRange(fields, "interleaved", 0, 255);
-    // Without channels live555 chooses them.
-    return channels ? withRange("RTP/AVP/TCP;unicast;interleaved=", channels) : "RTP/AVP/TCP;unicast";
+    // live555 takes channel 255 for none.
+    auto const channels = parameterRange(fields, "interleaved", 0, 254);
+    return channels && channels->first != channels->second ? Transport{true, true, channels->first, channels->second}
+                                                           : Transport{true, false};
   }
   // RFC 2326: "RTP/AVP" is short for "RTP/AVP/UDP".
   if (equalsIgnoringCase(fields[0], "RTP/AVP") || equalsIgnoringCase(fields[0], "RTP/AVP/UDP")) {
     auto const ports = parameterRange(fields, "client_port", 1, 65535);
-    return ports ? std::optional(withRange("RTP/AVP;unicast;client_port=", ports)) : std::nullopt;
+    return ports ? std::optional(Transport{false, true, ports->first, ports->second}) : std::nullopt;
   }
   return std::nullopt;
 }
 
 }  // namespace
 
-std::optional<std::string> acceptableTransport(std::string_view request) {
-  for (auto const transport : split(headerValue(request, "Transport"), ',')) {
-    if (auto accepted = acceptable(transport)) {
+std::string Transport::text() const {
+  return std::string(interleaved ? "RTP/AVP/TCP;unicast;interleaved=" : "RTP/AVP;unicast;client_port=") +
+         std::to_string(rtp) + "-" + std::to_string(rtcp);
+}
+
+std::optional<Transport> acceptableTransport(std::string_view header) {
+  for (auto const transport : split(header, ',')) {
+    if (auto const accepted = acceptable(transport)) {
       return accepted;
     }
   }

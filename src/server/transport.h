@@ -1,15 +1,24 @@
 // What a client's SETUP asks for, and whether we serve it. Any thread.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
 
 namespace kavo {
 
-// The first transport of the request's Transport header that we serve (RTP over
-// unicast UDP with two client ports, or RTP interleaved on the connection), in
-// the words that live555 understands; nothing if there is none.
-std::optional<std::string> acceptableTransport(std::string_view request);
+struct Transport {
+  bool interleaved = false;  // on the RTSP connection, otherwise over unicast UDP
+  bool chosen = true;        // false: the server is to choose the channels
+  std::uint16_t rtp = 0;     // channel or client port
+  std::uint16_t rtcp = 1;
+
+  // As live555 reads it.
+  std::string text() const;
+};
+
+// The first transport of a Transport header that we serve; nothing if there is none.
+std::optional<Transport> acceptableTransport(std::string_view header);
 
 }  // namespace kavo

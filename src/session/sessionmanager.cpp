@@ -39,7 +39,10 @@ void SessionManager::removeSession(void* handle) {
   auto const session = m_Sessions.at(handle);
   m_Sessions.erase(handle);
   RtspServer* const server = m_Environment.GetRTSPServer();
-  m_Environment.runOnLoop([&] { server->deleteServerMediaSession(session->mediaSession()); });
+  m_Environment.runOnLoop([&] {
+    eventLoopRole.assertHeld();
+    server->removeSession(session->mediaSession());
+  });
 }
 
 void SessionManager::sessionInfo(SessionInformation& information) {

@@ -20,9 +20,10 @@ class VideoSubSession : public ISubSession {
       : ISubSession(env),
         m_FrameSourceHandler(std::make_shared<FrameSourceHandler>()),
         m_Transcoder(std::make_shared<Transcoder>(parameter)) {
+    auto const parameterSets = m_Transcoder->parameterSets();
     m_MediaSession = env.runOnLoop([&] {
       eventLoopRole.assertHeld();
-      return DemandSession::createNew(env.GetUsageEnvironment(), m_FrameSourceHandler);
+      return DemandSession::createNew(env.GetUsageEnvironment(), m_FrameSourceHandler, parameterSets);
     });
   }
 
@@ -33,11 +34,13 @@ class VideoSubSession : public ISubSession {
     if (!m_FrameSourceHandler->IsStreaming() || !m_FrameSourceHandler->IsBufferFree()) {
       return;
     }
-    if (m_FrameSourceHandler->keyFrameRequest().take(KeyFrameRequest::Clock::now())) {
+    auto const submitted = KeyFrameRequest::Clock::now();
+    if (m_FrameSourceHandler->keyFrameRequest().take(submitted)) {
       m_Transcoder->requestKeyFrame();
     }
     FrameSourceHandler::FrameData data{};
     m_Transcoder->transcode(frame, data.packet);
+    FrameSourceHandler::setSubmitTime(data.packet, submitted);
     m_FrameSourceHandler->push(data);
     m_MediaSession->signalNewFrame(m_Environment.GetTaskScheduler());
   }

@@ -8,10 +8,10 @@ using namespace kavo::test;
 
 namespace {
 
-std::vector<int> nalTypes(std::vector<std::uint8_t> const& bytes) {
+std::vector<int> nalTypes(std::span<std::uint8_t const> bytes) {
   std::vector<int> types;
-  for (NalUnit const nalUnit : splitAccessUnit(bytes)) {
-    types.push_back(static_cast<int>(typeOf(nalUnit)));
+  for (NalUnit unit = takeNalUnit(bytes); !unit.empty(); unit = takeNalUnit(bytes)) {
+    types.push_back(static_cast<int>(typeOf(unit)));
   }
   return types;
 }

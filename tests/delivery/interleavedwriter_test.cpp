@@ -5,17 +5,16 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <chrono>
 #include <string>
-#include <thread>
 
 #include "base/descriptor.h"
 
 using namespace kavo;
+using namespace std::chrono_literals;
 
 namespace {
 
-// An output whose other end reads when told.
+// A writer whose other end reads when told. Frames are of one letter throughout.
 class InterleavedWriterTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -23,24 +22,26 @@ class InterleavedWriterTest : public ::testing::Test {
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends), 0);
     m_Near = Descriptor(ends[0]);
     m_Far = Descriptor(ends[1]);
-    m_Output = std::make_shared<InterleavedWriter>(m_Near.get(), [this](bool wait) { m_Waiting = wait; });
+    m_Writer = std::make_unique<InterleavedWriter>(m_Near.get(), [this](bool wanted) { m_Blocked = wanted; });
   }
 
-  // One letter throughout, but for the channel.
-  static FramedPackets framed(char letter, std::size_t size, std::uint8_t channel = 0) {
-    auto const bytes = std::make_shared<std::vector<std::uint8_t>>(size, static_cast<std::uint8_t>(letter));
-    (*bytes)[1] = channel;
-    return bytes;
+  bool frame(char letter, std::size_t packets, bool key = true, std::uint8_t channel = 0) {
+    std::vector<std::uint8_t> const payload(1000, static_cast<std::uint8_t>(letter));
+    FramePackets all;
+    all.begin({.payloadType = 96, .sequence = 1, .timestamp = 2, .ssrc = 3});
+    for (std::size_t i = 0; i < packets; ++i) {
+      all.add({}, payload, false);
+    }
+    InterleavedFrame interleaved(all, channel);
+    return m_Writer->sendFrame(interleaved, key);
   }
 
-  bool picture(char letter, std::size_t size, bool key = true, std::uint8_t channel = 0) {
-    return m_Output->sendPicture(framed(letter, size, channel), key);
-  }
+  void report() { m_Writer->sendReport(std::vector<std::uint8_t>(20, 'r'), 1); }
 
-  // Lets the output go on, and reads a block; false when there was nothing.
+  // Lets the writer go on, and reads a block; false when there was nothing.
   bool readSome() {
-    if (m_Waiting) {
-      m_Output->flush();
+    if (m_Blocked) {
+      m_Writer->flush();
     }
     char block[65536];
     ssize_t const size = read(m_Far.get(), block, sizeof block);
@@ -48,116 +49,138 @@ class InterleavedWriterTest : public ::testing::Test {
     return size > 0;
   }
 
-  // All that comes, as "10a 20b ".
+  // All that comes, as "1a 20b ": packets, and their letter. Every packet must be whole.
   std::string drain() {
     while (readSome()) {
     }
     std::string runs;
-    for (std::size_t at = 0, end; at < m_Received.size(); at = end) {
-      std::string const sameRun{m_Received[at], 0, 2};  // and the channels
-      end = std::min(m_Received.find_first_not_of(sameRun, at), m_Received.size());
-      runs += std::to_string(end - at) + m_Received[at] + ' ';
+    int count = 0;
+    char letter = 0;
+    auto const endRun = [&] { runs += count > 0 ? std::to_string(count) + letter + ' ' : ""; };
+    for (std::size_t at = 0; at < m_Received.size();) {
+      auto const byte = [&](std::size_t i) { return static_cast<std::uint8_t>(m_Received.at(at + i)); };
+      std::size_t const size = 256U * byte(2) + byte(3);
+      EXPECT_EQ(m_Received[at], '$');
+      char const last = m_Received.at(at + 3 + size);
+      if (last != letter) {
+        endRun();
+        count = 0;
+      }
+      letter = last;
+      ++count;
+      at += 4 + size;
     }
+    endRun();
     m_Received.clear();
     return runs;
   }
 
   Descriptor m_Near;
   Descriptor m_Far;
-  bool m_Waiting = false;
+  bool m_Blocked = false;
   std::string m_Received;
-  std::shared_ptr<InterleavedWriter> m_Output;
+  std::unique_ptr<InterleavedWriter> m_Writer;
 };
 
-constexpr std::size_t huge = 4 * 1024 * 1024;  // more than a socket takes
+constexpr std::size_t huge = 4000;  // packets: more than a socket takes, or one system call
 
 }  // namespace
 
-TEST_F(InterleavedWriterTest, WhatAViewerMissesIsWholePictures) {
-  EXPECT_TRUE(picture('a', 10));
-  EXPECT_FALSE(m_Waiting);
-  EXPECT_TRUE(picture('b', huge));
-  EXPECT_TRUE(m_Waiting);
-  EXPECT_TRUE(picture('c', 10));
-  EXPECT_TRUE(picture('d', huge)) << "it takes the place of the one before";
-  EXPECT_TRUE(picture('e', 10));
-  m_Output->sendReport(framed('r', 10));
-  EXPECT_EQ(drain(), "10a " + std::to_string(huge) + "b 10e ");
-  EXPECT_FALSE(m_Waiting);
-  m_Output->sendReport(framed('r', 10));
-  EXPECT_EQ(drain(), "10r ");
+TEST_F(InterleavedWriterTest, WhatAViewerMissesIsWholeFrames) {
+  EXPECT_TRUE(frame('a', 1));
+  EXPECT_FALSE(m_Blocked);
+  EXPECT_TRUE(frame('b', huge));
+  EXPECT_TRUE(m_Blocked);
+  EXPECT_TRUE(frame('c', 1));
+  EXPECT_TRUE(frame('d', huge)) << "it takes the place of the one before";
+  EXPECT_TRUE(frame('e', 1));
+  report();
+  EXPECT_EQ(drain(), "1a 4000b 1e ");
+  EXPECT_FALSE(m_Blocked);
+  report();
+  EXPECT_EQ(drain(), "1r ");
 }
 
-TEST_F(InterleavedWriterTest, PicturesThatBuildOnOthersWaitUntilTheyAreTooMany) {
-  picture('k', huge);
-  EXPECT_TRUE(picture('p', 10, false));
-  EXPECT_TRUE(picture('q', 10, false));
-  EXPECT_TRUE(picture('o', 10, true, 2)) << "another stream's";
-  EXPECT_TRUE(picture('r', InterleavedWriter::maxWaiting, false)) << "a key picture could not be sent yet";
-  EXPECT_TRUE(picture('s', 10, false));
-  EXPECT_EQ(drain(), std::to_string(huge) + "k 10o ");
-  EXPECT_FALSE(picture('t', 10, false)) << "nobody is told that a key picture is wanted";
-  EXPECT_TRUE(picture('o', 10, false, 2));
-  EXPECT_TRUE(picture('k', 10));
-  EXPECT_TRUE(picture('u', 10, false));
-  EXPECT_EQ(drain(), "10o 10k 10u ");
+TEST_F(InterleavedWriterTest, FramesThatBuildOnOthersWaitUntilTheyAreTooMany) {
+  frame('k', huge);
+  EXPECT_TRUE(frame('p', 1, false));
+  EXPECT_TRUE(frame('q', 1, false));
+  EXPECT_TRUE(frame('o', 1, true, 2)) << "another stream's";
+  EXPECT_FALSE(frame('r', InterleavedWriter::maxWaiting / 1000, false));
+  EXPECT_EQ(drain(), "4000k 1o ") << "what builds on what was dropped came";
+  EXPECT_TRUE(frame('k', 1));
+  EXPECT_TRUE(frame('u', 1, false));
+  EXPECT_EQ(drain(), "1k 1u ");
 }
 
-TEST_F(InterleavedWriterTest, PicturesThatBuildOnOthersWaitUntilTheyAreTooOld) {
-  picture('k', huge);
-  EXPECT_TRUE(picture('p', 10, false));
-  std::this_thread::sleep_for(InterleavedWriter::maxAge + std::chrono::milliseconds(1));
-  EXPECT_TRUE(picture('q', 10, false)) << "a key picture could not be sent yet";
-  EXPECT_EQ(drain(), std::to_string(huge) + "k ");
-  EXPECT_FALSE(picture('r', 10, false));
+TEST_F(InterleavedWriterTest, OfAStreamThatEndedOnlyABegunFrameIsSent) {
+  frame('a', huge);
+  frame('b', 1);
+  frame('c', 1, true, 2);
+  m_Writer->cancel(0);
+  EXPECT_EQ(drain(), "4000a 1c ");
 }
 
-TEST_F(InterleavedWriterTest, OfAStreamThatEndedOnlyABegunPictureIsSent) {
-  picture('a', huge);
-  picture('b', 10);
-  picture('c', 10, true, 2);
-  m_Output->forget(0);
-  EXPECT_EQ(drain(), std::to_string(huge) + "a 10c ");
+// Only a viewer that something waits for is stalled: not one that was paused in mid-frame.
+TEST_F(InterleavedWriterTest, AStandstillIsAStallWhileSomethingWaits) {
+  auto const later = [] { return InterleavedWriter::Clock::now() + InterleavedWriter::stallTimeout + 1ms; };
+  EXPECT_FALSE(m_Writer->isStalled(later()));
+  frame('a', huge);
+  EXPECT_FALSE(m_Writer->isStalled(InterleavedWriter::Clock::now()));
+  EXPECT_TRUE(m_Writer->isStalled(later()));
+  m_Writer->cancel(0);
+  EXPECT_FALSE(m_Writer->isStalled(later()));
+  frame('b', 1);
+  EXPECT_TRUE(m_Writer->isStalled(later()));
+  drain();
+  EXPECT_FALSE(m_Writer->isStalled(later()));
 }
 
-TEST_F(InterleavedWriterTest, AResponseComesAfterTheBegunPicture) {
-  EXPECT_TRUE(m_Output->admitsResponse());
-  picture('a', huge);
-  EXPECT_FALSE(m_Output->admitsResponse());
-  picture('b', 10);
-  while (!m_Output->admitsResponse()) {
+TEST_F(InterleavedWriterTest, ProgressIsEachChannelsOwn) {
+  frame('a', 1, true, 4);
+  EXPECT_FALSE(m_Writer->takeProgress(0));
+  EXPECT_TRUE(m_Writer->takeProgress(4));
+  EXPECT_FALSE(m_Writer->takeProgress(4));
+}
+
+TEST_F(InterleavedWriterTest, AResponseComesAfterTheBegunFrame) {
+  EXPECT_TRUE(m_Writer->prepareForResponse());
+  frame('a', huge);
+  EXPECT_FALSE(m_Writer->prepareForResponse());
+  frame('b', 1);
+  while (!m_Writer->prepareForResponse()) {
     ASSERT_TRUE(readSome());
   }
-  EXPECT_EQ(m_Received.find('b'), std::string::npos);
-  EXPECT_EQ(drain(), std::to_string(huge) + "a 10b ");
-  EXPECT_FALSE(m_Waiting);
+  EXPECT_EQ(m_Received.find("bbb"), std::string::npos);
+  EXPECT_EQ(drain(), "4000a 1b ");
+  EXPECT_FALSE(m_Blocked);
 }
 
 TEST_F(InterleavedWriterTest, AResponseWaitsWhereOnlyAPartOfItWouldFit) {
   for (pollfd socket{m_Near.get(), POLLOUT, 0}; poll(&socket, 1, 0) > 0;) {
-    picture('a', 1000);
+    frame('a', 1);
   }
-  ASSERT_FALSE(m_Waiting) << "the pictures were to be taken whole";
-  EXPECT_FALSE(m_Output->admitsResponse());
-  EXPECT_TRUE(m_Waiting);
-  picture('b', 10);
-  while (!m_Output->admitsResponse()) {
+  ASSERT_FALSE(m_Blocked) << "the frames were to be taken whole";
+  EXPECT_FALSE(m_Writer->prepareForResponse());
+  EXPECT_TRUE(m_Blocked);
+  frame('b', 1);
+  while (!m_Writer->prepareForResponse()) {
     ASSERT_TRUE(readSome());
   }
-  EXPECT_EQ(m_Received.find('b'), std::string::npos);
-  EXPECT_NE(drain().find("10b"), std::string::npos);
+  EXPECT_EQ(m_Received.find("bbb"), std::string::npos);
+  EXPECT_NE(drain().find("1b"), std::string::npos);
 }
 
-TEST_F(InterleavedWriterTest, IsFoundByItsSocketAndSendsNowhereOnceClosed) {
-  EXPECT_EQ(InterleavedWriter::of(m_Near.get()), m_Output);
-  EXPECT_EQ(InterleavedWriter::of(-1), nullptr);
-  picture('a', huge);
-  m_Output->close();
-  EXPECT_EQ(InterleavedWriter::of(m_Near.get()), nullptr);
-  EXPECT_EQ(InterleavedWriter::of(-1), nullptr) << "a viewer without a connection was taken for a closed one's";
-  m_Waiting = false;
-  picture('b', 10);
-  m_Output->forget(0);
-  EXPECT_FALSE(m_Waiting);
-  EXPECT_FALSE(m_Output->isStalled());
+TEST_F(InterleavedWriterTest, SendsNowhereOnceClosed) {
+  frame('a', huge);
+  m_Writer->close();
+  m_Blocked = false;
+  frame('b', 1);
+  report();
+  m_Writer->cancel(0);
+  EXPECT_FALSE(m_Blocked);
+  EXPECT_FALSE(m_Writer->isBlocked());
+  while (readSome()) {
+  }
+  EXPECT_EQ(m_Received.find("bbb"), std::string::npos);
 }

@@ -3,9 +3,11 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 
-#include <memory>
+#include <initializer_list>
+#include <vector>
 
 #include "base/descriptor.h"
+#include "rtp/reassembly.h"
 
 using namespace kavo;
 
@@ -37,66 +39,83 @@ struct Receiver {
   sockaddr_storage address{};
 };
 
-std::vector<std::vector<std::uint8_t>> packetsOf(std::vector<std::size_t> const& sizes) {
-  std::vector<std::vector<std::uint8_t>> packets;
-  for (std::size_t const size : sizes) {
-    packets.emplace_back(size, static_cast<std::uint8_t>(packets.size() + 1));
+// A frame of those packets; the first 12 bytes of each are the sender's.
+class Frame {
+ public:
+  explicit Frame(std::vector<std::size_t> const& sizes) : m_Payload(2000, 7) {
+    m_Packets.begin({.payloadType = 96, .sequence = 1, .timestamp = 2, .ssrc = 3});
+    for (std::size_t const size : sizes) {
+      m_Packets.add({}, std::span(m_Payload).first(size - FramePackets::rtpHeaderSize), false);
+    }
   }
-  return packets;
-}
 
-PacketRun runOf(std::vector<std::vector<std::uint8_t>> const& packets) {
-  PacketRun run;
-  for (auto const& packet : packets) {
-    run.add(packet);
+  std::vector<reassembly::Bytes> packets() { return reassembly::packetsOf(m_Packets); }
+
+  void send(UdpSender& udp, int socket, std::initializer_list<UdpDestination*> destinations) {
+    udp.send(socket, m_Packets, 0, m_Packets.count(), std::vector(destinations));
   }
-  return run;
-}
+
+ private:
+  std::vector<std::uint8_t> m_Payload;
+  FramePackets m_Packets;
+};
 
 }  // namespace
 
 // The same packets in the same order, whichever way the kernel is asked.
 TEST(UdpSender, SendsEveryPacketToEveryDestination) {
-  std::vector<std::size_t> const runs[] = {
+  std::vector<std::size_t> const frames[] = {
       {100},
       {1400, 1400, 1400, 300},
-      {12, 8, 1400, 1400, 700, 1400, 1400, 1400},
+      {13, 20, 1400, 1400, 700, 1400, 1400, 1400},
       std::vector<std::size_t>(70, 1400),  // more than one segmented send may carry
       std::vector<std::size_t>(150, 90),
   };
   Descriptor const sender(socket(AF_INET, SOCK_DGRAM, 0));
-  for (bool const segmentation : {true, false}) {
-    UdpSender udp(segmentation);
-    for (auto const& sizes : runs) {
-      std::vector<std::unique_ptr<Receiver>> receivers;
-      std::vector<sockaddr_storage> addresses;
-      for (int i = 0; i < 3; ++i) {
-        receivers.push_back(std::make_unique<Receiver>());
-        addresses.push_back(receivers.back()->address);
-      }
-      auto const packets = packetsOf(sizes);
-      udp.send(sender.get(), runOf(packets), addresses);
-      for (auto const& receiver : receivers) {
-        EXPECT_EQ(receiver->packets(), packets) << sizes.size() << " packets, segmentation " << segmentation;
-      }
+  UdpSender udp;
+  for (auto const& sizes : frames) {
+    Frame frame(sizes);
+    Receiver receivers[3];
+    UdpDestination a{.address = receivers[0].address};
+    UdpDestination b{.address = receivers[1].address, .segmentation = false};
+    UdpDestination c{.address = receivers[2].address};
+    frame.send(udp, sender.get(), {&a, &b, &c});
+    for (auto const& receiver : receivers) {
+      EXPECT_EQ(receiver.packets(), frame.packets()) << sizes.size() << " packets";
     }
-    EXPECT_EQ(udp.lost(), 0U);
+    EXPECT_EQ(a.lost + b.lost + c.lost, 0U);
   }
 }
 
+// A path that refuses segmentation, and one that refuses everything, lose it alone.
 TEST(UdpSender, ARefusedDestinationDisturbsNoOther) {
   Descriptor const sender(socket(AF_INET, SOCK_DGRAM, 0));
-  Receiver first;
-  Receiver last;
-  sockaddr_storage refused = first.address;
-  reinterpret_cast<sockaddr_in&>(refused).sin_port = 0;  // EINVAL, which also says "no segmentation"
-  sockaddr_storage const addresses[] = {first.address, refused, last.address};
-  auto const packets = packetsOf({1400, 1400, 500});
+  Receiver receivers[2];
+  UdpDestination first{.address = receivers[0].address};
+  UdpDestination refused{.address = receivers[0].address};
+  reinterpret_cast<sockaddr_in&>(refused.address).sin_port = 0;  // EINVAL
+  UdpDestination last{.address = receivers[1].address};
+  Frame frame({1400, 1400, 500});
   UdpSender udp;
-  for (int round = 1; round <= 2; ++round) {
-    udp.send(sender.get(), runOf(packets), addresses);
-    EXPECT_EQ(first.packets(), packets);
-    EXPECT_EQ(last.packets(), packets);
-    EXPECT_EQ(udp.lost(), 3U * static_cast<unsigned>(round)) << "what was refused is not counted";
+  for (std::uint64_t round = 1; round <= 2; ++round) {
+    frame.send(udp, sender.get(), {&first, &refused, &last});
+    EXPECT_EQ(receivers[0].packets(), frame.packets());
+    EXPECT_EQ(receivers[1].packets(), frame.packets());
+    EXPECT_EQ(refused.lost, 3 * round) << "what was refused is not counted";
   }
+  EXPECT_TRUE(first.segmentation && last.segmentation);
+  EXPECT_FALSE(refused.segmentation);
+  EXPECT_FALSE(refused.tooNarrow);
+}
+
+TEST(UdpSender, ANarrowPathIsReportedAndSparedTheRest) {
+  Descriptor const sender(socket(AF_INET, SOCK_DGRAM, 0));
+  Receiver receiver;
+  UdpDestination narrow{.address = receiver.address};
+  Frame tooLarge({1400, 1400, 100});
+  UdpSender udp;
+  narrow.tooNarrow = true;
+  tooLarge.send(udp, sender.get(), {&narrow});
+  EXPECT_TRUE(receiver.packets().empty());
+  EXPECT_EQ(narrow.lost, 3U);
 }

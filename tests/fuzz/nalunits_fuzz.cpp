@@ -7,16 +7,17 @@
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
   std::uint8_t const* end = data;
-  for (kavo::NalUnit const nalUnit : kavo::splitAccessUnit({data, size})) {
-    bool const inside = nalUnit.data() >= end && nalUnit.data() + nalUnit.size() <= data + size;
+  std::span<std::uint8_t const> rest(data, size);
+  for (auto unit = kavo::takeNalUnit(rest); !unit.empty(); unit = kavo::takeNalUnit(rest)) {
+    bool const inside = unit.data() >= end && unit.data() + unit.size() <= data + size;
     bool startCode = false;
-    for (std::size_t i = 0; i + 2 < nalUnit.size(); ++i) {
-      startCode = startCode || (nalUnit[i] == 0 && nalUnit[i + 1] == 0 && nalUnit[i + 2] == 1);
+    for (std::size_t i = 0; i + 2 < unit.size(); ++i) {
+      startCode = startCode || (unit[i] == 0 && unit[i + 1] == 0 && unit[i + 2] == 1);
     }
-    if (!inside || nalUnit.empty() || startCode) {
+    if (!inside || startCode) {
       std::abort();
     }
-    end = nalUnit.data() + nalUnit.size();
+    end = unit.data() + unit.size();
   }
   return 0;
 }

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <string>
+#include <vector>
 
 using namespace kavo;
 
@@ -16,8 +16,9 @@ std::vector<Bytes> split(Bytes const& input) {
   auto const exact = std::make_unique<std::uint8_t[]>(input.size());
   std::copy(input.begin(), input.end(), exact.get());
   std::vector<Bytes> result;
-  for (NalUnit const nalUnit : splitAccessUnit({exact.get(), input.size()})) {
-    result.emplace_back(nalUnit.begin(), nalUnit.end());
+  std::span<std::uint8_t const> rest(exact.get(), input.size());
+  for (NalUnit unit = takeNalUnit(rest); !unit.empty(); unit = takeNalUnit(rest)) {
+    result.emplace_back(unit.begin(), unit.end());
   }
   return result;
 }

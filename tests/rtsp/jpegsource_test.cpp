@@ -31,10 +31,19 @@ class JpegSourceTest : public ::testing::Test {
       data.packet.data[headerLength - 2] = 0x3F;
       data.packet.data[headerLength - 1] = 0;
     }
+    FrameSourceHandler::setSubmitTime(data.packet, std::chrono::steady_clock::now());
     m_Queue->push(data);
   }
 
-  void request(unsigned room) { m_Source->getNextFrame(m_Buffer.data(), room, gotFrame, this, nullptr, nullptr); }
+  // Asks for a frame, and runs the loop's next pass.
+  void request(unsigned room) {
+    m_Source->getNextFrame(m_Buffer.data(), room, gotFrame, this, nullptr, nullptr);
+    char volatile stop = 0;
+    auto* const scheduler = m_Environment.GetTaskScheduler();
+    scheduler->scheduleDelayedTask(
+        0, [](void* flag) { *static_cast<char volatile*>(flag) = 1; }, const_cast<char*>(&stop));
+    scheduler->doEventLoop(&stop);
+  }
 
   static void gotFrame(void* self, unsigned size, unsigned truncated, timeval, unsigned) {
     auto* test = static_cast<JpegSourceTest*>(self);
@@ -106,10 +115,28 @@ TEST_F(JpegSourceTest, WarnsOnceAFrameAndDeliversItWhole) {
   EXPECT_EQ(m_Size, 700U);
 }
 
-TEST_F(JpegSourceTest, HasNoTablesBeforeTheFirstFrame) {
-  u_int8_t precision = 1;
-  u_int16_t length = 1;
-  EXPECT_EQ(m_Source->quantizationTables(precision, length), nullptr);
-  EXPECT_EQ(precision, 0);
-  EXPECT_EQ(length, 0);
+TEST_F(JpegSourceTest, AFrameFromBeforeTheSourceIsNotDelivered) {
+  eventLoopRole.assertHeld();
+  queue(1000, 600);
+  Medium::close(m_Source);
+  queue(1000, 600);  // its encoding ended after nobody watched any more
+  m_Source = JpegSource::createNew(m_Environment.GetUsageEnvironment(), m_Queue);
+  EXPECT_TRUE(m_Queue->empty());
+  FrameSourceHandler::FrameData late{};
+  av_new_packet(&late.packet, 1000);
+  FrameSourceHandler::setSubmitTime(late.packet, std::chrono::steady_clock::now() - std::chrono::seconds(1));
+  m_Queue->push(late);
+  request(4096);
+  EXPECT_EQ(m_Frames, 0);
+  EXPECT_TRUE(m_Queue->empty());
+}
+
+TEST_F(JpegSourceTest, ItsSinksBufferGrowsWithTheFrames) {
+  FrameBuffer buffer;
+  m_Source->setBuffer(&buffer);
+  queue(3000, 600);
+  request(0);
+  EXPECT_EQ(m_Size, 2400U);
+  EXPECT_EQ(m_Truncated, 0U);
+  EXPECT_GE(buffer.size(), 3000U);
 }

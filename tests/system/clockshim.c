@@ -1,6 +1,6 @@
-/* Preloaded into a process, it shifts the process's wall clock by the number of
- * seconds that the file KAVO_CLOCK_FILE holds (8 bytes, which the test changes
- * while the process runs). The monotonic clock stays. */
+/* Preloaded into a process, it shifts the process's clocks by the numbers of
+ * seconds that the file KAVO_CLOCK_FILE holds (8 bytes for the wall clock, 8 for
+ * the monotonic one), which the test changes while the process runs. */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -11,16 +11,14 @@
 #include <time.h>
 #include <unistd.h>
 
-static int64_t const volatile* offset;
+static int64_t const volatile* offsets;
 
-__attribute__((constructor)) static void map_offset(void) {
+__attribute__((constructor)) static void map_offsets(void) {
   int const file = open(getenv("KAVO_CLOCK_FILE"), O_RDONLY | O_CLOEXEC);
-  void* const memory = mmap(NULL, sizeof *offset, PROT_READ, MAP_SHARED, file, 0);
-  offset = memory == MAP_FAILED ? NULL : memory;
+  void* const memory = mmap(NULL, 2 * sizeof *offsets, PROT_READ, MAP_SHARED, file, 0);
+  offsets = memory == MAP_FAILED ? NULL : memory;
   close(file);
 }
-
-static int64_t shift(void) { return offset != NULL ? *offset : 0; }
 
 int gettimeofday(struct timeval* restrict now, void* restrict zone) {
   struct timespec exact;
@@ -37,8 +35,8 @@ int clock_gettime(clockid_t clock, struct timespec* now) {
     *(void**)&real = dlsym(RTLD_NEXT, "clock_gettime");
   }
   int const result = real(clock, now);
-  if (clock == CLOCK_REALTIME) {
-    now->tv_sec += shift();
+  if (offsets != NULL && (clock == CLOCK_REALTIME || clock == CLOCK_MONOTONIC)) {
+    now->tv_sec += offsets[clock == CLOCK_MONOTONIC];
   }
   return result;
 }

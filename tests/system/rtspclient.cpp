@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -22,6 +23,23 @@ bool readable(int socket, int milliseconds) {
   return poll(&entry, 1, milliseconds) > 0;
 }
 
+// 127.0.0.1 or ::1.
+sockaddr_storage loopback(bool ipv6, int port) {
+  sockaddr_storage address{};
+  auto& v4 = reinterpret_cast<sockaddr_in&>(address);
+  auto& v6 = reinterpret_cast<sockaddr_in6&>(address);
+  address.ss_family = ipv6 ? AF_INET6 : AF_INET;
+  v4.sin_port = htons(static_cast<std::uint16_t>(port));  // at the same place in both
+  if (ipv6) {
+    v6.sin6_addr = in6addr_loopback;
+  } else {
+    v4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  }
+  return address;
+}
+
+socklen_t sizeOf(bool ipv6) { return ipv6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in); }
+
 }  // namespace
 
 std::string RtspClient::Response::header(std::string const& name) const {
@@ -34,20 +52,14 @@ std::string RtspClient::Response::header(std::string const& name) const {
 }
 
 RtspClient::RtspClient(std::uint32_t port, bool ipv6, int receiveBuffer)
-    : m_Socket(socket(ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM, 0)) {
+    : m_Socket(socket(ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM, 0)), m_Ipv6(ipv6) {
+  int const on = 1;
+  setsockopt(m_Socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);  // reports are read when they are sent
   if (receiveBuffer > 0) {
     setsockopt(m_Socket, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
   }
-  sockaddr_in v4{};
-  v4.sin_family = AF_INET;
-  v4.sin_port = htons(static_cast<std::uint16_t>(port));
-  v4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  sockaddr_in6 v6{};
-  v6.sin6_family = AF_INET6;
-  v6.sin6_port = v4.sin_port;
-  v6.sin6_addr = in6addr_loopback;
-  auto const* address = ipv6 ? reinterpret_cast<sockaddr*>(&v6) : reinterpret_cast<sockaddr*>(&v4);
-  if (connect(m_Socket, address, ipv6 ? sizeof v6 : sizeof v4) != 0) {
+  auto const address = loopback(ipv6, static_cast<int>(port));
+  if (connect(m_Socket, reinterpret_cast<sockaddr const*>(&address), sizeOf(ipv6)) != 0) {
     close(m_Socket);
     m_Socket = -1;
   }
@@ -141,21 +153,73 @@ bool RtspClient::play(std::string const& url, bool describe) {
          request("SETUP", url + "/track1", overTcp).status == 200 && request("PLAY", url).status == 200;
 }
 
-bool RtspClient::playOverUdp(std::string const& url) {
+RtspClient::Response RtspClient::setUpOverUdp(std::string const& url) {
   std::string ports;
   for (int& socket : m_Udp) {
-    socket = ::socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (socket < 0) {
+      socket = ::socket(m_Ipv6 ? AF_INET6 : AF_INET, SOCK_DGRAM, 0);
+      auto const any = loopback(m_Ipv6, 0);
+      bind(socket, reinterpret_cast<sockaddr const*>(&any), sizeOf(m_Ipv6));
+    }
+    sockaddr_storage address{};
     socklen_t size = sizeof address;
-    bind(socket, reinterpret_cast<sockaddr*>(&address), size);
     getsockname(socket, reinterpret_cast<sockaddr*>(&address), &size);
-    ports += (ports.empty() ? "" : "-") + std::to_string(ntohs(address.sin_port));
+    ports += (ports.empty() ? "" : "-") + std::to_string(ntohs(reinterpret_cast<sockaddr_in&>(address).sin_port));
   }
-  return request("DESCRIBE", url).status == 200 &&
-         request("SETUP", url + "/track1", "Transport: RTP/AVP;unicast;client_port=" + ports + "\r\n").status == 200 &&
+  auto response = request("SETUP", url + "/track1", "Transport: RTP/AVP;unicast;client_port=" + ports + "\r\n");
+  auto const transport = response.header("Transport");
+  auto const at = transport.find("server_port=");
+  m_ServerPort = at == std::string::npos ? 0 : std::atoi(transport.c_str() + at + 12);
+  return response;
+}
+
+bool RtspClient::playOverUdp(std::string const& url) {
+  return request("DESCRIBE", url).status == 200 && setUpOverUdp(url).status == 200 &&
          request("PLAY", url).status == 200;
+}
+
+bool RtspClient::sendToServer(int socket, std::vector<std::uint8_t> const& packet) const {
+  auto const address = loopback(m_Ipv6, m_ServerPort + 1);
+  return sendto(socket, packet.data(), packet.size(), 0, reinterpret_cast<sockaddr const*>(&address), sizeOf(m_Ipv6)) >=
+         0;
+}
+
+void RtspClient::sendRtcp(std::vector<std::uint8_t> const& packet, int channel) {
+  if (m_Udp[1] >= 0) {
+    sendToServer(m_Udp[1], packet);
+    return;
+  }
+  std::string bytes = {'$', static_cast<char>(channel), static_cast<char>(packet.size() >> 8),
+                       static_cast<char>(packet.size())};
+  send(bytes.append(packet.begin(), packet.end()));
+}
+
+void RtspClient::sendUrgentByte() { (void)::send(m_Socket, "x", 1, MSG_OOB | MSG_NOSIGNAL); }
+
+void RtspClient::sendFromElsewhere(std::vector<std::uint8_t> const& packet, int times) {
+  int const socket = ::socket(m_Ipv6 ? AF_INET6 : AF_INET, SOCK_DGRAM, 0);
+  for (int i = 0; i < times; ++i) {
+    sendToServer(socket, packet);
+  }
+  close(socket);
+}
+
+bool RtspClient::receivesGoodbye() {
+  for (auto next = packet(); next.channel >= 0; next = packet()) {
+    auto const& bytes = next.bytes;
+    for (std::size_t at = 0; next.channel % 2 == 1 && at + 4 <= bytes.size();
+         at += 4 * (bytes[at + 2] * 256U + bytes[at + 3] + 1)) {
+      if (bytes[at + 1] == 203) {
+        return true;
+      }
+    }
+  }
+  return false;
+}
+
+bool RtspClient::hasPacket() const {
+  bool const overUdp = m_Udp[0] >= 0;
+  return overUdp ? readable(m_Udp[0], 0) || readable(m_Udp[1], 0) : !m_Buffer.empty() || readable(m_Socket, 0);
 }
 
 int RtspClient::nextNalType() {

@@ -33,12 +33,30 @@ class RtspClient {
   bool play(std::string const& url, bool describe = true);
   // The same over UDP, to two ports of this client.
   bool playOverUdp(std::string const& url);
+  // SETUP alone.
+  Response setUpOverUdp(std::string const& url);
+  // Begins a session of its own on the same connection with the next SETUP.
+  void forgetSession() { m_Session.clear(); }
+  std::string const& session() const { return m_Session; }
+
+  // Sends RTCP: on the channel, or over UDP to the server's RTCP port.
+  void sendRtcp(std::vector<std::uint8_t> const& packet, int channel = 1);
+  // A receiver's report without a report block: a sign of life.
+  void sendReport(int channel = 1) { sendRtcp({0x80, 201, 0, 1, 0, 0, 0, 9}, channel); }
+  // One byte of TCP's urgent data.
+  void sendUrgentByte();
+  // UDP to the server's RTCP port from a socket of nobody's.
+  void sendFromElsewhere(std::vector<std::uint8_t> const& packet, int times);
   // The next packet: interleaved (channel 0: RTP, 1: RTCP), or from those ports.
   Packet packet();
+  // Whether one has arrived.
+  bool hasPacket() const;
   // The type of the NAL unit that the next RTP packet carries; -1 if none came.
   int nextNalType();
   // Reads packets until one whole picture has come: from one RTP marker to the next.
   bool receivesAPicture();
+  // Whether a BYE comes: everything before is skipped.
+  bool receivesGoodbye();
   // Interleaved packets that came before responses.
   int dropped() const { return m_Dropped; }
   // Whether the server ends the connection: while this client reads, and while it
@@ -50,10 +68,13 @@ class RtspClient {
 
  private:
   bool fill(std::size_t bytes);
+  bool sendToServer(int socket, std::vector<std::uint8_t> const& packet) const;
   Packet datagram();
 
   int m_Socket = -1;
+  bool m_Ipv6 = false;
   int m_Udp[2] = {-1, -1};  // RTP, RTCP
+  int m_ServerPort = 0;
   int m_CSeq = 0;
   int m_Dropped = 0;
   std::string m_Session;

@@ -1,0 +1,36 @@
+// Socket addresses of both families. Any thread.
+#pragma once
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cstring>
+
+namespace kavo {
+
+inline socklen_t sizeOf(sockaddr_storage const& address) {
+  return address.ss_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
+}
+
+inline in_port_t& portOf(sockaddr_storage& address) {  // network byte order
+  return address.ss_family == AF_INET6 ? reinterpret_cast<sockaddr_in6&>(address).sin6_port
+                                       : reinterpret_cast<sockaddr_in&>(address).sin_port;
+}
+inline in_port_t portOf(sockaddr_storage const& address) { return portOf(const_cast<sockaddr_storage&>(address)); }
+
+// Whether both are of one host, whatever their ports.
+inline bool isSameHost(sockaddr_storage const& a, sockaddr_storage const& b) {
+  if (a.ss_family != b.ss_family) {
+    return false;
+  }
+  if (a.ss_family == AF_INET6) {
+    auto const& left = reinterpret_cast<sockaddr_in6 const&>(a);
+    auto const& right = reinterpret_cast<sockaddr_in6 const&>(b);
+    return std::memcmp(&left.sin6_addr, &right.sin6_addr, sizeof left.sin6_addr) == 0 &&
+           left.sin6_scope_id == right.sin6_scope_id;
+  }
+  return reinterpret_cast<sockaddr_in const&>(a).sin_addr.s_addr ==
+         reinterpret_cast<sockaddr_in const&>(b).sin_addr.s_addr;
+}
+
+}  // namespace kavo

@@ -1,0 +1,60 @@
+#include "delivery/udpports.h"
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+
+#include "delivery/address.h"
+#include "delivery/pathmtu.h"
+
+namespace kavo {
+
+namespace {
+
+constexpr unsigned firstPort = 6970;
+constexpr unsigned lastPort = 65534;
+// The kernel gives as much of it as it allows.
+constexpr int sendBuffer = 4 * 1024 * 1024;
+
+Descriptor openSocket(int family) {
+  Descriptor socket(::socket(family, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  int const on = 1;
+  if (family == AF_INET6) {
+    setsockopt(socket.get(), IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
+  }
+  setsockopt(socket.get(), SOL_SOCKET, SO_SNDBUF, &sendBuffer, sizeof sendBuffer);
+  setDontFragment(socket.get(), family);
+  return socket;
+}
+
+// 0, or what kept it from it.
+int bindTo(unsigned port, Descriptor const& socket, int family) {
+  sockaddr_storage local{};
+  local.ss_family = static_cast<sa_family_t>(family);
+  portOf(local) = htons(static_cast<std::uint16_t>(port));
+  return bind(socket.get(), reinterpret_cast<sockaddr const*>(&local), sizeOf(local)) == 0 ? 0 : errno;
+}
+
+}  // namespace
+
+// Only a port that is taken is a reason to try the next one: a search that goes
+// on for want of descriptors would never end.
+std::optional<UdpPorts> UdpPorts::open(int family) {
+  int error = EADDRINUSE;
+  for (unsigned port = firstPort; port < lastPort && error == EADDRINUSE; port += 2) {
+    Descriptor rtp = openSocket(family);
+    Descriptor rtcp = openSocket(family);
+    if (rtp.get() < 0 || rtcp.get() < 0) {
+      break;
+    }
+    error = bindTo(port, rtp, family);
+    error = error == 0 ? bindTo(port + 1, rtcp, family) : error;
+    if (error == 0) {
+      return UdpPorts(std::move(rtp), std::move(rtcp), static_cast<std::uint16_t>(port));
+    }
+  }
+  return std::nullopt;
+}
+
+}  // namespace kavo

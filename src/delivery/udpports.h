@@ -1,0 +1,33 @@
+// The two UDP sockets of a stream for one address family: RTP on an even port,
+// RTCP on the next (RFC 3550, 11). Event-loop thread.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <utility>
+
+#include "base/descriptor.h"
+
+namespace kavo {
+
+class UdpPorts {
+ public:
+  // On the first free pair of ports from 6970 up. Nothing when all are taken, or
+  // when the process has no descriptors or the machine no such family.
+  static std::optional<UdpPorts> open(int family);
+
+  int rtpSocket() const { return m_Rtp.get(); }
+  int rtcpSocket() const { return m_Rtcp.get(); }
+  // Of RTP, host byte order; RTCP's is the next.
+  std::uint16_t port() const { return m_Port; }
+
+ private:
+  UdpPorts(Descriptor rtp, Descriptor rtcp, std::uint16_t port)
+      : m_Rtp(std::move(rtp)), m_Rtcp(std::move(rtcp)), m_Port(port) {}
+
+  Descriptor m_Rtp;
+  Descriptor m_Rtcp;
+  std::uint16_t m_Port;
+};
+
+}  // namespace kavo

@@ -1,0 +1,261 @@
+#include "delivery/viewers.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "delivery/address.h"
+#include "delivery/pathmtu.h"
+
+namespace kavo {
+
+namespace {
+
+// A frame of up to smallFrame bytes leaves at once over UDP; of a larger one,
+// bursts that small buffers along the path can take.
+constexpr std::size_t smallFrame = 49152;
+constexpr std::size_t burst = 32768;
+// A link of 100 Mbit/s keeps up with a burst in this time; slower would only add delay.
+constexpr std::chrono::microseconds longestBurstInterval{3000};
+constexpr std::chrono::microseconds shortestFrameInterval{10000};
+constexpr std::chrono::microseconds longestFrameInterval{200000};
+
+}  // namespace
+
+Viewers::Viewers(TaskScheduler& scheduler, Callbacks callbacks)
+    : m_Scheduler(scheduler),
+      m_Callbacks(std::move(callbacks)),
+      m_NextBurst(scheduler,
+                  [this]() KAVO_REQUIRES(eventLoopRole) {
+                    if (sendBurst()) {
+                      m_Callbacks.frameSent();
+                    }
+                  }),
+      m_NextReport(scheduler, [this]() KAVO_REQUIRES(eventLoopRole) { sendReports(); }) {
+  char host[100] = {};
+  gethostname(host, sizeof host - 1);
+  m_Cname = host;
+}
+
+bool Viewers::openPorts(int family) {
+  auto& place = m_Families[indexOf(family)];
+  if (!place) {
+    auto ports = UdpPorts::open(family);
+    if (!ports) {
+      return false;
+    }
+    int const rtcp = ports->rtcpSocket();
+    auto const receive = [this, rtcp](int) KAVO_REQUIRES(eventLoopRole) { receiveReports(rtcp); };
+    place = std::make_unique<Family>(m_Scheduler, std::move(*ports), receive);
+    place->rtcp.start(SOCKET_READABLE);
+  }
+  return true;
+}
+
+Viewer* Viewers::addUdp(sockaddr_storage const& address, std::uint16_t rtpPort, std::uint16_t rtcpPort) {
+  if (!openPorts(address.ss_family)) {
+    return nullptr;
+  }
+  std::unique_ptr<Viewer> viewer(new Viewer(*this));
+  viewer->m_Udp.address = viewer->m_RtcpAddress = address;
+  portOf(viewer->m_Udp.address) = htons(rtpPort);
+  portOf(viewer->m_RtcpAddress) = htons(rtcpPort);
+  takePortsFromOthers(*viewer);
+  return m_Viewers.emplace_back(std::move(viewer)).get();
+}
+
+Viewer* Viewers::addInterleaved(std::uint8_t rtpChannel, std::uint8_t rtcpChannel) {
+  std::unique_ptr<Viewer> viewer(new Viewer(*this));
+  viewer->m_RtpChannel = rtpChannel;
+  viewer->m_RtcpChannel = rtcpChannel;
+  return m_Viewers.emplace_back(std::move(viewer)).get();
+}
+
+void Viewers::remove(Viewer& viewer) {
+  stopSending(viewer);
+  std::erase_if(m_Viewers, [&](auto const& entry) { return entry.get() == &viewer; });
+  if (m_Viewers.empty()) {
+    m_Families[0].reset();
+    m_Families[1].reset();
+    m_NextReport.stop();
+  }
+}
+
+// A client that starts again with the same ports would get every packet twice
+// until its old session times out.
+void Viewers::takePortsFromOthers(Viewer const& viewer) {
+  for (auto const& other : m_Viewers) {
+    if (other.get() != &viewer && other->isActive() && isSameHost(other->m_Udp.address, viewer.m_Udp.address) &&
+        portOf(other->m_Udp.address) == portOf(viewer.m_Udp.address)) {
+      pause(*other);
+    }
+  }
+}
+
+void Viewers::play(Viewer& viewer) {
+  if (viewer.isActive()) {
+    return;
+  }
+  viewer.m_MaxPacket = largestPacket;
+  if (viewer.isOverUdp()) {
+    takePortsFromOthers(viewer);
+    viewer.m_MaxPacket =
+        std::min<std::size_t>(largestPacket, maxUdpPayload(viewer.m_Udp.address).value_or(largestPacket));
+  }
+  viewer.m_State = Viewer::State::AwaitingKeyFrame;
+  m_Callbacks.wantKeyFrame(true);
+  // Ahead of the first frame, so that receivers know its time.
+  sendReport(viewer, makeReport(false));
+  if (!m_NextReport.isPending()) {
+    m_NextReport.start(reportInterval);
+  }
+}
+
+void Viewers::pause(Viewer& viewer) {
+  if (viewer.isActive()) {
+    viewer.m_State = Viewer::State::Paused;
+    stopSending(viewer);
+  }
+}
+
+void Viewers::stopSending(Viewer& viewer) {
+  if (viewer.m_Writer) {
+    viewer.m_Writer->cancel(viewer.m_RtpChannel);
+    viewer.m_Writer->cancel(viewer.m_RtcpChannel);
+  }
+  for (auto const& family : m_Families) {
+    if (family) {
+      std::erase(family->takers, &viewer);
+    }
+  }
+}
+
+bool Viewers::anyActive() const {
+  return std::any_of(m_Viewers.begin(), m_Viewers.end(), [](auto const& viewer) { return viewer->isActive(); });
+}
+
+std::size_t Viewers::maxPacket() const {
+  std::size_t size = largestPacket;
+  for (auto const& viewer : m_Viewers) {
+    if (viewer->isActive()) {
+      size = std::min(size, viewer->m_MaxPacket);
+    }
+  }
+  return size;
+}
+
+bool Viewers::takes(bool keyFrame) const {
+  return std::any_of(m_Viewers.begin(), m_Viewers.end(), [=](auto const& viewer) {
+    return viewer->m_State == Viewer::State::Playing || (keyFrame && viewer->isActive());
+  });
+}
+
+bool Viewers::send(FramePackets& packets, bool keyFrame) {
+  m_InterleavedFrames.clear();
+  for (auto const& viewer : m_Viewers) {
+    if (keyFrame && viewer->m_State == Viewer::State::AwaitingKeyFrame) {
+      viewer->m_State = Viewer::State::Playing;
+    }
+    if (viewer->m_State != Viewer::State::Playing) {
+      continue;
+    }
+    if (viewer->isOverUdp()) {
+      m_Families[indexOf(viewer->m_Udp.address.ss_family)]->takers.push_back(viewer.get());
+    } else if (viewer->m_Writer && !viewer->m_Writer->sendFrame(frameOn(viewer->m_RtpChannel, packets), keyFrame)) {
+      viewer->m_State = Viewer::State::AwaitingKeyFrame;
+    }
+  }
+  if (keyFrame) {
+    m_Callbacks.wantKeyFrame(false);
+  }
+  askForKeyFrame();
+  m_Packets = &packets;
+  m_NextPacket = 0;
+  notePace(packets.bytes());
+  return sendBurst();
+}
+
+void Viewers::drop() {
+  m_NextBurst.stop();
+  m_Packets = nullptr;
+  for (auto const& family : m_Families) {
+    if (family) {
+      family->takers.clear();
+    }
+  }
+}
+
+InterleavedFrame& Viewers::frameOn(std::uint8_t channel, FramePackets& packets) {
+  auto const found = std::find_if(m_InterleavedFrames.begin(), m_InterleavedFrames.end(),
+                                  [=](InterleavedFrame const& frame) { return frame.channel() == channel; });
+  return found != m_InterleavedFrames.end() ? *found : m_InterleavedFrames.emplace_back(packets, channel);
+}
+
+// A key frame is large for everybody: a viewer over TCP asks when it can take one.
+void Viewers::askForKeyFrame() {
+  if (std::any_of(m_Viewers.begin(), m_Viewers.end(), [](auto const& viewer) {
+        return viewer->m_State == Viewer::State::AwaitingKeyFrame &&
+               !(viewer->m_Writer && viewer->m_Writer->isBlocked());
+      })) {
+    m_Callbacks.wantKeyFrame(true);
+  }
+}
+
+// All of a large frame at once would overflow the buffers along the path: its
+// bursts are spread over a quarter of the time between frames at most.
+void Viewers::notePace(std::size_t bytes) {
+  auto const now = Clock::now();
+  auto const since = std::chrono::duration_cast<std::chrono::microseconds>(now - m_LastFrame);
+  m_FrameInterval = (3 * m_FrameInterval + std::clamp(since, shortestFrameInterval, longestFrameInterval)) / 4;
+  m_LastFrame = now;
+  m_BurstInterval = std::min(longestBurstInterval, m_FrameInterval / 4 / static_cast<int>(bytes / burst + 1));
+}
+
+// True when nothing is left of the frame.
+bool Viewers::sendBurst() {
+  std::size_t const first = m_NextPacket;
+  std::size_t const room = m_Packets->bytes() <= smallFrame ? smallFrame : burst;
+  std::size_t bytes = 0;
+  while (m_NextPacket < m_Packets->count() && bytes + m_Packets->size(m_NextPacket) <= room) {
+    bytes += m_Packets->size(m_NextPacket++);
+  }
+  bool anybody = false;
+  for (auto const& family : m_Families) {
+    if (family && !family->takers.empty()) {
+      sendOverUdp(*family, first, m_NextPacket);
+      anybody = true;
+    }
+  }
+  if (!anybody || m_NextPacket == m_Packets->count()) {
+    drop();
+    return true;
+  }
+  m_NextBurst.start(m_BurstInterval);
+  return false;
+}
+
+void Viewers::sendOverUdp(Family& family, std::size_t first, std::size_t last) {
+  m_Destinations.clear();
+  for (Viewer* const viewer : family.takers) {
+    m_Destinations.push_back(&viewer->m_Udp);
+  }
+  m_Sender.send(family.ports.rtpSocket(), *m_Packets, first, last, m_Destinations);
+  for (Viewer* const viewer : family.takers) {
+    if (std::exchange(viewer->m_Udp.tooNarrow, false)) {
+      narrow(*viewer);
+    }
+  }
+  std::erase_if(family.takers, [](Viewer const* viewer) { return viewer->m_State != Viewer::State::Playing; });
+}
+
+// The frame is lost for this viewer, and what builds on it would be damaged.
+void Viewers::narrow(Viewer& viewer) {
+  std::size_t const path = maxUdpPayload(viewer.m_Udp.address).value_or(largestPacket);
+  std::size_t const smaller = path < viewer.m_MaxPacket ? path : viewer.m_MaxPacket * 3 / 4;
+  viewer.m_MaxPacket = std::max(smaller, smallestPacket);
+  viewer.m_State = Viewer::State::AwaitingKeyFrame;
+  m_Callbacks.wantKeyFrame(true);
+}
+
+}  // namespace kavo

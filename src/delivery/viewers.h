@@ -1,0 +1,188 @@
+// Who watches a stream, and the sending to all of them. Event-loop thread.
+#pragma once
+
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "delivery/interleavedwriter.h"
+#include "delivery/udpports.h"
+#include "delivery/udpsender.h"
+#include "eventloop/eventlooprole.h"
+#include "eventloop/socketwatch.h"
+#include "eventloop/timer.h"
+#include "rtp/rtcp.h"
+
+namespace kavo {
+
+class Viewers;
+
+// One client session's part in a stream, over UDP or on its RTSP connection. It
+// stays where it is in memory until Viewers::remove().
+//
+//   SetUp --play--> AwaitingKeyFrame --key frame--> Playing
+//     Playing --behind, or its path became narrower--> AwaitingKeyFrame
+//     AwaitingKeyFrame, Playing --pause, or another took its ports--> Paused --play--> AwaitingKeyFrame
+class Viewer {
+ public:
+  using Clock = std::chrono::steady_clock;
+  enum class State { SetUp, AwaitingKeyFrame, Playing, Paused };
+
+  // What its reports say.
+  struct Reception {
+    std::uint8_t fractionLost = 0;  // in 1/256
+    std::int32_t packetsLost = 0;
+    std::uint32_t jitter = 0;  // in units of RTP time
+    std::optional<std::chrono::microseconds> roundTrip;
+  };
+
+  State state() const { return m_State; }
+  bool isOverUdp() const { return m_Udp.address.ss_family != AF_UNSPEC; }
+  // Wants frames, now or from the next key frame on.
+  bool isActive() const { return m_State == State::AwaitingKeyFrame || m_State == State::Playing; }
+  Reception const& reception() const { return m_Reception; }
+
+  // The connection that a viewer over TCP sends on; it gets nothing before.
+  void attach(std::shared_ptr<InterleavedWriter> writer) { m_Writer = std::move(writer); }
+  bool isAttachedTo(InterleavedWriter const& writer) const { return m_Writer.get() == &writer; }
+  bool usesChannel(int channel) const { return !isOverUdp() && (channel == m_RtpChannel || channel == m_RtcpChannel); }
+
+  // Calls the function whenever a report of the viewer has come.
+  void onSignOfLife(std::function<void()> function) { m_OnSignOfLife = std::move(function); }
+  // RTCP that arrived on its channels.
+  void handleReport(std::span<std::uint8_t const> packet) KAVO_REQUIRES(eventLoopRole);
+  // Whether it has taken anything over TCP since the last call: it is alive, even if it is silent.
+  bool takeProgress() { return m_Writer && m_Writer->takeProgress(m_RtpChannel); }
+  // Tells it that the stream has ended.
+  void sayGoodbye() KAVO_REQUIRES(eventLoopRole);
+
+ private:
+  friend class Viewers;
+  explicit Viewer(Viewers& table) : m_Table(table) {}
+
+  Viewers& m_Table;
+  State m_State = State::SetUp;
+  std::function<void()> m_OnSignOfLife;
+  Reception m_Reception;
+  Clock::time_point m_LastReport{};
+
+  UdpDestination m_Udp;
+  sockaddr_storage m_RtcpAddress{};
+  in_port_t m_ReportPort = 0;  // where its reports come from, if not from there (behind NAT); network byte order
+  std::size_t m_MaxPacket = 0;
+
+  std::shared_ptr<InterleavedWriter> m_Writer;
+  std::uint8_t m_RtpChannel = 0;
+  std::uint8_t m_RtcpChannel = 0;
+};
+
+class Viewers {
+ public:
+  using Clock = Viewer::Clock;
+
+  // What fits every ordinary path, with room for tunnels.
+  static constexpr std::size_t largestPacket = 1400;
+  static constexpr std::size_t smallestPacket = 512;
+  // The wall clock may be set at any time; the next report tells receivers.
+  static constexpr std::chrono::seconds reportInterval{4};
+
+  struct Callbacks {
+    std::function<void(bool)> wantKeyFrame;  // true: somebody waits for one; false: nobody any more
+    std::function<void()> frameSent;         // the rest of a frame for which send() was false
+    std::function<SenderInfo()> senderInfo;  // of this moment
+  };
+
+  Viewers(TaskScheduler& scheduler, Callbacks callbacks);
+
+  // A viewer over UDP; null when no sockets are to be had. Ports in host byte order.
+  Viewer* addUdp(sockaddr_storage const& address, std::uint16_t rtpPort, std::uint16_t rtcpPort)
+      KAVO_REQUIRES(eventLoopRole);
+  Viewer* addInterleaved(std::uint8_t rtpChannel, std::uint8_t rtcpChannel) KAVO_REQUIRES(eventLoopRole);
+  void remove(Viewer& viewer) KAVO_REQUIRES(eventLoopRole);
+  // The RTP port that viewers of the address family are sent to from, host byte order.
+  std::uint16_t serverPort(int family) const KAVO_REQUIRES(eventLoopRole) {
+    return m_Families[indexOf(family)]->ports.port();
+  }
+
+  void play(Viewer& viewer) KAVO_REQUIRES(eventLoopRole);
+  void pause(Viewer& viewer) KAVO_REQUIRES(eventLoopRole);
+
+  bool empty() const KAVO_REQUIRES(eventLoopRole) { return m_Viewers.empty(); }
+  bool anyActive() const KAVO_REQUIRES(eventLoopRole);
+  // The size of RTP packet that all active viewers' paths take.
+  std::size_t maxPacket() const KAVO_REQUIRES(eventLoopRole);
+  // Whether anybody takes a frame of the kind.
+  bool takes(bool keyFrame) const KAVO_REQUIRES(eventLoopRole);
+
+  // Sends a frame to everybody who takes it. Small frames leave at once: true.
+  // The rest of a large one follows at a pace; until frameSent() is called, or
+  // drop(), packets and payload stay as they are.
+  bool send(FramePackets& packets, bool keyFrame) KAVO_REQUIRES(eventLoopRole);
+  // Forgets the rest of the frame.
+  void drop() KAVO_REQUIRES(eventLoopRole);
+
+ private:
+  friend class Viewer;
+  struct Family {
+    Family(TaskScheduler& scheduler, UdpPorts udpPorts, std::function<void(int)> receive)
+        : ports(std::move(udpPorts)), rtcp(scheduler, ports.rtcpSocket(), std::move(receive)) {}
+
+    UdpPorts ports;
+    SocketWatch rtcp;
+    std::vector<Viewer*> takers;  // of the frame that is being sent
+  };
+  struct SentReport {
+    std::uint32_t ntpMiddle = 0;
+    Clock::time_point time;
+  };
+
+  static std::size_t indexOf(int family) { return family == AF_INET6 ? 1 : 0; }
+
+  bool openPorts(int family) KAVO_REQUIRES(eventLoopRole);
+  void takePortsFromOthers(Viewer const& viewer) KAVO_REQUIRES(eventLoopRole);
+  void stopSending(Viewer& viewer) KAVO_REQUIRES(eventLoopRole);
+  InterleavedFrame& frameOn(std::uint8_t channel, FramePackets& packets) KAVO_REQUIRES(eventLoopRole);
+  bool sendBurst() KAVO_REQUIRES(eventLoopRole);
+  void sendOverUdp(Family& family, std::size_t first, std::size_t last) KAVO_REQUIRES(eventLoopRole);
+  void narrow(Viewer& viewer) KAVO_REQUIRES(eventLoopRole);
+  void notePace(std::size_t bytes) KAVO_REQUIRES(eventLoopRole);
+  void askForKeyFrame() KAVO_REQUIRES(eventLoopRole);
+
+  void sendReports() KAVO_REQUIRES(eventLoopRole);
+  std::vector<std::uint8_t> makeReport(bool bye) KAVO_REQUIRES(eventLoopRole);
+  void sendReport(Viewer& viewer, std::span<std::uint8_t const> report) KAVO_REQUIRES(eventLoopRole);
+  void receiveReports(int socket) KAVO_REQUIRES(eventLoopRole);
+  Viewer* reporterAt(sockaddr_storage const& from, Clock::time_point now) KAVO_REQUIRES(eventLoopRole);
+  void note(Viewer& viewer, ReceiverReport const& report, Clock::time_point now) KAVO_REQUIRES(eventLoopRole);
+
+  TaskScheduler& m_Scheduler;
+  Callbacks m_Callbacks;
+  std::vector<std::unique_ptr<Viewer>> m_Viewers KAVO_GUARDED_BY(eventLoopRole);
+  std::unique_ptr<Family> m_Families[2] KAVO_GUARDED_BY(
+      eventLoopRole);  // IPv4 and IPv6, opened for the first viewer that needs it
+
+  // The frame that is being sent.
+  FramePackets* m_Packets KAVO_GUARDED_BY(eventLoopRole) = nullptr;
+  std::size_t m_NextPacket KAVO_GUARDED_BY(eventLoopRole) = 0;
+  std::vector<InterleavedFrame> m_InterleavedFrames KAVO_GUARDED_BY(eventLoopRole);  // one a channel
+  std::vector<UdpDestination*> m_Destinations KAVO_GUARDED_BY(eventLoopRole);
+  UdpSender m_Sender KAVO_GUARDED_BY(eventLoopRole);
+  // Pacing.
+  Timer m_NextBurst;
+  Clock::time_point m_LastFrame KAVO_GUARDED_BY(eventLoopRole){};
+  std::chrono::microseconds m_FrameInterval KAVO_GUARDED_BY(eventLoopRole){40000};
+  std::chrono::microseconds m_BurstInterval KAVO_GUARDED_BY(eventLoopRole){};
+  // RTCP.
+  Timer m_NextReport;
+  std::string m_Cname;
+  std::array<SentReport, 16> m_SentReports KAVO_GUARDED_BY(eventLoopRole){};
+  std::size_t m_NextSentReport KAVO_GUARDED_BY(eventLoopRole) = 0;
+};
+
+}  // namespace kavo

@@ -1,0 +1,61 @@
+// The RTP packets of one frame, the same for all viewers. Headers are written
+// here; payloads stay where the frame lies. Any thread, one at a time.
+#pragma once
+
+#include <sys/uio.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <vector>
+
+namespace kavo {
+
+// What the fixed headers of a frame's packets say (RFC 3550, 5.1).
+struct RtpHeader {
+  std::uint8_t payloadType;
+  std::uint16_t sequence;  // of the first packet
+  std::uint32_t timestamp;
+  std::uint32_t ssrc;
+};
+
+class FramePackets {
+ public:
+  static constexpr std::size_t rtpHeaderSize = 12;
+  // '$', channel and length, which precede each packet on an RTSP connection (RFC 2326, 10.12).
+  static constexpr std::size_t interleavedHeaderSize = 4;
+
+  // Starts a new frame. Keeps the room of earlier ones.
+  void begin(RtpHeader const& header);
+  // The next packet: the payload format's header is copied, the payload is not.
+  void add(std::span<std::uint8_t const> payloadHeader, std::span<std::uint8_t const> payload, bool marker);
+
+  std::size_t count() const { return m_Packets.size(); }
+  // Bytes of one RTP packet, and of all of them.
+  std::size_t size(std::size_t packet) const { return m_Packets[packet].size; }
+  std::size_t bytes() const { return m_Bytes; }
+
+  // Two pieces a packet, header and payload; valid until the next begin().
+  std::span<iovec const> datagrams();
+  // The same with the interleaved header of the channel in front of each packet;
+  // valid until the next call, for any channel.
+  std::span<iovec const> interleaved(std::uint8_t channel);
+
+ private:
+  struct Packet {
+    std::size_t header;  // position in m_Headers, where the interleaved header is
+    std::size_t headerSize;
+    std::span<std::uint8_t const> payload;
+    std::size_t size;
+  };
+
+  RtpHeader m_Header{};
+  std::size_t m_Bytes = 0;
+  std::vector<std::uint8_t> m_Headers;
+  std::vector<Packet> m_Packets;
+  std::vector<iovec> m_Datagrams;
+  std::vector<iovec> m_Interleaved;
+  int m_Channel = -1;  // that m_Interleaved is for
+};
+
+}  // namespace kavo

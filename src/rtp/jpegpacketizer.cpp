@@ -1,0 +1,45 @@
+#include "rtp/jpegpacketizer.h"
+
+#include <algorithm>
+#include <array>
+
+namespace kavo {
+
+namespace {
+
+constexpr std::size_t mainHeaderSize = 8;
+constexpr std::size_t tablesHeaderSize = 4;
+constexpr std::size_t maxTables = 128;
+
+using Header = std::array<std::uint8_t, mainHeaderSize + tablesHeaderSize + maxTables>;
+
+std::uint8_t byteOf(std::size_t number, int index) { return static_cast<std::uint8_t>(number >> 8 * index); }
+
+// The main header, and behind it, at the frame's beginning, the tables. Its size.
+std::size_t writeHeader(JpegFrame const& frame, std::size_t offset, Header& header) {
+  header = {0, byteOf(offset, 2), byteOf(offset, 1), byteOf(offset, 0), frame.type, frame.q, frame.width, frame.height};
+  if (offset > 0 || frame.q < 128) {
+    return mainHeaderSize;
+  }
+  auto const tables = frame.tables.first(std::min(maxTables, frame.tables.size()));
+  header[mainHeaderSize + 1] = frame.precision;
+  header[mainHeaderSize + 2] = byteOf(tables.size(), 1);
+  header[mainHeaderSize + 3] = byteOf(tables.size(), 0);
+  std::copy(tables.begin(), tables.end(), header.begin() + mainHeaderSize + tablesHeaderSize);
+  return mainHeaderSize + tablesHeaderSize + tables.size();
+}
+
+}  // namespace
+
+void packetizeJpeg(JpegFrame const& frame, std::size_t maxPacket, FramePackets& packets) {
+  Header header;
+  for (std::size_t offset = 0; offset < frame.scan.size();) {
+    std::size_t const headerSize = writeHeader(frame, offset, header);
+    auto const rest = frame.scan.subspan(offset);
+    auto const part = rest.first(std::min(maxPacket - FramePackets::rtpHeaderSize - headerSize, rest.size()));
+    packets.add(std::span(header).first(headerSize), part, part.size() == rest.size());
+    offset += part.size();
+  }
+}
+
+}  // namespace kavo

@@ -1,0 +1,95 @@
+#include "rtp/rtcp.h"
+
+namespace kavo {
+
+namespace {
+
+constexpr std::uint8_t senderReport = 200;
+constexpr std::uint8_t receiverReport = 201;
+constexpr std::uint8_t sourceDescription = 202;
+constexpr std::uint8_t goodbye = 203;
+constexpr std::uint8_t cnameItem = 1;
+constexpr std::size_t blockSize = 24;
+
+void append(std::vector<std::uint8_t>& packet, std::uint64_t number, int size) {
+  for (int shift = 8 * (size - 1); shift >= 0; shift -= 8) {
+    packet.push_back(static_cast<std::uint8_t>(number >> shift));
+  }
+}
+
+// A packet's header; count is of report blocks or sources, words are those that follow.
+void appendHeader(std::vector<std::uint8_t>& packet, int count, std::uint8_t type, std::size_t words) {
+  packet.push_back(static_cast<std::uint8_t>(2 << 6 | count));
+  packet.push_back(type);
+  append(packet, words, 2);
+}
+
+std::uint32_t numberAt(std::span<std::uint8_t const> bytes, std::size_t at, int size = 4) {
+  std::uint32_t number = 0;
+  for (int i = 0; i < size; ++i) {
+    number = number << 8 | bytes[at + static_cast<std::size_t>(i)];
+  }
+  return number;
+}
+
+ReportBlock blockAt(std::span<std::uint8_t const> bytes) {
+  ReportBlock block;
+  block.fractionLost = bytes[4];
+  // A signed number of 24 bits.
+  block.packetsLost = static_cast<std::int32_t>(numberAt(bytes, 5, 3) << 8) >> 8;
+  block.highestSequence = numberAt(bytes, 8);
+  block.jitter = numberAt(bytes, 12);
+  block.lastSenderReport = numberAt(bytes, 16);
+  block.sinceSenderReport = numberAt(bytes, 20);
+  return block;
+}
+
+}  // namespace
+
+std::vector<std::uint8_t> makeSenderReport(SenderInfo const& info, std::string_view cname, bool bye) {
+  std::vector<std::uint8_t> packet;
+  packet.reserve(64 + cname.size());
+  appendHeader(packet, 0, senderReport, 6);
+  append(packet, info.ssrc, 4);
+  append(packet, info.ntpTime, 8);
+  append(packet, info.rtpTime, 4);
+  append(packet, info.packets, 4);
+  append(packet, info.octets, 4);
+  // Items end with a zero, and the chunk at a multiple of four bytes.
+  std::size_t const words = 1 + (2 + cname.size()) / 4 + 1;
+  appendHeader(packet, 1, sourceDescription, words);
+  std::size_t const end = packet.size() + 4 * words;
+  append(packet, info.ssrc, 4);
+  packet.push_back(cnameItem);
+  packet.push_back(static_cast<std::uint8_t>(cname.size()));
+  packet.insert(packet.end(), cname.begin(), cname.end());
+  packet.resize(end);
+  if (bye) {
+    appendHeader(packet, 1, goodbye, 1);
+    append(packet, info.ssrc, 4);
+  }
+  return packet;
+}
+
+std::optional<ReceiverReport> readReceiverReport(std::span<std::uint8_t const> packet, std::uint32_t ssrc) {
+  std::optional<ReceiverReport> report;
+  while (packet.size() >= 8 && packet[0] >> 6 == 2) {
+    std::uint8_t const type = packet[1];
+    std::size_t const size = 4 * (std::size_t{numberAt(packet, 2, 2)} + 1);
+    bool const isReport = type == senderReport || type == receiverReport;
+    if (size > packet.size() || (!report && !isReport)) {
+      break;
+    }
+    report = report.value_or(ReceiverReport());
+    std::size_t at = type == senderReport ? 28 : 8;
+    for (int count = isReport ? packet[0] & 0x1F : 0; count > 0 && at + blockSize <= size; --count, at += blockSize) {
+      if (numberAt(packet, at) == ssrc) {
+        report->block = blockAt(packet.subspan(at));
+      }
+    }
+    packet = packet.subspan(size);
+  }
+  return report;
+}
+
+}  // namespace kavo

@@ -1,0 +1,28 @@
+// Presentation times: the wall clock as it was when the process began to stream,
+// and since then as even as the monotonic clock. Any thread.
+#pragma once
+
+#include <sys/time.h>
+
+#include <chrono>
+#include <cstdint>
+
+namespace kavo {
+
+inline std::chrono::microseconds wallClock() {
+  timeval now{};
+  gettimeofday(&now, nullptr);
+  return std::chrono::seconds(now.tv_sec) + std::chrono::microseconds(now.tv_usec);
+}
+
+// A wall clock that is set later moves no presentation time; receivers learn of
+// it from the sender reports.
+inline timeval presentationTime(std::chrono::steady_clock::time_point time) {
+  using std::chrono::microseconds;
+  static microseconds const offset =
+      wallClock() - std::chrono::duration_cast<microseconds>(std::chrono::steady_clock::now().time_since_epoch());
+  auto const at = offset + std::chrono::duration_cast<microseconds>(time.time_since_epoch());
+  return {.tv_sec = at.count() / 1000000, .tv_usec = at.count() % 1000000};
+}
+
+}  // namespace kavo

@@ -1,0 +1,88 @@
+#include "server/clientsession.h"
+
+#include <string>
+
+#include "server/rtspconnection.h"
+#include "server/rtspserver.h"
+#include "server/transport.h"
+
+namespace kavo {
+
+ClientSession::ClientSession(RtspServer& server, u_int32_t sessionId) : RTSPClientSession(server, sessionId) {}
+
+ClientSession::~ClientSession() {
+  eventLoopRole.assertHeld();
+  if (m_Connection != nullptr) {
+    m_Connection->removeSession(*this);
+  }
+}
+
+Viewer* ClientSession::viewer() const {
+  for (unsigned i = 0; i < fNumStreamStates; ++i) {
+    if (fStreamStates[i].subsession != nullptr && fStreamStates[i].streamToken != nullptr) {
+      return static_cast<Viewer*>(fStreamStates[i].streamToken);
+    }
+  }
+  return nullptr;
+}
+
+void ClientSession::joinConnection(RtspConnection& connection) {
+  if (m_Connection == nullptr) {
+    m_Connection = &connection;
+    connection.addSession(*this);
+  }
+}
+
+void ClientSession::handleReport(std::span<std::uint8_t const> packet) { viewer()->handleReport(packet); }
+
+void ClientSession::noteProgress() {
+  if (Viewer* const watching = viewer(); watching != nullptr && watching->takeProgress()) {
+    noteLiveness();
+  }
+}
+
+void ClientSession::sayGoodbye() {
+  if (Viewer* const watching = viewer()) {
+    watching->sayGoodbye();
+  }
+}
+
+// live555 answers every SETUP for a track that exists with 200, so what must not
+// be served is refused here, before or after it has looked.
+void ClientSession::handleCmd_SETUP(RTSPServer::RTSPClientConnection* connection, char const* urlPreSuffix,
+                                    char const* urlSuffix, char const* /*fullRequestStr*/) {
+  eventLoopRole.assertHeld();
+  auto& ours = static_cast<RtspConnection&>(*connection);
+  if (hasStream()) {
+    ours.refuse("455 Method Not Valid in This State");
+    return;
+  }
+  auto const transport = ours.transportFor(acceptableTransport(ours.request().transport));
+  if (!transport) {
+    ours.refuse("461 Unsupported Transport");
+    return;
+  }
+  std::string const headers = "SETUP\r\nTransport: " + transport->text() + "\r\n\r\n";
+  RTSPClientSession::handleCmd_SETUP(connection, urlPreSuffix, urlSuffix, headers.c_str());
+  if (Viewer* const watching = viewer()) {
+    if (transport->interleaved) {
+      watching->attach(ours.writer());
+    }
+    watching->onSignOfLife([this] { noteLiveness(); });
+    joinConnection(ours);
+  } else if (ours.hasAccepted()) {
+    ours.refuse("503 Service Unavailable");  // no socket to send from
+  }
+}
+
+void ClientSession::handleCmd_withinSession(RTSPServer::RTSPClientConnection* connection, char const* cmdName,
+                                            char const* urlPreSuffix, char const* urlSuffix,
+                                            char const* /*fullRequestStr*/) {
+  eventLoopRole.assertHeld();
+  auto& ours = static_cast<RtspConnection&>(*connection);
+  joinConnection(ours);
+  RTSPClientSession::handleCmd_withinSession(connection, cmdName, urlPreSuffix, urlSuffix,
+                                             ours.request().headers().c_str());
+}
+
+}  // namespace kavo

@@ -1,0 +1,53 @@
+// One client's RTSP session. Event-loop thread.
+#pragma once
+
+#include <RTSPServer.hh>
+#include <cstdint>
+#include <span>
+
+#include "delivery/viewers.h"
+#include "eventloop/eventlooprole.h"
+
+namespace kavo {
+
+class RtspConnection;
+class RtspServer;
+struct Transport;
+
+class ClientSession : public RTSPServer::RTSPClientSession {
+ public:
+  ClientSession(RtspServer& server, u_int32_t sessionId);
+  ~ClientSession() override;
+
+  u_int32_t id() const { return fOurSessionId; }
+  bool isOf(ServerMediaSession const* session) const { return fOurServerMediaSession == session; }
+  // The connection that it was set up on, or last used from; null once that is gone.
+  RtspConnection* connection() const { return m_Connection; }
+  void leaveConnection() { m_Connection = nullptr; }
+
+  // Whether anything is set up: only then is the session worth keeping.
+  bool hasStream() const { return viewer() != nullptr; }
+  bool usesChannel(int channel) const { return viewer() != nullptr && viewer()->usesChannel(channel); }
+
+  // A receiver's report that came on one of its channels.
+  void handleReport(std::span<std::uint8_t const> packet) KAVO_REQUIRES(eventLoopRole);
+  // A viewer that takes frames over TCP is alive, even if it says nothing.
+  void noteProgress() KAVO_REQUIRES(eventLoopRole);
+  // Tells the viewer that its stream has ended.
+  void sayGoodbye() KAVO_REQUIRES(eventLoopRole);
+
+ protected:
+  void handleCmd_SETUP(RTSPServer::RTSPClientConnection* connection, char const* urlPreSuffix, char const* urlSuffix,
+                       char const* fullRequestStr) override;
+  void handleCmd_withinSession(RTSPServer::RTSPClientConnection* connection, char const* cmdName,
+                               char const* urlPreSuffix, char const* urlSuffix, char const* fullRequestStr) override;
+
+ private:
+  // A stream has one track, so a session has one viewer.
+  Viewer* viewer() const;
+  void joinConnection(RtspConnection& connection) KAVO_REQUIRES(eventLoopRole);
+
+  RtspConnection* m_Connection = nullptr;
+};
+
+}  // namespace kavo

@@ -1,0 +1,38 @@
+// An RTSP request (RFC 2326), read once: what of it is understood, and nothing
+// else. Any thread.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace kavo {
+
+struct Request {
+  // Far more than any client sends.
+  static constexpr std::size_t maxBody = 8192;
+
+  // False: the text is no request, or its length can be read in more than one
+  // way. There is no reading on behind it; cseq is set if it could be found.
+  bool valid = false;
+  std::size_t bodySize = 0;
+
+  std::string method;
+  std::string path;       // of the URL, without the leading slash; "*" is the whole server
+  std::string cseq;       // digits; empty if there is none
+  std::string session;    // the id alone; empty without one
+  std::string transport;  // as it came
+  std::string range;      // "npt=now-", "npt=0-", or empty
+  bool scale = false;     // asked for; only 1 is served
+  std::string require;    // option tags
+
+  // From the header, up to and including its empty line.
+  static Request parse(std::string_view header);
+
+  // The request as live555 is to see it: each header once, and no body.
+  std::string text() const;
+  // The headers that it looks for while it answers, likewise.
+  std::string headers() const;
+};
+
+}  // namespace kavo

@@ -1,0 +1,27 @@
+// Any bytes as an access unit, any packet size: the NAL units that a reader puts
+// together are those of the access unit.
+#include "rtp/h264packetizer.h"
+#include "rtp/nalunits.h"
+#include "rtp/reassembly.h"
+
+extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
+  if (size < 2) {
+    return 0;
+  }
+  std::size_t const maxPacket = 20 + data[0] * 5U + data[1] % 5;
+  std::span<std::uint8_t const> rest(data + 2, size - 2);
+  kavo::RtpHeader const header{.payloadType = 96, .sequence = 1, .timestamp = 2, .ssrc = 3};
+  kavo::FramePackets packets;
+  packets.begin(header);
+  kavo::packetizeH264(rest, maxPacket, packets);
+  std::vector<reassembly::Bytes> expected;
+  for (auto unit = kavo::takeNalUnit(rest); !unit.empty(); unit = kavo::takeNalUnit(rest)) {
+    if ((unit[0] & 0x1F) == 28) {
+      return 0;  // looks like a fragment
+    }
+    expected.emplace_back(unit.begin(), unit.end());
+  }
+  auto const payloads = reassembly::payloadsOf(reassembly::packetsOf(packets), header, maxPacket);
+  reassembly::require(reassembly::nalUnitsOf(payloads) == expected, "other NAL units");
+  return 0;
+}

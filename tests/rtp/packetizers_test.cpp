@@ -1,0 +1,126 @@
+// What a reader of the RFCs puts together again is what was packetized.
+#include <gtest/gtest.h>
+
+#include <numeric>
+#include <random>
+
+#include "rtp/h264packetizer.h"
+#include "rtp/jpegpacketizer.h"
+#include "rtp/nalunits.h"
+#include "rtp/reassembly.h"
+
+using namespace kavo;
+using namespace reassembly;
+
+namespace {
+
+constexpr RtpHeader header{.payloadType = 96, .sequence = 65530, .timestamp = 0xFFFFFFF0, .ssrc = 0x12345678};
+constexpr std::size_t megabyte = 1000000;
+
+// Frame sizes around those at which a packet more is needed, some at random, and
+// now and then a large one.
+std::vector<std::size_t> sizesFor(std::size_t maxPacket, std::minstd_rand& random) {
+  std::vector<std::size_t> sizes{1, 2, 3, 1 + random() % 5000, 1 + random() % 30000};
+  for (std::size_t const multiple : {1U, 2U}) {
+    for (std::size_t const overhead : {12U, 14U, 20U, 152U}) {
+      sizes.push_back(multiple * (maxPacket - overhead));
+      sizes.push_back(multiple * (maxPacket - overhead) + 1);
+    }
+  }
+  if (maxPacket % 300 == 200) {
+    sizes.push_back(8 * megabyte);
+  }
+  return sizes;
+}
+
+// Without start codes inside, and no zero at the end.
+Bytes nalUnit(std::uint8_t type, std::size_t size, std::minstd_rand& random) {
+  Bytes bytes(size, 0);
+  for (auto& byte : bytes) {
+    byte = static_cast<std::uint8_t>(1 + random() % 255);
+  }
+  bytes[0] = static_cast<std::uint8_t>(0x60 | type);
+  return bytes;
+}
+
+}  // namespace
+
+TEST(Packetizers, OfH264KeepEveryNalUnit) {
+  std::minstd_rand random(1);
+  FramePackets packets;
+  for (std::size_t maxPacket = 200; maxPacket <= 1400; ++maxPacket) {
+    for (std::size_t const size : sizesFor(maxPacket, random)) {
+      bool const idr = size % 2 == 0;
+      std::vector<Bytes> expected;
+      if (idr) {
+        expected = {nalUnit(7, 20, random), nalUnit(8, 5, random)};
+      }
+      expected.push_back(nalUnit(idr ? 5 : 1, size, random));
+      Bytes accessUnit;
+      for (Bytes const& unit : expected) {
+        Bytes const startCode = {0, 0, 0, 1};
+        accessUnit.insert(accessUnit.end(), startCode.begin(),
+                          accessUnit.empty() ? startCode.begin() : startCode.end());
+        accessUnit.insert(accessUnit.end(), unit.begin(), unit.end());
+      }
+      packets.begin(header);
+      ASSERT_EQ(packetizeH264(accessUnit, maxPacket, packets), idr);
+      auto const payloads = payloadsOf(packetsOf(packets), header, maxPacket);
+      ASSERT_EQ(nalUnitsOf(payloads), expected) << maxPacket << ", " << size;
+    }
+  }
+}
+
+TEST(Packetizers, OfJpegKeepTheImage) {
+  std::minstd_rand random(2);
+  FramePackets packets;
+  Bytes tables(128);
+  std::iota(tables.begin(), tables.end(), std::uint8_t{1});
+  for (std::size_t maxPacket = 200; maxPacket <= 1400; ++maxPacket) {
+    for (std::size_t const size : sizesFor(maxPacket, random)) {
+      Bytes const scan = nalUnit(1, size, random);
+      packets.begin(header);
+      packetizeJpeg({.type = 1, .q = 195, .width = 80, .height = 60, .precision = 8, .tables = tables, .scan = scan},
+                    maxPacket, packets);
+      auto const image = jpegOf(payloadsOf(packetsOf(packets), header, maxPacket));
+      ASSERT_EQ(image.header, (Bytes{1, 195, 80, 60}));
+      ASSERT_EQ(image.tables, tables);
+      ASSERT_EQ(image.scan, scan) << maxPacket << ", " << size;
+    }
+  }
+}
+
+TEST(Packetizers, NothingComesOfNothing) {
+  FramePackets packets;
+  packets.begin(header);
+  EXPECT_FALSE(packetizeH264({}, 1400, packets));
+  Bytes const zeros(10, 0);
+  EXPECT_FALSE(packetizeH264(zeros, 1400, packets));
+  packetizeJpeg({}, 1400, packets);
+  EXPECT_EQ(packets.count(), 0U);
+}
+
+// On an RTSP connection each packet follows its channel and length.
+TEST(Packetizers, TheSamePacketsAreInterleavedOnAnyChannel) {
+  std::minstd_rand random(3);
+  FramePackets packets;
+  Bytes const unit = nalUnit(1, 5000, random);
+  packets.begin(header);
+  packetizeH264(unit, 1400, packets);
+  auto const datagrams = packetsOf(packets);
+  for (std::uint8_t const channel : Bytes{0, 7, 0}) {
+    Bytes expected;
+    for (Bytes const& packet : datagrams) {
+      Bytes const prefix = {'$', channel, static_cast<std::uint8_t>(packet.size() >> 8),
+                            static_cast<std::uint8_t>(packet.size())};
+      expected.insert(expected.end(), prefix.begin(), prefix.end());
+      expected.insert(expected.end(), packet.begin(), packet.end());
+    }
+    Bytes sent;
+    for (iovec const& piece : packets.interleaved(channel)) {
+      auto const* const begin = static_cast<std::uint8_t const*>(piece.iov_base);
+      sent.insert(sent.end(), begin, begin + piece.iov_len);
+    }
+    EXPECT_EQ(sent, expected);
+  }
+}

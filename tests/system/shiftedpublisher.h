@@ -1,0 +1,55 @@
+// kavo-publish in a process of its own, with clocks that the test sets.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdint>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "system/host.h"
+#include "system/player.h"
+
+class ShiftedPublisher {
+ public:
+  explicit ShiftedPublisher(std::string const& codec) : m_Port(freePort()) {
+    setClocks(0, 0);
+    m_Process = std::make_unique<Process>(
+        std::vector<std::string>{"env", "LD_PRELOAD=" KAVO_CLOCK_SHIM, "KAVO_CLOCK_FILE=" + m_Folder.file("clock"),
+                                 KAVO_PUBLISH, "--port", std::to_string(m_Port), "--size", "320x240", "--codec", codec},
+        m_Folder.file("output"));
+    while (contentOf(m_Folder.file("output")).find("Ctrl-C") == std::string::npos) {
+      if (!m_Process->runs()) {
+        ADD_FAILURE() << contentOf(m_Folder.file("output"));
+        break;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+  }
+
+  std::uint32_t port() const { return m_Port; }
+  std::string url(std::string const& host = "127.0.0.1") const {
+    return "rtsp://" + host + ":" + std::to_string(m_Port) + "/kavo";
+  }
+
+  // Seconds by which its clocks are ahead of the machine's.
+  void setClocks(std::int64_t wall, std::int64_t monotonic) {
+    std::ofstream stream(m_Folder.file("clock"), std::ios::in | std::ios::out | std::ios::binary);
+    if (!stream) {
+      stream.open(m_Folder.file("clock"), std::ios::binary);
+    }
+    stream.write(reinterpret_cast<char const*>(&wall), sizeof wall);
+    stream.write(reinterpret_cast<char const*>(&monotonic), sizeof monotonic);
+  }
+  // Time passes for all of its timers, in no time.
+  void passSeconds(std::int64_t seconds) { setClocks(0, m_Passed += seconds); }
+
+ private:
+  TemporaryFolder m_Folder;
+  std::uint32_t m_Port;
+  std::int64_t m_Passed = 0;
+  std::unique_ptr<Process> m_Process;
+};

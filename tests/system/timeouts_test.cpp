@@ -1,0 +1,119 @@
+// Who is ended for being silent, idle or stalled, and who is not. Time passes on
+// the publisher's clock alone, so nothing is waited for.
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+
+#include "system/rtspclient.h"
+#include "system/shiftedpublisher.h"
+
+namespace {
+
+class Timeouts : public ::testing::TestWithParam<char const*> {
+ protected:
+  // So many seconds, during which the viewers do this every 10; the loop has looked
+  // at it all when this returns.
+  void pass(int seconds, std::function<void()> const& meanwhile) {
+    for (int passed = 0; passed < seconds; passed += 10) {
+      meanwhile();
+      RtspClient(m_Publisher.port()).request("OPTIONS", url());  // what came before has been read
+      m_Publisher.passSeconds(10);
+      RtspClient(m_Publisher.port()).request("OPTIONS", url());
+    }
+  }
+
+  std::string url() const { return m_Publisher.url(); }
+  // Whether its session is known to the server.
+  bool lives(std::string const& session) {
+    RtspClient other(m_Publisher.port());
+    return other.request("OPTIONS", url(), "Session: " + session + "\r\n").status == 200;
+  }
+
+  ShiftedPublisher m_Publisher{GetParam()};
+};
+
+}  // namespace
+
+// Over IPv6 too when the stream was first watched over IPv4, and when others have gone.
+TEST_P(Timeouts, AViewerOverUdpLivesByItsReports) {
+  RtspClient silent(m_Publisher.port());
+  RtspClient viewers[] = {RtspClient(m_Publisher.port()), RtspClient(m_Publisher.port(), true),
+                          RtspClient(m_Publisher.port())};
+  ASSERT_TRUE(silent.playOverUdp(url()));
+  for (auto& viewer : viewers) {
+    ASSERT_TRUE(viewer.playOverUdp(url()));
+  }
+  pass(130, [&] {
+    for (auto& viewer : viewers) {
+      viewer.sendReport();
+    }
+  });
+  for (auto& viewer : viewers) {
+    EXPECT_TRUE(lives(viewer.session()));
+    EXPECT_TRUE(viewer.receivesAPicture());
+  }
+  EXPECT_FALSE(lives(silent.session()));
+}
+
+TEST_P(Timeouts, TwoSessionsOfAConnectionLiveByTheirOwnChannels) {
+  RtspClient viewer(m_Publisher.port());
+  std::vector<std::string> sessions;
+  for (std::string const channels : {"0-1", "2-3", "4-5"}) {
+    viewer.forgetSession();
+    ASSERT_EQ(
+        viewer.request("SETUP", url() + "/track1", "Transport: RTP/AVP/TCP;interleaved=" + channels + "\r\n").status,
+        200);
+    sessions.push_back(viewer.session());
+  }
+  pass(70, [&] {
+    viewer.sendReport(1);
+    viewer.sendReport(5);
+  });
+  EXPECT_TRUE(lives(sessions[0]));
+  EXPECT_FALSE(lives(sessions[1]));
+  EXPECT_TRUE(lives(sessions[2]));
+}
+
+// The old session's end takes nothing away from the one that has its ports now.
+TEST_P(Timeouts, PortsThatAreSetUpAgainBelongToTheNewSession) {
+  RtspClient viewer(m_Publisher.port());
+  ASSERT_TRUE(viewer.playOverUdp(url()));
+  auto const old = viewer.session();
+  viewer.forgetSession();
+  ASSERT_TRUE(viewer.playOverUdp(url()));
+  pass(130, [&] { viewer.sendReport(); });
+  EXPECT_FALSE(lives(old));
+  EXPECT_TRUE(lives(viewer.session()));
+  EXPECT_TRUE(viewer.receivesAPicture());
+}
+
+TEST_P(Timeouts, APausedViewerIsNotStalled) {
+  RtspClient viewer(m_Publisher.port(), false, 4096);
+  ASSERT_TRUE(viewer.play(url()) && viewer.receivesAPicture());
+  ASSERT_EQ(viewer.request("PAUSE", url()).status, 200);
+  pass(120, [&] { viewer.sendReport(); });
+  ASSERT_EQ(viewer.request("PLAY", url()).status, 200);
+  EXPECT_TRUE(viewer.receivesAPicture());
+}
+
+TEST_P(Timeouts, IdleAndStalledConnectionsAreClosed) {
+  RtspClient idle(m_Publisher.port());
+  RtspClient stalled(m_Publisher.port(), false, 4096);
+  RtspClient setUp(m_Publisher.port());
+  ASSERT_EQ(idle.request("OPTIONS", url()).status, 200);
+  ASSERT_EQ(setUp.request("SETUP", url() + "/track1", RtspClient::overTcp).status, 200);
+  ASSERT_TRUE(stalled.play(url()));
+  // Until its way is full, which another sees by what it gets.
+  RtspClient witness(m_Publisher.port());
+  ASSERT_TRUE(witness.play(url()));
+  for (int i = 0; i < 30; ++i) {
+    ASSERT_TRUE(witness.receivesAPicture());
+  }
+  pass(40, [&] { EXPECT_TRUE(witness.receivesAPicture()); });
+  EXPECT_TRUE(idle.isClosedWhileReading());
+  EXPECT_TRUE(stalled.isClosedWhileReading());
+  EXPECT_TRUE(lives(setUp.session()));
+}
+
+INSTANTIATE_TEST_SUITE_P(Codecs, Timeouts, ::testing::Values("jpeg", "h264"));
