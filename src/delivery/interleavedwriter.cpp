@@ -28,16 +28,34 @@ std::size_t sizeOf(std::span<iovec const> pieces) {
   return size;
 }
 
+ssize_t send(int socket, std::span<iovec const> pieces, int flags) {
+  if (pieces.size() == 1) {
+    return ::send(socket, pieces[0].iov_base, pieces[0].iov_len, flags);
+  }
+  msghdr message{};
+  message.msg_iov = const_cast<iovec*>(pieces.data());
+  message.msg_iovlen = pieces.size();
+  return sendmsg(socket, &message, flags);
+}
+
 }  // namespace
+
+std::span<iovec const> InterleavedFrame::pieces() {
+  if (++m_Viewers > fewViewers) {
+    copy();
+  }
+  return m_Copy ? std::span<iovec const>(&m_CopyPiece, 1) : m_Packets.interleaved(m_Channel);
+}
 
 InterleavedBytes const& InterleavedFrame::copy() {
   if (!m_Copy) {
     auto const bytes = std::make_shared<std::vector<std::uint8_t>>();
     bytes->reserve(size());
-    for (iovec const& piece : pieces()) {
+    for (iovec const& piece : m_Packets.interleaved(m_Channel)) {
       auto const* const begin = static_cast<std::uint8_t const*>(piece.iov_base);
       bytes->insert(bytes->end(), begin, begin + piece.iov_len);
     }
+    m_CopyPiece = {bytes->data(), bytes->size()};
     m_Copy = bytes;
   }
   return m_Copy;
@@ -71,7 +89,7 @@ bool InterleavedWriter::prepareForResponse() {
 }
 
 bool InterleavedWriter::sendFrame(InterleavedFrame& frame, bool keyFrame) {
-  if (keyFrame || isBehind(frame)) {
+  if (!m_Waiting.empty() && (keyFrame || isBehind(frame))) {
     dropNotBegun(frame.channel());  // a key frame makes older frames needless
     if (!keyFrame) {
       return false;
@@ -151,6 +169,9 @@ void InterleavedWriter::flush() {
     auto const rest = std::span(*front.bytes).subspan(m_FrontOffset);
     iovec const piece{const_cast<std::uint8_t*>(rest.data()), rest.size()};
     std::size_t const sent = write({&piece, 1}, front.channel);
+    if (sent > 0) {
+      m_LastProgress = Clock::now();
+    }
     if (sent < rest.size()) {
       m_FrontOffset += sent;
       return;
@@ -172,16 +193,11 @@ std::size_t InterleavedWriter::write(std::span<iovec const> pieces, std::uint8_t
   while (!pieces.empty()) {
     auto const part = pieces.first(std::min(pieces.size(), maxPieces));
     pieces = pieces.subspan(part.size());
-    msghdr message{};
-    message.msg_iov = const_cast<iovec*>(part.data());
-    message.msg_iovlen = part.size();
-    ssize_t const sent =
-        sendmsg(m_Socket, &message, MSG_DONTWAIT | MSG_NOSIGNAL | (pieces.empty() ? MSG_EOR : MSG_MORE));
+    ssize_t const sent = send(m_Socket, part, MSG_DONTWAIT | MSG_NOSIGNAL | (pieces.empty() ? MSG_EOR : MSG_MORE));
     if (sent <= 0) {
       break;
     }
     m_Progress.set(channel);
-    m_LastProgress = Clock::now();
     total += static_cast<std::size_t>(sent);
     if (static_cast<std::size_t>(sent) < sizeOf(part)) {
       break;

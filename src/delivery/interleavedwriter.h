@@ -18,21 +18,26 @@ namespace kavo {
 // Packets as they go over the wire, all on one channel.
 using InterleavedBytes = std::shared_ptr<std::vector<std::uint8_t> const>;
 
-// One frame on one channel. It is sent from where its packets lie; the viewers
-// that have to wait for it share one copy.
+// One frame on one channel. It is sent from where its packets lie, until a viewer
+// has to wait for it, or many want it: they share one copy. The kernel takes one
+// piece in a microsecond less than the two of each packet.
 class InterleavedFrame {
  public:
+  static constexpr int fewViewers = 4;
+
   InterleavedFrame(FramePackets& packets, std::uint8_t channel) : m_Packets(packets), m_Channel(channel) {}
 
   std::uint8_t channel() const { return m_Channel; }
-  std::span<iovec const> pieces() { return m_Packets.interleaved(m_Channel); }
+  std::span<iovec const> pieces();
   std::size_t size() const { return m_Packets.bytes() + m_Packets.count() * FramePackets::interleavedHeaderSize; }
   InterleavedBytes const& copy();
 
  private:
   FramePackets& m_Packets;
   std::uint8_t m_Channel;
+  int m_Viewers = 0;
   InterleavedBytes m_Copy;
+  iovec m_CopyPiece{};
 };
 
 class InterleavedWriter {
@@ -90,13 +95,13 @@ class InterleavedWriter {
   std::size_t write(std::span<iovec const> pieces, std::uint8_t channel);
 
   int m_Socket;
-  std::function<void(bool)> m_SetWriteInterest;
+  bool m_Blocked = false;
   std::vector<Waiting> m_Waiting;
   std::size_t m_FrontOffset = 0;  // bytes of the first that were sent
-  bool m_Blocked = false;
+  std::function<void(bool)> m_SetWriteInterest;
   bool m_ResponseWaits = false;
-  Clock::time_point m_LastProgress = Clock::now();
-  std::bitset<256> m_Progress;  // channels
+  Clock::time_point m_LastProgress = Clock::now();  // of what waits
+  std::bitset<256> m_Progress;                      // channels
 };
 
 }  // namespace kavo

@@ -75,6 +75,7 @@ Viewer* Viewers::addInterleaved(std::uint8_t rtpChannel, std::uint8_t rtcpChanne
 void Viewers::remove(Viewer& viewer) {
   stopSending(viewer);
   std::erase_if(m_Viewers, [&](auto const& entry) { return entry.get() == &viewer; });
+  fitPackets();
   if (m_Viewers.empty()) {
     m_Families[0].reset();
     m_Families[1].reset();
@@ -97,13 +98,13 @@ void Viewers::play(Viewer& viewer) {
   if (viewer.isActive()) {
     return;
   }
-  viewer.m_MaxPacket = largestPacket;
   if (viewer.isOverUdp()) {
     takePortsFromOthers(viewer);
     viewer.m_MaxPacket =
         std::min<std::size_t>(largestPacket, maxUdpPayload(viewer.m_Udp.address).value_or(largestPacket));
   }
   viewer.m_State = Viewer::State::AwaitingKeyFrame;
+  fitPackets();
   m_Callbacks.wantKeyFrame(true);
   // Ahead of the first frame, so that receivers know its time.
   sendReport(viewer, makeReport(false));
@@ -116,6 +117,7 @@ void Viewers::pause(Viewer& viewer) {
   if (viewer.isActive()) {
     viewer.m_State = Viewer::State::Paused;
     stopSending(viewer);
+    fitPackets();
   }
 }
 
@@ -135,14 +137,13 @@ bool Viewers::anyActive() const {
   return std::any_of(m_Viewers.begin(), m_Viewers.end(), [](auto const& viewer) { return viewer->isActive(); });
 }
 
-std::size_t Viewers::maxPacket() const {
-  std::size_t size = largestPacket;
+void Viewers::fitPackets() {
+  m_MaxPacket = largestPacket;
   for (auto const& viewer : m_Viewers) {
-    if (viewer->isActive()) {
-      size = std::min(size, viewer->m_MaxPacket);
+    if (viewer->isActive() && viewer->isOverUdp()) {
+      m_MaxPacket = std::min(m_MaxPacket, viewer->m_MaxPacket);
     }
   }
-  return size;
 }
 
 bool Viewers::takes(bool keyFrame) const {
@@ -152,24 +153,27 @@ bool Viewers::takes(bool keyFrame) const {
 }
 
 bool Viewers::send(FramePackets& packets, bool keyFrame) {
+  bool keyFrameWanted = false;
   m_InterleavedFrames.clear();
   for (auto const& viewer : m_Viewers) {
     if (keyFrame && viewer->m_State == Viewer::State::AwaitingKeyFrame) {
       viewer->m_State = Viewer::State::Playing;
     }
-    if (viewer->m_State != Viewer::State::Playing) {
-      continue;
+    if (viewer->m_State == Viewer::State::Playing) {
+      if (viewer->isOverUdp()) {
+        m_Families[indexOf(viewer->m_Udp.address.ss_family)]->takers.push_back(viewer.get());
+      } else if (viewer->m_Writer && !viewer->m_Writer->sendFrame(frameOn(viewer->m_RtpChannel, packets), keyFrame)) {
+        viewer->m_State = Viewer::State::AwaitingKeyFrame;
+      }
     }
-    if (viewer->isOverUdp()) {
-      m_Families[indexOf(viewer->m_Udp.address.ss_family)]->takers.push_back(viewer.get());
-    } else if (viewer->m_Writer && !viewer->m_Writer->sendFrame(frameOn(viewer->m_RtpChannel, packets), keyFrame)) {
-      viewer->m_State = Viewer::State::AwaitingKeyFrame;
+    // A key frame is large for everybody: a viewer over TCP asks when it can take one.
+    if (viewer->m_State == Viewer::State::AwaitingKeyFrame) {
+      keyFrameWanted = keyFrameWanted || !(viewer->m_Writer && viewer->m_Writer->isBlocked());
     }
   }
-  if (keyFrame) {
-    m_Callbacks.wantKeyFrame(false);
+  if (keyFrame || keyFrameWanted) {
+    m_Callbacks.wantKeyFrame(keyFrameWanted);
   }
-  askForKeyFrame();
   m_Packets = &packets;
   m_NextPacket = 0;
   notePace(packets.bytes());
@@ -192,16 +196,6 @@ InterleavedFrame& Viewers::frameOn(std::uint8_t channel, FramePackets& packets) 
   return found != m_InterleavedFrames.end() ? *found : m_InterleavedFrames.emplace_back(packets, channel);
 }
 
-// A key frame is large for everybody: a viewer over TCP asks when it can take one.
-void Viewers::askForKeyFrame() {
-  if (std::any_of(m_Viewers.begin(), m_Viewers.end(), [](auto const& viewer) {
-        return viewer->m_State == Viewer::State::AwaitingKeyFrame &&
-               !(viewer->m_Writer && viewer->m_Writer->isBlocked());
-      })) {
-    m_Callbacks.wantKeyFrame(true);
-  }
-}
-
 // All of a large frame at once would overflow the buffers along the path: its
 // bursts are spread over a quarter of the time between frames at most.
 void Viewers::notePace(std::size_t bytes) {
@@ -220,19 +214,21 @@ bool Viewers::sendBurst() {
   while (m_NextPacket < m_Packets->count() && bytes + m_Packets->size(m_NextPacket) <= room) {
     bytes += m_Packets->size(m_NextPacket++);
   }
-  bool anybody = false;
+  if (m_NextPacket < m_Packets->count()) {
+    m_NextBurst.start(m_BurstInterval);
+  }
+  bool takersLeft = false;
   for (auto const& family : m_Families) {
     if (family && !family->takers.empty()) {
       sendOverUdp(*family, first, m_NextPacket);
-      anybody = true;
+      takersLeft = takersLeft || !family->takers.empty();
     }
   }
-  if (!anybody || m_NextPacket == m_Packets->count()) {
+  bool const done = !takersLeft || m_NextPacket == m_Packets->count();
+  if (done) {
     drop();
-    return true;
   }
-  m_NextBurst.start(m_BurstInterval);
-  return false;
+  return done;
 }
 
 void Viewers::sendOverUdp(Family& family, std::size_t first, std::size_t last) {
@@ -255,6 +251,7 @@ void Viewers::narrow(Viewer& viewer) {
   std::size_t const smaller = path < viewer.m_MaxPacket ? path : viewer.m_MaxPacket * 3 / 4;
   viewer.m_MaxPacket = std::max(smaller, smallestPacket);
   viewer.m_State = Viewer::State::AwaitingKeyFrame;
+  fitPackets();
   m_Callbacks.wantKeyFrame(true);
 }
 

@@ -68,18 +68,19 @@ class Viewer {
 
   Viewers& m_Table;
   State m_State = State::SetUp;
-  std::function<void()> m_OnSignOfLife;
-  Reception m_Reception;
-  Clock::time_point m_LastReport{};
-
-  UdpDestination m_Udp;
-  sockaddr_storage m_RtcpAddress{};
-  in_port_t m_ReportPort = 0;  // where its reports come from, if not from there (behind NAT); network byte order
-  std::size_t m_MaxPacket = 0;
-
-  std::shared_ptr<InterleavedWriter> m_Writer;
+  // Over TCP.
   std::uint8_t m_RtpChannel = 0;
   std::uint8_t m_RtcpChannel = 0;
+  std::shared_ptr<InterleavedWriter> m_Writer;
+  // Over UDP.
+  UdpDestination m_Udp;
+  std::size_t m_MaxPacket = 0;
+  sockaddr_storage m_RtcpAddress{};
+  in_port_t m_ReportPort = 0;  // where its reports come from, if not from there (behind NAT); network byte order
+  // What its reports say.
+  Clock::time_point m_LastReport{};
+  Reception m_Reception;
+  std::function<void()> m_OnSignOfLife;
 };
 
 class Viewers {
@@ -116,7 +117,7 @@ class Viewers {
   bool empty() const KAVO_REQUIRES(eventLoopRole) { return m_Viewers.empty(); }
   bool anyActive() const KAVO_REQUIRES(eventLoopRole);
   // The size of RTP packet that all active viewers' paths take.
-  std::size_t maxPacket() const KAVO_REQUIRES(eventLoopRole);
+  std::size_t maxPacket() const KAVO_REQUIRES(eventLoopRole) { return m_MaxPacket; }
   // Whether anybody takes a frame of the kind.
   bool takes(bool keyFrame) const KAVO_REQUIRES(eventLoopRole);
 
@@ -151,8 +152,8 @@ class Viewers {
   bool sendBurst() KAVO_REQUIRES(eventLoopRole);
   void sendOverUdp(Family& family, std::size_t first, std::size_t last) KAVO_REQUIRES(eventLoopRole);
   void narrow(Viewer& viewer) KAVO_REQUIRES(eventLoopRole);
+  void fitPackets() KAVO_REQUIRES(eventLoopRole);
   void notePace(std::size_t bytes) KAVO_REQUIRES(eventLoopRole);
-  void askForKeyFrame() KAVO_REQUIRES(eventLoopRole);
 
   void sendReports() KAVO_REQUIRES(eventLoopRole);
   std::vector<std::uint8_t> makeReport(bool bye) KAVO_REQUIRES(eventLoopRole);
@@ -166,6 +167,8 @@ class Viewers {
   std::vector<std::unique_ptr<Viewer>> m_Viewers KAVO_GUARDED_BY(eventLoopRole);
   std::unique_ptr<Family> m_Families[2] KAVO_GUARDED_BY(
       eventLoopRole);  // IPv4 and IPv6, opened for the first viewer that needs it
+
+  std::size_t m_MaxPacket KAVO_GUARDED_BY(eventLoopRole) = largestPacket;
 
   // The frame that is being sent.
   FramePackets* m_Packets KAVO_GUARDED_BY(eventLoopRole) = nullptr;

@@ -13,13 +13,21 @@ struct Row {
   int codec;
   Client client;
   Transport transport;
+  char const* address = "127.0.0.1";
 };
 
 constexpr Row rows[] = {
-    {KV_CODEC_MJPEG, Client::Ffmpeg, Transport::Tcp},    {KV_CODEC_MJPEG, Client::Ffmpeg, Transport::Udp},
-    {KV_CODEC_MJPEG, Client::Gstreamer, Transport::Tcp}, {KV_CODEC_MJPEG, Client::Gstreamer, Transport::Udp},
-    {KV_CODEC_H264, Client::Ffmpeg, Transport::Tcp},     {KV_CODEC_H264, Client::Ffmpeg, Transport::Udp},
-    {KV_CODEC_H264, Client::Gstreamer, Transport::Tcp},  {KV_CODEC_H264, Client::Gstreamer, Transport::Udp},
+    {KV_CODEC_MJPEG, Client::Ffmpeg, Transport::Tcp},
+    {KV_CODEC_MJPEG, Client::Ffmpeg, Transport::Udp},
+    {KV_CODEC_MJPEG, Client::Gstreamer, Transport::Tcp},
+    {KV_CODEC_MJPEG, Client::Gstreamer, Transport::Udp},
+    {KV_CODEC_H264, Client::Ffmpeg, Transport::Tcp},
+    {KV_CODEC_H264, Client::Ffmpeg, Transport::Udp},
+    {KV_CODEC_H264, Client::Gstreamer, Transport::Tcp},
+    {KV_CODEC_H264, Client::Gstreamer, Transport::Udp},
+    {KV_CODEC_MJPEG, Client::Gstreamer, Transport::Udp, "[::1]"},
+    {KV_CODEC_H264, Client::Gstreamer, Transport::Udp, "[::1]"},
+    {KV_CODEC_H264, Client::Ffmpeg, Transport::Udp, "[::1]"},
 };
 
 // Each player as the stream's first viewer, and again after nobody watched.
@@ -29,14 +37,14 @@ TEST(Players, ShowTheRightPictureFromTheFirstOn) {
   host.publish("jpeg");
   host.publish("h264", KV_BGR24, KV_CODEC_H264);
   host.startSubmitting();
-  for (auto const& [codec, client, transport] : rows) {
-    auto const url = host.url(codec == KV_CODEC_H264 ? "h264" : "jpeg");
+  for (auto const& [codec, client, transport, address] : rows) {
+    auto const url = host.url(codec == KV_CODEC_H264 ? "h264" : "jpeg", address);
     Player player(client, transport, url, 3, codec);
     auto const pictures = player.pictures(320, 240);
     EXPECT_GE(pictures.size(), 3U) << player.messages();
     for (auto const& picture : pictures) {
       EXPECT_EQ(differences(picture), "")
-          << "codec " << codec << ", client " << int(client) << ", transport " << int(transport);
+          << "codec " << codec << ", " << address << ", client " << int(client) << ", transport " << int(transport);
     }
     if (client == Client::Ffmpeg) {
       EXPECT_EQ(player.complaints(), "") << "codec " << codec << ", transport " << int(transport);
