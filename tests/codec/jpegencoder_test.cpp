@@ -34,26 +34,6 @@ TEST(JpegEncoder, RefusesWhatItCannotEncode) {
   EXPECT_NO_THROW(Transcoder{&largest});
 }
 
-TEST(Transcoder, ValidatesInOrder) {
-  auto const with = [](auto change) {
-    auto parameter = parameters(8, 3, 640, 480, 640, 480);
-    change(parameter);
-    return parameter;
-  };
-  char const* const invalid = "Invalid parameter";
-  EXPECT_EQ(refusal(with([](auto& p) { p.m_SrcWidth = 0; }), invalid), 0);
-  EXPECT_EQ(refusal(with([](auto& p) { p.m_SrcHeight = 0; }), invalid), 0);
-  EXPECT_EQ(refusal(with([](auto& p) { p.m_DstWidth = 0; }), invalid), 0);
-  EXPECT_EQ(refusal(with([](auto& p) { p.m_DstHeight = 0; }), invalid), 0);
-  EXPECT_EQ(refusal(with([](auto& p) { p.m_Bitrate = 0; }), invalid), 0);
-  EXPECT_EQ(refusal(with([](auto& p) { p.m_SrcPixelFmt = 8; }), invalid), 0);
-  EXPECT_EQ(refusal(with([](auto& p) { p.m_SrcCodecId = 1; }), "Invalid codec parameter"), 0);
-  EXPECT_EQ(refusal(with([](auto& p) { p.m_DstCodecId = 27; }), "Invalid codec parameter"), 0);
-  // Sizes below zero pass the check for zero, and fail where they are used.
-  auto const negative = with([](auto& p) { p.m_DstWidth = -640; });
-  EXPECT_THROW(Transcoder{&negative}, StreamException);
-}
-
 TEST(Transcoder, JpegInputChangesNothing) {
   for (int const codec : {8, 28}) {
     auto parameter = parameters(codec, 3, 320, 240, 320, 240);
