@@ -9,6 +9,13 @@ extern "C" {
 
 namespace kavo {
 
+namespace {
+
+// Want of memory is not the picture's fault.
+int errorOf(int result) { return result == AVERROR(ENOMEM) ? ErrorResource : ErrorCodec; }
+
+}  // namespace
+
 JpegEncoder::JpegEncoder(VideoCodecParameter const& parameter) : IEncoder(parameter) {
   if (m_Parameter.m_DstWidth > maxSize || m_Parameter.m_DstHeight > maxSize ||
       ((m_Parameter.m_DstWidth | m_Parameter.m_DstHeight) & 3) != 0) {
@@ -47,18 +54,23 @@ void JpegEncoder::openCodec() {
   int const opened = avcodec_open2(m_CodecContext.get(), codec, &options);
   av_dict_free(&options);
   if (opened < 0) {
-    throw StreamException("AVCodec open failed", ErrorCodec);
+    throw StreamException("AVCodec open failed", errorOf(opened));
   }
 }
 
 void JpegEncoder::encode(unsigned char const* frame, AVPacket& packet) {
   scaleFrame(frame);
-  if (avcodec_send_frame(m_CodecContext.get(), m_DstFrame.get()) < 0) {
-    throw StreamException("AVCodec encode video failed", ErrorCodec);
+  int result = avcodec_send_frame(m_CodecContext.get(), m_DstFrame.get());
+  if (result == AVERROR(EAGAIN)) {  // an image that could not be received before
+    result = avcodec_receive_packet(m_CodecContext.get(), &packet);
+    av_packet_unref(&packet);
+    result = result < 0 ? result : avcodec_send_frame(m_CodecContext.get(), m_DstFrame.get());
   }
-  int const received = avcodec_receive_packet(m_CodecContext.get(), &packet);
-  if (received < 0 && received != AVERROR(EAGAIN)) {
-    throw StreamException("AVCodec encode video failed", ErrorCodec);
+  if (result >= 0) {
+    result = avcodec_receive_packet(m_CodecContext.get(), &packet);
+  }
+  if (result < 0 && result != AVERROR(EAGAIN)) {
+    throw StreamException("AVCodec encode video failed", errorOf(result));
   }
 }
 

@@ -44,8 +44,8 @@ void OpenH264Encoder::initialize() {
   base.iTargetBitrate = m_Parameter.m_Bitrate;
   base.iRCMode = RC_BITRATE_MODE;
   base.fMaxFrameRate = static_cast<float>(m_Parameter.m_FrameRate);
-  if (m_Encoder->Initialize(&base) != 0) {
-    throw StreamException("OpenH264 initialization failed", ErrorCodec);
+  if (int const result = m_Encoder->Initialize(&base); result != cmResultSuccess) {
+    throw StreamException("OpenH264 initialization failed", result == cmMallocMemeError ? ErrorResource : ErrorCodec);
   }
 }
 

@@ -98,7 +98,7 @@ bool InterleavedWriter::sendFrame(InterleavedFrame& frame, bool keyFrame) {
   if (m_Socket >= 0) {
     std::size_t const sent = m_Blocked ? 0 : write(frame.pieces(), frame.channel());
     if (sent < frame.size()) {
-      wait(frame.copy(), frame.channel(), sent);
+      wait([&] { return frame.copy(); }, frame.channel(), sent);
     }
   }
   return true;
@@ -115,16 +115,24 @@ void InterleavedWriter::sendReport(std::span<std::uint8_t const> report, std::ui
   iovec const piece{bytes->data(), bytes->size()};
   std::size_t const sent = write({&piece, 1}, channel);
   if (sent < bytes->size()) {
-    wait(bytes, channel, sent);
+    wait([&]() -> InterleavedBytes { return bytes; }, channel, sent);
   }
 }
 
-void InterleavedWriter::wait(InterleavedBytes bytes, std::uint8_t channel, std::size_t sent) {
+// Without memory for the rest of what was begun, the connection is of no use.
+template <class Bytes>
+void InterleavedWriter::wait(Bytes const& bytes, std::uint8_t channel, std::size_t sent) {
   auto const now = Clock::now();
   if (std::all_of(m_Waiting.begin(), m_Waiting.end(), [](Waiting const& waiting) { return waiting.cancelled; })) {
     m_LastProgress = now;  // nobody was waiting until now
   }
-  m_Waiting.push_back({std::move(bytes), channel, now});
+  try {
+    m_Waiting.push_back({bytes(), channel, now});
+  } catch (...) {
+    shutdown(m_Socket, SHUT_RDWR);  // which its owner will read
+    close();
+    return;
+  }
   m_FrontOffset += sent;
   waitForSocket();
 }

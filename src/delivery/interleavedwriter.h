@@ -90,7 +90,8 @@ class InterleavedWriter {
   std::size_t firstNotBegun() const { return m_FrontOffset > 0 ? 1 : 0; }
   bool isBehind(InterleavedFrame const& next) const;
   void dropNotBegun(std::uint8_t channel);
-  void wait(InterleavedBytes bytes, std::uint8_t channel, std::size_t sent);
+  template <class Bytes>
+  void wait(Bytes const& bytes, std::uint8_t channel, std::size_t sent);
   void waitForSocket();
   std::size_t write(std::span<iovec const> pieces, std::uint8_t channel);
 

@@ -3,9 +3,12 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
+#include <utility>
 
 #include "delivery/address.h"
 #include "delivery/viewers.h"
+#include "eventloop/contained.h"
 
 namespace kavo {
 
@@ -23,10 +26,29 @@ std::uint32_t middleOf(std::uint64_t ntpTime) { return static_cast<std::uint32_t
 
 }  // namespace
 
-void Viewer::sayGoodbye() {
+void Viewer::sayGoodbye() noexcept {
   if (m_State != State::SetUp) {
-    m_Table.sendReport(*this, m_Table.makeReport(true));
+    contained([this]() KAVO_REQUIRES(eventLoopRole) { m_Table.sendReport(*this, m_Table.makeReport(true)); });
   }
+}
+
+bool Viewer::isUnreachable() {
+  if (!isOverUdp()) {
+    return false;
+  }
+  if (m_Probe.get() < 0) {
+    Descriptor probe(socket(m_RtcpAddress.ss_family, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (probe.get() < 0 ||
+        connect(probe.get(), reinterpret_cast<sockaddr const*>(&m_RtcpAddress), sizeOf(m_RtcpAddress)) != 0) {
+      return false;
+    }
+    m_Probe = std::move(probe);
+  }
+  auto const report = m_Table.makeReport(false);
+  if (::send(m_Probe.get(), report.data(), report.size(), MSG_DONTWAIT) < 0 && errno == ECONNREFUSED) {
+    ++m_Refusals;
+  }
+  return m_Refusals >= 2;
 }
 
 void Viewer::handleReport(std::span<std::uint8_t const> packet) {
@@ -37,14 +59,15 @@ void Viewer::handleReport(std::span<std::uint8_t const> packet) {
 }
 
 void Viewers::sendReports() {
+  if (!anyActive()) {
+    return;
+  }
+  m_NextReport.start(reportInterval);  // first: a report may fail
   auto const report = makeReport(false);
   for (auto const& viewer : m_Viewers) {
     if (viewer->isActive()) {
       sendReport(*viewer, report);
     }
-  }
-  if (anyActive()) {
-    m_NextReport.start(reportInterval);
   }
 }
 

@@ -7,6 +7,7 @@
 
 #include "delivery/address.h"
 #include "delivery/pathmtu.h"
+#include "eventloop/contained.h"
 
 namespace kavo {
 
@@ -28,7 +29,12 @@ Viewers::Viewers(TaskScheduler& scheduler, Callbacks callbacks)
       m_Callbacks(std::move(callbacks)),
       m_NextBurst(scheduler,
                   [this]() KAVO_REQUIRES(eventLoopRole) {
-                    if (sendBurst()) {
+                    bool left = false;
+                    if (!contained([&]() KAVO_REQUIRES(eventLoopRole) { left = sendBurst(); })) {
+                      abandonFrame();
+                      left = true;
+                    }
+                    if (left) {
                       m_Callbacks.frameSent();
                     }
                   }),
@@ -188,6 +194,16 @@ void Viewers::drop() {
       family->takers.clear();
     }
   }
+}
+
+void Viewers::abandonFrame() {
+  drop();
+  for (auto const& viewer : m_Viewers) {
+    if (viewer->m_State == Viewer::State::Playing) {
+      viewer->m_State = Viewer::State::AwaitingKeyFrame;
+    }
+  }
+  m_Callbacks.wantKeyFrame(true);
 }
 
 InterleavedFrame& Viewers::frameOn(std::uint8_t channel, FramePackets& packets) {

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "base/descriptor.h"
 #include "delivery/interleavedwriter.h"
 #include "delivery/udpports.h"
 #include "delivery/udpsender.h"
@@ -59,8 +60,11 @@ class Viewer {
   void handleReport(std::span<std::uint8_t const> packet) KAVO_REQUIRES(eventLoopRole);
   // Whether it has taken anything over TCP since the last call: it is alive, even if it is silent.
   bool takeProgress() { return m_Writer && m_Writer->takeProgress(m_RtpChannel); }
-  // Tells it that the stream has ended.
-  void sayGoodbye() KAVO_REQUIRES(eventLoopRole);
+  // Sends it a report from a socket of its own, which hears when nobody listens
+  // there. True after two such answers.
+  bool isUnreachable() KAVO_REQUIRES(eventLoopRole);
+  // Tells it that the stream has ended, if there is memory to do so.
+  void sayGoodbye() noexcept KAVO_REQUIRES(eventLoopRole);
 
  private:
   friend class Viewers;
@@ -77,6 +81,8 @@ class Viewer {
   std::size_t m_MaxPacket = 0;
   sockaddr_storage m_RtcpAddress{};
   in_port_t m_ReportPort = 0;  // where its reports come from, if not from there (behind NAT); network byte order
+  Descriptor m_Probe;
+  int m_Refusals = 0;
   // What its reports say.
   Clock::time_point m_LastReport{};
   Reception m_Reception;
@@ -127,6 +133,8 @@ class Viewers {
   bool send(FramePackets& packets, bool keyFrame) KAVO_REQUIRES(eventLoopRole);
   // Forgets the rest of the frame.
   void drop() KAVO_REQUIRES(eventLoopRole);
+  // The same for a frame that others build on: everybody waits for a key frame.
+  void abandonFrame() KAVO_REQUIRES(eventLoopRole);
 
  private:
   friend class Viewer;

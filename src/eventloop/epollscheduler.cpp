@@ -10,6 +10,8 @@
 #include <span>
 #include <utility>
 
+#include "eventloop/contained.h"
+
 namespace kavo {
 
 namespace {
@@ -42,19 +44,23 @@ bool watch(int epoll, int socket, epoll_event event) {
          (errno == ENOENT && epoll_ctl(epoll, EPOLL_CTL_ADD, socket, &event) == 0);
 }
 
-// Waits for events, to the microsecond where the kernel can.
-int wait(int epoll, std::span<epoll_event> events, std::chrono::microseconds limit) {
-  auto const room = static_cast<int>(events.size());
-  timespec const timeout{.tv_sec = 0, .tv_nsec = std::chrono::nanoseconds(limit).count()};
-  int const count = epoll_pwait2(epoll, events.data(), room, &timeout, nullptr);
-  if (count < 0 && errno == ENOSYS) {
-    return epoll_wait(epoll, events.data(), room,
-                      static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(limit).count()));
-  }
-  return count;
-}
-
 }  // namespace
+
+// To the microsecond where the kernel can. Old kernels do not know the call, and
+// the filters of some containers refuse it, with whatever error they like.
+int EpollScheduler::wait(std::span<epoll_event> events, std::chrono::microseconds limit) {
+  auto const room = static_cast<int>(events.size());
+  if (m_HasPwait2) {
+    timespec const timeout{.tv_sec = 0, .tv_nsec = std::chrono::nanoseconds(limit).count()};
+    int const count = epoll_pwait2(m_Epoll.get(), events.data(), room, &timeout, nullptr);
+    if (count >= 0 || errno == EINTR) {
+      return count;
+    }
+    m_HasPwait2 = false;
+  }
+  return epoll_wait(m_Epoll.get(), events.data(), room,
+                    static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(limit).count()));
+}
 
 EpollScheduler* EpollScheduler::createNew(unsigned maxGranularity) {
   Descriptor epoll(epoll_create1(EPOLL_CLOEXEC));
@@ -94,7 +100,7 @@ void EpollScheduler::SingleStep(unsigned maxDelayTime) {
   auto const limit = std::chrono::microseconds(maxDelayTime > 0 ? std::min(maxDelayTime, fMaxSchedulerGranularity)
                                                                 : fMaxSchedulerGranularity);
   std::array<epoll_event, 64> events;
-  int const count = wait(m_Epoll.get(), events, m_Timers.untilNext(limit));
+  int const count = wait(events, m_Timers.untilNext(limit));
   for (int i = 0; i < count; ++i) {
     handle(events[static_cast<std::size_t>(i)].data.u64, events[static_cast<std::size_t>(i)].events);
   }
@@ -116,7 +122,7 @@ void EpollScheduler::handle(std::uint64_t key, std::uint32_t events) {
   Handler const handler = found->second;
   int const conditions = conditionsOf(events) & handler.conditions;
   if (conditions != 0) {
-    handler.function(handler.clientData, conditions);
+    contained([&] { handler.function(handler.clientData, conditions); });
   }
 }
 
@@ -137,7 +143,9 @@ void EpollScheduler::setBackgroundHandling(int socket, int conditions, Backgroun
   }
   std::uint32_t const version = ++m_LastVersion;
   m_Handlers[socket] = Handler{conditions, handler, clientData, version};
-  watch(m_Epoll.get(), socket, {.events = eventsOf(conditions), .data = {.u64 = keyOf(socket, version)}});
+  if (!watch(m_Epoll.get(), socket, {.events = eventsOf(conditions), .data = {.u64 = keyOf(socket, version)}})) {
+    m_Handlers.erase(socket);
+  }
 }
 
 void EpollScheduler::moveSocketHandling(int oldSocket, int newSocket) {

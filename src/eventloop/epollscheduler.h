@@ -2,7 +2,11 @@
 // number that wake the loop at once, and timers that no clock setting moves.
 #pragma once
 
+#include <sys/epoll.h>
+
 #include <BasicUsageEnvironment.hh>
+#include <chrono>
+#include <span>
 #include <unordered_map>
 
 #include "base/descriptor.h"
@@ -20,6 +24,10 @@ class EpollScheduler : public BasicTaskScheduler {
 
   TaskToken scheduleDelayedTask(int64_t microseconds, TaskFunc* task, void* clientData) override;
   void unscheduleDelayedTask(TaskToken& task) override;
+
+  // Whether events of the socket will be reported: the kernel may be out of memory,
+  // or the user out of watches.
+  bool isWatched(int socket) const { return m_Handlers.contains(socket); }
 
   EventTriggerId createEventTrigger(TaskFunc* handler) override;
   void deleteEventTrigger(EventTriggerId id) override;
@@ -40,9 +48,11 @@ class EpollScheduler : public BasicTaskScheduler {
     std::uint32_t version;  // tells events that were meant for an earlier owner of the number
   };
 
+  int wait(std::span<epoll_event> events, std::chrono::microseconds limit);
   void drainWakeUp();
   void handle(std::uint64_t key, std::uint32_t events);
 
+  bool m_HasPwait2 = true;
   Descriptor m_Epoll;
   Descriptor m_WakeUp;
   EventTriggers m_Triggers;

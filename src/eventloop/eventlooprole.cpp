@@ -5,8 +5,10 @@
 namespace kavo {
 
 namespace {
-// Without a destructor, so that it never keeps the library from unloading.
-constinit thread_local bool t_Held = false;
+// Without a destructor, so that it never keeps the library from unloading; and in
+// the static part of a thread's memory, since the loader ends the process when it
+// cannot allocate the other part.
+[[gnu::tls_model("initial-exec")]] constinit thread_local bool t_Held = false;
 }  // namespace
 
 constinit EventLoopRole eventLoopRole;

@@ -7,23 +7,44 @@ namespace kavo {
 EventLoopTasks::EventLoopTasks(TaskScheduler& scheduler)
     : m_Trigger(scheduler, [this]() KAVO_REQUIRES(eventLoopRole) { runAll(); }) {}
 
-void EventLoopTasks::add(std::function<void()> task) {
+void EventLoopTasks::add(Task task) {
   {
     Locked lock(m_Mutex);
-    m_Tasks.push_back(std::move(task));
+    if (!m_Cancelled) {
+      m_Tasks.push_back(std::move(task));
+      m_Trigger.fire();
+      return;
+    }
   }
-  m_Trigger.fire();
+  task(false);
 }
 
+// Each is taken out before it runs, since it may add another, and none is lost
+// if memory runs out meanwhile.
 void EventLoopTasks::runAll() {
-  std::deque<std::function<void()>> tasks;
+  while (true) {
+    Task task;
+    {
+      Locked lock(m_Mutex);
+      if (m_Tasks.empty()) {
+        return;
+      }
+      task = std::move(m_Tasks.front());
+      m_Tasks.pop_front();
+    }
+    task(true);
+  }
+}
+
+void EventLoopTasks::cancel() {
+  std::deque<Task> tasks;
   {
     Locked lock(m_Mutex);
+    m_Cancelled = true;
     tasks.swap(m_Tasks);
   }
-  // Outside the lock: a task may add another.
-  for (auto& task : tasks) {
-    task();
+  for (auto const& task : tasks) {
+    task(false);
   }
 }
 

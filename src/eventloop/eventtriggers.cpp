@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "eventloop/contained.h"
+
 namespace kavo {
 
 EventTriggerId EventTriggers::create(TaskFunc* handler) {
@@ -9,6 +11,8 @@ EventTriggerId EventTriggers::create(TaskFunc* handler) {
   do {
     ++m_LastId;
   } while (m_LastId == 0 || m_Triggers.contains(m_LastId));
+  m_Fired.reserve(m_Triggers.size() + 1);
+  m_Running.reserve(m_Triggers.size() + 1);
   m_Triggers[m_LastId] = Trigger{handler};
   return m_LastId;
 }
@@ -34,25 +38,28 @@ bool EventTriggers::fire(EventTriggerId id, void* clientData) {
 }
 
 void EventTriggers::runFired() {
-  std::vector<EventTriggerId> fired;
+  std::size_t count = 0;
   {
     Locked lock(m_Mutex);
-    fired.swap(m_Fired);
+    m_Running.swap(m_Fired);
+    count = m_Running.size();
   }
-  for (EventTriggerId const id : fired) {
+  for (std::size_t i = 0; i < count; ++i) {
     Trigger trigger{nullptr};
     {
       Locked lock(m_Mutex);
       // One that an earlier handler deleted is not there any more.
-      auto const found = m_Triggers.find(id);
+      auto const found = m_Triggers.find(m_Running[i]);
       if (found != m_Triggers.end() && std::exchange(found->second.fired, false)) {
         trigger = found->second;
       }
     }
     if (trigger.handler != nullptr) {
-      trigger.handler(trigger.clientData);
+      contained([&] { trigger.handler(trigger.clientData); });
     }
   }
+  Locked lock(m_Mutex);
+  m_Running.clear();
 }
 
 }  // namespace kavo

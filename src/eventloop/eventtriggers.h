@@ -21,7 +21,8 @@ class EventTriggers {
   // are merged into one run. True when the loop has to be woken for it.
   bool fire(EventTriggerId id, void* clientData) KAVO_EXCLUDES(m_Mutex);
 
-  // Runs what has been fired, in that order. Handlers may create, delete and fire.
+  // Runs what has been fired, in that order. Handlers may create, delete and fire;
+  // an exception ends its handler only.
   void runFired() KAVO_EXCLUDES(m_Mutex);
 
  private:
@@ -33,7 +34,9 @@ class EventTriggers {
 
   Mutex m_Mutex;
   std::unordered_map<EventTriggerId, Trigger> m_Triggers KAVO_GUARDED_BY(m_Mutex);
+  // Both have room for all triggers, so that firing and running take no memory.
   std::vector<EventTriggerId> m_Fired KAVO_GUARDED_BY(m_Mutex);
+  std::vector<EventTriggerId> m_Running KAVO_GUARDED_BY(m_Mutex);
   EventTriggerId m_LastId KAVO_GUARDED_BY(m_Mutex) = 0;
 };
 

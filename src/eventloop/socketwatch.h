@@ -5,6 +5,8 @@
 #include <functional>
 #include <utility>
 
+#include "base/streamexception.h"
+#include "eventloop/epollscheduler.h"
 #include "eventloop/eventlooprole.h"
 
 namespace kavo {
@@ -18,8 +20,13 @@ class SocketWatch {
   SocketWatch(SocketWatch const&) = delete;
   SocketWatch& operator=(SocketWatch const&) = delete;
 
+  // Throws when the socket cannot be watched.
   void start(int conditions) KAVO_REQUIRES(eventLoopRole) {
     m_Scheduler.setBackgroundHandling(m_Socket, conditions, ready, this);
+    auto const* const scheduler = dynamic_cast<EpollScheduler const*>(&m_Scheduler);
+    if (m_Socket >= 0 && scheduler != nullptr && !scheduler->isWatched(m_Socket)) {
+      throw StreamException("Socket cannot be watched", ErrorResource);
+    }
   }
   void stop() KAVO_REQUIRES(eventLoopRole) { m_Scheduler.disableBackgroundHandling(m_Socket); }
 

@@ -3,19 +3,26 @@
 #include <algorithm>
 #include <bit>
 
+#include "eventloop/contained.h"
+
 namespace kavo {
 
 namespace {
 constexpr int tasksInARow = 32;
-// Further ahead than anybody waits, and far from the clock's end.
+// Longer than any real delay, and far from the clock's end.
 constexpr std::int64_t longestDelay = std::int64_t{10} * 365 * 24 * 3600 * 1000000;
 }  // namespace
 
 TaskToken Timers::schedule(std::int64_t microseconds, TaskFunc* task, void* clientData) {
   auto const delay = std::chrono::microseconds(std::clamp<std::int64_t>(microseconds, 0, longestDelay));
   Key const key{Clock::now() + delay, ++m_LastToken};
-  m_Tasks.emplace(key, Task{task, clientData});
-  m_DueTimes.emplace(key.second, key.first);
+  auto const due = m_DueTimes.emplace(key.second, key.first).first;
+  try {
+    m_Tasks.emplace(key, Task{task, clientData});
+  } catch (...) {
+    m_DueTimes.erase(due);
+    throw;
+  }
   return std::bit_cast<TaskToken>(key.second);
 }
 
@@ -41,7 +48,7 @@ void Timers::runDue() {
     Task const task = first->second;
     m_DueTimes.erase(first->first.second);
     m_Tasks.erase(first);
-    task.function(task.clientData);
+    contained([&] { task.function(task.clientData); });
   }
 }
 

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdint>
 #include <map>
+#include <memory_resource>
 #include <unordered_map>
 #include <utility>
 
@@ -23,8 +24,8 @@ class Timers {
 
   // How long until the next task is due, at most the limit and never below zero.
   std::chrono::microseconds untilNext(std::chrono::microseconds limit) const;
-  // Runs tasks that are due, and those that they schedule at once, up to a
-  // number that leaves the sockets their turn.
+  // Runs tasks that are due, and those that they schedule at once; bounded, so
+  // that sockets are not starved. An exception ends its task only.
   void runDue();
 
  private:
@@ -34,8 +35,10 @@ class Timers {
     void* clientData;
   };
 
-  std::map<Key, Task> m_Tasks;
-  std::unordered_map<std::uintptr_t, Clock::time_point> m_DueTimes;
+  // Tasks that come and go all the time use the same memory again.
+  std::pmr::unsynchronized_pool_resource m_Memory;
+  std::pmr::map<Key, Task> m_Tasks{&m_Memory};
+  std::pmr::unordered_map<std::uintptr_t, Clock::time_point> m_DueTimes{&m_Memory};
   std::uintptr_t m_LastToken = 0;
 };
 

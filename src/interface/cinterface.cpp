@@ -1,8 +1,11 @@
 #include "interface/cinterface.h"
 
+#include <pthread.h>
+
 #include <algorithm>
+#include <atomic>
 #include <cstring>
-#include <memory>
+#include <initializer_list>
 #include <string>
 
 #include "codec/codecparameter.h"
@@ -15,17 +18,27 @@ namespace {
 
 constexpr unsigned int defaultPort = 8554;
 
-// Empty when the environment cannot be built at load: the host must not die of
-// that, so it learns it from every command.
-std::unique_ptr<SessionManager> makeSessionManager() noexcept {
-  try {
-    return std::make_unique<SessionManager>();
-  } catch (...) {
-    return nullptr;
-  }
-}
+// Without a destructor, so that calls during and after static destruction meet it
+// as it was; what it owns is released by g_ExitAtUnload.
+NoDestroy<SessionManager> g_SessionManager;
 
-std::unique_ptr<SessionManager> const g_SessionManager = makeSessionManager();
+// A child that the host forked off has the memory of a server, but not its thread:
+// its calls must leave the parent's sockets alone.
+std::atomic<bool> g_InChild = false;
+
+// When the library is unloaded, or the process ends.
+struct ExitAtUnload {
+  ExitAtUnload() {
+    pthread_atfork(nullptr, nullptr, [] { g_InChild = true; });
+  }
+  ~ExitAtUnload() {
+    if (!g_InChild) {
+      resultOf([] { g_SessionManager->exit(); });
+    }
+  }
+  ExitAtUnload(ExitAtUnload const&) = delete;
+  ExitAtUnload& operator=(ExitAtUnload const&) = delete;
+} const g_ExitAtUnload;
 
 template <class Record>
 Record& recordAt(void* param, int size) {
@@ -38,6 +51,15 @@ Record& recordAt(void* param, int size) {
 template <std::size_t Size>
 void requireTerminated(char const (&text)[Size]) {
   if (strnlen(text, Size) == Size) {
+    throw StreamException("Invalid parameter", ErrorInvalidParameter);
+  }
+}
+
+// The texts become lines of the SDP, where a line end would begin another.
+template <std::size_t Size>
+void requireText(char const (&text)[Size]) {
+  requireTerminated(text);
+  if (std::any_of(text, text + std::strlen(text), [](unsigned char c) { return c < 0x20 || c == 0x7F; })) {
     throw StreamException("Invalid parameter", ErrorInvalidParameter);
   }
 }
@@ -57,9 +79,9 @@ void streamExit(void*, int) { g_SessionManager->exit(); }
 
 void streamCreateSession(void* param, int size) {
   auto& record = recordAt<kv_session_record>(param, size);
-  requireTerminated(record.name);
-  requireTerminated(record.description);
-  requireTerminated(record.info);
+  requireText(record.name);
+  requireText(record.description);
+  requireText(record.info);
   SessionManager::SessionInformation information;
   information.name = record.name;
   information.info = record.info;
@@ -119,7 +141,7 @@ void streamGetInfo(void* param, int size) {
 
 }  // namespace
 
-std::map<int, CommandHandler> const g_FunctionTable = {
+NoDestroy<FunctionTable const> const g_FunctionTable(std::initializer_list<FunctionTable::value_type>{
     {KV_INIT, streamInit},
     {KV_EXIT, streamExit},
     {KV_CREATE_SESSION, streamCreateSession},
@@ -127,9 +149,9 @@ std::map<int, CommandHandler> const g_FunctionTable = {
     {KV_CREATE_STREAM, streamCreateStream},
     {KV_SUBMIT_FRAME, streamSubmitData},
     {KV_GET_INFO, streamGetInfo},
-};
+});
 
-std::map<int, int> const g_ErrorTable = {
+NoDestroy<ErrorTable const> const g_ErrorTable(std::initializer_list<ErrorTable::value_type>{
     {ErrorInvalidParameter, KV_INVALID_PARAMETER},
     {ErrorResource, KV_RESOURCE_FAILURE},
     {ErrorCodec, KV_CODEC_FAILURE},
@@ -137,19 +159,21 @@ std::map<int, int> const g_ErrorTable = {
     {ErrorAlreadyThere, KV_ALREADY_THERE},
     {ErrorNameInUse, KV_NAME_IN_USE},
     {ErrorNoStream, KV_UNKNOWN},
-};
+});
 
 namespace {
 
 void dispatch(int command, void* param, int size) {
-  auto const row = g_FunctionTable.find(command);
-  if (row == g_FunctionTable.end()) {
+  auto const row = g_FunctionTable->find(command);
+  if (row == g_FunctionTable->end()) {
     throw StreamException("Invalid input parameter", ErrorInvalidParameter);
   }
-  if (!g_SessionManager) {
-    throw StreamException("BasicTaskScheduler creation failed", ErrorResource);
+  if (g_InChild && command != KV_EXIT) {
+    throw StreamException("RTSP server is the parent process's", ErrorResource);
   }
-  row->second(param, size);
+  if (!g_InChild) {
+    row->second(param, size);
+  }
 }
 
 }  // namespace

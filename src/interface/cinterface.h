@@ -5,7 +5,9 @@
 #include <functional>
 #include <map>
 #include <stdexcept>
+#include <utility>
 
+#include "base/nodestroy.h"
 #include "base/streamexception.h"
 #include "kavo_stream.h"
 
@@ -13,9 +15,16 @@ namespace kavo {
 
 using CommandHandler = std::function<void(void* param, int size)>;
 
-extern std::map<int, CommandHandler> const g_FunctionTable;
+// Their few entries stand in the library itself: loading takes no memory that
+// could be short, and unloading leaves none behind.
+template <class Value>
+using Table = std::map<int, Value, std::less<>, InPlaceAllocator<std::pair<int const, Value>>>;
+using FunctionTable = Table<CommandHandler>;
+using ErrorTable = Table<int>;
+
+extern NoDestroy<FunctionTable const> const g_FunctionTable;
 // From StreamException's code to what kv_Stream returns.
-extern std::map<int, int> const g_ErrorTable;
+extern NoDestroy<ErrorTable const> const g_ErrorTable;
 
 // The reader of an optional record that holds one value: the default for no
 // record at all, otherwise what the record holds. Throws "Invalid input parameter".
@@ -36,8 +45,8 @@ int resultOf(Function const& function) noexcept {
     function();
     return KV_OK;
   } catch (StreamException const& failure) {
-    auto const row = g_ErrorTable.find(failure.m_Code);
-    return row == g_ErrorTable.end() ? KV_UNEXPECTED : row->second;
+    auto const row = g_ErrorTable->find(failure.m_Code);
+    return row == g_ErrorTable->end() ? KV_UNEXPECTED : row->second;
   } catch (std::out_of_range const&) {
     return KV_UNKNOWN;
   } catch (...) {

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "delivery/viewers.h"
+#include "eventloop/contained.h"
 #include "rtsp/framebuffer.h"
 #include "rtsp/presentationclock.h"
 #include "rtsp/queuedsource.h"
@@ -90,19 +91,28 @@ class FrameSink : public Base, public LiveSink {
   }
 
   void sendFrame(unsigned size, timeval time) KAVO_REQUIRES(eventLoopRole) {
+    bool left = true;
+    if (!contained([&]() KAVO_REQUIRES(eventLoopRole) { left = send(size, time); })) {
+      m_Viewers.abandonFrame();
+      left = true;
+    }
+    if (left) {
+      continuePlaying();
+    }
+  }
+
+  // False: the rest of the frame follows.
+  bool send(unsigned size, timeval time) KAVO_REQUIRES(eventLoopRole) {
     std::uint32_t const rtpTime = rtpTimeOf(time);
     m_Packets.begin(
         {.payloadType = this->rtpPayloadType(), .sequence = this->fSeqNo, .timestamp = rtpTime, .ssrc = this->SSRC()});
     bool const keyFrame = packetize({m_Frame.data(), size}, m_Viewers.maxPacket(), m_Packets);
     // A frame that nobody takes leaves no gap in the sequence numbers.
     if (m_Packets.count() == 0 || !m_Viewers.takes(keyFrame)) {
-      continuePlaying();
-      return;
+      return true;
     }
     count(rtpTime, size, time);
-    if (m_Viewers.send(m_Packets, keyFrame)) {
-      continuePlaying();
-    }
+    return m_Viewers.send(m_Packets, keyFrame);
   }
 
   // Frames of different times never share one.

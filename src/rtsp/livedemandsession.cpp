@@ -86,8 +86,15 @@ LiveDemandSession::Sink LiveDemandSession::makeSink(int addressFamily) {
 char const* LiveDemandSession::sdpLines(int addressFamily) {
   eventLoopRole.assertHeld();
   if (addressFamily != m_DescribedFamily) {
+    m_DescribedFamily = AF_UNSPEC;
     Sink const sink = makeSink(addressFamily);
-    setSDPLinesFromRTPSink(sink.rtp, nullptr, m_EstimatedBitrate);
+    try {
+      setSDPLinesFromRTPSink(sink.rtp, nullptr, m_EstimatedBitrate);
+    } catch (...) {
+      fSDPLines = nullptr;  // live555 frees it before it has memory for the next
+      Medium::close(sink.rtp);
+      throw;
+    }
     Medium::close(sink.rtp);
     m_DescribedFamily = addressFamily;
   }

@@ -9,6 +9,7 @@
 #include <memory>
 #include <utility>
 
+#include "eventloop/contained.h"
 #include "eventloop/eventtrigger.h"
 #include "rtsp/framebuffer.h"
 #include "rtsp/framesourcehandler.h"
@@ -74,11 +75,9 @@ class QueuedSource : public Base, public GrowingSource {
       AVPacket const packet = m_FrameSourceHandler->front().packet;
       // One that was submitted before and encoded until now is of an earlier visit too.
       bool const wanted = packet.data != nullptr && FrameSourceHandler::submitTime(packet) >= m_Created;
-      if (wanted) {
-        deliver(packet);
-      }
+      bool const delivered = wanted && contained([&]() KAVO_REQUIRES(eventLoopRole) { deliver(packet); });
       m_FrameSourceHandler->pop();
-      if (wanted) {
+      if (delivered) {
         FramedSource::afterGetting(this);
         return;
       }

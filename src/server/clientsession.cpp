@@ -41,6 +41,11 @@ void ClientSession::noteProgress() {
   }
 }
 
+bool ClientSession::isAbandoned() {
+  Viewer* const watching = viewer();
+  return m_Connection == nullptr && watching != nullptr && watching->isUnreachable();
+}
+
 void ClientSession::sayGoodbye() {
   if (Viewer* const watching = viewer()) {
     watching->sayGoodbye();
@@ -63,11 +68,18 @@ void ClientSession::handleCmd_SETUP(RTSPServer::RTSPClientConnection* connection
     return;
   }
   std::string const headers = "SETUP\r\nTransport: " + transport->text() + "\r\n\r\n";
-  RTSPClientSession::handleCmd_SETUP(connection, urlPreSuffix, urlSuffix, headers.c_str());
+  try {
+    RTSPClientSession::handleCmd_SETUP(connection, urlPreSuffix, urlSuffix, headers.c_str());
+  } catch (...) {
+    // live555 frees each before it has memory for the next.
+    fURLPreSuffix = fURLSuffix = fFullRequestStr = fTrackId = nullptr;
+    throw;
+  }
   if (Viewer* const watching = viewer()) {
     if (transport->interleaved) {
       watching->attach(ours.writer());
     }
+    m_ClientAddress = ours.clientAddress();
     watching->onSignOfLife([this] { noteLiveness(); });
     joinConnection(ours);
   } else if (ours.hasAccepted()) {

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <span>
 
+#include "delivery/address.h"
 #include "delivery/viewers.h"
 #include "eventloop/eventlooprole.h"
 
@@ -24,6 +25,12 @@ class ClientSession : public RTSPServer::RTSPClientSession {
   // The connection that it was set up on, or last used from; null once that is gone.
   RtspConnection* connection() const { return m_Connection; }
   void leaveConnection() { m_Connection = nullptr; }
+
+  // Whether requests from the address may use it: those of the host that made it.
+  bool isOfHost(sockaddr_storage const& address) const { return isSameHost(m_ClientAddress, address); }
+  // Whether it has lost its connection, and its viewer's port answers that nobody
+  // listens there any more. To be asked every second.
+  bool isAbandoned() KAVO_REQUIRES(eventLoopRole);
 
   // Whether anything is set up: only then is the session worth keeping.
   bool hasStream() const { return viewer() != nullptr; }
@@ -48,6 +55,7 @@ class ClientSession : public RTSPServer::RTSPClientSession {
   void joinConnection(RtspConnection& connection) KAVO_REQUIRES(eventLoopRole);
 
   RtspConnection* m_Connection = nullptr;
+  sockaddr_storage m_ClientAddress{};
 };
 
 }  // namespace kavo

@@ -8,6 +8,8 @@
 #include <cstring>
 #include <string>
 
+#include "eventloop/contained.h"
+#include "eventloop/memoryreserve.h"
 #include "server/clientsession.h"
 #include "server/rtspserver.h"
 
@@ -32,7 +34,13 @@ RtspConnection::RtspConnection(RtspServer& server, int clientSocket, sockaddr_st
     : RTSPClientConnection(server, clientSocket, clientAddress),
       m_Server(server),
       m_Watch(envir().taskScheduler(), clientSocket,
-              [this](int conditions) KAVO_REQUIRES(eventLoopRole) { handleSocket(conditions); }),
+              [this](int conditions) KAVO_REQUIRES(eventLoopRole) {
+                auto const alive = m_Alive;
+                if (!contained([&]() KAVO_REQUIRES(eventLoopRole) { handleSocket(conditions); }) && *alive) {
+                  fCurrentCSeq = nullptr;  // live555 frees it before it has memory for the next
+                  delete this;
+                }
+              }),
       m_Writer(std::make_shared<InterleavedWriter>(clientSocket, [this](bool wanted) KAVO_REQUIRES(eventLoopRole) {
         m_Watch.start(wanted ? SOCKET_READABLE | SOCKET_WRITABLE : SOCKET_READABLE);
       })) {
@@ -149,6 +157,10 @@ void RtspConnection::handleRequest() {
     answer("405 Method Not Allowed");
   } else if (request().cseq.empty()) {
     answer("400 Bad Request");
+  } else if (!request().session.empty() && !m_Server.maySpeakFor(request().session, fClientAddr)) {
+    answer("454 Session Not Found");
+  } else if (!MemoryReserve::refill()) {
+    answer("503 Service Unavailable");
   } else if (request().method == "SETUP" && request().session.empty() &&
              (m_Sessions.size() >= maxSessions || !m_Server.hasRoomForSession())) {
     answer("453 Not Enough Bandwidth");
@@ -163,12 +175,15 @@ void RtspConnection::handleRequest() {
 }
 
 // A response of our own, to a request that live555 does not get to see.
-void RtspConnection::answer(char const* status) {
-  std::string response = std::string("RTSP/1.0 ") + status + "\r\n";
+void RtspConnection::answer(std::string_view status) {
+  std::string response = "RTSP/1.0 " + std::string(status) + "\r\n";
   if (!request().cseq.empty()) {
     response += "CSeq: " + request().cseq + "\r\n";
   }
-  response += "Allow: OPTIONS, DESCRIBE, SETUP, TEARDOWN, PLAY, PAUSE, GET_PARAMETER, SET_PARAMETER\r\n\r\n";
+  if (status.starts_with("405")) {
+    response += "Allow: OPTIONS, DESCRIBE, SETUP, TEARDOWN, PLAY, PAUSE, GET_PARAMETER, SET_PARAMETER\r\n";
+  }
+  response += "\r\n";
   send(fClientOutputSocket, response.data(), response.size(), MSG_NOSIGNAL);
 }
 

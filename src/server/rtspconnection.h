@@ -7,6 +7,7 @@
 #include <list>
 #include <memory>
 #include <optional>
+#include <string_view>
 #include <vector>
 
 #include "delivery/interleavedwriter.h"
@@ -42,6 +43,7 @@ class RtspConnection : public RTSPServer::RTSPClientConnection {
   void removeSession(ClientSession const& session) { std::erase(m_Sessions, &session); }
   std::vector<ClientSession*> const& sessions() const { return m_Sessions; }
 
+  sockaddr_storage const& clientAddress() const { return fClientAddr; }
   // The request that is being answered.
   Request const& request() const { return m_Reader.request(); }
   std::shared_ptr<InterleavedWriter> const& writer() const { return m_Writer; }
@@ -73,7 +75,7 @@ class RtspConnection : public RTSPServer::RTSPClientConnection {
   Next handleNext() KAVO_REQUIRES(eventLoopRole);
   void handleInterleaved() KAVO_REQUIRES(eventLoopRole);
   void handleRequest() KAVO_REQUIRES(eventLoopRole);
-  void answer(char const* status) KAVO_REQUIRES(eventLoopRole);
+  void answer(std::string_view status) KAVO_REQUIRES(eventLoopRole);
 
   RtspServer& m_Server;
   std::list<RtspConnection*>::iterator m_Place;

@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "eventloop/memoryreserve.h"
 #include "server/clientsession.h"
 #include "server/rtspconnection.h"
 
@@ -100,9 +101,15 @@ void RtspServer::removeSession(ServerMediaSession* session) {
 GenericMediaServer::ClientConnection* RtspServer::createNewClientConnection(int clientSocket,
                                                                             sockaddr_storage const& clientAddress) {
   eventLoopRole.assertHeld();
-  auto* const connection = new RtspConnection(*this, clientSocket, clientAddress);
-  connection->setPlace(m_Connections.insert(m_Connections.end(), connection));
-  return connection;
+  auto const place = m_Connections.insert(m_Connections.end(), nullptr);
+  try {
+    *place = new RtspConnection(*this, clientSocket, clientAddress);
+  } catch (...) {
+    m_Connections.erase(place);
+    throw;
+  }
+  (*place)->setPlace(place);
+  return *place;
 }
 
 GenericMediaServer::ClientSession* RtspServer::createNewClientSession(u_int32_t sessionId) {
@@ -116,6 +123,11 @@ void RtspServer::removeFailedSession() {
   if (session != nullptr && !session->hasStream()) {
     delete session;
   }
+}
+
+bool RtspServer::maySpeakFor(std::string const& sessionId, sockaddr_storage const& clientAddress) {
+  auto const* const session = static_cast<kavo::ClientSession*>(lookupClientSession(sessionId.c_str()));
+  return session != nullptr && session->isOfHost(clientAddress);
 }
 
 bool RtspServer::hasRoomForSession() {
@@ -156,7 +168,7 @@ bool RtspServer::acceptOne(int listeningSocket) {
   Descriptor client(
       accept4(listeningSocket, reinterpret_cast<sockaddr*>(&address), &size, SOCK_NONBLOCK | SOCK_CLOEXEC));
   if (client.get() >= 0) {
-    if (m_Connections.size() < m_MaxConnections || evictConnection()) {
+    if (MemoryReserve::refill() && (m_Connections.size() < m_MaxConnections || evictConnection())) {
       createNewClientConnection(client.release(), address);
     }
     return true;
@@ -191,6 +203,8 @@ bool RtspServer::evictConnection() {
 }
 
 void RtspServer::closeIdleAndStalled() {
+  m_CloseIdle.start(idleCheckInterval);
+  MemoryReserve::refill();
   auto const now = RtspConnection::Clock::now();
   for (auto place = m_Connections.begin(); place != m_Connections.end();) {
     RtspConnection* const connection = *place++;
@@ -203,7 +217,16 @@ void RtspServer::closeIdleAndStalled() {
       }
     }
   }
-  m_CloseIdle.start(idleCheckInterval);
+  std::vector<kavo::ClientSession*> abandoned;
+  forEachSession([&](kavo::ClientSession& session) {
+    eventLoopRole.assertHeld();
+    if (session.isAbandoned()) {
+      abandoned.push_back(&session);
+    }
+  });
+  for (kavo::ClientSession* const session : abandoned) {
+    delete session;
+  }
 }
 
 }  // namespace kavo

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <list>
 #include <optional>
+#include <string>
 
 #include "eventloop/eventlooprole.h"
 #include "eventloop/socketwatch.h"
@@ -48,6 +49,8 @@ class RtspServer : public RTSPServer {
   void removeConnection(Connections::iterator place) KAVO_REQUIRES(eventLoopRole);
   void noteActivity(Connections::iterator place) KAVO_REQUIRES(eventLoopRole);
 
+  // Whether the session exists and is of the client's host: ids can be guessed.
+  bool maySpeakFor(std::string const& sessionId, sockaddr_storage const& clientAddress) KAVO_REQUIRES(eventLoopRole);
   // Whether one more client session may be made; one that has lost its connection gives way.
   bool hasRoomForSession() KAVO_REQUIRES(eventLoopRole);
   // Deletes the session that was made for the last request, unless that set up a stream.

@@ -13,12 +13,13 @@ namespace kavo {
 
 namespace {
 
-std::shared_ptr<ISubSession> makeStream(StreamEnvironment const& env, VideoCodecParameter const& parameter) {
+std::shared_ptr<ISubSession> makeStream(StreamEnvironment const& env, ServerMediaSession& media,
+                                        VideoCodecParameter const& parameter) {
   switch (parameter.m_DstCodecId) {
     case HostCodecMjpeg:
-      return std::make_shared<VideoSubSession<JpegDemandSession>>(env, &parameter);
+      return std::make_shared<VideoSubSession<JpegDemandSession>>(env, media, &parameter);
     case HostCodecH264:
-      return std::make_shared<VideoSubSession<H264DemandSession>>(env, &parameter);
+      return std::make_shared<VideoSubSession<H264DemandSession>>(env, media, &parameter);
     default:
       throw StreamException("Invalid codec parameter", ErrorInvalidParameter);
   }
@@ -38,6 +39,15 @@ Session::Session(StreamEnvironment const& env, std::string const& name, std::str
   });
 }
 
+Session::~Session() {
+  if (!m_Registered && m_MediaSession != nullptr) {
+    try {
+      m_Environment.runOnLoop([this] { Medium::close(m_MediaSession); });
+    } catch (...) {  // without memory to ask for it, it stays until the process ends
+    }
+  }
+}
+
 void Session::addStream(ICodecParameter const* param) {
   if (param->GetMediaType() != MediaTypeVideo) {
     throw StreamException("Invalid codec parameter", ErrorInvalidParameter);
@@ -45,8 +55,7 @@ void Session::addStream(ICodecParameter const* param) {
   if (m_Stream) {
     throw StreamException("Stream already initialized", ErrorAlreadyThere);
   }
-  m_Stream = makeStream(m_Environment, static_cast<VideoCodecParameter const&>(*param));
-  m_Environment.runOnLoop([&] { m_MediaSession->addSubsession(m_Stream->mediaSession()); });
+  m_Stream = makeStream(m_Environment, *m_MediaSession, static_cast<VideoCodecParameter const&>(*param));
 }
 
 void Session::submitData(void* streamId, unsigned char const* frame) {

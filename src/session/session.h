@@ -16,11 +16,11 @@ class StreamEnvironment;
 
 class Session {
  public:
-  // Creates the media session; who registers it with the RTSP server gives it
-  // to the server. Throws "Invalid session parameter" for an empty string.
+  // Creates the media session. Throws "Invalid session parameter" for an empty string.
   Session(StreamEnvironment const& env, std::string const& name, std::string const& info,
           std::string const& description);
-  virtual ~Session() = default;
+  // Closes the media session, unless it was registered.
+  virtual ~Session();
   Session(Session const&) = delete;
   Session& operator=(Session const&) = delete;
 
@@ -29,7 +29,10 @@ class Session {
   virtual std::string streamDescription() { return m_StreamDescription; }
   virtual ServerMediaSession* mediaSession() { return m_MediaSession; }
 
-  // Creates the session's one stream. A failure leaves the session without one.
+  // The media session belongs to the RTSP server from now on.
+  void setRegistered() { m_Registered = true; }
+
+  // Creates the session's one stream. A failure changes nothing.
   void addStream(ICodecParameter const* param);
   std::shared_ptr<ISubSession> stream() { return m_Stream; }
   // Hands a raw frame to the stream; throws "Invalid stream ID" unless streamId
@@ -41,6 +44,7 @@ class Session {
   std::string m_StreamInfo;
   std::string m_StreamDescription;
   ServerMediaSession* m_MediaSession = nullptr;
+  bool m_Registered = false;
   std::shared_ptr<ISubSession> m_Stream;
   StreamEnvironment const& m_Environment;
 };

@@ -4,8 +4,6 @@
 
 namespace kavo {
 
-SessionManager::~SessionManager() { exit(); }
-
 void SessionManager::init(unsigned int port) {
   Locked lock(m_Mutex);
   m_Environment.start(port);
@@ -14,9 +12,10 @@ void SessionManager::init(unsigned int port) {
 void SessionManager::exit() {
   Locked lock(m_Mutex);
   m_Environment.stop();
-  m_Sessions.clear();
+  decltype(m_Sessions)().swap(m_Sessions);  // and its memory, when the library is unloaded
 }
 
+// What can fail comes first; the media session is served as the last step.
 void SessionManager::addSession(SessionInformation& information) {
   Locked lock(m_Mutex);
   RtspServer* const server = m_Environment.GetRTSPServer();
@@ -28,21 +27,27 @@ void SessionManager::addSession(SessionInformation& information) {
     throw StreamException("Session name already in use", ErrorNameInUse);
   }
   auto session = std::make_shared<Session>(m_Environment, information.name, information.info, information.description);
-  m_Environment.runOnLoop([&] { server->addServerMediaSession(session->mediaSession()); });
-  information.handle = session.get();
-  m_Sessions.emplace(information.handle, session);
   information.url = urlOf(*session);
+  information.handle = session.get();
+  auto const place = m_Sessions.emplace(information.handle, session).first;
+  try {
+    m_Environment.runOnLoop([&] { server->addServerMediaSession(session->mediaSession()); });
+  } catch (...) {
+    m_Sessions.erase(place);
+    throw;
+  }
+  session->setRegistered();
 }
 
 void SessionManager::removeSession(void* handle) {
   Locked lock(m_Mutex);
   auto const session = m_Sessions.at(handle);
-  m_Sessions.erase(handle);
   RtspServer* const server = m_Environment.GetRTSPServer();
   m_Environment.runOnLoop([&] {
     eventLoopRole.assertHeld();
     server->removeSession(session->mediaSession());
   });
+  m_Sessions.erase(handle);
 }
 
 void SessionManager::sessionInfo(SessionInformation& information) {
@@ -63,6 +68,7 @@ void SessionManager::addStream(void* handle, void*& streamId, ICodecParameter co
 
 void SessionManager::submitData(void* handle, void* streamId, unsigned char const* frame) {
   Locked lock(m_Mutex);
+  m_Environment.requireHealth();
   auto const session = m_Sessions.at(handle);
   session->submitData(streamId, frame);
 }

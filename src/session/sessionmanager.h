@@ -26,7 +26,7 @@ class SessionManager {
   };
 
   SessionManager() = default;
-  virtual ~SessionManager();
+  virtual ~SessionManager() = default;
   SessionManager(SessionManager const&) = delete;
   SessionManager& operator=(SessionManager const&) = delete;
 

@@ -1,26 +1,29 @@
-// The live555 run-time of the library: scheduler, usage environment, at most
-// one RTSP server, and the event-loop thread that drives them.
+// The live555 run-time of the library: scheduler, usage environment, RTSP server,
+// and the event-loop thread that drives them.
 #pragma once
 
 #include <BasicUsageEnvironment.hh>
+#include <atomic>
 #include <functional>
 #include <future>
 #include <memory>
 #include <thread>
 #include <type_traits>
 
-#include "base/owners.h"
+#include "base/streamexception.h"
 #include "eventloop/eventlooprole.h"
 #include "eventloop/eventlooptasks.h"
+#include "eventloop/memoryreserve.h"
 #include "server/rtspserver.h"
 
 namespace kavo {
 
 // Host threads, one at a time (the session manager's lock); run() is the
-// event-loop thread.
+// event-loop thread. All of it is made by start() and gone after stop(), so
+// that whatever went wrong with one is over with the next.
 class StreamEnvironment {
  public:
-  StreamEnvironment();
+  StreamEnvironment() = default;
   ~StreamEnvironment();
   StreamEnvironment(StreamEnvironment const&) = delete;
   StreamEnvironment& operator=(StreamEnvironment const&) = delete;
@@ -33,13 +36,22 @@ class StreamEnvironment {
   // Calls the function on the event-loop thread and waits for it: its result
   // and its exception are the caller's. Called at once when no loop runs, or on
   // the event-loop thread itself. Every call of live555 that a host thread needs
-  // goes through here.
+  // goes through here. The event loop never waits for a host thread, so the
+  // caller may hold locks that the function does not take.
   template <class Function>
   std::invoke_result_t<Function> runOnLoop(Function function) const;
 
+  // Throws "RTSP server has failed" after the loop could not go on, until stop().
+  void requireHealth() const {
+    if (m_Failed) {
+      throw StreamException("RTSP server has failed", ErrorResource);
+    }
+  }
+
+  // While started. GetRTSPServer() throws "RTSP server is not initialized", and what
+  // requireHealth() throws.
   UsageEnvironment& GetUsageEnvironment() const { return *m_UsageEnvironment; }
   TaskScheduler* GetTaskScheduler() const { return m_TaskScheduler.get(); }
-  // Throws "RTSP server is not initialized".
   RtspServer* GetRTSPServer() const;
 
  private:
@@ -47,8 +59,12 @@ class StreamEnvironment {
     void operator()(UsageEnvironment* environment) const { environment->reclaim(); }
   };
 
+  void makeServer(unsigned int port);
+  void release();
+  void startThread();
   void run();
 
+  std::unique_ptr<MemoryReserve> m_Reserve;
   // In this order: the environment is reclaimed after the scheduler is deleted.
   std::unique_ptr<UsageEnvironment, Reclaim> m_UsageEnvironment;
   std::unique_ptr<TaskScheduler> m_TaskScheduler;
@@ -56,6 +72,7 @@ class StreamEnvironment {
   RtspServer* m_RTSPServer = nullptr;  // closed with Medium::close
   std::thread m_Thread;
   char volatile m_WatchVariable = 0;  // not 0: the event loop returns
+  std::atomic<bool> m_Failed = false;
 };
 
 template <class Function>
@@ -64,9 +81,18 @@ std::invoke_result_t<Function> StreamEnvironment::runOnLoop(Function function) c
     EventLoopRole::Holder const role(eventLoopRole);
     return function();
   }
-  std::packaged_task<std::invoke_result_t<Function>()> task(std::ref(function));
+  bool runs = true;
+  std::packaged_task<std::invoke_result_t<Function>()> task([&] {
+    if (!runs) {
+      throw StreamException("RTSP server has failed", ErrorResource);
+    }
+    return function();
+  });
   auto result = task.get_future();
-  m_Tasks->add([&task] { task(); });
+  m_Tasks->add([&](bool onLoop) {
+    runs = onLoop;
+    task();
+  });
   return result.get();
 }
 

@@ -2,6 +2,7 @@
 // threads, one at a time.
 #pragma once
 
+#include <ServerMediaSession.hh>
 #include <memory>
 
 #include "base/streamexception.h"
@@ -15,15 +16,18 @@ namespace kavo {
 template <class DemandSession>
 class VideoSubSession : public ISubSession {
  public:
-  // Throws what the transcoder throws.
-  VideoSubSession(StreamEnvironment const& env, VideoCodecParameter const* parameter)
+  // Adds its demand session to the media session, as the last step. Throws what the
+  // transcoder throws.
+  VideoSubSession(StreamEnvironment const& env, ServerMediaSession& media, VideoCodecParameter const* parameter)
       : ISubSession(env),
         m_FrameSourceHandler(std::make_shared<FrameSourceHandler>()),
         m_Transcoder(std::make_shared<Transcoder>(parameter)) {
     auto const parameterSets = m_Transcoder->parameterSets();
     m_MediaSession = env.runOnLoop([&] {
       eventLoopRole.assertHeld();
-      return DemandSession::createNew(env.GetUsageEnvironment(), m_FrameSourceHandler, parameterSets);
+      auto* const session = DemandSession::createNew(env.GetUsageEnvironment(), m_FrameSourceHandler, parameterSets);
+      media.addSubsession(session);
+      return session;
     });
   }
 
@@ -41,7 +45,12 @@ class VideoSubSession : public ISubSession {
     FrameSourceHandler::FrameData data{};
     m_Transcoder->transcode(frame, data.packet);
     FrameSourceHandler::setSubmitTime(data.packet, submitted);
-    m_FrameSourceHandler->push(data);
+    try {
+      m_FrameSourceHandler->push(data);
+    } catch (...) {
+      av_packet_unref(&data.packet);
+      throw;
+    }
     m_MediaSession->signalNewFrame(m_Environment.GetTaskScheduler());
   }
 

@@ -107,6 +107,14 @@ TEST_F(ResultCodes, OfSessions) {
     expectRefusal(m_Host, KV_CREATE_SESSION, with([&](auto& r) { std::memset(r.*field, 'x', 20); }),
                   KV_INVALID_PARAMETER, "not terminated");
   }
+  for (std::string const text : {"a\r\nm=audio 0 RTP/A", "a\x7f", "\x01"}) {
+    for (auto const field : {&kv_session_record::name, &kv_session_record::info, &kv_session_record::description}) {
+      expectRefusal(m_Host, KV_CREATE_SESSION, with([&](auto& r) { std::strcpy(r.*field, text.c_str()); }),
+                    KV_INVALID_PARAMETER, "a control character");
+    }
+  }
+  auto utf8 = with([](auto& r) { std::strcpy(r.name, "T\xc3\xbcr"); });
+  EXPECT_EQ(m_Host.call(KV_CREATE_SESSION, utf8), KV_OK);
   auto longest = with([](auto& r) { std::strcpy(r.name, "nineteen-characters"); });
   ASSERT_EQ(m_Host.call(KV_CREATE_SESSION, longest), KV_OK);
   std::string const url = longest.url;

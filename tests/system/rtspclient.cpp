@@ -16,8 +16,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr int limitMilliseconds = 20000;
-
 bool readable(int socket, int milliseconds) {
   pollfd entry{socket, POLLIN, 0};
   return poll(&entry, 1, milliseconds) > 0;
@@ -51,8 +49,8 @@ std::string RtspClient::Response::header(std::string const& name) const {
   return text.substr(begin, text.find("\r\n", begin) - begin);
 }
 
-RtspClient::RtspClient(std::uint32_t port, bool ipv6, int receiveBuffer)
-    : m_Socket(socket(ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM, 0)), m_Ipv6(ipv6) {
+RtspClient::RtspClient(std::uint32_t port, bool ipv6, int receiveBuffer, int limitMilliseconds)
+    : m_Socket(socket(ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM, 0)), m_Ipv6(ipv6), m_Limit(limitMilliseconds) {
   int const on = 1;
   setsockopt(m_Socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);  // reports are read when they are sent
   if (receiveBuffer > 0) {
@@ -79,7 +77,7 @@ void RtspClient::send(std::string const& bytes) { (void)::send(m_Socket, bytes.d
 bool RtspClient::fill(std::size_t bytes) {
   while (m_Buffer.size() < bytes) {
     char block[65536];
-    ssize_t const got = readable(m_Socket, limitMilliseconds) ? recv(m_Socket, block, sizeof block, 0) : 0;
+    ssize_t const got = readable(m_Socket, m_Limit) ? recv(m_Socket, block, sizeof block, 0) : 0;
     if (got <= 0) {
       return false;
     }
@@ -91,7 +89,7 @@ bool RtspClient::fill(std::size_t bytes) {
 RtspClient::Packet RtspClient::datagram() {
   Packet packet;
   pollfd entries[2] = {{m_Udp[0], POLLIN, 0}, {m_Udp[1], POLLIN, 0}};
-  if (poll(entries, 2, limitMilliseconds) > 0) {
+  if (poll(entries, 2, m_Limit) > 0) {
     packet.channel = entries[0].revents != 0 ? 0 : 1;
     packet.bytes.resize(2048);
     ssize_t const size = recv(m_Udp[packet.channel], packet.bytes.data(), packet.bytes.size(), 0);
@@ -251,8 +249,8 @@ bool RtspClient::receivesAPicture() {
 
 bool RtspClient::isClosedWhileReading() {
   char block[4096];
-  auto const limit = Clock::now() + std::chrono::milliseconds(limitMilliseconds);
-  while (Clock::now() < limit && readable(m_Socket, limitMilliseconds)) {
+  auto const limit = Clock::now() + std::chrono::milliseconds(m_Limit);
+  while (Clock::now() < limit && readable(m_Socket, m_Limit)) {
     if (recv(m_Socket, block, sizeof block, 0) <= 0) {
       return true;
     }
@@ -262,7 +260,7 @@ bool RtspClient::isClosedWhileReading() {
 
 bool RtspClient::isClosedWhileSending(std::string const& bytes) {
   std::size_t done = 0;
-  auto const limit = Clock::now() + std::chrono::milliseconds(limitMilliseconds);
+  auto const limit = Clock::now() + std::chrono::milliseconds(m_Limit);
   while (Clock::now() < limit) {
     ssize_t const sent = ::send(m_Socket, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (sent < 0 && errno != EAGAIN) {
@@ -270,7 +268,7 @@ bool RtspClient::isClosedWhileSending(std::string const& bytes) {
     }
     if (sent < 0) {
       pollfd entry{m_Socket, POLLOUT, 0};
-      poll(&entry, 1, limitMilliseconds);
+      poll(&entry, 1, m_Limit);
     } else {
       done = (done + static_cast<std::size_t>(sent)) % bytes.size();
     }

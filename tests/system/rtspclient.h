@@ -18,8 +18,9 @@ class RtspClient {
   };
 
   // Connects to 127.0.0.1 or ::1, with a receive buffer of that many bytes if
-  // told; connected() tells whether it worked.
-  explicit RtspClient(std::uint32_t port, bool ipv6 = false, int receiveBuffer = 0);
+  // told; connected() tells whether it worked. What does not come within the limit
+  // does not come at all.
+  explicit RtspClient(std::uint32_t port, bool ipv6 = false, int receiveBuffer = 0, int limitMilliseconds = 20000);
   ~RtspClient();
   RtspClient(RtspClient const&) = delete;
   RtspClient& operator=(RtspClient const&) = delete;
@@ -73,6 +74,7 @@ class RtspClient {
 
   int m_Socket = -1;
   bool m_Ipv6 = false;
+  int m_Limit;
   int m_Udp[2] = {-1, -1};  // RTP, RTCP
   int m_ServerPort = 0;
   int m_CSeq = 0;

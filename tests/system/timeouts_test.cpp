@@ -88,6 +88,25 @@ TEST_P(Timeouts, PortsThatAreSetUpAgainBelongToTheNewSession) {
   EXPECT_TRUE(viewer.receivesAPicture());
 }
 
+// Whoever goes without a word is not sent to for 65 seconds.
+TEST_P(Timeouts, AViewerThatIsGoneFromItsPortIsEnded) {
+  std::string gone;
+  RtspClient silent(m_Publisher.port());
+  ASSERT_TRUE(silent.playOverUdp(url()));
+  {
+    RtspClient viewer(m_Publisher.port());
+    ASSERT_TRUE(viewer.playOverUdp(url()) && viewer.receivesAPicture());
+    gone = viewer.session();
+  }
+  for (int second = 0; second < 8; ++second) {
+    RtspClient(m_Publisher.port()).request("OPTIONS", url());
+    m_Publisher.passSeconds(1);
+    RtspClient(m_Publisher.port()).request("OPTIONS", url());
+  }
+  EXPECT_FALSE(lives(gone));
+  EXPECT_TRUE(lives(silent.session()));
+}
+
 TEST_P(Timeouts, APausedViewerIsNotStalled) {
   RtspClient viewer(m_Publisher.port(), false, 4096);
   ASSERT_TRUE(viewer.play(url()) && viewer.receivesAPicture());

@@ -1,0 +1,56 @@
+// For objects that outlive static destruction, while other threads may still call. Any thread.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <new>
+#include <utility>
+
+namespace kavo {
+
+// An object whose destructor never runs.
+template <class T>
+class NoDestroy {
+ public:
+  template <class... Arguments>
+  explicit NoDestroy(Arguments&&... arguments) {
+    new (m_Bytes) T(std::forward<Arguments>(arguments)...);
+  }
+  NoDestroy(NoDestroy const&) = delete;
+  NoDestroy& operator=(NoDestroy const&) = delete;
+
+  T& operator*() const { return *std::launder(reinterpret_cast<T*>(m_Bytes)); }
+  T* operator->() const { return &**this; }
+
+ private:
+  alignas(T) mutable std::byte m_Bytes[sizeof(T)];
+};
+
+// Takes memory from a block in the library's own image, once and for all: for
+// containers that are filled when the library is loaded, and never changed.
+template <class T>
+struct InPlaceAllocator {
+  using value_type = T;
+
+  InPlaceAllocator() = default;
+  template <class U>
+  explicit(false) InPlaceAllocator(InPlaceAllocator<U> const&) {}
+
+  T* allocate(std::size_t count) {
+    constexpr std::size_t room = 4096;
+    alignas(std::max_align_t) static std::byte block[room];
+    static std::size_t used = 0;
+    std::size_t const size = count * sizeof(T);
+    if (size > room - used) {
+      throw std::bad_alloc();
+    }
+    T* const place = reinterpret_cast<T*>(block + used);
+    used += (size + alignof(std::max_align_t) - 1) / alignof(std::max_align_t) * alignof(std::max_align_t);
+    return place;
+  }
+  void deallocate(T*, std::size_t) {}
+
+  bool operator==(InPlaceAllocator const&) const = default;
+};
+
+}  // namespace kavo

@@ -1,0 +1,228 @@
+// One call fails: the n-th of a function, for all n, or for a sample that takes
+// some seconds. A host with viewers runs through all commands; each gets a result,
+// the process lives, nothing hangs, and afterwards everything works.
+//
+//   inject_sweep LIBRARY [all | SECONDS] [FUNCTION [N]]
+#include <dlfcn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kavo_stream.h"
+#include "system/rtspclient.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+void (*g_Arm)(char const*, long, long);
+long (*g_Disarm)();
+void (*g_Enter)(int);
+int (*g_Function)(int, void*, int);
+
+int library(int command, void* param, int size) {
+  g_Enter(1);
+  int const result = g_Function(command, param, size);
+  g_Enter(0);
+  return result;
+}
+
+constexpr unsigned limitSeconds = 60;
+
+template <class Record>
+int call(int command, Record& record) {
+  return library(command, &record, sizeof record);
+}
+
+struct Stream {
+  kv_session_record session{};
+  kv_stream_record record{};
+  kv_frame_record frame{};
+};
+
+std::vector<std::uint8_t> const g_Pixels(64 * 64 * 3 + 4096, 90);
+
+// Tries until it works: a command that failed has changed nothing. The first result.
+int insist(std::function<int()> const& command) {
+  int const first = command();
+  for (int again = first, tries = 0; again != KV_OK && tries < 40; ++tries) {
+    again = command();
+    if (again == KV_ALREADY_THERE || again == KV_NAME_IN_USE) {
+      std::fprintf(stderr, "a command that failed has half happened: %d, then %d\n", first, again);
+      std::_Exit(3);
+    }
+  }
+  return first;
+}
+
+bool publish(Stream& stream, char const* name, int codec) {
+  std::strcpy(stream.session.name, name);
+  std::strcpy(stream.session.info, "i");
+  std::strcpy(stream.session.description, "d");
+  insist([&] { return call(KV_CREATE_SESSION, stream.session); });
+  static kv_video_record video{};
+  video.src_width = video.src_height = video.dst_width = video.dst_height = 64;
+  video.src_pixel_format = KV_RGB24;
+  video.dst_codec = codec;
+  video.frame_rate = 25;
+  video.bitrate = 200000;
+  stream.record.handle = stream.session.handle;
+  stream.record.video = &video;
+  // What OpenH264 breaks when it is out of memory is its own.
+  insist([&] { return call(KV_CREATE_STREAM, stream.record); });
+  stream.frame.handle = stream.session.handle;
+  stream.frame.stream = stream.record.stream;
+  stream.frame.frame = g_Pixels.data();
+  return stream.record.stream != nullptr;
+}
+
+void submit(std::vector<Stream>& streams, int rounds) {
+  for (int i = 0; i < rounds; ++i) {
+    for (Stream& stream : streams) {
+      call(KV_SUBMIT_FRAME, stream.frame);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+}
+
+// All commands, with viewers that come, stay and go; strict: everything must work.
+void script(std::uint32_t port, bool strict) {
+  auto const require = [=](bool condition, char const* what) {
+    if (strict && !condition) {
+      std::fprintf(stderr, "afterwards: %s\n", what);
+      std::_Exit(4);
+    }
+  };
+  insist([&] { return call(KV_INIT, port); });
+  std::vector<Stream> streams(2);
+  require(publish(streams[0], "jpeg", KV_CODEC_MJPEG), "no JPEG stream");
+  require(publish(streams[1], "h264", KV_CODEC_H264), "no H.264 stream");
+  for (bool const jpeg : {true, false}) {
+    std::string const url = jpeg ? "rtsp://127.0.0.1/jpeg" : "rtsp://127.0.0.1/h264";
+    RtspClient tcp(port, false, 0, 1000);
+    RtspClient udp(port, false, 0, 1000);
+    require(tcp.play(url), "no viewer over TCP");
+    require(udp.playOverUdp(url), "no viewer over UDP");
+    submit(streams, 10);
+    require(tcp.hasPacket() && udp.hasPacket(), "no frame");
+    tcp.sendReport();
+    udp.sendReport();
+    tcp.request("PAUSE", url);
+    submit(streams, 2);
+    tcp.request("PLAY", url);
+    submit(streams, 2);
+    udp.request("TEARDOWN", url);
+  }
+  call(KV_GET_INFO, streams[0].session);
+  require(insist([&] { return library(KV_REMOVE_SESSION, streams[0].session.handle, 8); }) == KV_OK, "not removed");
+  require(library(KV_EXIT, nullptr, 0) == KV_OK, "no exit");
+}
+
+int openDescriptors() {
+  namespace fs = std::filesystem;
+  return static_cast<int>(std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
+}
+
+std::uint32_t freePortFrom(int seed) { return 20000 + static_cast<std::uint32_t>((getpid() * 7 + seed) % 20000); }
+
+// In a process of its own: the script with the failure, then twice without.
+// Prints the number of calls.
+int runOne(char const* file, std::string const& function, long at, long count) {
+  alarm(limitSeconds);
+  void* const handle = dlopen(file, RTLD_NOW | RTLD_LOCAL);
+  g_Function = reinterpret_cast<int (*)(int, void*, int)>(dlsym(handle, "_Z9kv_StreamiPvi"));
+  script(freePortFrom(1), true);
+  int const before = openDescriptors();
+  g_Arm(function.c_str(), at, count);
+  script(freePortFrom(2), false);
+  long const calls = g_Disarm();
+  library(KV_EXIT, nullptr, 0);
+  script(freePortFrom(3), true);
+  if (openDescriptors() > before) {
+    std::fprintf(stderr, "%d descriptors are left\n", openDescriptors() - before);
+    return 5;
+  }
+  std::printf("%ld\n", calls);
+  return 0;
+}
+
+// Its number of calls, or -1 and a line about what went wrong.
+long runApart(char const* self, char const* library, std::string const& function, long at, long count) {
+  std::string const command = std::string("timeout -s ALRM ") + std::to_string(2 * limitSeconds) + " " + self + " " +
+                              library + " one " + function + " " + std::to_string(at) + " " + std::to_string(count) +
+                              " 2>&1";
+  FILE* const pipe = popen(command.c_str(), "r");
+  std::string output;
+  char block[512];
+  while (std::fgets(block, sizeof block, pipe) != nullptr) {
+    output += block;
+  }
+  int const status = pclose(pipe);
+  if (status != 0) {
+    std::printf("FAILED: call %ld of %s (%ld in a row): status %d: %s\n", at, function.c_str(), count,
+                WEXITSTATUS(status), output.c_str());
+    return -1;
+  }
+  return std::atol(output.c_str());
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  g_Arm = reinterpret_cast<void (*)(char const*, long, long)>(dlsym(RTLD_DEFAULT, "kavo_inject_arm"));
+  g_Disarm = reinterpret_cast<long (*)()>(dlsym(RTLD_DEFAULT, "kavo_inject_disarm"));
+  g_Enter = reinterpret_cast<void (*)(int)>(dlsym(RTLD_DEFAULT, "kavo_inject_enter"));
+  if (argc < 3 || g_Arm == nullptr) {
+    std::fprintf(stderr, "usage: LD_PRELOAD=libfailshim.so inject_sweep LIBRARY all|SECONDS [FUNCTION]\n");
+    return 2;
+  }
+  std::string const mode = argv[2];
+  if (mode == "one") {
+    return runOne(argv[1], argv[3], std::atol(argv[4]), std::atol(argv[5]));
+  }
+  std::vector<std::string> functions = {"malloc",   "calloc",       "realloc",        "posix_memalign", "socket",
+                                        "bind",     "listen",       "accept4",        "send",           "sendmsg",
+                                        "sendmmsg", "recv",         "setsockopt",     "epoll_create1",  "epoll_ctl",
+                                        "eventfd",  "epoll_pwait2", "pthread_create", "dlopen"};
+  if (argc > 3) {
+    functions = {argv[3]};
+  }
+  auto const end = Clock::now() + std::chrono::seconds(mode == "all" ? 1000000 : std::atol(mode.c_str()));
+  std::mt19937 random(static_cast<unsigned>(std::time(nullptr)));
+  int runs = 0;
+  int failed = 0;
+  std::vector<long> calls;
+  for (auto const& function : functions) {
+    calls.push_back(runApart(argv[0], argv[1], function, 1000000000, 1));
+    failed += calls.back() < 0 ? 1 : 0;
+  }
+  for (long round = 1; Clock::now() < end; ++round) {
+    bool any = false;
+    for (std::size_t i = 0; i < functions.size() && Clock::now() < end; ++i) {
+      if (mode == "all" ? round > calls[i] : calls[i] < 1) {
+        continue;
+      }
+      any = true;
+      long const at = mode == "all" ? round : 1 + static_cast<long>(random() % static_cast<unsigned long>(calls[i]));
+      long const count = round % 7 == 0 ? 30 : 1;
+      failed += runApart(argv[0], argv[1], functions[i], at, count) < 0 ? 1 : 0;
+      ++runs;
+    }
+    if (!any) {
+      break;
+    }
+  }
+  std::printf("%d runs, %d failed\n", runs, failed);
+  return failed == 0 && runs > 0 ? 0 : 1;
+}
