@@ -14,8 +14,10 @@
  * only during the call and keeps no pointer to them. A record is written only
  * when the call returns KV_OK.
  *
- * Do not fork between init and exit and go on in the child: the library's
- * thread stays with the parent.
+ * The process. The library's thread blocks all signals, and SIGPIPE does what it
+ * did before. A forked child's calls answer KV_RESOURCE_FAILURE (KV_EXIT: KV_OK)
+ * and leave the server to the parent. Where memory is short, a call fails and
+ * changes nothing: the same call may succeed later.
  */
 #ifndef KAVO_STREAM_H
 #define KAVO_STREAM_H
@@ -61,9 +63,9 @@ enum kv_result {
   KV_INVALID_PARAMETER = 3, /* unknown command, wrong size, or a value refused */
   KV_NAME_IN_USE = 4,       /* another session has this name */
   KV_UNKNOWN = 5,           /* no such session, or not a stream of it */
-  KV_RESOURCE_FAILURE = 6,  /* no memory, port taken */
+  KV_RESOURCE_FAILURE = 6,  /* port taken, no descriptors, no memory; or the server has failed: KV_EXIT, KV_INIT */
   KV_CODEC_FAILURE = 7,     /* picture size or settings that the codec refuses, or OpenH264 is missing */
-  KV_UNEXPECTED = -1        /* anything else */
+  KV_UNEXPECTED = -1        /* anything else: no memory, where the standard library says so */
 };
 
 /* Raw frame layouts. A frame is tightly packed: no padding between rows or
@@ -97,7 +99,9 @@ typedef void* kv_session_handle;
 typedef void* kv_stream_id;
 
 /* KV_CREATE_SESSION and KV_GET_INFO. The three texts are the host's to give
- * when a session is created: each of 1 to 19 bytes and a NUL. */
+ * when a session is created: each of 1 to 19 bytes without control characters,
+ * and a NUL. UTF-8 is welcome. A URL carries a name of letters, digits and -_.~ as
+ * it is; clients have to send other bytes raw, and cannot use / ? # % and blanks. */
 typedef struct kv_session_record {
   void* reserved;           /* not used */
   kv_session_handle handle; /* out of KV_CREATE_SESSION, into KV_GET_INFO */

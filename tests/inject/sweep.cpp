@@ -4,6 +4,8 @@
 //
 //   inject_sweep LIBRARY [all | SECONDS] [FUNCTION [N]]
 #include <dlfcn.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -134,7 +136,16 @@ int openDescriptors() {
   return static_cast<int>(std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
 }
 
-std::uint32_t freePortFrom(int seed) { return 20000 + static_cast<std::uint32_t>((getpid() * 7 + seed) % 20000); }
+std::uint32_t freePort() {
+  int const socket = ::socket(AF_INET6, SOCK_STREAM, 0);
+  sockaddr_in6 address{};
+  address.sin6_family = AF_INET6;
+  socklen_t size = sizeof address;
+  bind(socket, reinterpret_cast<sockaddr*>(&address), size);
+  getsockname(socket, reinterpret_cast<sockaddr*>(&address), &size);
+  close(socket);
+  return ntohs(address.sin6_port);
+}
 
 // In a process of its own: the script with the failure, then twice without.
 // Prints the number of calls.
@@ -142,13 +153,13 @@ int runOne(char const* file, std::string const& function, long at, long count) {
   alarm(limitSeconds);
   void* const handle = dlopen(file, RTLD_NOW | RTLD_LOCAL);
   g_Function = reinterpret_cast<int (*)(int, void*, int)>(dlsym(handle, "_Z9kv_StreamiPvi"));
-  script(freePortFrom(1), true);
+  script(freePort(), true);
   int const before = openDescriptors();
   g_Arm(function.c_str(), at, count);
-  script(freePortFrom(2), false);
+  script(freePort(), false);
   long const calls = g_Disarm();
   library(KV_EXIT, nullptr, 0);
-  script(freePortFrom(3), true);
+  script(freePort(), true);
   if (openDescriptors() > before) {
     std::fprintf(stderr, "%d descriptors are left\n", openDescriptors() - before);
     return 5;
