@@ -44,20 +44,24 @@ std::span<iovec const> InterleavedFrame::pieces() {
   if (++m_Viewers > fewViewers) {
     copy();
   }
-  return m_Copy ? std::span<iovec const>(&m_CopyPiece, 1) : m_Packets.interleaved(m_Channel);
+  return m_IsCopied ? std::span<iovec const>(&m_CopyPiece, 1) : m_Packets->interleaved(m_Channel);
 }
 
-InterleavedBytes const& InterleavedFrame::copy() {
-  if (!m_Copy) {
-    auto const bytes = std::make_shared<std::vector<std::uint8_t>>();
-    bytes->reserve(size());
-    for (iovec const& piece : m_Packets.interleaved(m_Channel)) {
-      auto const* const begin = static_cast<std::uint8_t const*>(piece.iov_base);
-      bytes->insert(bytes->end(), begin, begin + piece.iov_len);
-    }
-    m_CopyPiece = {bytes->data(), bytes->size()};
-    m_Copy = bytes;
+InterleavedBytes InterleavedFrame::copy() {
+  if (m_IsCopied) {
+    return m_Copy;
   }
+  if (m_Copy.use_count() != 1) {
+    m_Copy = std::make_shared<std::vector<std::uint8_t>>();
+  }
+  m_Copy->clear();
+  m_Copy->reserve(size());
+  for (iovec const& piece : m_Packets->interleaved(m_Channel)) {
+    auto const* const begin = static_cast<std::uint8_t const*>(piece.iov_base);
+    m_Copy->insert(m_Copy->end(), begin, begin + piece.iov_len);
+  }
+  m_CopyPiece = {m_Copy->data(), m_Copy->size()};
+  m_IsCopied = true;
   return m_Copy;
 }
 

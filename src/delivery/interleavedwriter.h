@@ -25,18 +25,25 @@ class InterleavedFrame {
  public:
   static constexpr int fewViewers = 4;
 
-  InterleavedFrame(FramePackets& packets, std::uint8_t channel) : m_Packets(packets), m_Channel(channel) {}
+  InterleavedFrame(FramePackets& packets, std::uint8_t channel) : m_Packets(&packets), m_Channel(channel) {}
+  // The next frame on the channel. The copy's room is used again, unless somebody still waits for it.
+  void begin(FramePackets& packets) {
+    m_Packets = &packets;
+    m_Viewers = 0;
+    m_IsCopied = false;
+  }
 
   std::uint8_t channel() const { return m_Channel; }
   std::span<iovec const> pieces();
-  std::size_t size() const { return m_Packets.bytes() + m_Packets.count() * FramePackets::interleavedHeaderSize; }
-  InterleavedBytes const& copy();
+  std::size_t size() const { return m_Packets->bytes() + m_Packets->count() * FramePackets::interleavedHeaderSize; }
+  InterleavedBytes copy();
 
  private:
-  FramePackets& m_Packets;
+  FramePackets* m_Packets;
   std::uint8_t m_Channel;
   int m_Viewers = 0;
-  InterleavedBytes m_Copy;
+  bool m_IsCopied = false;
+  std::shared_ptr<std::vector<std::uint8_t>> m_Copy;
   iovec m_CopyPiece{};
 };
 

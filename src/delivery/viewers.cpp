@@ -83,6 +83,7 @@ void Viewers::remove(Viewer& viewer) {
   std::erase_if(m_Viewers, [&](auto const& entry) { return entry.get() == &viewer; });
   fitPackets();
   if (m_Viewers.empty()) {
+    m_InterleavedFrames.clear();
     m_Families[0].reset();
     m_Families[1].reset();
     m_NextReport.stop();
@@ -160,7 +161,9 @@ bool Viewers::takes(bool keyFrame) const {
 
 bool Viewers::send(FramePackets& packets, bool keyFrame) {
   bool keyFrameWanted = false;
-  m_InterleavedFrames.clear();
+  for (InterleavedFrame& frame : m_InterleavedFrames) {
+    frame.begin(packets);
+  }
   for (auto const& viewer : m_Viewers) {
     if (keyFrame && viewer->m_State == Viewer::State::AwaitingKeyFrame) {
       viewer->m_State = Viewer::State::Playing;

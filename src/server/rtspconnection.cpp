@@ -159,7 +159,7 @@ void RtspConnection::handleRequest() {
     answer("400 Bad Request");
   } else if (!request().session.empty() && !m_Server.maySpeakFor(request().session, fClientAddr)) {
     answer("454 Session Not Found");
-  } else if (!MemoryReserve::refill()) {
+  } else if ((request().method == "SETUP" || request().method == "DESCRIBE") && !MemoryReserve::refill()) {
     answer("503 Service Unavailable");
   } else if (request().method == "SETUP" && request().session.empty() &&
              (m_Sessions.size() >= maxSessions || !m_Server.hasRoomForSession())) {

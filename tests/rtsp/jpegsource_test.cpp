@@ -5,7 +5,8 @@
 #include <array>
 #include <cstring>
 
-#include "session/streamenvironment.h"
+#include "eventloop/epollscheduler.h"
+#include "eventloop/quietusageenvironment.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -18,8 +19,12 @@ namespace {
 // A consumer of one frame at a time, in place of the RTP sink.
 class JpegSourceTest : public ::testing::Test {
  protected:
-  JpegSourceTest() : m_Source(JpegSource::createNew(m_Environment.GetUsageEnvironment(), m_Queue)) {}
-  ~JpegSourceTest() override { Medium::close(m_Source); }
+  JpegSourceTest() : m_Source(JpegSource::createNew(*m_Environment, m_Queue)) {}
+  ~JpegSourceTest() override {
+    Medium::close(m_Source);
+    m_Scheduler.reset();
+    m_Environment->reclaim();
+  }
 
   void queue(std::size_t size, std::size_t headerLength) {
     FrameSourceHandler::FrameData data{};
@@ -39,10 +44,9 @@ class JpegSourceTest : public ::testing::Test {
   void request(unsigned room) {
     m_Source->getNextFrame(m_Buffer.data(), room, gotFrame, this, nullptr, nullptr);
     char volatile stop = 0;
-    auto* const scheduler = m_Environment.GetTaskScheduler();
-    scheduler->scheduleDelayedTask(
+    m_Scheduler->scheduleDelayedTask(
         0, [](void* flag) { *static_cast<char volatile*>(flag) = 1; }, const_cast<char*>(&stop));
-    scheduler->doEventLoop(&stop);
+    m_Scheduler->doEventLoop(&stop);
   }
 
   static void gotFrame(void* self, unsigned size, unsigned truncated, timeval, unsigned) {
@@ -52,8 +56,9 @@ class JpegSourceTest : public ::testing::Test {
     test->m_Truncated = truncated;
   }
 
-  StreamEnvironment m_Environment;
   EventLoopRole::Holder m_Role{eventLoopRole};
+  std::unique_ptr<TaskScheduler> m_Scheduler{EpollScheduler::createNew(10000)};
+  UsageEnvironment* m_Environment = QuietUsageEnvironment::createNew(*m_Scheduler);
   std::shared_ptr<FrameSourceHandler> m_Queue = std::make_shared<FrameSourceHandler>();
   JpegSource* m_Source;
   std::array<unsigned char, 4096> m_Buffer{};
@@ -98,7 +103,7 @@ TEST_F(JpegSourceTest, DropsAnEmptyFrameAndGoesOnWaiting) {
   EXPECT_TRUE(m_Queue->empty());
   EXPECT_TRUE(m_Source->isCurrentlyAwaitingData());
   Medium::close(m_Source);
-  m_Source = JpegSource::createNew(m_Environment.GetUsageEnvironment(), m_Queue);
+  m_Source = JpegSource::createNew(*m_Environment, m_Queue);
   m_Queue->push({});
   queue(1000, 600);
   request(4096);
@@ -120,7 +125,7 @@ TEST_F(JpegSourceTest, AFrameFromBeforeTheSourceIsNotDelivered) {
   queue(1000, 600);
   Medium::close(m_Source);
   queue(1000, 600);  // its encoding ended after nobody watched any more
-  m_Source = JpegSource::createNew(m_Environment.GetUsageEnvironment(), m_Queue);
+  m_Source = JpegSource::createNew(*m_Environment, m_Queue);
   EXPECT_TRUE(m_Queue->empty());
   FrameSourceHandler::FrameData late{};
   av_new_packet(&late.packet, 1000);
