@@ -7,7 +7,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <deque>
 #include <filesystem>
+#include <string>
 
 #include "system/host.h"
 #include "system/player.h"
@@ -161,6 +163,32 @@ TEST(Lifecycle, AShortageAtLoadAndInitIsOverWithIt) {
   host.startSubmitting();
   RtspClient viewer(host.port());
   EXPECT_TRUE(viewer.play(host.url("stream")) && viewer.receivesAPicture());
+}
+#endif
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // they have memory of their own
+TEST(Lifecycle, AWatchedStreamTakesTheMemoryOfItsPictures) {
+  for (int const codec : {KV_CODEC_MJPEG, KV_CODEC_H264}) {
+    Host host;
+    host.serve();
+    std::deque<RtspClient> viewers;
+    auto const watch = [&](int from, int to) {
+      host.stopSubmitting();
+      for (int i = from; i < to; ++i) {
+        host.publish("stream" + std::to_string(i), KV_BGR24, codec, 64, 64);
+      }
+      host.startSubmitting();
+      for (int i = from; i < to; ++i) {
+        EXPECT_TRUE(viewers.emplace_back(host.port()).play(host.url("stream" + std::to_string(i))) &&
+                    viewers.back().receivesAPicture());
+      }
+      auto const status = contentOf("/proc/self/status");
+      return std::stoi(status.substr(status.find("VmSize:") + 7));
+    };
+    int const one = watch(0, 1);  // with what the process needs once: its threads' heaps
+    // OpenH264 reserves 6200 kB of it for scaling full HD, and does not touch it.
+    EXPECT_LT((watch(1, 21) - one) / 20, codec == KV_CODEC_H264 ? 3000 + 6200 : 3000) << "kB, codec " << codec;
+  }
 }
 #endif
 
