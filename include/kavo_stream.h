@@ -15,9 +15,9 @@
  * when the call returns KV_OK.
  *
  * The process. The library's thread blocks all signals, and SIGPIPE does what it
- * did before. A forked child's calls answer KV_RESOURCE_FAILURE (KV_EXIT: KV_OK)
- * and leave the server to the parent. Where memory is short, a call fails and
- * changes nothing: the same call may succeed later.
+ * did before. The calls of a child forked between KV_INIT and KV_EXIT answer
+ * KV_RESOURCE_FAILURE (KV_EXIT: KV_OK) and leave the server to the parent. Where
+ * memory is short, a call fails and changes nothing: the same call may succeed later.
  */
 #ifndef KAVO_STREAM_H
 #define KAVO_STREAM_H

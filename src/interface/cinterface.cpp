@@ -23,13 +23,14 @@ constexpr unsigned int defaultPort = 8554;
 NoDestroy<SessionManager> g_SessionManager;
 
 // A child that the host forked off has the memory of a server, but not its thread:
-// its calls must leave the parent's sockets alone.
+// its calls must leave the parent's sockets alone. A host that forked before it served
+// (a daemon) is no such child.
 std::atomic<bool> g_InChild = false;
 
 // When the library is unloaded, or the process ends.
 struct ExitAtUnload {
   ExitAtUnload() {
-    pthread_atfork(nullptr, nullptr, [] { g_InChild = true; });
+    pthread_atfork(nullptr, nullptr, [] { g_InChild = g_InChild || g_SessionManager->mayServe(); });
   }
   ~ExitAtUnload() {
     if (!g_InChild) {

@@ -6,13 +6,20 @@ namespace kavo {
 
 void SessionManager::init(unsigned int port) {
   Locked lock(m_Mutex);
-  m_Environment.start(port);
+  m_MayServe = true;
+  try {
+    m_Environment.start(port);
+  } catch (...) {
+    m_MayServe = m_Environment.isStarted();
+    throw;
+  }
 }
 
 void SessionManager::exit() {
   Locked lock(m_Mutex);
   m_Environment.stop();
   decltype(m_Sessions)().swap(m_Sessions);  // and its memory, when the library is unloaded
+  m_MayServe = false;
 }
 
 // What can fail comes first; the media session is served as the last step.

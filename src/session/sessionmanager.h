@@ -2,6 +2,7 @@
 // under which every command of the host does its work. Host threads, any number.
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <string>
 #include <unordered_map>
@@ -34,6 +35,8 @@ class SessionManager {
   void init(unsigned int port) KAVO_EXCLUDES(m_Mutex);
   // Ends serving and drops every session.
   void exit() KAVO_EXCLUDES(m_Mutex);
+  // Whether there is a server, or one is being made or ended. Any thread; without the lock.
+  bool mayServe() const { return m_MayServe; }
 
   // In: name, info, description; out: handle, url.
   void addSession(SessionInformation& information) KAVO_EXCLUDES(m_Mutex);
@@ -51,6 +54,7 @@ class SessionManager {
 
   std::unordered_map<void*, std::shared_ptr<Session>> m_Sessions KAVO_GUARDED_BY(m_Mutex);
   RecursiveMutex m_Mutex;
+  std::atomic<bool> m_MayServe = false;
   StreamEnvironment m_Environment KAVO_GUARDED_BY(m_Mutex);
 };
 

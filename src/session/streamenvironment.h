@@ -32,6 +32,7 @@ class StreamEnvironment {
   void start(unsigned int port);
   // Ends both. Does nothing if not started.
   void stop();
+  bool isStarted() const { return m_RTSPServer != nullptr; }
 
   // Calls the function on the event-loop thread and waits for it: its result
   // and its exception are the caller's. Called at once when no loop runs, or on

@@ -220,6 +220,19 @@ TEST(Lifecycle, TheHostsSignalsAreLeftAlone) {
 
 TEST(Lifecycle, AForkedChildLeavesTheServerAlone) {
   Host host;
+  int status = -1;
+  pid_t const daemon = fork();  // loaded and forked before it serves: a server of its own
+  if (daemon == 0) {
+    host.serve();
+    host.publish("stream");
+    host.startSubmitting();
+    RtspClient viewer(host.port());
+    bool const served = viewer.play(host.url("stream")) && viewer.receivesAPicture();
+    host.exit();
+    std::exit(served ? 0 : 1);
+  }
+  ASSERT_EQ(waitpid(daemon, &status, 0), daemon);
+  EXPECT_EQ(status, 0);
   host.serve();
   auto const record = host.publish("stream").record;
   host.startSubmitting();
@@ -234,7 +247,6 @@ TEST(Lifecycle, AForkedChildLeavesTheServerAlone) {
                          host.call(KV_INIT, port) == KV_RESOURCE_FAILURE && host.call(KV_EXIT, nullptr, 0) == KV_OK;
     std::exit(refused ? 0 : 1);  // with static destructors
   }
-  int status = -1;
   ASSERT_EQ(waitpid(child, &status, 0), child);
   EXPECT_EQ(status, 0);
   host.startSubmitting();
