@@ -60,7 +60,9 @@ int insist(std::function<int()> const& command) {
   int const first = command();
   for (int again = first, tries = 0; again != KV_OK && tries < 40; ++tries) {
     again = command();
-    if (again == KV_ALREADY_THERE || again == KV_NAME_IN_USE) {
+    // 6 for good is what a server that could not go on answers.
+    bool const gaveUp = tries == 39 && again != KV_OK && again != KV_RESOURCE_FAILURE;
+    if (again == KV_ALREADY_THERE || again == KV_NAME_IN_USE || gaveUp) {
       std::fprintf(stderr, "a command that failed has half happened: %d, then %d\n", first, again);
       std::_Exit(3);
     }
@@ -98,6 +100,24 @@ void submit(std::vector<Stream>& streams, int rounds) {
   }
 }
 
+// A new viewer gets a frame from the server that met the failure, unless it ended.
+void requireService(std::uint32_t port, std::vector<Stream>& streams, std::string const& url) {
+  for (int tries = 0; tries < 40; ++tries) {
+    RtspClient viewer(port, false, 0, 1000);
+    if (viewer.play(url)) {
+      submit(streams, 10);
+      if (viewer.hasPacket()) {
+        return;
+      }
+    }
+    if (call(KV_GET_INFO, streams[0].session) == KV_RESOURCE_FAILURE) {
+      return;
+    }
+  }
+  std::fprintf(stderr, "after the failure: no frame of %s\n", url.c_str());
+  std::_Exit(6);
+}
+
 // All commands, with viewers that come, stay and go; strict: everything must work.
 void script(std::uint32_t port, bool strict) {
   auto const require = [=](bool condition, char const* what) {
@@ -125,6 +145,7 @@ void script(std::uint32_t port, bool strict) {
     tcp.request("PLAY", url);
     submit(streams, 2);
     udp.request("TEARDOWN", url);
+    requireService(port, streams, url);
   }
   call(KV_GET_INFO, streams[0].session);
   require(insist([&] { return library(KV_REMOVE_SESSION, streams[0].session.handle, 8); }) == KV_OK, "not removed");
