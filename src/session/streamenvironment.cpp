@@ -12,6 +12,7 @@
 
 #include "eventloop/epollscheduler.h"
 #include "eventloop/quietusageenvironment.h"
+#include "rtsp/framebuffer.h"
 
 namespace kavo {
 
@@ -19,7 +20,6 @@ namespace {
 
 constexpr unsigned granularityMicroseconds = 10000;
 constexpr unsigned reclamationSeconds = 65;
-constexpr unsigned largestFrame = 8000000;
 
 // Restores what the process does about a signal: live555's server has it ignore
 // SIGPIPE, which is the host's to decide. Nothing is sent here that could raise it.
@@ -137,8 +137,8 @@ void StreamEnvironment::makeServer(unsigned int port) {
   if (!m_UsageEnvironment) {
     throw StreamException("BasicUsageEnvironment creation failed", ErrorResource);
   }
-  // Every sink made from now on takes one encoded frame of this size whole.
-  OutPacketBuffer::maxSize = largestFrame;
+  // What a frame may have, for live555's own sinks too. Ours take no such buffer.
+  OutPacketBuffer::maxSize = FrameBuffer::largestFrame;
   m_Tasks = std::make_unique<EventLoopTasks>(*m_TaskScheduler);
   settleOwnAddress();
   seedSessionIds(*m_UsageEnvironment);

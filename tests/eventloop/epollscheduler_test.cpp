@@ -8,6 +8,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <new>
 #include <thread>
 #include <vector>
 
@@ -62,6 +63,27 @@ class EpollSchedulerTest : public ::testing::Test {
 };
 
 }  // namespace
+
+// A timer, a trigger or a socket's handler that throws ends alone.
+TEST_F(EpollSchedulerTest, AnExceptionEndsItsHandlerOnly) {
+  Pair pair;
+  pair.send();
+  int calls = 0;
+  Callback throwing = [&] {
+    ++calls;
+    throw std::bad_alloc();
+  };
+  Callback last = [&] { ++calls; };
+  auto const throwingTrigger = scheduler().createEventTrigger(call);
+  auto const lastTrigger = scheduler().createEventTrigger(call);
+  watch(pair.near.get(), throwing);
+  scheduler().triggerEvent(throwingTrigger, &throwing);
+  scheduler().triggerEvent(lastTrigger, &last);
+  scheduler().scheduleDelayedTask(0, call, &throwing);
+  scheduler().scheduleDelayedTask(0, call, &last);
+  EXPECT_NO_THROW(runUntil([&] { return calls >= 5; }));
+  unwatch(pair.near.get());
+}
 
 TEST_F(EpollSchedulerTest, RunsTriggersFromManyThreadsWithoutALimit) {
   constexpr int triggers = 200;

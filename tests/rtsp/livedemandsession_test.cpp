@@ -45,4 +45,11 @@ TEST(LiveDemandSession, OnlyWhoeverPlaysMakesSomebodyEncode) {
   EXPECT_TRUE(streaming(second, "PLAY"));
   EXPECT_TRUE(streaming(first, "TEARDOWN"));
   EXPECT_FALSE(streaming(second, "TEARDOWN"));
+  // Whose ports are set up again gets no more frames, and the new session none yet.
+  RtspClient again(port - 1);
+  ASSERT_TRUE(again.playOverUdp(url));
+  EXPECT_TRUE(queue->IsStreaming());
+  again.forgetSession();
+  EXPECT_EQ(again.setUpOverUdp(url).status, 200);
+  EXPECT_FALSE(queue->IsStreaming());
 }
