@@ -38,9 +38,7 @@ TEST(Connections, DISABLED_Crowd) {
 TEST(Connections, SilentOnesDoNotExhaustTheHost) {
   allowFiles(64);
   Host host;
-  host.serve();
-  host.publish("stream");
-  host.startSubmitting();
+  host.serveLive("stream");
   RtspClient viewer(host.port());
   ASSERT_TRUE(viewer.play(host.url("stream")));
   TemporaryFolder folder;
@@ -67,9 +65,7 @@ TEST(Connections, SilentOnesDoNotExhaustTheHost) {
 
 TEST(Connections, ALoopOutOfDescriptorsRestsAndComesBack) {
   Host host;
-  host.serve();
-  host.publish("stream");
-  host.startSubmitting();
+  host.serveLive("stream");
   RtspClient viewer(host.port());
   ASSERT_TRUE(viewer.play(host.url("stream")));
   // The host itself uses up all descriptors but the one for the newcomer's end.
@@ -134,9 +130,7 @@ TEST(Connections, WithoutDescriptorsASetupIsRefusedAndTheLoopGoesOn) {
 
 TEST(Connections, RequestsThatAreNotOfferedAreAnsweredWithAnError) {
   Host host;
-  host.serve();
-  host.publish("stream");
-  host.startSubmitting();
+  host.serveLive("stream");
   auto const url = host.url("stream");
   RtspClient client(host.port());
   for (auto const* method : {"REGISTER", "DEREGISTER", "ANNOUNCE", "RECORD", "REDIRECT", "GET", "POST", "NONSENSE"}) {
@@ -171,9 +165,7 @@ TEST(Connections, AHostWithManyOpenFilesIsServed) {
     files.push_back(dup(0));
   }
   Host host;
-  host.serve();
-  host.publish("stream");
-  host.startSubmitting();
+  host.serveLive("stream");
   RtspClient tcp(host.port());
   RtspClient udp(host.port());
   EXPECT_TRUE(tcp.play(host.url("stream")) && tcp.receivesAPicture());

@@ -87,6 +87,12 @@ void Host::startSubmitting() {
   });
 }
 
+void Host::serveLive(std::string const& name) {
+  serve();
+  publish(name);
+  startSubmitting();
+}
+
 void Host::stopSubmitting() {
   m_Submitting = false;
   if (m_Submitter.joinable()) {

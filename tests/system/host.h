@@ -45,6 +45,8 @@ class Host {
   Stream& publish(std::string const& name, int format = KV_BGR24, int codec = KV_CODEC_MJPEG, int width = 320,
                   int height = 240, int bitrate = 800000);
   void startSubmitting();
+  // All of it: serves one stream of the test picture, and submits its frames.
+  void serveLive(std::string const& name);
   void stopSubmitting();
   // Rounds of frames submitted so far.
   int submitted() const { return m_Submitted; }

@@ -16,11 +16,7 @@ namespace {
 
 class Hostility : public ::testing::Test {
  protected:
-  Hostility() {
-    m_Host.serve();
-    m_Host.publish("stream");
-    m_Host.startSubmitting();
-  }
+  Hostility() { m_Host.serveLive("stream"); }
 
   std::string url() const { return m_Host.url("stream"); }
 

@@ -90,9 +90,7 @@ TEST(Lifecycle, APortGivenUpWithViewersIsTakenAgainAtOnce) {
 
 TEST(Lifecycle, SessionsComeAndGoWhileClientsPlay) {
   Host host;
-  host.serve();
-  host.publish("steady");
-  host.startSubmitting();
+  host.serveLive("steady");
   RtspClient viewer(host.port());
   ASSERT_TRUE(viewer.play(host.url("steady")));
   for (int round = 0; round < 5; ++round) {
@@ -158,9 +156,7 @@ TEST(Lifecycle, AShortageAtLoadAndInitIsOverWithIt) {
   EXPECT_EQ(host.call(KV_CREATE_SESSION, session), KV_NOT_STARTED);
   EXPECT_EQ(host.call(KV_EXIT, nullptr, 0), KV_OK);
   setrlimit(RLIMIT_NOFILE, &before);
-  host.serve();
-  host.publish("stream");
-  host.startSubmitting();
+  host.serveLive("stream");
   RtspClient viewer(host.port());
   EXPECT_TRUE(viewer.play(host.url("stream")) && viewer.receivesAPicture());
 }
@@ -223,9 +219,7 @@ TEST(Lifecycle, AForkedChildLeavesTheServerAlone) {
   int status = -1;
   pid_t const daemon = fork();  // loaded and forked before it serves: a server of its own
   if (daemon == 0) {
-    host.serve();
-    host.publish("stream");
-    host.startSubmitting();
+    host.serveLive("stream");
     RtspClient viewer(host.port());
     bool const served = viewer.play(host.url("stream")) && viewer.receivesAPicture();
     host.exit();
