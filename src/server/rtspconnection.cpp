@@ -30,10 +30,10 @@ constexpr std::size_t maxPendingInput = 128 * std::size_t{1024};
 
 }  // namespace
 
-RtspConnection::RtspConnection(RtspServer& server, int clientSocket, sockaddr_storage const& clientAddress)
-    : RTSPClientConnection(server, clientSocket, clientAddress),
+RtspConnection::RtspConnection(RtspServer& server, Descriptor clientSocket, sockaddr_storage const& clientAddress)
+    : RTSPClientConnection(server, clientSocket.release(), clientAddress),
       m_Server(server),
-      m_Watch(envir().taskScheduler(), clientSocket,
+      m_Watch(envir().taskScheduler(), fOurSocket,
               [this](int conditions) KAVO_REQUIRES(eventLoopRole) {
                 auto const alive = m_Alive;
                 if (!contained([&]() KAVO_REQUIRES(eventLoopRole) { handleSocket(conditions); }) && *alive) {
@@ -41,7 +41,7 @@ RtspConnection::RtspConnection(RtspServer& server, int clientSocket, sockaddr_st
                   delete this;
                 }
               }),
-      m_Writer(std::make_shared<InterleavedWriter>(clientSocket, [this](bool wanted) KAVO_REQUIRES(eventLoopRole) {
+      m_Writer(std::make_shared<InterleavedWriter>(fOurSocket, [this](bool wanted) KAVO_REQUIRES(eventLoopRole) {
         m_Watch.start(wanted ? SOCKET_READABLE | SOCKET_WRITABLE : SOCKET_READABLE);
       })) {
   // In place of live555's handler, which would also ask for urgent data and never read it.

@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/descriptor.h"
 #include "delivery/interleavedwriter.h"
 #include "eventloop/eventlooprole.h"
 #include "eventloop/socketwatch.h"
@@ -26,7 +27,7 @@ class RtspConnection : public RTSPServer::RTSPClientConnection {
   using Clock = std::chrono::steady_clock;
   static constexpr std::size_t maxSessions = 4;
 
-  RtspConnection(RtspServer& server, int clientSocket, sockaddr_storage const& clientAddress)
+  RtspConnection(RtspServer& server, Descriptor clientSocket, sockaddr_storage const& clientAddress)
       KAVO_REQUIRES(eventLoopRole);
   ~RtspConnection() override;
 

@@ -98,18 +98,15 @@ void RtspServer::removeSession(ServerMediaSession* session) {
   }
 }
 
-GenericMediaServer::ClientConnection* RtspServer::createNewClientConnection(int clientSocket,
-                                                                            sockaddr_storage const& clientAddress) {
-  eventLoopRole.assertHeld();
+void RtspServer::addConnection(Descriptor client, sockaddr_storage const& clientAddress) {
   auto const place = m_Connections.insert(m_Connections.end(), nullptr);
   try {
-    *place = new RtspConnection(*this, clientSocket, clientAddress);
+    *place = new RtspConnection(*this, std::move(client), clientAddress);
   } catch (...) {
     m_Connections.erase(place);
     throw;
   }
   (*place)->setPlace(place);
-  return *place;
 }
 
 GenericMediaServer::ClientSession* RtspServer::createNewClientSession(u_int32_t sessionId) {
@@ -169,7 +166,7 @@ bool RtspServer::acceptOne(int listeningSocket) {
       accept4(listeningSocket, reinterpret_cast<sockaddr*>(&address), &size, SOCK_NONBLOCK | SOCK_CLOEXEC));
   if (client.get() >= 0) {
     if (MemoryReserve::refill() && (m_Connections.size() < m_MaxConnections || evictConnection())) {
-      createNewClientConnection(client.release(), address);
+      addConnection(std::move(client), address);
     }
     return true;
   }

@@ -38,13 +38,13 @@ class RtspServer : public RTSPServer {
       KAVO_REQUIRES(eventLoopRole);
   ~RtspServer() override;
 
-  ClientConnection* createNewClientConnection(int clientSocket, sockaddr_storage const& clientAddress) override;
   GenericMediaServer::ClientSession* createNewClientSession(u_int32_t sessionId) override;
 
  private:
   friend class RtspConnection;
   using Connections = std::list<RtspConnection*>;
 
+  void addConnection(Descriptor client, sockaddr_storage const& clientAddress) KAVO_REQUIRES(eventLoopRole);
   // A connection's own place among those that the server keeps.
   void removeConnection(Connections::iterator place) KAVO_REQUIRES(eventLoopRole);
   void noteActivity(Connections::iterator place) KAVO_REQUIRES(eventLoopRole);
