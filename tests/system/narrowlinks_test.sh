@@ -28,8 +28,24 @@ on_far ip addr add 10.77.0.2/24 dev far
 on_far ip link set far up
 on_far ip link set lo up
 
-# IP packets that were fragmented since the namespace was made.
-fragments() { awk '/^Ip:/ { if (!n++) { for (i = 1; i <= NF; ++i) if ($i == "FragCreates") c = i } else print $c }' /proc/net/snmp; }
+# counter FILE PROTOCOL NAME: a counter of the kernel's, since the namespace was made.
+counter() {
+  awk -v protocol="$2:" -v name="$3" '$1 == protocol {
+    if (!n++) { for (i = 1; i <= NF; ++i) if ($i == name) c = i } else print $c }' "/proc/net/$1"
+}
+fragments() { counter snmp Ip FragCreates; }
+
+# packet_size: the mean size of what arrives here over UDP, of the next 300 datagrams.
+packet_size() {
+  local count octets next=0
+  count=$(counter snmp Udp InDatagrams)
+  octets=$(counter netstat IpExt InOctets)
+  until [ $next -ge $((count + 300)) ]; do
+    sleep 0.02
+    next=$(counter snmp Udp InDatagrams)
+  done
+  echo $((($(counter netstat IpExt InOctets) - octets) / (next - count)))
+}
 
 # play ADDRESS NAME PLAYER_ARGUMENT...: over UDP, to a file. Not decoded while it
 # arrives: the player's own time for that would be measured.
@@ -85,7 +101,7 @@ watch() {
   publish "${@:2}"
   rm -f "$work"/*.mkv
   if [ "$players" = both ]; then
-    play 127.0.0.1 near -frames:v 100 &
+    play 127.0.0.1 near -frames:v 120 &
     near=$!
     playing near $near
   fi
@@ -95,6 +111,26 @@ watch() {
     wait $near
     whole near
   fi
+  unpublish
+}
+
+# regrow PUBLISH_ARGUMENT...: packets are as small as the far player's path wants
+# them while that one plays, and no longer.
+regrow() {
+  publish "$@"
+  rm -f "$work"/*.mkv
+  play 127.0.0.1 near -frames:v 120 &
+  local near=$!
+  playing near $near
+  play_far 40 &
+  local far_player=$!
+  playing far $far_player
+  local shared alone
+  shared=$(packet_size)
+  wait $far_player
+  alone=$(packet_size)
+  [ "$alone" -gt $((shared + 50)) ] || { echo "packets of $alone bytes, and $shared beside a narrow path"; exit 1; }
+  wait $near
   unpublish
 }
 
@@ -119,6 +155,9 @@ for codec in jpeg h264; do
   narrow "${options[@]}"
   [ "$(fragments)" = 0 ] || { echo "$codec: $(fragments) packets were fragmented"; exit 1; }
 done
+
+mtu 1280
+regrow --codec jpeg --size 640x480 --bitrate 8M
 
 mtu 1500
 tc qdisc add dev near root tbf rate 100mbit burst 16kb limit 64kb
