@@ -11,7 +11,7 @@ help: ## list the commands
 build: ## build the library and the tools into build/release (PRESET=debug, asan, tsan)
 	@$(RUN) sh -c 'cmake --preset $(PRESET) >/dev/null && cmake --build --preset $(PRESET)'
 
-demo: build ## publish a moving test picture (INPUT=file or camera, SECONDS=limit, ARGS=options)
+demo: build ## publish a moving test pattern (INPUT=file or camera, SECONDS=limit, ARGS=options)
 	@$(RUN) build/$(PRESET)/tools/kavo-publish $(if $(SECONDS),--duration $(SECONDS)) $(ARGS) $(INPUT)
 
 test: ## build and run all tests: release, asan+ubsan, tsan, fuzz

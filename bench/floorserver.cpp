@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "base/descriptor.h"
+#include "base/uniquefd.h"
 #include "server.h"
 
 namespace {
@@ -13,7 +13,7 @@ class FloorServer : public BenchServer {
  public:
   explicit FloorServer(Setup const& setup) : m_Sender(socket(AF_INET, SOCK_DGRAM, 0)) {
     for (int i = 0; i < setup.viewers; ++i) {
-      kavo::Descriptor receiver(socket(AF_INET, SOCK_DGRAM, 0));
+      kavo::impl::UniqueFd receiver(socket(AF_INET, SOCK_DGRAM, 0));
       sockaddr_in address{};
       address.sin_family = AF_INET;
       address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -43,8 +43,8 @@ class FloorServer : public BenchServer {
   }
 
  private:
-  kavo::Descriptor m_Sender;
-  std::vector<kavo::Descriptor> m_Receivers;
+  kavo::impl::UniqueFd m_Sender;
+  std::vector<kavo::impl::UniqueFd> m_Receivers;
   std::vector<sockaddr_in> m_Addresses;
 };
 

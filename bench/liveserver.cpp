@@ -24,7 +24,7 @@ extern "C" {
 #include <libavcodec/packet.h>
 }
 
-using namespace kavo;
+using namespace kavo::impl;
 
 namespace {
 
@@ -55,7 +55,7 @@ class StockSession : public OnDemandServerMediaSubsession {
 
  private:
   std::shared_ptr<FrameSourceHandler> m_Handler;
-  std::atomic<FramedSource*> m_Source = nullptr;  // not closed while pictures are pushed
+  std::atomic<FramedSource*> m_Source = nullptr;  // not closed while frames are pushed
 };
 
 class LiveServer : public BenchServer {

@@ -24,7 +24,7 @@
 
 namespace {
 
-std::vector<std::uint8_t> imageOf(kavo::Transcoder& transcoder, int amplitude) {
+std::vector<std::uint8_t> imageOf(kavo::impl::Transcoder& transcoder, int amplitude) {
   std::vector<std::uint8_t> frame(640 * 480 * 3 / 2 + 4096, 128);
   std::minstd_rand random(1);
   for (int i = 0; i < 640 * 480; ++i) {
@@ -43,7 +43,7 @@ std::vector<std::uint8_t> imageOf(kavo::Transcoder& transcoder, int amplitude) {
 
 // Noise just strong enough that the image has the size asked for.
 std::vector<std::uint8_t> imageOf(int bytes) {
-  kavo::VideoCodecParameter parameter;
+  kavo::impl::VideoCodecParameter parameter;
   parameter.m_SrcWidth = parameter.m_DstWidth = 640;
   parameter.m_SrcHeight = parameter.m_DstHeight = 480;
   parameter.m_DstCodecId = 8;
@@ -52,14 +52,14 @@ std::vector<std::uint8_t> imageOf(int bytes) {
   int strong = 120;
   while (strong - weak > 1) {
     int const middle = (weak + strong) / 2;
-    kavo::Transcoder transcoder(&parameter);
+    kavo::impl::Transcoder transcoder(&parameter);
     (static_cast<int>(imageOf(transcoder, middle).size()) < bytes ? weak : strong) = middle;
   }
-  kavo::Transcoder transcoder(&parameter);
+  kavo::impl::Transcoder transcoder(&parameter);
   return imageOf(transcoder, strong);
 }
 
-// The time at which a picture was handed over travels in its last bytes, as
+// The time at which a frame was handed over travels in its last bytes, as
 // digits, which no JPEG parser takes for a marker.
 void stamp(std::vector<std::uint8_t>& image) {
   timespec now{};
@@ -118,25 +118,25 @@ int main(int argc, char** argv) {
   auto due = Clock::now();
   Clock::time_point end{};
   double cpu = 0;
-  int pictures = 0;
+  int frames = 0;
   Clock::duration longestPush{};
   while (end == Clock::time_point{} || Clock::now() < end) {
     if (counting && end == Clock::time_point{}) {
       end = Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
       cpu = cpuSeconds();
-      pictures = 0;
+      frames = 0;
       longestPush = {};
     }
     stamp(image);
     auto const pushed = Clock::now();
     server->push(image);
     longestPush = std::max(longestPush, Clock::now() - pushed);
-    ++pictures;
+    ++frames;
     due += interval;
     std::this_thread::sleep_until(due);
   }
-  std::printf("{\"cpu\": %.4f, \"pictures\": %d, \"kilobytes\": %ld, \"image\": %zu, \"push\": %.3f}\n",
-              cpuSeconds() - cpu, pictures, residentKilobytes(), image.size(),
+  std::printf("{\"cpu\": %.4f, \"frames\": %d, \"kilobytes\": %ld, \"image\": %zu, \"push\": %.3f}\n",
+              cpuSeconds() - cpu, frames, residentKilobytes(), image.size(),
               std::chrono::duration<double, std::milli>(longestPush).count());
   std::fflush(stdout);
   waiter.join();

@@ -1,4 +1,4 @@
-// A server under measurement: publishes pictures that were encoded before.
+// A server under measurement: publishes frames that were encoded before.
 #pragma once
 
 #include <cstdint>

@@ -1,8 +1,8 @@
 // bench_viewers PORT STREAMS VIEWERS tcp|udp SECONDS [CRAWL]
 //
 // Joins as many viewers, spread over the streams, prints a line when all play,
-// counts for SECONDS what arrives, and prints it as JSON: whole pictures, lost
-// packets, and the time from handing a picture over to its last packet here.
+// counts for SECONDS what arrives, and prints it as JSON: whole frames, lost
+// packets, and the time from handing a frame over to its last packet here.
 // With CRAWL, two more watch over TCP and are not counted: one that reads
 // nothing, and one that reads as many bytes a second.
 #include <arpa/inet.h>
@@ -37,11 +37,11 @@ std::int64_t nanoseconds() {
 }
 
 struct Counts {
-  long pictures = 0;
+  long frames = 0;
   long damaged = 0;
   long lost = 0;
   std::vector<double> latencies;  // microseconds
-  std::vector<double> joins;      // milliseconds from PLAY to the first whole picture
+  std::vector<double> joins;      // milliseconds from PLAY to the first whole frame
 };
 
 class Viewer {
@@ -107,7 +107,7 @@ class Viewer {
     }
   }
 
-  bool hasPicture() const { return m_Joined; }
+  bool hasFrame() const { return m_Joined; }
   void startCounting() { m_Counting = true; }
 
  private:
@@ -190,21 +190,21 @@ class Viewer {
       }
     }
     m_Sequence = sequence;
-    // Only a picture's end is looked at; it may lie in its last two packets.
+    // Only a frame's end is looked at; it may lie in its last two packets.
     constexpr std::size_t headers = 12 + 8;
     if (size > headers) {
       std::size_t const tail = std::min<std::size_t>(size - headers, 64);
       m_End.append(reinterpret_cast<char const*>(bytes) + size - tail, tail);
     }
     if ((bytes[1] & 0x80) != 0) {
-      pictureEnds();
+      frameEnds();
     }
     m_End.erase(0, m_End.size() - std::min<std::size_t>(m_End.size(), 64));
   }
 
-  void pictureEnds() {
+  void frameEnds() {
     if (m_Counting) {
-      (m_Whole ? m_Counts.pictures : m_Counts.damaged) += 1;
+      (m_Whole ? m_Counts.frames : m_Counts.damaged) += 1;
       if (auto const at = m_End.rfind("KAVO"); at != std::string::npos && m_End.size() >= at + 23) {
         m_Counts.latencies.push_back(static_cast<double>(nanoseconds() - std::atoll(m_End.substr(at + 4, 19).c_str())) /
                                      1e3);
@@ -313,7 +313,7 @@ int main(int argc, char** argv) {
   }
   for (int i = 0; i < 300 && !std::all_of(
                                  crowd.viewers().begin(), crowd.viewers().end(),
-                                 [](auto const& viewer) { return viewer->hasPicture(); });
+                                 [](auto const& viewer) { return viewer->hasFrame(); });
        ++i) {
     crowd.readFor(100000000);
   }
@@ -330,10 +330,10 @@ int main(int argc, char** argv) {
   std::fflush(stdout);
   crowd.readFor(static_cast<std::int64_t>(std::atof(argv[5]) * 1e9));
   std::printf(
-      "{\"pictures\": %ld, \"damaged\": %ld, \"lost\": %ld, \"p50\": %.1f, \"p99\": %.1f, \"worst\": %.1f, "
+      "{\"frames\": %ld, \"damaged\": %ld, \"lost\": %ld, \"p50\": %.1f, \"p99\": %.1f, \"worst\": %.1f, "
       "\"join\": %.2f}\n",
-      counts.pictures, counts.damaged, counts.lost, percentile(counts.latencies, 0.5),
-      percentile(counts.latencies, 0.99), percentile(counts.latencies, 1), percentile(counts.joins, 0.5));
+      counts.frames, counts.damaged, counts.lost, percentile(counts.latencies, 0.5), percentile(counts.latencies, 0.99),
+      percentile(counts.latencies, 1), percentile(counts.joins, 0.5));
   std::fflush(stdout);
   std::_Exit(0);
 }

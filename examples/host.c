@@ -31,8 +31,8 @@ int main(int argc, char** argv) {
 
   kv_session_record session = {0};
   strcpy(session.name, "host");
-  strcpy(session.info, "test picture");
-  strcpy(session.description, "test picture");
+  strcpy(session.info, "test pattern");
+  strcpy(session.description, "test pattern");
   result = kv_Stream(KV_CREATE_SESSION, &session, sizeof session);
   if (result != KV_OK) {
     return failed("creating the session", result);
@@ -44,7 +44,7 @@ int main(int argc, char** argv) {
   video.src_pixel_format = KV_RGB24;
   video.dst_codec = KV_CODEC_MJPEG;
   video.frame_rate = frame_rate;
-  video.bitrate = 400000; /* JPEG: bits per picture */
+  video.bitrate = 400000; /* JPEG: bits per frame */
   kv_stream_record stream = {0};
   stream.handle = session.handle;
   stream.media_type = KV_MEDIA_VIDEO;

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""A host program in Python: a moving test picture from numpy (or plain bytes).
+"""A host program in Python: a moving test pattern from numpy (or plain bytes).
 
     python3 host.py [PORT] [SECONDS]
 
@@ -52,7 +52,7 @@ def call(command, record=None):
         sys.exit(f"command {command} failed with result {result}")
 
 
-def picture(number):
+def frame(number):
     """One frame as bytes: a ramp that moves."""
     if numpy is None:
         return bytes((x + number * 3) & 0xFF for x in range(WIDTH) for _ in range(3)) * HEIGHT
@@ -62,7 +62,7 @@ def picture(number):
 
 def main():
     call(INIT, ctypes.c_uint32(int(sys.argv[1]) if len(sys.argv) > 1 else 8554))
-    session = SessionRecord(name=b"host", info=b"test picture", description=b"test picture")
+    session = SessionRecord(name=b"host", info=b"test pattern", description=b"test pattern")
     call(CREATE_SESSION, session)
     video = VideoRecord(src_width=WIDTH, src_height=HEIGHT, dst_width=WIDTH, dst_height=HEIGHT,
                         src_pixel_format=RGB24, dst_codec=MJPEG, frame_rate=RATE, bitrate=400000)
@@ -73,7 +73,7 @@ def main():
     frames = int(sys.argv[2]) * RATE if len(sys.argv) > 2 else None
     number = 0
     while number != frames:
-        pixels = picture(number)
+        pixels = frame(number)
         frame.frame = ctypes.cast(pixels, ctypes.c_void_p)
         call(SUBMIT_FRAME, frame)
         time.sleep(1 / RATE)

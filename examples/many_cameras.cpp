@@ -41,12 +41,11 @@ int main(int argc, char** argv) try {
   }
   std::fflush(stdout);
   int const frames = argc > 3 ? std::atoi(argv[3]) * 10 : -1;
-  std::vector<std::uint8_t> picture(kavo::frameSize(kavo::PixelFormat::Yuv420p, 320, 240), 128);
-  for (int frame = 0; frame != frames; ++frame) {
+  std::vector<std::uint8_t> frame(kavo::frameSize(kavo::PixelFormat::Yuv420p, 320, 240), 128);
+  for (int number = 0; number != frames; ++number) {
     for (std::size_t i = 0; i < cameras.size(); ++i) {
-      // Cameras that nobody watches cost nothing here.
-      std::fill_n(picture.begin(), 320 * 240, static_cast<std::uint8_t>(frame * 4 + static_cast<int>(i) * 20));
-      cameras[i].stream.submit(picture.data(), picture.size());
+      std::fill_n(frame.begin(), 320 * 240, static_cast<std::uint8_t>(number * 4 + static_cast<int>(i) * 20));
+      cameras[i].stream.submit(frame.data(), frame.size());
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
   }

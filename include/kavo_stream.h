@@ -64,7 +64,7 @@ enum kv_result {
   KV_NAME_IN_USE = 4,       /* another session has this name */
   KV_UNKNOWN = 5,           /* no such session, or not a stream of it */
   KV_RESOURCE_FAILURE = 6,  /* port taken, no descriptors, no memory; or the server has failed: KV_EXIT, KV_INIT */
-  KV_CODEC_FAILURE = 7,     /* picture size or settings that the codec refuses, or OpenH264 is missing */
+  KV_CODEC_FAILURE = 7,     /* frame size or settings that the codec refuses, or OpenH264 is missing */
   KV_UNEXPECTED = -1        /* anything else: no memory, where the standard library says so */
 };
 
@@ -122,7 +122,7 @@ typedef struct kv_video_record {
   int32_t reserved;         /* not used */
   int32_t src_width;        /* submitted frames, pixels */
   int32_t src_height;       /* pixels */
-  int32_t dst_width;        /* encoded pictures, pixels; frames of another size are scaled */
+  int32_t dst_width;        /* encoded frames, pixels; frames of another size are scaled */
   int32_t dst_height;       /* pixels. JPEG: each at most 2040 and a multiple of 4; choose multiples of 8, the
                              * steps that RTP/JPEG can express (of other sizes viewers see the last 4 rows or
                              * columns missing). H.264: at most 4096 x 2304, even */
@@ -131,8 +131,8 @@ typedef struct kv_video_record {
   int32_t src_codec;        /* KV_CODEC_RAW */
   int32_t dst_codec;        /* KV_CODEC_MJPEG or KV_CODEC_H264 */
   int32_t frame_rate;       /* H.264: frames per second, at which the host submits; JPEG: not used */
-  int32_t bitrate;          /* not 0. H.264: bits per second. JPEG: bits per picture, whatever the frame rate:
-                             * 400000 is 50 kB a picture */
+  int32_t bitrate;          /* not 0. H.264: bits per second. JPEG: bits per frame, whatever the frame rate:
+                             * 400000 is 50 kB a frame */
 } kv_video_record;
 KV_FIELD_AT(kv_video_record, src_width, 4);
 KV_FIELD_AT(kv_video_record, src_height, 8);

@@ -52,7 +52,7 @@ class Error : public std::runtime_error {
       case KV_RESOURCE_FAILURE:
         return "a resource is not to be had (is the port taken?)";
       case KV_CODEC_FAILURE:
-        return "the codec refuses it (picture size? is OpenH264 installed?)";
+        return "the codec refuses it (frame size? is OpenH264 installed?)";
       default:
         return "unexpected failure";
     }
@@ -102,7 +102,7 @@ struct VideoOptions {
   int height = 0;
   PixelFormat format = PixelFormat::Yuv420p;
   Codec codec = Codec::H264;
-  int outputWidth = 0;  // of the published picture; 0: as the frames
+  int outputWidth = 0;  // of the published frame; 0: as the frames
   int outputHeight = 0;
   int frameRate = 25;              // at which frames are submitted
   std::int64_t bitsPerSecond = 0;  // of either codec; 0: what suits the size
@@ -209,7 +209,7 @@ class Session {
     detail::call("creating a session", KV_CREATE_SESSION, m_Record);
   }
 
-  // The record counts JPEG by picture and H.264 by second.
+  // The record counts JPEG by frame and H.264 by second.
   static std::int32_t bitrateOf(VideoOptions const& options, kv_video_record const& video) {
     bool const jpeg = options.codec == Codec::Jpeg;
     double const rate = options.frameRate > 0 ? options.frameRate : 1;

@@ -6,7 +6,7 @@
 #include <new>
 #include <utility>
 
-namespace kavo {
+namespace kavo::impl {
 
 // An object whose destructor never runs.
 template <class T>
@@ -53,4 +53,4 @@ struct InPlaceAllocator {
   bool operator==(InPlaceAllocator const&) const = default;
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -4,7 +4,7 @@
 #include <stdexcept>
 #include <string>
 
-namespace kavo {
+namespace kavo::impl {
 
 // What went wrong, as the entry point tells the host (see g_ErrorTable).
 enum ErrorCode : int {
@@ -25,4 +25,4 @@ class StreamException : public std::runtime_error {
   int m_Code;
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

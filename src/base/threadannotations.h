@@ -32,7 +32,7 @@
 #define KAVO_NO_ANALYSIS KAVO_THREAD_ATTRIBUTE(no_thread_safety_analysis)
 #define KAVO_ASSERTS(x) KAVO_THREAD_ATTRIBUTE(assert_capability(x))
 
-namespace kavo {
+namespace kavo::impl {
 
 template <class StdMutex>
 class KAVO_CAPABILITY("mutex") AnnotatedMutex {
@@ -49,15 +49,15 @@ using RecursiveMutex = AnnotatedMutex<std::recursive_mutex>;
 
 // Holds a mutex until the end of its scope.
 template <class Lockable>
-class KAVO_SCOPED_CAPABILITY Locked {
+class KAVO_SCOPED_CAPABILITY MutexLock {
  public:
-  explicit Locked(Lockable& mutex) KAVO_ACQUIRE(mutex) : m_Mutex(mutex) { m_Mutex.lock(); }
-  ~Locked() KAVO_RELEASE() { m_Mutex.unlock(); }
-  Locked(Locked const&) = delete;
-  Locked& operator=(Locked const&) = delete;
+  explicit MutexLock(Lockable& mutex) KAVO_ACQUIRE(mutex) : m_Mutex(mutex) { m_Mutex.lock(); }
+  ~MutexLock() KAVO_RELEASE() { m_Mutex.unlock(); }
+  MutexLock(MutexLock const&) = delete;
+  MutexLock& operator=(MutexLock const&) = delete;
 
  private:
   Lockable& m_Mutex;
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-namespace kavo {
+namespace kavo::impl {
 
 class ICodecParameter {
  public:
@@ -20,7 +20,7 @@ inline constexpr std::int32_t MediaTypeVideo = 0;
 // Pixel formats and codec ids are the host's numbers here (see hostnumbers.h).
 class VideoCodecParameter : public ICodecParameter {
  public:
-  std::int32_t m_DstWidth = 0;  // encoded picture, pixels
+  std::int32_t m_DstWidth = 0;  // encoded frame, pixels
   std::int32_t m_DstHeight = 0;
   std::int32_t m_SrcWidth = 0;  // submitted frame, pixels
   std::int32_t m_SrcHeight = 0;
@@ -31,4 +31,4 @@ class VideoCodecParameter : public ICodecParameter {
   std::int32_t m_SrcCodecId = 0;
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <iterator>
 
-namespace kavo {
+namespace kavo::impl {
 
 namespace {
 
@@ -38,4 +38,4 @@ AVPixelFormat pixelFormatOf(std::int32_t hostNumber) { return find(pixelFormats,
 
 AVCodecID codecIdOf(std::int32_t hostNumber) { return find(codecs, hostNumber, AV_CODEC_ID_NONE); }
 
-}  // namespace kavo
+}  // namespace kavo::impl

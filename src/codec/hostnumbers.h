@@ -11,7 +11,7 @@ extern "C" {
 #include <libavutil/pixfmt.h>
 }
 
-namespace kavo {
+namespace kavo::impl {
 
 enum HostPixelFormat : std::int32_t {
   HostYuv420p = 0,
@@ -39,4 +39,4 @@ AVPixelFormat pixelFormatOf(std::int32_t hostNumber);
 // The linked FFmpeg's value; AV_CODEC_ID_NONE for a number the boundary does not know.
 AVCodecID codecIdOf(std::int32_t hostNumber);
 
-}  // namespace kavo
+}  // namespace kavo::impl

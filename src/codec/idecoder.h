@@ -1,14 +1,14 @@
 // The decoder stage of a stream that declares encoded input. Host thread.
 #pragma once
 
-#include "base/owners.h"
+#include "base/cptr.h"
 #include "codec/codecparameter.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
 }
 
-namespace kavo {
+namespace kavo::impl {
 
 class IDecoder {
  public:
@@ -23,7 +23,7 @@ class IDecoder {
   explicit IDecoder(VideoCodecParameter const& parameter) : m_Parameter(parameter) {}
 
   VideoCodecParameter m_Parameter;
-  Owned<AVCodecContext, avcodec_free_context> m_CodecContext;
+  CPtr<AVCodecContext, avcodec_free_context> m_CodecContext;
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

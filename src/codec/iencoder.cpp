@@ -9,7 +9,7 @@ extern "C" {
 #include <libavutil/mem.h>
 }
 
-namespace kavo {
+namespace kavo::impl {
 
 IEncoder::IEncoder(VideoCodecParameter const& parameter) : m_Parameter(parameter) {
   isVideoCodecParameterSupported();
@@ -49,7 +49,7 @@ void IEncoder::allocDstFrame() {
   }
   auto const format = pixelFormatOf(m_Parameter.m_DstPixelFmt);
   int const size = av_image_get_buffer_size(format, m_Parameter.m_DstWidth, m_Parameter.m_DstHeight, 1);
-  // Reference-counted, or libavcodec would copy the picture at every encode.
+  // Reference-counted, or libavcodec would copy the frame at every encode.
   m_DstFrame->buf[0] = size > 0 ? av_buffer_alloc(static_cast<std::size_t>(size)) : nullptr;
   if (m_DstFrame->buf[0] == nullptr) {
     throw StreamException("Buffer allocation failed", ErrorResource);
@@ -73,4 +73,4 @@ void IEncoder::scaleFrame(unsigned char const* frame) {
   m_Scaler->scale(*m_SrcFrame, frame + size, *m_DstFrame);
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

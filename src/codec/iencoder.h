@@ -6,7 +6,7 @@
 #include <memory>
 #include <vector>
 
-#include "base/owners.h"
+#include "base/cptr.h"
 #include "codec/codecparameter.h"
 #include "codec/scaler.h"
 
@@ -15,7 +15,7 @@ extern "C" {
 #include <libavutil/frame.h>
 }
 
-namespace kavo {
+namespace kavo::impl {
 
 class IEncoder {
  public:
@@ -50,13 +50,13 @@ class IEncoder {
   void scaleFrame(unsigned char const* frame);
 
   VideoCodecParameter m_Parameter;
-  Owned<AVCodecContext, avcodec_free_context> m_CodecContext;
-  Owned<AVFrame, av_frame_free> m_SrcFrame;  // planes point into the host's frame
-  Owned<AVFrame, av_frame_free> m_DstFrame;  // owns its picture buffer
+  CPtr<AVCodecContext, avcodec_free_context> m_CodecContext;
+  CPtr<AVFrame, av_frame_free> m_SrcFrame;  // planes point into the host's frame
+  CPtr<AVFrame, av_frame_free> m_DstFrame;  // owns its frame buffer
   std::unique_ptr<Scaler> m_Scaler;
 
  private:
   void isVideoCodecParameterSupported() const;
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -3,7 +3,7 @@
 #include "base/streamexception.h"
 #include "codec/hostnumbers.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 JpegDecoder::JpegDecoder(VideoCodecParameter const& parameter) : IDecoder(parameter) {
   AVCodec const* codec = avcodec_find_decoder(codecIdOf(m_Parameter.m_SrcCodecId));
@@ -24,4 +24,4 @@ JpegDecoder::JpegDecoder(VideoCodecParameter const& parameter) : IDecoder(parame
 
 void JpegDecoder::decode(unsigned char const*, AVPacket&) {}
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -3,7 +3,7 @@
 
 #include "codec/idecoder.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 class JpegDecoder : public IDecoder {
  public:
@@ -11,9 +11,9 @@ class JpegDecoder : public IDecoder {
   explicit JpegDecoder(VideoCodecParameter const& parameter);
 
   // Leaves frame and packet as they are. A frame arrives as a pointer without a
-  // length, so JPEG data cannot be told from a raw picture: hosts submit raw
-  // pictures whatever input they declare.
+  // length, so JPEG data cannot be told from a raw frame: hosts submit raw
+  // frames whatever input they declare.
   void decode(unsigned char const* frame, AVPacket& packet) override;
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -7,11 +7,11 @@ extern "C" {
 #include <libavutil/dict.h>
 }
 
-namespace kavo {
+namespace kavo::impl {
 
 namespace {
 
-// Want of memory is not the picture's fault.
+// Want of memory is not the frame's fault.
 int errorOf(int result) { return result == AVERROR(ENOMEM) ? ErrorResource : ErrorCodec; }
 
 }  // namespace
@@ -39,8 +39,8 @@ void JpegEncoder::openCodec() {
   m_CodecContext->bit_rate_tolerance = m_Parameter.m_Bitrate;
   m_CodecContext->width = m_Parameter.m_DstWidth;
   m_CodecContext->height = m_Parameter.m_DstHeight;
-  // One picture a second as far as rate control knows: the bitrate is in effect
-  // the size of each picture in bits, whatever the real frame rate.
+  // One frame a second as far as rate control knows: the bitrate is in effect
+  // the size of each frame in bits, whatever the real frame rate.
   m_CodecContext->time_base = {1, 1};
   m_CodecContext->pix_fmt = pixelFormatOf(m_Parameter.m_DstPixelFmt);
   m_CodecContext->qcompress = 1.0F;
@@ -74,4 +74,4 @@ void JpegEncoder::encode(unsigned char const* frame, AVPacket& packet) {
   }
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -3,7 +3,7 @@
 
 #include "codec/iencoder.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 class JpegEncoder : public IEncoder {
  public:
@@ -18,4 +18,4 @@ class JpegEncoder : public IEncoder {
   void openCodec();
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -7,7 +7,7 @@
 #include "base/streamexception.h"
 #include "codec/hostnumbers.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 namespace {
 
@@ -56,14 +56,14 @@ void OpenH264Encoder::setOption(ENCODER_OPTION option, int value) {
 }
 
 SSourcePicture OpenH264Encoder::picture() const {
-  SSourcePicture picture{};
-  picture.iColorFormat = videoFormatI420;
-  picture.iPicWidth = m_DstFrame->width;
-  picture.iPicHeight = m_DstFrame->height;
+  SSourcePicture frame{};
+  frame.iColorFormat = videoFormatI420;
+  frame.iPicWidth = m_DstFrame->width;
+  frame.iPicHeight = m_DstFrame->height;
   // The frame's own line lengths: of an odd width the chroma lines are rounded up.
-  std::copy_n(m_DstFrame->linesize, 3, picture.iStride);
-  std::copy_n(m_DstFrame->data, 3, picture.pData);
-  return picture;
+  std::copy_n(m_DstFrame->linesize, 3, frame.iStride);
+  std::copy_n(m_DstFrame->data, 3, frame.pData);
+  return frame;
 }
 
 void OpenH264Encoder::encode(unsigned char const* frame, AVPacket& packet) {
@@ -100,4 +100,4 @@ std::vector<std::uint8_t> OpenH264Encoder::parameterSets() {
   return {layer.pBsBuf, layer.pBsBuf + size};
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -4,7 +4,7 @@
 #include "codec/iencoder.h"
 #include "codec/openh264library.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 class OpenH264Encoder : public IEncoder {
  public:
@@ -30,4 +30,4 @@ class OpenH264Encoder : public IEncoder {
   bool m_KeyFrameWanted = false;
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

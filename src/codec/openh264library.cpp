@@ -5,7 +5,7 @@
 
 #include "base/streamexception.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 namespace {
 
@@ -51,4 +51,4 @@ OpenH264Library::Encoder OpenH264Library::createEncoder() const {
   return owned;
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

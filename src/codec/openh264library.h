@@ -5,7 +5,7 @@
 
 #include <memory>
 
-namespace kavo {
+namespace kavo::impl {
 
 class OpenH264Library {
  public:
@@ -25,4 +25,4 @@ class OpenH264Library {
   DestroyEncoder m_DestroyEncoder;
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -13,7 +13,7 @@ extern "C" {
 #include <libavutil/pixdesc.h>
 }
 
-namespace kavo {
+namespace kavo::impl {
 
 namespace {
 
@@ -95,4 +95,4 @@ void Scaler::scaleSlice(Slice const& slice, int const* strides, AVFrame& destina
             destination.linesize);
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

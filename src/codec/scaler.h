@@ -6,14 +6,14 @@
 #include <cstdint>
 #include <vector>
 
-#include "base/owners.h"
+#include "base/cptr.h"
 
 extern "C" {
 #include <libavutil/frame.h>
 #include <libswscale/swscale.h>
 }
 
-namespace kavo {
+namespace kavo::impl {
 
 class Scaler {
  public:
@@ -35,9 +35,9 @@ class Scaler {
   Slice copyOfTail(AVFrame const& source, int rows);
   void scaleSlice(Slice const& slice, int const* strides, AVFrame& destination);
 
-  Owned<SwsContext, sws_freeContext> m_SwsContext;
-  int m_ChromaRowShift;  // log2 of picture rows per chroma row
+  CPtr<SwsContext, sws_freeContext> m_SwsContext;
+  int m_ChromaRowShift;  // log2 of frame rows per chroma row
   std::vector<std::uint8_t> m_Tail;
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

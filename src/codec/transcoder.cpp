@@ -6,7 +6,7 @@
 #include "codec/jpegencoder.h"
 #include "codec/openh264encoder.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 namespace {
 
@@ -44,4 +44,4 @@ void Transcoder::transcode(unsigned char const* frame, AVPacket& packet) {
   m_Encoder->encode(frame, packet);
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -9,7 +9,7 @@
 #include "codec/idecoder.h"
 #include "codec/iencoder.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 class Transcoder {
  public:
@@ -33,4 +33,4 @@ class Transcoder {
   std::shared_ptr<IEncoder> m_Encoder;
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -6,7 +6,7 @@
 
 #include <cstring>
 
-namespace kavo {
+namespace kavo::impl {
 
 inline socklen_t sizeOf(sockaddr_storage const& address) {
   return address.ss_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
@@ -33,4 +33,4 @@ inline bool isSameHost(sockaddr_storage const& a, sockaddr_storage const& b) {
          reinterpret_cast<sockaddr_in const&>(b).sin_addr.s_addr;
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

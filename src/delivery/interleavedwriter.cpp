@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <utility>
 
-namespace kavo {
+namespace kavo::impl {
 
 namespace {
 
@@ -230,4 +230,4 @@ bool InterleavedWriter::takeProgress(std::uint8_t channel) {
   return progressed;
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -13,7 +13,7 @@
 
 #include "rtp/framepackets.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 // Packets as they go over the wire, all on one channel.
 using InterleavedBytes = std::shared_ptr<std::vector<std::uint8_t> const>;
@@ -112,4 +112,4 @@ class InterleavedWriter {
   std::bitset<256> m_Progress;                      // channels
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -1,15 +1,15 @@
 #include "delivery/pathmtu.h"
 
-#include "base/descriptor.h"
+#include "base/uniquefd.h"
 #include "delivery/address.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 // Asks a connected socket; nothing is sent.
 std::optional<unsigned> maxUdpPayload(sockaddr_storage const& address) {
   bool const ipv6 = address.ss_family == AF_INET6;
   int const headers = ipv6 ? 48 : 28;  // IP and UDP
-  Descriptor const probe(socket(address.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  UniqueFd const probe(socket(address.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   sockaddr_storage remote = address;
   portOf(remote) = htons(9);  // connecting takes a port; any will do
   int mtu = 0;
@@ -29,4 +29,4 @@ void setDontFragment(int socket, int family) {
              family == AF_INET6 ? IPV6_MTU_DISCOVER : IP_MTU_DISCOVER, &discover, sizeof discover);
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

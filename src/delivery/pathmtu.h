@@ -5,7 +5,7 @@
 
 #include <optional>
 
-namespace kavo {
+namespace kavo::impl {
 
 // The largest UDP payload that reaches the address unfragmented, as far as the
 // kernel knows; nothing if the path is unknown.
@@ -14,4 +14,4 @@ std::optional<unsigned> maxUdpPayload(sockaddr_storage const& address);
 // Sets don't-fragment: the socket refuses (EMSGSIZE) what the path does not take in one piece.
 void setDontFragment(int socket, int family);
 
-}  // namespace kavo
+}  // namespace kavo::impl

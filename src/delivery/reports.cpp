@@ -10,7 +10,7 @@
 #include "delivery/viewers.h"
 #include "eventloop/contained.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 namespace {
 
@@ -37,7 +37,7 @@ bool Viewer::isUnreachable() {
     return false;
   }
   if (m_Probe.get() < 0) {
-    Descriptor probe(socket(m_RtcpAddress.ss_family, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    UniqueFd probe(socket(m_RtcpAddress.ss_family, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (probe.get() < 0 ||
         connect(probe.get(), reinterpret_cast<sockaddr const*>(&m_RtcpAddress), sizeOf(m_RtcpAddress)) != 0) {
       return false;
@@ -158,4 +158,4 @@ void Viewers::note(Viewer& viewer, ReceiverReport const& report, Clock::time_poi
   }
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -8,7 +8,7 @@
 #include "delivery/address.h"
 #include "delivery/pathmtu.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 namespace {
 
@@ -17,8 +17,8 @@ constexpr unsigned lastPort = 65534;
 // The kernel gives as much of it as it allows.
 constexpr int sendBuffer = 4 * 1024 * 1024;
 
-Descriptor openSocket(int family) {
-  Descriptor socket(::socket(family, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+UniqueFd openSocket(int family) {
+  UniqueFd socket(::socket(family, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   int const on = 1;
   if (family == AF_INET6) {
     setsockopt(socket.get(), IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
@@ -29,7 +29,7 @@ Descriptor openSocket(int family) {
 }
 
 // 0, or what kept it from it.
-int bindTo(unsigned port, Descriptor const& socket, int family) {
+int bindTo(unsigned port, UniqueFd const& socket, int family) {
   sockaddr_storage local{};
   local.ss_family = static_cast<sa_family_t>(family);
   portOf(local) = htons(static_cast<std::uint16_t>(port));
@@ -43,8 +43,8 @@ int bindTo(unsigned port, Descriptor const& socket, int family) {
 std::optional<UdpPorts> UdpPorts::open(int family) {
   int error = EADDRINUSE;
   for (unsigned port = firstPort; port < lastPort && error == EADDRINUSE; port += 2) {
-    Descriptor rtp = openSocket(family);
-    Descriptor rtcp = openSocket(family);
+    UniqueFd rtp = openSocket(family);
+    UniqueFd rtcp = openSocket(family);
     if (rtp.get() < 0 || rtcp.get() < 0) {
       break;
     }
@@ -57,4 +57,4 @@ std::optional<UdpPorts> UdpPorts::open(int family) {
   return std::nullopt;
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -6,9 +6,9 @@
 #include <optional>
 #include <utility>
 
-#include "base/descriptor.h"
+#include "base/uniquefd.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 class UdpPorts {
  public:
@@ -22,12 +22,12 @@ class UdpPorts {
   std::uint16_t port() const { return m_Port; }
 
  private:
-  UdpPorts(Descriptor rtp, Descriptor rtcp, std::uint16_t port)
+  UdpPorts(UniqueFd rtp, UniqueFd rtcp, std::uint16_t port)
       : m_Rtp(std::move(rtp)), m_Rtcp(std::move(rtcp)), m_Port(port) {}
 
-  Descriptor m_Rtp;
-  Descriptor m_Rtcp;
+  UniqueFd m_Rtp;
+  UniqueFd m_Rtcp;
   std::uint16_t m_Port;
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

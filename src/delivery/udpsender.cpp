@@ -8,7 +8,7 @@
 
 #include "delivery/address.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 namespace {
 
@@ -123,4 +123,4 @@ void UdpSender::retry(mmsghdr const& message, UdpDestination& destination, int e
   destination.lost += pieces.size() / piecesPerPacket;
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -12,7 +12,7 @@
 
 #include "rtp/framepackets.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 struct UdpDestination {
   sockaddr_storage address{};
@@ -55,4 +55,4 @@ class UdpSender {
   std::size_t m_Count = 0;
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -9,7 +9,7 @@
 #include "delivery/pathmtu.h"
 #include "eventloop/contained.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 namespace {
 
@@ -274,4 +274,4 @@ void Viewers::narrow(Viewer& viewer) {
   m_Callbacks.wantKeyFrame(true);
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "base/descriptor.h"
+#include "base/uniquefd.h"
 #include "delivery/interleavedwriter.h"
 #include "delivery/udpports.h"
 #include "delivery/udpsender.h"
@@ -20,7 +20,7 @@
 #include "eventloop/timer.h"
 #include "rtp/rtcp.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 class Viewers;
 
@@ -81,7 +81,7 @@ class Viewer {
   std::size_t m_MaxPacket = 0;
   sockaddr_storage m_RtcpAddress{};
   in_port_t m_ReportPort = 0;  // where its reports come from, if not from there (behind NAT); network byte order
-  Descriptor m_Probe;
+  UniqueFd m_Probe;
   int m_Refusals = 0;
   // What its reports say.
   Clock::time_point m_LastReport{};
@@ -196,4 +196,4 @@ class Viewers {
   std::size_t m_NextSentReport KAVO_GUARDED_BY(eventLoopRole) = 0;
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -4,7 +4,7 @@
 
 #include "base/threadannotations.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 // What the call was for (a request, a viewer, a frame) is given up; whoever can
 // do something about it has caught the exception before. False if there was one.
@@ -18,4 +18,4 @@ bool contained(Function const& function) noexcept KAVO_NO_ANALYSIS {
   }
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -12,7 +12,7 @@
 
 #include "eventloop/contained.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 namespace {
 
@@ -63,8 +63,8 @@ int EpollScheduler::wait(std::span<epoll_event> events, std::chrono::microsecond
 }
 
 EpollScheduler* EpollScheduler::createNew(unsigned maxGranularity) {
-  Descriptor epoll(epoll_create1(EPOLL_CLOEXEC));
-  Descriptor wakeUp(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+  UniqueFd epoll(epoll_create1(EPOLL_CLOEXEC));
+  UniqueFd wakeUp(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
   epoll_event event{.events = EPOLLIN, .data = {.u64 = wakeUpKey}};
   if (epoll.get() < 0 || wakeUp.get() < 0 || epoll_ctl(epoll.get(), EPOLL_CTL_ADD, wakeUp.get(), &event) != 0) {
     return nullptr;
@@ -72,7 +72,7 @@ EpollScheduler* EpollScheduler::createNew(unsigned maxGranularity) {
   return new EpollScheduler(maxGranularity, std::move(epoll), std::move(wakeUp));
 }
 
-EpollScheduler::EpollScheduler(unsigned maxGranularity, Descriptor epoll, Descriptor wakeUp)
+EpollScheduler::EpollScheduler(unsigned maxGranularity, UniqueFd epoll, UniqueFd wakeUp)
     : BasicTaskScheduler(maxGranularity), m_Epoll(std::move(epoll)), m_WakeUp(std::move(wakeUp)) {}
 
 TaskToken EpollScheduler::scheduleDelayedTask(int64_t microseconds, TaskFunc* task, void* clientData) {
@@ -157,4 +157,4 @@ void EpollScheduler::moveSocketHandling(int oldSocket, int newSocket) {
   }
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -9,11 +9,11 @@
 #include <span>
 #include <unordered_map>
 
-#include "base/descriptor.h"
+#include "base/uniquefd.h"
 #include "eventloop/eventtriggers.h"
 #include "eventloop/timers.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 // Event-loop thread, but for triggerEvent(), which any thread may call.
 class EpollScheduler : public BasicTaskScheduler {
@@ -34,7 +34,7 @@ class EpollScheduler : public BasicTaskScheduler {
   void triggerEvent(EventTriggerId id, void* clientData) override;
 
  protected:
-  EpollScheduler(unsigned maxGranularity, Descriptor epoll, Descriptor wakeUp);
+  EpollScheduler(unsigned maxGranularity, UniqueFd epoll, UniqueFd wakeUp);
 
   void SingleStep(unsigned maxDelayTime) override;
   void setBackgroundHandling(int socket, int conditions, BackgroundHandlerProc* handler, void* clientData) override;
@@ -53,12 +53,12 @@ class EpollScheduler : public BasicTaskScheduler {
   void handle(std::uint64_t key, std::uint32_t events);
 
   bool m_HasPwait2 = true;
-  Descriptor m_Epoll;
-  Descriptor m_WakeUp;
+  UniqueFd m_Epoll;
+  UniqueFd m_WakeUp;
   EventTriggers m_Triggers;
   Timers m_Timers;
   std::unordered_map<int, Handler> m_Handlers;
   std::uint32_t m_LastVersion = 0;
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

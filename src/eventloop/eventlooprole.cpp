@@ -2,7 +2,7 @@
 
 #include <cassert>
 
-namespace kavo {
+namespace kavo::impl {
 
 namespace {
 // Without a destructor, so that it never keeps the library from unloading; and in
@@ -21,4 +21,4 @@ bool EventLoopRole::isHeld() const { return t_Held; }
 
 void EventLoopRole::assertHeld() const { assert(t_Held && "live555 is called on the event-loop thread only"); }
 
-}  // namespace kavo
+}  // namespace kavo::impl

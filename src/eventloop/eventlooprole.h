@@ -4,7 +4,7 @@
 
 #include "base/threadannotations.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 class KAVO_CAPABILITY("role") EventLoopRole {
  public:
@@ -31,4 +31,4 @@ class KAVO_CAPABILITY("role") EventLoopRole {
 // One role for the process: a thread holds it or does not.
 extern EventLoopRole eventLoopRole;
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -2,14 +2,14 @@
 
 #include <utility>
 
-namespace kavo {
+namespace kavo::impl {
 
 EventLoopTasks::EventLoopTasks(TaskScheduler& scheduler)
     : m_Trigger(scheduler, [this]() KAVO_REQUIRES(eventLoopRole) { runAll(); }) {}
 
 void EventLoopTasks::add(Task task) {
   {
-    Locked lock(m_Mutex);
+    MutexLock lock(m_Mutex);
     if (!m_Cancelled) {
       m_Tasks.push_back(std::move(task));
       m_Trigger.fire();
@@ -25,7 +25,7 @@ void EventLoopTasks::runAll() {
   while (true) {
     Task task;
     {
-      Locked lock(m_Mutex);
+      MutexLock lock(m_Mutex);
       if (m_Tasks.empty()) {
         return;
       }
@@ -39,7 +39,7 @@ void EventLoopTasks::runAll() {
 void EventLoopTasks::cancel() {
   std::deque<Task> tasks;
   {
-    Locked lock(m_Mutex);
+    MutexLock lock(m_Mutex);
     m_Cancelled = true;
     tasks.swap(m_Tasks);
   }
@@ -48,4 +48,4 @@ void EventLoopTasks::cancel() {
   }
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

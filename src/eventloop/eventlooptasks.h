@@ -7,7 +7,7 @@
 #include "base/threadannotations.h"
 #include "eventloop/eventtrigger.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 // Built and destroyed while no loop runs; add() may be called by any thread.
 class EventLoopTasks {
@@ -31,4 +31,4 @@ class EventLoopTasks {
   EventTrigger m_Trigger;
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -7,7 +7,7 @@
 
 #include "eventloop/eventlooprole.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 // Created and destroyed on the event-loop thread, or while no loop runs.
 class EventTrigger {
@@ -34,4 +34,4 @@ class EventTrigger {
   EventTriggerId const m_Id;
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

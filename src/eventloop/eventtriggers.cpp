@@ -4,10 +4,10 @@
 
 #include "eventloop/contained.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 EventTriggerId EventTriggers::create(TaskFunc* handler) {
-  Locked lock(m_Mutex);
+  MutexLock lock(m_Mutex);
   do {
     ++m_LastId;
   } while (m_LastId == 0 || m_Triggers.contains(m_LastId));
@@ -18,12 +18,12 @@ EventTriggerId EventTriggers::create(TaskFunc* handler) {
 }
 
 void EventTriggers::remove(EventTriggerId id) {
-  Locked lock(m_Mutex);
+  MutexLock lock(m_Mutex);
   m_Triggers.erase(id);
 }
 
 bool EventTriggers::fire(EventTriggerId id, void* clientData) {
-  Locked lock(m_Mutex);
+  MutexLock lock(m_Mutex);
   auto const found = m_Triggers.find(id);
   if (found == m_Triggers.end()) {
     return false;
@@ -40,14 +40,14 @@ bool EventTriggers::fire(EventTriggerId id, void* clientData) {
 void EventTriggers::runFired() {
   std::size_t count = 0;
   {
-    Locked lock(m_Mutex);
+    MutexLock lock(m_Mutex);
     m_Running.swap(m_Fired);
     count = m_Running.size();
   }
   for (std::size_t i = 0; i < count; ++i) {
     Trigger trigger{nullptr};
     {
-      Locked lock(m_Mutex);
+      MutexLock lock(m_Mutex);
       // One that an earlier handler deleted is not there any more.
       auto const found = m_Triggers.find(m_Running[i]);
       if (found != m_Triggers.end() && std::exchange(found->second.fired, false)) {
@@ -58,8 +58,8 @@ void EventTriggers::runFired() {
       contained([&] { trigger.handler(trigger.clientData); });
     }
   }
-  Locked lock(m_Mutex);
+  MutexLock lock(m_Mutex);
   m_Running.clear();
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

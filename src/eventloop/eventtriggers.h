@@ -8,7 +8,7 @@
 
 #include "base/threadannotations.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 class EventTriggers {
  public:
@@ -40,4 +40,4 @@ class EventTriggers {
   EventTriggerId m_LastId KAVO_GUARDED_BY(m_Mutex) = 0;
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

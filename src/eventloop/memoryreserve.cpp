@@ -5,7 +5,7 @@
 #include <new>
 #include <utility>
 
-namespace kavo {
+namespace kavo::impl {
 
 namespace {
 
@@ -68,4 +68,4 @@ MemoryReserve::~MemoryReserve() {
 
 bool MemoryReserve::refill() { return fill(); }
 
-}  // namespace kavo
+}  // namespace kavo::impl

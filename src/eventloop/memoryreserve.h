@@ -9,7 +9,7 @@
 #include "base/threadannotations.h"
 #include "eventloop/eventlooprole.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 // One at a time. It sets the process's new handler, and calls the one that was set
 // before for whatever is not the event loop's.
@@ -25,4 +25,4 @@ class MemoryReserve {
   static bool refill() KAVO_REQUIRES(eventLoopRole);
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -4,7 +4,7 @@
 
 #include <BasicUsageEnvironment.hh>
 
-namespace kavo {
+namespace kavo::impl {
 
 class QuietUsageEnvironment : public BasicUsageEnvironment {
  public:
@@ -20,4 +20,4 @@ class QuietUsageEnvironment : public BasicUsageEnvironment {
   using BasicUsageEnvironment::BasicUsageEnvironment;
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

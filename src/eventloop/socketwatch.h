@@ -9,7 +9,7 @@
 #include "eventloop/epollscheduler.h"
 #include "eventloop/eventlooprole.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 class SocketWatch {
  public:
@@ -42,4 +42,4 @@ class SocketWatch {
   std::function<void(int)> m_Function;
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

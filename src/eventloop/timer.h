@@ -8,7 +8,7 @@
 
 #include "eventloop/eventlooprole.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 class Timer {
  public:
@@ -40,4 +40,4 @@ class Timer {
   TaskToken m_Task = nullptr;
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -5,7 +5,7 @@
 
 #include "eventloop/contained.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 namespace {
 constexpr int tasksInARow = 32;
@@ -52,4 +52,4 @@ void Timers::runDue() {
   }
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -10,7 +10,7 @@
 #include <unordered_map>
 #include <utility>
 
-namespace kavo {
+namespace kavo::impl {
 
 class Timers {
  public:
@@ -42,4 +42,4 @@ class Timers {
   std::uintptr_t m_LastToken = 0;
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

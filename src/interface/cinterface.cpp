@@ -12,7 +12,7 @@
 #include "kavo_stream.h"
 #include "session/sessionmanager.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 namespace {
 
@@ -179,8 +179,8 @@ void dispatch(int command, void* param, int size) {
 
 }  // namespace
 
-}  // namespace kavo
+}  // namespace kavo::impl
 
 __attribute__((visibility("default"))) int kv_Stream(int command, void* param, int size) {
-  return kavo::resultOf([=] { kavo::dispatch(command, param, size); });
+  return kavo::impl::resultOf([=] { kavo::impl::dispatch(command, param, size); });
 }

@@ -11,7 +11,7 @@
 #include "base/streamexception.h"
 #include "kavo_stream.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 using CommandHandler = std::function<void(void* param, int size)>;
 
@@ -54,4 +54,4 @@ int resultOf(Function const& function) noexcept {
   }
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -1,6 +1,6 @@
 #include "rtp/framepackets.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 namespace {
 
@@ -70,4 +70,4 @@ std::span<iovec const> FramePackets::interleaved(std::uint8_t channel) {
   return m_Interleaved;
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -9,7 +9,7 @@
 #include <span>
 #include <vector>
 
-namespace kavo {
+namespace kavo::impl {
 
 // What the fixed headers of a frame's packets say (RFC 3550, 5.1).
 struct RtpHeader {
@@ -58,4 +58,4 @@ class FramePackets {
   int m_Channel = -1;  // that m_Interleaved is for
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

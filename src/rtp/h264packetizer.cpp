@@ -4,7 +4,7 @@
 
 #include "rtp/nalunits.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 namespace {
 
@@ -47,4 +47,4 @@ bool packetizeH264(std::span<std::uint8_t const> accessUnit, std::size_t maxPack
   return idr;
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -7,10 +7,10 @@
 
 #include "rtp/framepackets.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 // The access unit is in Annex B form. A NAL unit that fits a packet of maxPacket
 // bytes is sent as it is, a larger one in FU-A fragments. True for an IDR picture.
 bool packetizeH264(std::span<std::uint8_t const> accessUnit, std::size_t maxPacket, FramePackets& packets);
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-namespace kavo {
+namespace kavo::impl {
 
 namespace {
 
@@ -45,4 +45,4 @@ JpegHeader readJpegHeader(std::span<std::uint8_t const> image) {
   return header;
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -7,7 +7,7 @@
 #include <optional>
 #include <span>
 
-namespace kavo {
+namespace kavo::impl {
 
 struct JpegHeader {
   // Luminance and chrominance tables of 64 bytes each.
@@ -25,4 +25,4 @@ struct JpegHeader {
 // Looks at the image's first 623 bytes at most, and at nothing behind its end.
 JpegHeader readJpegHeader(std::span<std::uint8_t const> image);
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <array>
 
-namespace kavo {
+namespace kavo::impl {
 
 namespace {
 
@@ -42,4 +42,4 @@ void packetizeJpeg(JpegFrame const& frame, std::size_t maxPacket, FramePackets& 
   }
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -7,7 +7,7 @@
 
 #include "rtp/framepackets.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 // An image as RTP carries it: a few parameters in place of its header, and the
 // scan data up to and including the end-of-image marker.
@@ -24,4 +24,4 @@ struct JpegFrame {
 // maxPacket has room for all headers and the tables.
 void packetizeJpeg(JpegFrame const& frame, std::size_t maxPacket, FramePackets& packets);
 
-}  // namespace kavo
+}  // namespace kavo::impl

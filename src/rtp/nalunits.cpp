@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-namespace kavo {
+namespace kavo::impl {
 
 namespace {
 
@@ -49,4 +49,4 @@ NalUnit findNalUnit(std::span<std::uint8_t const> byteStream, NalUnitType type) 
   return nalUnit;
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <span>
 
-namespace kavo {
+namespace kavo::impl {
 
 using NalUnit = std::span<std::uint8_t const>;
 
@@ -20,4 +20,4 @@ NalUnit takeNalUnit(std::span<std::uint8_t const>& byteStream);
 // The first NAL unit of the type; empty if there is none.
 NalUnit findNalUnit(std::span<std::uint8_t const> byteStream, NalUnitType type);
 
-}  // namespace kavo
+}  // namespace kavo::impl

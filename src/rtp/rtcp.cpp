@@ -1,6 +1,6 @@
 #include "rtp/rtcp.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 namespace {
 
@@ -92,4 +92,4 @@ std::optional<ReceiverReport> readReceiverReport(std::span<std::uint8_t const> p
   return report;
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-namespace kavo {
+namespace kavo::impl {
 
 // The same moment on the wall clock and in RTP time, and what was sent until then.
 struct SenderInfo {
@@ -38,4 +38,4 @@ struct ReceiverReport {
 // Nothing unless the packet is RTCP that begins with a report.
 std::optional<ReceiverReport> readReceiverReport(std::span<std::uint8_t const> packet, std::uint32_t ssrc);
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <memory>
 
-namespace kavo {
+namespace kavo::impl {
 
 class FrameBuffer {
  public:
@@ -33,4 +33,4 @@ class FrameBuffer {
   std::size_t m_Size = 0;
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -15,7 +15,7 @@
 #include "rtsp/presentationclock.h"
 #include "rtsp/queuedsource.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 // What a demand session sees of both sinks.
 class LiveSink {
@@ -140,4 +140,4 @@ class FrameSink : public Base, public LiveSink {
   FramePackets m_Packets KAVO_GUARDED_BY(eventLoopRole);
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -2,7 +2,7 @@
 
 #include <stdexcept>
 
-namespace kavo {
+namespace kavo::impl {
 
 namespace {
 constexpr std::size_t capacity = 10;
@@ -11,47 +11,47 @@ constexpr std::size_t capacity = 10;
 FrameSourceHandler::~FrameSourceHandler() { clear(); }
 
 void FrameSourceHandler::push(FrameData frame) {
-  Locked lock(m_Mutex);
+  MutexLock lock(m_Mutex);
   m_Frames.push_back(frame);
 }
 
 FrameSourceHandler::FrameData FrameSourceHandler::front() const {
-  Locked lock(m_Mutex);
+  MutexLock lock(m_Mutex);
   requireFrame();
   return m_Frames.front();
 }
 
 FrameSourceHandler::FrameData FrameSourceHandler::back() const {
-  Locked lock(m_Mutex);
+  MutexLock lock(m_Mutex);
   requireFrame();
   return m_Frames.back();
 }
 
 void FrameSourceHandler::pop() {
-  Locked lock(m_Mutex);
+  MutexLock lock(m_Mutex);
   requireFrame();
   removeFront();
 }
 
 void FrameSourceHandler::clear() {
-  Locked lock(m_Mutex);
+  MutexLock lock(m_Mutex);
   while (!m_Frames.empty()) {
     removeFront();
   }
 }
 
 bool FrameSourceHandler::empty() const {
-  Locked lock(m_Mutex);
+  MutexLock lock(m_Mutex);
   return m_Frames.empty();
 }
 
 std::uint32_t FrameSourceHandler::size() const {
-  Locked lock(m_Mutex);
+  MutexLock lock(m_Mutex);
   return static_cast<std::uint32_t>(m_Frames.size());
 }
 
 bool FrameSourceHandler::IsBufferFree() const {
-  Locked lock(m_Mutex);
+  MutexLock lock(m_Mutex);
   return m_Frames.size() < capacity;
 }
 
@@ -70,4 +70,4 @@ void FrameSourceHandler::requireFrame() const {
   }
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -15,7 +15,7 @@ extern "C" {
 #include <libavcodec/packet.h>
 }
 
-namespace kavo {
+namespace kavo::impl {
 
 class FrameSourceHandler {
  public:
@@ -74,4 +74,4 @@ class FrameSourceHandler {
   KeyFrameRequest m_KeyFrameRequest;
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

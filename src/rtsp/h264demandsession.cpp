@@ -5,7 +5,7 @@
 #include "rtsp/h264sink.h"
 #include "rtsp/h264source.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 namespace {
 constexpr unsigned estimatedKilobits = 1048576;
@@ -36,4 +36,4 @@ RTPSink* H264DemandSession::createNewRTPSink(Groupsock* rtpGroupsock, unsigned c
   return H264Sink::createNew(envir(), rtpGroupsock, rtpPayloadTypeIfDynamic, viewers(), m_ParameterSets);
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

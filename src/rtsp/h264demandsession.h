@@ -7,7 +7,7 @@
 
 #include "rtsp/livedemandsession.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 class H264DemandSession : public LiveDemandSession {
  public:
@@ -28,4 +28,4 @@ class H264DemandSession : public LiveDemandSession {
   std::vector<std::uint8_t> const m_ParameterSets;
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -7,7 +7,7 @@
 #include "rtp/nalunits.h"
 #include "rtsp/framesink.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 class H264Sink : public FrameSink<H264VideoRTPSink> {
  public:
@@ -29,4 +29,4 @@ class H264Sink : public FrameSink<H264VideoRTPSink> {
   }
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -3,7 +3,7 @@
 #include <cstring>
 #include <utility>
 
-namespace kavo {
+namespace kavo::impl {
 
 H264Source* H264Source::createNew(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler) {
   return new H264Source(env, std::move(handler));
@@ -17,4 +17,4 @@ void H264Source::copyFrame(AVPacket const& packet, unsigned deliverable) {
   std::memcpy(fTo, packet.data, deliverable);
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -4,7 +4,7 @@
 
 #include "rtsp/queuedsource.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 class H264Source : public QueuedSource<FramedSource> {
  public:
@@ -17,4 +17,4 @@ class H264Source : public QueuedSource<FramedSource> {
   void copyFrame(AVPacket const& packet, unsigned deliverable) override;
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

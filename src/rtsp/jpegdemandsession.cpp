@@ -5,7 +5,7 @@
 #include "rtsp/jpegsink.h"
 #include "rtsp/jpegsource.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 namespace {
 constexpr unsigned estimatedKilobits = 64;
@@ -33,4 +33,4 @@ RTPSink* JpegDemandSession::createNewRTPSink(Groupsock* rtpGroupsock, unsigned c
   return JpegSink::createNew(envir(), rtpGroupsock, viewers());
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -6,7 +6,7 @@
 
 #include "rtsp/livedemandsession.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 class JpegDemandSession : public LiveDemandSession {
  public:
@@ -23,4 +23,4 @@ class JpegDemandSession : public LiveDemandSession {
                             FramedSource* inputSource) override;
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

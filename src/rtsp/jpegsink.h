@@ -7,7 +7,7 @@
 #include "rtp/jpegpacketizer.h"
 #include "rtsp/framesink.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 class JpegSink : public FrameSink<JPEGVideoRTPSink> {
  public:
@@ -37,4 +37,4 @@ class JpegSink : public FrameSink<JPEGVideoRTPSink> {
   }
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <utility>
 
-namespace kavo {
+namespace kavo::impl {
 
 JpegSource* JpegSource::createNew(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler) {
   return new JpegSource(env, std::move(handler));
@@ -17,7 +17,7 @@ JpegSource::JpegSource(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler
 // 4:2:0, which is what JpegEncoder makes.
 u_int8_t JpegSource::type() { return 1; }
 
-// 128 and more: the tables travel with the picture.
+// 128 and more: the tables travel with the frame.
 u_int8_t JpegSource::qFactor() { return 195; }
 
 u_int8_t JpegSource::width() { return m_Size.width; }
@@ -59,4 +59,4 @@ std::size_t JpegSource::setParamsFromHeader(std::span<std::uint8_t const> image)
   return header.length;
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -8,7 +8,7 @@
 #include "rtp/jpegheader.h"
 #include "rtsp/queuedsource.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 // RTP/JPEG sends a few parameters in place of the image's header; they are read
 // from each image, of which only the scan data is delivered.
@@ -35,4 +35,4 @@ class JpegSource : public QueuedSource<JPEGVideoSource> {
   std::optional<JpegHeader::QuantizationTables> m_QuantizationTables;
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

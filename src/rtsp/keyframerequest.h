@@ -1,10 +1,10 @@
-// The event loop's wish for a picture that new viewers can begin with.
+// The event loop's wish for a frame that new viewers can begin with.
 #pragma once
 
 #include <atomic>
 #include <chrono>
 
-namespace kavo {
+namespace kavo::impl {
 
 // Key frames are several times as large as others: requests are merged, and one
 // that comes too soon after the last waits until its time, however many viewers join.
@@ -33,4 +33,4 @@ class KeyFrameRequest {
   Clock::time_point m_LastTaken{Clock::duration::min() / 2};  // host threads, under the session manager's lock
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

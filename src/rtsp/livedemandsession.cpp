@@ -3,7 +3,7 @@
 #include <GroupsockHelper.hh>
 #include <utility>
 
-namespace kavo {
+namespace kavo::impl {
 
 namespace {
 constexpr portNumBits firstServerPort = 6970;
@@ -29,7 +29,7 @@ LiveDemandSession::~LiveDemandSession() {
 }
 
 void LiveDemandSession::signalNewFrame(TaskScheduler* scheduler) {
-  Locked lock(m_Mutex);
+  MutexLock lock(m_Mutex);
   if (m_Source != nullptr) {
     wakeSource(scheduler, m_Source);
   }
@@ -40,7 +40,7 @@ void LiveDemandSession::closeSession() { closeSource(); }
 void LiveDemandSession::closeSource() {
   FramedSource* source = nullptr;
   {
-    Locked lock(m_Mutex);
+    MutexLock lock(m_Mutex);
     source = m_Source;
   }
   if (source != nullptr) {
@@ -54,7 +54,7 @@ FramedSource* LiveDemandSession::createNewStreamSource(unsigned /*clientSessionI
   eventLoopRole.assertHeld();
   estBitrate = m_EstimatedBitrate;
   FramedSource* const source = openSource(m_FrameSourceHandler);
-  Locked lock(m_Mutex);
+  MutexLock lock(m_Mutex);
   m_Source = source;
   return source;
 }
@@ -62,7 +62,7 @@ FramedSource* LiveDemandSession::createNewStreamSource(unsigned /*clientSessionI
 // Removed first, so that nobody signals it; closed outside the lock.
 void LiveDemandSession::closeStreamSource(FramedSource* inputSource) {
   {
-    Locked lock(m_Mutex);
+    MutexLock lock(m_Mutex);
     if (m_Source == inputSource) {
       m_Source = nullptr;
     }
@@ -145,7 +145,7 @@ void LiveDemandSession::startStream(unsigned /*clientSessionId*/, void* streamTo
 
 void LiveDemandSession::startSource() {
   {
-    Locked lock(m_Mutex);
+    MutexLock lock(m_Mutex);
     if (m_Source != nullptr) {
       return;
     }
@@ -211,7 +211,7 @@ float LiveDemandSession::getCurrentNPT(void* /*streamToken*/) {
 }
 
 FramedSource* LiveDemandSession::getStreamSource(void* /*streamToken*/) {
-  Locked lock(m_Mutex);
+  MutexLock lock(m_Mutex);
   return m_Source;
 }
 
@@ -221,4 +221,4 @@ void LiveDemandSession::getRTPSinkandRTCP(void* /*streamToken*/, RTPSink*& rtpSi
   rtcp = nullptr;
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

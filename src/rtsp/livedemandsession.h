@@ -11,7 +11,7 @@
 #include "rtsp/framesink.h"
 #include "rtsp/framesourcehandler.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 // What the two payload formats share; they add the source and the sink.
 //
@@ -89,4 +89,4 @@ class LiveDemandSession : public OnDemandServerMediaSubsession {
   FramedSource* m_Source KAVO_GUARDED_BY(m_Mutex) = nullptr;
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

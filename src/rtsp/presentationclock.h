@@ -7,7 +7,7 @@
 #include <chrono>
 #include <cstdint>
 
-namespace kavo {
+namespace kavo::impl {
 
 inline std::chrono::microseconds wallClock() {
   timeval now{};
@@ -25,4 +25,4 @@ inline timeval presentationTime(std::chrono::steady_clock::time_point time) {
   return {.tv_sec = at.count() / 1000000, .tv_usec = at.count() % 1000000};
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -15,7 +15,7 @@
 #include "rtsp/framesourcehandler.h"
 #include "rtsp/presentationclock.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 // A source that lets its sink's buffer grow with the frames, instead of truncating them.
 class GrowingSource {
@@ -102,4 +102,4 @@ class QueuedSource : public Base, public GrowingSource {
   EventTrigger m_Trigger;
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -6,7 +6,7 @@
 #include "server/rtspserver.h"
 #include "server/transport.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 ClientSession::ClientSession(RtspServer& server, u_int32_t sessionId) : RTSPClientSession(server, sessionId) {}
 
@@ -97,4 +97,4 @@ void ClientSession::handleCmd_withinSession(RTSPServer::RTSPClientConnection* co
                                              ours.request().headers().c_str());
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

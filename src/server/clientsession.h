@@ -9,7 +9,7 @@
 #include "delivery/viewers.h"
 #include "eventloop/eventlooprole.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 class RtspConnection;
 class RtspServer;
@@ -58,4 +58,4 @@ class ClientSession : public RTSPServer::RTSPClientSession {
   sockaddr_storage m_ClientAddress{};
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

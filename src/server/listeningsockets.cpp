@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <utility>
 
-namespace kavo {
+namespace kavo::impl {
 
 namespace {
 
@@ -22,8 +22,8 @@ bool bindAndListen(int descriptor, Address const& address) {
 
 // False when the family is there but the port cannot be had.
 template <class Address>
-bool openFamily(Address const& address, int family, Descriptor& result) {
-  Descriptor socket(::socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+bool openFamily(Address const& address, int family, UniqueFd& result) {
+  UniqueFd socket(::socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   if (socket.get() < 0) {
     return errno == EAFNOSUPPORT;
   }
@@ -57,4 +57,4 @@ std::optional<ListeningSockets> listenOnPort(std::uint16_t port) {
   return sockets;
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

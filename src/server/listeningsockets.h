@@ -4,15 +4,15 @@
 #include <cstdint>
 #include <optional>
 
-#include "base/descriptor.h"
+#include "base/uniquefd.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 // One socket for each address family that the machine has; -1 inside for one
 // that it has not.
 struct ListeningSockets {
-  Descriptor ipv4;
-  Descriptor ipv6;
+  UniqueFd ipv4;
+  UniqueFd ipv6;
 };
 
 // Listens on the port (host byte order) on every local address. Nothing when a
@@ -20,4 +20,4 @@ struct ListeningSockets {
 // clients reach would look like one that works.
 std::optional<ListeningSockets> listenOnPort(std::uint16_t port);
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -7,7 +7,7 @@
 
 #include "server/text.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 namespace {
 
@@ -176,4 +176,4 @@ std::string Request::headers() const {
   return (range.empty() ? "" : "Range: " + range + "\r\n") + (scale ? "Scale: 1\r\n" : "") + "\r\n";
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

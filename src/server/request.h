@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-namespace kavo {
+namespace kavo::impl {
 
 struct Request {
   // Far more than any client sends.
@@ -35,4 +35,4 @@ struct Request {
   std::string headers() const;
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-namespace kavo {
+namespace kavo::impl {
 
 RequestReader::Item RequestReader::next() {
   // Some clients keep a connection alive with empty lines.
@@ -50,4 +50,4 @@ RequestReader::Item RequestReader::takeRequest() {
   return Item::Request;
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

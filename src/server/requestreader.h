@@ -11,7 +11,7 @@
 
 #include "server/request.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 class RequestReader {
  public:
@@ -51,4 +51,4 @@ class RequestReader {
   std::uint8_t m_Channel = 0;
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -13,7 +13,7 @@
 #include "server/clientsession.h"
 #include "server/rtspserver.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 namespace {
 
@@ -30,7 +30,7 @@ constexpr std::size_t maxPendingInput = 128 * std::size_t{1024};
 
 }  // namespace
 
-RtspConnection::RtspConnection(RtspServer& server, Descriptor clientSocket, sockaddr_storage const& clientAddress)
+RtspConnection::RtspConnection(RtspServer& server, UniqueFd clientSocket, sockaddr_storage const& clientAddress)
     : RTSPClientConnection(server, clientSocket.release(), clientAddress),
       m_Server(server),
       m_Watch(envir().taskScheduler(), fOurSocket,
@@ -187,4 +187,4 @@ void RtspConnection::answer(std::string_view status) {
   send(fClientOutputSocket, response.data(), response.size(), MSG_NOSIGNAL);
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -10,14 +10,14 @@
 #include <string_view>
 #include <vector>
 
-#include "base/descriptor.h"
+#include "base/uniquefd.h"
 #include "delivery/interleavedwriter.h"
 #include "eventloop/eventlooprole.h"
 #include "eventloop/socketwatch.h"
 #include "server/requestreader.h"
 #include "server/transport.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 class ClientSession;
 class RtspServer;
@@ -27,7 +27,7 @@ class RtspConnection : public RTSPServer::RTSPClientConnection {
   using Clock = std::chrono::steady_clock;
   static constexpr std::size_t maxSessions = 4;
 
-  RtspConnection(RtspServer& server, Descriptor clientSocket, sockaddr_storage const& clientAddress)
+  RtspConnection(RtspServer& server, UniqueFd clientSocket, sockaddr_storage const& clientAddress)
       KAVO_REQUIRES(eventLoopRole);
   ~RtspConnection() override;
 
@@ -90,4 +90,4 @@ class RtspConnection : public RTSPServer::RTSPClientConnection {
   std::shared_ptr<bool> m_Alive = std::make_shared<bool>(true);
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -12,7 +12,7 @@
 #include "server/clientsession.h"
 #include "server/rtspconnection.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 namespace {
 
@@ -59,7 +59,7 @@ RtspServer::RtspServer(UsageEnvironment& env, ListeningSockets sockets, std::uin
 // Sessions first, while this is still a server of ours.
 RtspServer::~RtspServer() {
   eventLoopRole.assertHeld();
-  while (auto* const session = static_cast<kavo::ClientSession*>(fClientSessions->getFirst())) {
+  while (auto* const session = static_cast<impl::ClientSession*>(fClientSessions->getFirst())) {
     session->sayGoodbye();
     delete session;
   }
@@ -74,14 +74,14 @@ template <class Function>
 void RtspServer::forEachSession(Function const& function) {
   std::unique_ptr<HashTable::Iterator> const entries(HashTable::Iterator::create(*fClientSessions));
   char const* id = nullptr;
-  while (auto* const session = static_cast<kavo::ClientSession*>(entries->next(id))) {
+  while (auto* const session = static_cast<impl::ClientSession*>(entries->next(id))) {
     function(*session);
   }
 }
 
 void RtspServer::removeSession(ServerMediaSession* session) {
   std::vector<RtspConnection*> connections;
-  forEachSession([&](kavo::ClientSession& client) {
+  forEachSession([&](impl::ClientSession& client) {
     eventLoopRole.assertHeld();
     if (client.isOf(session)) {
       client.sayGoodbye();
@@ -98,7 +98,7 @@ void RtspServer::removeSession(ServerMediaSession* session) {
   }
 }
 
-void RtspServer::addConnection(Descriptor client, sockaddr_storage const& clientAddress) {
+void RtspServer::addConnection(UniqueFd client, sockaddr_storage const& clientAddress) {
   auto const place = m_Connections.insert(m_Connections.end(), nullptr);
   try {
     *place = new RtspConnection(*this, std::move(client), clientAddress);
@@ -112,18 +112,18 @@ void RtspServer::addConnection(Descriptor client, sockaddr_storage const& client
 GenericMediaServer::ClientSession* RtspServer::createNewClientSession(u_int32_t sessionId) {
   eventLoopRole.assertHeld();
   m_NewSession = sessionId;
-  return new kavo::ClientSession(*this, sessionId);
+  return new impl::ClientSession(*this, sessionId);
 }
 
 void RtspServer::removeFailedSession() {
-  auto const* const session = static_cast<kavo::ClientSession*>(lookupClientSession(std::exchange(m_NewSession, 0)));
+  auto const* const session = static_cast<impl::ClientSession*>(lookupClientSession(std::exchange(m_NewSession, 0)));
   if (session != nullptr && !session->hasStream()) {
     delete session;
   }
 }
 
 bool RtspServer::maySpeakFor(std::string const& sessionId, sockaddr_storage const& clientAddress) {
-  auto const* const session = static_cast<kavo::ClientSession*>(lookupClientSession(sessionId.c_str()));
+  auto const* const session = static_cast<impl::ClientSession*>(lookupClientSession(sessionId.c_str()));
   return session != nullptr && session->isOfHost(clientAddress);
 }
 
@@ -131,8 +131,8 @@ bool RtspServer::hasRoomForSession() {
   if (numClientSessions() < m_MaxConnections) {
     return true;
   }
-  kavo::ClientSession* lost = nullptr;
-  forEachSession([&](kavo::ClientSession& session) { lost = session.connection() == nullptr ? &session : lost; });
+  impl::ClientSession* lost = nullptr;
+  forEachSession([&](impl::ClientSession& session) { lost = session.connection() == nullptr ? &session : lost; });
   delete lost;
   return lost != nullptr;
 }
@@ -162,8 +162,7 @@ void RtspServer::acceptAll(int listeningSocket) {
 bool RtspServer::acceptOne(int listeningSocket) {
   sockaddr_storage address{};
   socklen_t size = sizeof address;
-  Descriptor client(
-      accept4(listeningSocket, reinterpret_cast<sockaddr*>(&address), &size, SOCK_NONBLOCK | SOCK_CLOEXEC));
+  UniqueFd client(accept4(listeningSocket, reinterpret_cast<sockaddr*>(&address), &size, SOCK_NONBLOCK | SOCK_CLOEXEC));
   if (client.get() >= 0) {
     if (MemoryReserve::refill() && (m_Connections.size() < m_MaxConnections || evictConnection())) {
       addConnection(std::move(client), address);
@@ -209,21 +208,21 @@ void RtspServer::closeIdleAndStalled() {
     if (idle || connection->isStalled(now)) {
       delete connection;
     } else {
-      for (kavo::ClientSession* const session : connection->sessions()) {
+      for (impl::ClientSession* const session : connection->sessions()) {
         session->noteProgress();
       }
     }
   }
-  std::vector<kavo::ClientSession*> abandoned;
-  forEachSession([&](kavo::ClientSession& session) {
+  std::vector<impl::ClientSession*> abandoned;
+  forEachSession([&](impl::ClientSession& session) {
     eventLoopRole.assertHeld();
     if (session.isAbandoned()) {
       abandoned.push_back(&session);
     }
   });
-  for (kavo::ClientSession* const session : abandoned) {
+  for (impl::ClientSession* const session : abandoned) {
     delete session;
   }
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -14,7 +14,7 @@
 #include "eventloop/timer.h"
 #include "server/listeningsockets.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 class ClientSession;
 class RtspConnection;
@@ -44,7 +44,7 @@ class RtspServer : public RTSPServer {
   friend class RtspConnection;
   using Connections = std::list<RtspConnection*>;
 
-  void addConnection(Descriptor client, sockaddr_storage const& clientAddress) KAVO_REQUIRES(eventLoopRole);
+  void addConnection(UniqueFd client, sockaddr_storage const& clientAddress) KAVO_REQUIRES(eventLoopRole);
   // A connection's own place among those that the server keeps.
   void removeConnection(Connections::iterator place) KAVO_REQUIRES(eventLoopRole);
   void noteActivity(Connections::iterator place) KAVO_REQUIRES(eventLoopRole);
@@ -75,4 +75,4 @@ class RtspServer : public RTSPServer {
   Timer m_CloseIdle;
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-namespace kavo {
+namespace kavo::impl {
 
 inline bool equalsIgnoringCase(std::string_view a, std::string_view b) {
   return std::equal(a.begin(), a.end(), b.begin(), b.end(),
@@ -37,4 +37,4 @@ inline std::vector<std::string_view> split(std::string_view text, char separator
   }
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -7,7 +7,7 @@
 
 #include "server/text.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 namespace {
 
@@ -82,4 +82,4 @@ std::optional<Transport> acceptableTransport(std::string_view header) {
   return std::nullopt;
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

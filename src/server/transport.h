@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-namespace kavo {
+namespace kavo::impl {
 
 struct Transport {
   bool interleaved = false;  // on the RTSP connection, otherwise over unicast UDP
@@ -21,4 +21,4 @@ struct Transport {
 // The first transport of a Transport header that we serve; nothing if there is none.
 std::optional<Transport> acceptableTransport(std::string_view header);
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -1,7 +1,7 @@
 // The stream of a session, as the session sees it. Host threads, one at a time.
 #pragma once
 
-namespace kavo {
+namespace kavo::impl {
 
 class LiveDemandSession;
 class StreamEnvironment;
@@ -26,4 +26,4 @@ class ISubSession {
   StreamEnvironment const& m_Environment;
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

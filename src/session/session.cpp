@@ -9,7 +9,7 @@
 #include "session/streamenvironment.h"
 #include "session/videosubsession.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 namespace {
 
@@ -65,4 +65,4 @@ void Session::submitData(void* streamId, unsigned char const* frame) {
   m_Stream->submitFrame(frame);
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

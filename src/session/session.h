@@ -10,7 +10,7 @@
 
 class ServerMediaSession;
 
-namespace kavo {
+namespace kavo::impl {
 
 class StreamEnvironment;
 
@@ -49,4 +49,4 @@ class Session {
   StreamEnvironment const& m_Environment;
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

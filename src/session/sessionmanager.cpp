@@ -2,10 +2,10 @@
 
 #include "base/streamexception.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 void SessionManager::init(unsigned int port) {
-  Locked lock(m_Mutex);
+  MutexLock lock(m_Mutex);
   m_MayServe = true;
   try {
     m_Environment.start(port);
@@ -16,7 +16,7 @@ void SessionManager::init(unsigned int port) {
 }
 
 void SessionManager::exit() {
-  Locked lock(m_Mutex);
+  MutexLock lock(m_Mutex);
   m_Environment.stop();
   decltype(m_Sessions)().swap(m_Sessions);  // and its memory, when the library is unloaded
   m_MayServe = false;
@@ -24,7 +24,7 @@ void SessionManager::exit() {
 
 // What can fail comes first; the media session is served as the last step.
 void SessionManager::addSession(SessionInformation& information) {
-  Locked lock(m_Mutex);
+  MutexLock lock(m_Mutex);
   RtspServer* const server = m_Environment.GetRTSPServer();
   auto const nameTaken = [&] {
     eventLoopRole.assertHeld();
@@ -47,7 +47,7 @@ void SessionManager::addSession(SessionInformation& information) {
 }
 
 void SessionManager::removeSession(void* handle) {
-  Locked lock(m_Mutex);
+  MutexLock lock(m_Mutex);
   auto const session = m_Sessions.at(handle);
   RtspServer* const server = m_Environment.GetRTSPServer();
   m_Environment.runOnLoop([&] {
@@ -58,7 +58,7 @@ void SessionManager::removeSession(void* handle) {
 }
 
 void SessionManager::sessionInfo(SessionInformation& information) {
-  Locked lock(m_Mutex);
+  MutexLock lock(m_Mutex);
   auto const session = m_Sessions.at(information.handle);
   information.name = session->streamName();
   information.info = session->streamInfo();
@@ -67,14 +67,14 @@ void SessionManager::sessionInfo(SessionInformation& information) {
 }
 
 void SessionManager::addStream(void* handle, void*& streamId, ICodecParameter const* parameter) {
-  Locked lock(m_Mutex);
+  MutexLock lock(m_Mutex);
   auto const session = m_Sessions.at(handle);
   session->addStream(parameter);
   streamId = session->stream().get();
 }
 
 void SessionManager::submitData(void* handle, void* streamId, unsigned char const* frame) {
-  Locked lock(m_Mutex);
+  MutexLock lock(m_Mutex);
   m_Environment.requireHealth();
   auto const session = m_Sessions.at(handle);
   session->submitData(streamId, frame);
@@ -89,4 +89,4 @@ std::string SessionManager::urlOf(Session& session) const {
   });
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -12,7 +12,7 @@
 #include "session/session.h"
 #include "session/streamenvironment.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 // A handle is the address of a Session. One that names no live session throws
 // std::out_of_range.
@@ -58,4 +58,4 @@ class SessionManager {
   StreamEnvironment m_Environment KAVO_GUARDED_BY(m_Mutex);
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -14,7 +14,7 @@
 #include "eventloop/quietusageenvironment.h"
 #include "rtsp/framebuffer.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 namespace {
 
@@ -199,4 +199,4 @@ RtspServer* StreamEnvironment::GetRTSPServer() const {
   return m_RTSPServer;
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

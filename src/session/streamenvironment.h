@@ -16,7 +16,7 @@
 #include "eventloop/memoryreserve.h"
 #include "server/rtspserver.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 // Host threads, one at a time (the session manager's lock); run() is the
 // event-loop thread. All of it is made by start() and gone after stop(), so
@@ -97,4 +97,4 @@ std::invoke_result_t<Function> StreamEnvironment::runOnLoop(Function function) c
   return result.get();
 }
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -11,7 +11,7 @@
 #include "session/isubsession.h"
 #include "session/streamenvironment.h"
 
-namespace kavo {
+namespace kavo::impl {
 
 template <class DemandSession>
 class VideoSubSession : public ISubSession {
@@ -59,4 +59,4 @@ class VideoSubSession : public ISubSession {
   std::shared_ptr<Transcoder> m_Transcoder;
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <random>
 
-namespace kavo::test {
+namespace kavo::impl::test {
 
 Encoded encoded(Transcoder& transcoder, std::uint8_t const* frame) {
   AVPacket packet{};
@@ -52,4 +52,4 @@ void expectReadsNothingBehindTheFrame(std::int32_t codec) {
   }
 }
 
-}  // namespace kavo::test
+}  // namespace kavo::impl::test

@@ -8,7 +8,7 @@
 #include "codec/guardedframe.h"
 #include "codec/transcoder.h"
 
-namespace kavo::test {
+namespace kavo::impl::test {
 
 struct Encoded {
   std::vector<std::uint8_t> bytes;
@@ -24,4 +24,4 @@ int refusal(VideoCodecParameter const& parameter, char const* message);
 // all formats and several sizes.
 void expectReadsNothingBehindTheFrame(std::int32_t codec);
 
-}  // namespace kavo::test
+}  // namespace kavo::impl::test

@@ -15,7 +15,7 @@ extern "C" {
 #include <libavutil/imgutils.h>
 }
 
-namespace kavo::test {
+namespace kavo::impl::test {
 
 class GuardedFrame {
  public:
@@ -61,4 +61,4 @@ inline VideoCodecParameter parameters(std::int32_t codec, std::int32_t format, i
 
 inline constexpr std::int32_t allFormats[] = {0, 2, 3, 4, 12, 13, 27, 28, 29, 30};
 
-}  // namespace kavo::test
+}  // namespace kavo::impl::test

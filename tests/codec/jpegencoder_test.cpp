@@ -6,8 +6,8 @@
 #include "codec/encoding.h"
 #include "rtp/jpegheader.h"
 
-using namespace kavo;
-using namespace kavo::test;
+using namespace kavo::impl;
+using namespace kavo::impl::test;
 
 TEST(JpegEncoder, ReadsNothingBehindTheFrame) { expectReadsNothingBehindTheFrame(8); }
 

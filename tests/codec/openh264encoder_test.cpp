@@ -3,8 +3,8 @@
 #include "codec/encoding.h"
 #include "rtp/nalunits.h"
 
-using namespace kavo;
-using namespace kavo::test;
+using namespace kavo::impl;
+using namespace kavo::impl::test;
 
 namespace {
 
@@ -16,7 +16,7 @@ std::vector<int> nalTypes(std::span<std::uint8_t const> bytes) {
   return types;
 }
 
-// A picture that differs from the one before, so that nothing is skipped for standing still.
+// A frame that differs from the one before, so that nothing is skipped for standing still.
 std::vector<std::uint8_t> movingFrame(int number) {
   std::vector<std::uint8_t> frame(frameSize(0, 320, 240) + 4096, 128);
   for (int y = 0; y < 240; ++y) {
@@ -27,8 +27,8 @@ std::vector<std::uint8_t> movingFrame(int number) {
   return frame;
 }
 
-std::vector<int> const keyPicture = {7, 8, 5};
-std::vector<int> const otherPicture = {1};
+std::vector<int> const keyFrame = {7, 8, 5};
+std::vector<int> const otherFrame = {1};
 
 }  // namespace
 
@@ -38,13 +38,13 @@ TEST(OpenH264Encoder, BeginsWithParameterSetsAndRepeatsThemEveryTwoSeconds) {
   auto const parameter = parameters(28, 0, 320, 240, 320, 240);
   Transcoder transcoder(&parameter);
   for (int i = 0; i < 110; ++i) {
-    auto const picture = encoded(transcoder, movingFrame(i).data());
-    if (picture.bytes.empty()) {
+    auto const frame = encoded(transcoder, movingFrame(i).data());
+    if (frame.bytes.empty()) {
       continue;  // skipped by rate control
     }
-    EXPECT_EQ(nalTypes(picture.bytes), i % 50 == 0 ? keyPicture : otherPicture) << i;
-    EXPECT_EQ(picture.key, i % 50 == 0) << i;
-    EXPECT_NE(picture.bytes[0], 0) << "a start code in front of picture " << i;
+    EXPECT_EQ(nalTypes(frame.bytes), i % 50 == 0 ? keyFrame : otherFrame) << i;
+    EXPECT_EQ(frame.key, i % 50 == 0) << i;
+    EXPECT_NE(frame.bytes[0], 0) << "a start code in front of frame " << i;
   }
 }
 
@@ -58,13 +58,13 @@ TEST(OpenH264Encoder, MakesAKeyFrameOnRequestEvenIfFramesAreSkipped) {
     if (i == 25) {
       transcoder.requestKeyFrame();
     }
-    auto const picture = encoded(transcoder, movingFrame(i * 7).data());
-    skipped += picture.bytes.empty() ? 1 : 0;
+    auto const frame = encoded(transcoder, movingFrame(i * 7).data());
+    skipped += frame.bytes.empty() ? 1 : 0;
     if (i >= 25 && waited < 0) {
-      if (picture.key) {
+      if (frame.key) {
         waited = i - 25;
       } else {
-        EXPECT_TRUE(picture.bytes.empty()) << "another picture came before the key frame";
+        EXPECT_TRUE(frame.bytes.empty()) << "another frame came before the key frame";
       }
     }
   }

@@ -7,9 +7,9 @@
 #include <algorithm>
 #include <string>
 
-#include "base/descriptor.h"
+#include "base/uniquefd.h"
 
-using namespace kavo;
+using namespace kavo::impl;
 using namespace std::chrono_literals;
 
 namespace {
@@ -20,8 +20,8 @@ class InterleavedWriterTest : public ::testing::Test {
   void SetUp() override {
     int ends[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends), 0);
-    m_Near = Descriptor(ends[0]);
-    m_Far = Descriptor(ends[1]);
+    m_Near = UniqueFd(ends[0]);
+    m_Far = UniqueFd(ends[1]);
     m_Writer = std::make_unique<InterleavedWriter>(m_Near.get(), [this](bool wanted) { m_Blocked = wanted; });
   }
 
@@ -75,8 +75,8 @@ class InterleavedWriterTest : public ::testing::Test {
     return runs;
   }
 
-  Descriptor m_Near;
-  Descriptor m_Far;
+  UniqueFd m_Near;
+  UniqueFd m_Far;
   bool m_Blocked = false;
   std::string m_Received;
   std::unique_ptr<InterleavedWriter> m_Writer;

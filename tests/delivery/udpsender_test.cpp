@@ -6,10 +6,10 @@
 #include <initializer_list>
 #include <vector>
 
-#include "base/descriptor.h"
+#include "base/uniquefd.h"
 #include "rtp/reassembly.h"
 
-using namespace kavo;
+using namespace kavo::impl;
 
 namespace {
 
@@ -35,7 +35,7 @@ struct Receiver {
     return result;
   }
 
-  Descriptor socket;
+  UniqueFd socket;
   sockaddr_storage address{};
 };
 
@@ -71,7 +71,7 @@ TEST(UdpSender, SendsEveryPacketToEveryDestination) {
       std::vector<std::size_t>(70, 1400),  // more than one segmented send may carry
       std::vector<std::size_t>(150, 90),
   };
-  Descriptor const sender(socket(AF_INET, SOCK_DGRAM, 0));
+  UniqueFd const sender(socket(AF_INET, SOCK_DGRAM, 0));
   UdpSender udp;
   for (auto const& sizes : frames) {
     Frame frame(sizes);
@@ -89,7 +89,7 @@ TEST(UdpSender, SendsEveryPacketToEveryDestination) {
 
 // A path that refuses segmentation, and one that refuses everything, lose it alone.
 TEST(UdpSender, ARefusedDestinationDisturbsNoOther) {
-  Descriptor const sender(socket(AF_INET, SOCK_DGRAM, 0));
+  UniqueFd const sender(socket(AF_INET, SOCK_DGRAM, 0));
   Receiver receivers[2];
   UdpDestination first{.address = receivers[0].address};
   UdpDestination refused{.address = receivers[0].address};
@@ -109,7 +109,7 @@ TEST(UdpSender, ARefusedDestinationDisturbsNoOther) {
 }
 
 TEST(UdpSender, ANarrowPathIsReportedAndSparedTheRest) {
-  Descriptor const sender(socket(AF_INET, SOCK_DGRAM, 0));
+  UniqueFd const sender(socket(AF_INET, SOCK_DGRAM, 0));
   Receiver receiver;
   UdpDestination narrow{.address = receiver.address};
   Frame tooLarge({1400, 1400, 100});

@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-using namespace kavo;
+using namespace kavo::impl;
 using namespace std::chrono_literals;
 
 namespace {
@@ -22,13 +22,13 @@ struct Pair {
   Pair() {
     int ends[2];
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends), 0);
-    near = Descriptor(ends[0]);
-    far = Descriptor(ends[1]);
+    near = UniqueFd(ends[0]);
+    far = UniqueFd(ends[1]);
   }
   void send() const { EXPECT_EQ(write(far.get(), "x", 1), 1); }
 
-  Descriptor near;
-  Descriptor far;
+  UniqueFd near;
+  UniqueFd far;
 };
 
 class EpollSchedulerTest : public ::testing::Test {

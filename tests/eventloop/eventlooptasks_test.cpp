@@ -9,7 +9,7 @@
 #include "base/streamexception.h"
 #include "session/streamenvironment.h"
 
-using namespace kavo;
+using namespace kavo::impl;
 
 TEST(RunOnLoop, RunsAtOnceWhileNoLoopRuns) {
   StreamEnvironment environment;

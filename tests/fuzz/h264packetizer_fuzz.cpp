@@ -10,12 +10,12 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
   }
   std::size_t const maxPacket = 20 + data[0] * 5U + data[1] % 5;
   std::span<std::uint8_t const> rest(data + 2, size - 2);
-  kavo::RtpHeader const header{.payloadType = 96, .sequence = 1, .timestamp = 2, .ssrc = 3};
-  kavo::FramePackets packets;
+  kavo::impl::RtpHeader const header{.payloadType = 96, .sequence = 1, .timestamp = 2, .ssrc = 3};
+  kavo::impl::FramePackets packets;
   packets.begin(header);
-  kavo::packetizeH264(rest, maxPacket, packets);
+  kavo::impl::packetizeH264(rest, maxPacket, packets);
   std::vector<reassembly::Bytes> expected;
-  for (auto unit = kavo::takeNalUnit(rest); !unit.empty(); unit = kavo::takeNalUnit(rest)) {
+  for (auto unit = kavo::impl::takeNalUnit(rest); !unit.empty(); unit = kavo::impl::takeNalUnit(rest)) {
     if ((unit[0] & 0x1F) == 28) {
       return 0;  // looks like a fragment
     }

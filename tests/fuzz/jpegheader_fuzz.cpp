@@ -5,7 +5,7 @@
 #include "rtp/jpegheader.h"
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
-  auto const header = kavo::readJpegHeader({data, size});
+  auto const header = kavo::impl::readJpegHeader({data, size});
   if (header.length > size) {
     std::abort();
   }

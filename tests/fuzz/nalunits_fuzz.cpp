@@ -8,7 +8,7 @@
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
   std::uint8_t const* end = data;
   std::span<std::uint8_t const> rest(data, size);
-  for (auto unit = kavo::takeNalUnit(rest); !unit.empty(); unit = kavo::takeNalUnit(rest)) {
+  for (auto unit = kavo::impl::takeNalUnit(rest); !unit.empty(); unit = kavo::impl::takeNalUnit(rest)) {
     bool const inside = unit.data() >= end && unit.data() + unit.size() <= data + size;
     bool startCode = false;
     for (std::size_t i = 0; i + 2 < unit.size(); ++i) {

@@ -15,7 +15,7 @@ std::size_t count(std::string const& text, std::string_view word) {
   return found;
 }
 
-void check(kavo::Request const& request) {
+void check(kavo::impl::Request const& request) {
   auto const text = request.text();
   bool const oneRequest =
       count(text, "\r\n\r\n") == 1 && text.ends_with("\r\n\r\n") && count(text, " RTSP/1.0\r\n") == 1;
@@ -29,7 +29,7 @@ void check(kavo::Request const& request) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
-  using kavo::RequestReader;
+  using kavo::impl::RequestReader;
   RequestReader reader;
   std::string_view const all(reinterpret_cast<char const*>(data), size);
   std::size_t const piece = size > 0 ? data[0] % 64 + 1 : 1;

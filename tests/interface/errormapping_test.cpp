@@ -5,7 +5,7 @@
 
 #include "interface/cinterface.h"
 
-using namespace kavo;
+using namespace kavo::impl;
 
 TEST(ErrorMapping, NothingElseEscapes) {
   EXPECT_EQ(resultOf([] {}), 0);

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <vector>
 
-using namespace kavo;
+using namespace kavo::impl;
 
 namespace {
 

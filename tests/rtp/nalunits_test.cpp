@@ -5,7 +5,7 @@
 #include <memory>
 #include <vector>
 
-using namespace kavo;
+using namespace kavo::impl;
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include "rtp/nalunits.h"
 #include "rtp/reassembly.h"
 
-using namespace kavo;
+using namespace kavo::impl;
 using namespace reassembly;
 
 namespace {

@@ -21,7 +21,7 @@ inline void require(bool condition, char const* what) {
 }
 
 // The packets as they leave over UDP.
-inline std::vector<Bytes> packetsOf(kavo::FramePackets& packets) {
+inline std::vector<Bytes> packetsOf(kavo::impl::FramePackets& packets) {
   std::vector<Bytes> result;
   auto const pieces = packets.datagrams();
   for (std::size_t at = 0; at < pieces.size(); at += 2) {
@@ -45,7 +45,7 @@ inline std::uint32_t numberAt(Bytes const& bytes, std::size_t at, int size) {
 }
 
 // RFC 3550, 5.1: the payloads, after a look at all headers.
-inline std::vector<Bytes> payloadsOf(std::vector<Bytes> const& packets, kavo::RtpHeader const& header,
+inline std::vector<Bytes> payloadsOf(std::vector<Bytes> const& packets, kavo::impl::RtpHeader const& header,
                                      std::size_t maxPacket) {
   std::vector<Bytes> payloads;
   for (std::size_t i = 0; i < packets.size(); ++i) {

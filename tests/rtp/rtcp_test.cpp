@@ -4,7 +4,7 @@
 
 #include "rtp/reassembly.h"
 
-using namespace kavo;
+using namespace kavo::impl;
 using reassembly::Bytes;
 using reassembly::numberAt;
 

@@ -8,7 +8,7 @@ extern "C" {
 #include <libavutil/buffer.h>
 }
 
-using namespace kavo;
+using namespace kavo::impl;
 
 namespace {
 

@@ -12,7 +12,7 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 }
 
-using namespace kavo;
+using namespace kavo::impl;
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include "session/streamenvironment.h"
 #include "system/rtspclient.h"
 
-using namespace kavo;
+using namespace kavo::impl;
 
 TEST(LiveDemandSession, OnlyWhoeverPlaysMakesSomebodyEncode) {
   StreamEnvironment environment;

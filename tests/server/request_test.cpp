@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-using kavo::Request;
+using kavo::impl::Request;
 
 namespace {
 

@@ -4,7 +4,7 @@
 
 #include <vector>
 
-using kavo::RequestReader;
+using kavo::impl::RequestReader;
 using Item = RequestReader::Item;
 
 namespace {

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-using kavo::acceptableTransport;
+using kavo::impl::acceptableTransport;
 
 namespace {
 

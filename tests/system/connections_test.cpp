@@ -53,10 +53,10 @@ TEST(Connections, SilentOnesDoNotExhaustTheHost) {
     bool served = false;
     for (int attempt = 0; attempt < 3 && !served; ++attempt) {
       RtspClient newcomer(host.port());
-      served = newcomer.play(host.url("stream")) && newcomer.receivesAPicture();
+      served = newcomer.play(host.url("stream")) && newcomer.receivesAFrame();
     }
     EXPECT_TRUE(served) << "newcomer " << i;
-    EXPECT_TRUE(viewer.receivesAPicture());
+    EXPECT_TRUE(viewer.receivesAFrame());
     int const file = dup(0);
     EXPECT_GE(file, 0) << "the host is out of descriptors";
     close(file);
@@ -81,15 +81,15 @@ TEST(Connections, ALoopOutOfDescriptorsRestsAndComesBack) {
   double const before = cpuSeconds();
   auto const begin = std::chrono::steady_clock::now();
   for (int i = 0; i < 30; ++i) {
-    EXPECT_TRUE(viewer.receivesAPicture());
+    EXPECT_TRUE(viewer.receivesAFrame());
   }
   double const elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
-  // Spinning would take a whole core; encoding and sending these pictures takes little of one.
+  // Spinning would take a whole core; encoding and sending these frames takes little of one.
   EXPECT_LT(cpuSeconds() - before, elapsed * 0.9);
   for (int const file : files) {
     close(file);
   }
-  EXPECT_TRUE(newcomer.play(host.url("stream")) && newcomer.receivesAPicture());
+  EXPECT_TRUE(newcomer.play(host.url("stream")) && newcomer.receivesAFrame());
 }
 
 #if !defined(__SANITIZE_ADDRESS__)  // ubsan, which comes along, needs descriptors itself
@@ -119,7 +119,7 @@ TEST(Connections, WithoutDescriptorsASetupIsRefusedAndTheLoopGoesOn) {
   close(files.back());
   files.pop_back();
   EXPECT_EQ(setUp(), 503) << "for want of the second socket";
-  EXPECT_TRUE(viewer.receivesAPicture());
+  EXPECT_TRUE(viewer.receivesAFrame());
   EXPECT_EQ(host.call(KV_GET_INFO, session), KV_OK);
   for (int const file : files) {
     close(file);
@@ -141,7 +141,7 @@ TEST(Connections, RequestsThatAreNotOfferedAreAnsweredWithAnError) {
   EXPECT_EQ(client.request("OPTIONS", url).status, 200);
   ASSERT_TRUE(client.play(url));
   EXPECT_EQ(client.request("SETUP", url + "/track1", RtspClient::overTcp).status, 455);
-  EXPECT_TRUE(client.receivesAPicture());
+  EXPECT_TRUE(client.receivesAFrame());
 
   RtspClient tunnel(host.port());
   tunnel.send("GET /stream HTTP/1.0\r\nx-sessioncookie: abc\r\nAccept: application/x-rtsp-tunnelled\r\n\r\n");
@@ -150,7 +150,7 @@ TEST(Connections, RequestsThatAreNotOfferedAreAnsweredWithAnError) {
   RtspClient garbage(host.port());
   garbage.send(std::string(9000, 'x'));
   EXPECT_TRUE(garbage.isClosedWhileReading());
-  EXPECT_TRUE(client.receivesAPicture());
+  EXPECT_TRUE(client.receivesAFrame());
 }
 
 TEST(Connections, AHostWithManyOpenFilesIsServed) {
@@ -168,8 +168,8 @@ TEST(Connections, AHostWithManyOpenFilesIsServed) {
   host.serveLive("stream");
   RtspClient tcp(host.port());
   RtspClient udp(host.port());
-  EXPECT_TRUE(tcp.play(host.url("stream")) && tcp.receivesAPicture());
-  EXPECT_TRUE(udp.playOverUdp(host.url("stream")) && udp.receivesAPicture());
+  EXPECT_TRUE(tcp.play(host.url("stream")) && tcp.receivesAFrame());
+  EXPECT_TRUE(udp.playOverUdp(host.url("stream")) && udp.receivesAFrame());
   for (int const file : files) {
     close(file);
   }
@@ -188,6 +188,6 @@ TEST(Connections, FortyStreamsAllDeliver) {
     ASSERT_TRUE(viewers.back()->play(host.url(name)));
   }
   for (auto const& viewer : viewers) {
-    EXPECT_TRUE(viewer->receivesAPicture());
+    EXPECT_TRUE(viewer->receivesAFrame());
   }
 }

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Every example publishes, and a player sees a picture of it.
+# Every example publishes, and a player sees a frame of it.
 #   examples_test.sh FOLDER_OF_BUILT_EXAMPLES LIBRARY SOURCES
 set -euo pipefail
 built=$1
@@ -8,7 +8,7 @@ sources=$3
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-# watched NAME PORT COMMAND...: starts it, and saves a picture of its session.
+# watched NAME PORT COMMAND...: starts it, and saves a frame of its session.
 watched() {
   local name=$1 port=$2
   shift 2

@@ -11,7 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "system/testpicture.h"
+#include "system/testpattern.h"
 
 Host::Host() : m_Library(dlopen(KAVO_LIBRARY, RTLD_NOW | RTLD_LOCAL)) {
   if (m_Library == nullptr) {

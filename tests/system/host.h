@@ -40,12 +40,12 @@ class Host {
   // Ends serving; the streams are gone with it.
   int exit();
 
-  // A session with one stream of the test picture; its frames are submitted
+  // A session with one stream of the test pattern; its frames are submitted
   // from startSubmitting() on, all streams at once every few milliseconds.
   Stream& publish(std::string const& name, int format = KV_BGR24, int codec = KV_CODEC_MJPEG, int width = 320,
                   int height = 240, int bitrate = 800000);
   void startSubmitting();
-  // All of it: serves one stream of the test picture, and submits its frames.
+  // All of it: serves one stream of the test pattern, and submits its frames.
   void serveLive(std::string const& name);
   void stopSubmitting();
   // Rounds of frames submitted so far.

@@ -20,11 +20,11 @@ class Hostility : public ::testing::Test {
 
   std::string url() const { return m_Host.url("stream"); }
 
-  void expectAPicture() {
+  void expectAFrame() {
     Player player(Player::Client::Ffmpeg, Player::Transport::Tcp, url(), 2);
-    auto const pictures = player.pictures(320, 240);
-    ASSERT_EQ(pictures.size(), 2U) << player.messages();
-    EXPECT_EQ(differences(pictures[0]), "");
+    auto const frames = player.frames(320, 240);
+    ASSERT_EQ(frames.size(), 2U) << player.messages();
+    EXPECT_EQ(differences(frames[0]), "");
   }
 
   void expectEveryPacketOnce(RtspClient& viewer) {
@@ -47,9 +47,9 @@ class Hostility : public ::testing::Test {
 TEST_F(Hostility, ASetupWithoutADescribeSilencesNobody) {
   RtspClient first(m_Host.port());
   ASSERT_TRUE(first.play(url(), false));
-  EXPECT_TRUE(first.receivesAPicture());
-  expectAPicture();
-  EXPECT_TRUE(first.receivesAPicture());
+  EXPECT_TRUE(first.receivesAFrame());
+  expectAFrame();
+  EXPECT_TRUE(first.receivesAFrame());
 }
 
 TEST_F(Hostility, TransportsThatAreNotRtpAreRefused) {
@@ -63,7 +63,7 @@ TEST_F(Hostility, TransportsThatAreNotRtpAreRefused) {
   }
   RtspClient without(m_Host.port());
   EXPECT_EQ(without.request("SETUP", url() + "/track1").status, 461);
-  expectAPicture();
+  expectAFrame();
 }
 
 TEST_F(Hostility, AViewerWhoAsksTwiceGetsEveryPacketOnce) {
@@ -101,9 +101,9 @@ TEST_F(Hostility, AViewerMayVanishAtAnyStep) {
       RtspClient client(m_Host.port());
       step(client);
     }
-    EXPECT_TRUE(witness.receivesAPicture());
+    EXPECT_TRUE(witness.receivesAFrame());
   }
-  expectAPicture();
+  expectAFrame();
 }
 
 // Neither by what stands in a body, nor by a length that can be read in two ways.
@@ -142,14 +142,14 @@ TEST_F(Hostility, SessionsAreBoundedAndFailedOnesLeaveNothing) {
     EXPECT_EQ(client.request("PLAY", url()).status, 200);
   }
   EXPECT_EQ(setUp(url() + "/track1"), 453);
-  expectAPicture();
+  expectAFrame();
 }
 
 // Reports of 100,000 senders, goodbyes with reasons, and what is no RTCP, from
 // nobody and from a viewer: no memory is taken, and nobody waits.
 TEST_F(Hostility, DatagramsFromAnybodyCostNothing) {
   RtspClient viewer(m_Host.port());
-  ASSERT_TRUE(viewer.playOverUdp(url()) && viewer.receivesAPicture());
+  ASSERT_TRUE(viewer.playOverUdp(url()) && viewer.receivesAFrame());
   std::vector<std::uint8_t> goodbyes = {0x80, 201, 0, 1, 0, 0, 0, 1};
   while (goodbyes.size() < 1400) {
     goodbyes.insert(goodbyes.end(), {0x81, 203, 0, 2, 0, 0, 0, 1, 3, 'b', 'y', 'e'});
@@ -163,9 +163,9 @@ TEST_F(Hostility, DatagramsFromAnybodyCostNothing) {
       viewer.sendFromElsewhere({1, 2, 3}, 1);
     }
   }
-  EXPECT_TRUE(viewer.receivesAPicture());
+  EXPECT_TRUE(viewer.receivesAFrame());
   EXPECT_EQ(viewer.request("PLAY", url()).status, 200);
-  EXPECT_TRUE(viewer.receivesAPicture());
+  EXPECT_TRUE(viewer.receivesAFrame());
   EXPECT_LT(static_cast<double>(mallinfo2().uordblks) - static_cast<double>(before), 1e6);
 }
 
@@ -182,9 +182,9 @@ TEST_F(Hostility, UrgentDataCostsNoCpu) {
 
 TEST_F(Hostility, PortsThatAreSetUpAgainGetEveryPacketOnce) {
   RtspClient viewer(m_Host.port());
-  ASSERT_TRUE(viewer.playOverUdp(url()) && viewer.receivesAPicture());
+  ASSERT_TRUE(viewer.playOverUdp(url()) && viewer.receivesAFrame());
   viewer.forgetSession();
-  ASSERT_TRUE(viewer.playOverUdp(url()) && viewer.receivesAPicture());
+  ASSERT_TRUE(viewer.playOverUdp(url()) && viewer.receivesAFrame());
   expectEveryPacketOnce(viewer);
 }
 
@@ -195,10 +195,10 @@ TEST_F(Hostility, NothingIsSaidOnTheHostsOutputs) {
     RtspClient client(m_Host.port());
     client.play(url());
     client.send(std::string("$\1\0\x08", 4) + "garbage!");  // as RTCP
-    EXPECT_TRUE(client.receivesAPicture());
+    EXPECT_TRUE(client.receivesAFrame());
     client.request("NONSENSE", "rtsp://nowhere");
   }
-  expectAPicture();
+  expectAFrame();
   m_Host.exit();
   EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
   EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");

@@ -1,4 +1,4 @@
-// Viewers that come to an H.264 stream begin with a whole picture, at once.
+// Viewers that come to an H.264 stream begin with a whole frame, at once.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -35,7 +35,7 @@ class Joining : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(Joining, TheFirstViewerBeginsWithAKeyPicture) {
+TEST_F(Joining, TheFirstViewerBeginsWithAKeyFrame) {
   for (int round = 0; round < 3; ++round) {
     RtspClient viewer(m_Host.port());
     ASSERT_TRUE(round == 0 ? viewer.play(url()) : viewer.playOverUdp(url()));
@@ -45,8 +45,8 @@ TEST_F(Joining, TheFirstViewerBeginsWithAKeyPicture) {
   }
 }
 
-// The regular key picture comes every 50 frames.
-TEST_F(Joining, ALaterViewerDoesNotWaitForTheRegularKeyPicture) {
+// The regular key frame comes every 50 frames.
+TEST_F(Joining, ALaterViewerDoesNotWaitForTheRegularKeyFrame) {
   RtspClient first(m_Host.port());
   ASSERT_TRUE(first.play(url()));
   EXPECT_EQ(first.nextNalType(), sps);
@@ -58,7 +58,7 @@ TEST_F(Joining, ALaterViewerDoesNotWaitForTheRegularKeyPicture) {
   EXPECT_LT(m_Host.submitted() - asked, 10);
 }
 
-TEST_F(Joining, ViewersThatComeTogetherAllBeginWithAWholePicture) {
+TEST_F(Joining, ViewersThatComeTogetherAllBeginWithAWholeFrame) {
   std::vector<std::unique_ptr<RtspClient>> viewers;
   for (int i = 0; i < 6; ++i) {
     viewers.push_back(std::make_unique<RtspClient>(m_Host.port()));
@@ -69,7 +69,7 @@ TEST_F(Joining, ViewersThatComeTogetherAllBeginWithAWholePicture) {
   for (auto const& viewer : viewers) {
     EXPECT_EQ(viewer->nextNalType(), sps);
   }
-  // The last one's wish waited for its time, half a second, and not for the regular picture.
+  // The last one's wish waited for its time, half a second, and not for the regular frame.
   EXPECT_LT(m_Host.submitted() - asked, 25);
 }
 
@@ -83,7 +83,7 @@ TEST_F(Joining, AViewerMayLeaveWhileItWaits) {
   RtspClient leaving(m_Host.port());
   ASSERT_TRUE(leaving.play(url()));
   EXPECT_EQ(leaving.request("TEARDOWN", url()).status, 200);
-  EXPECT_TRUE(first.receivesAPicture());
+  EXPECT_TRUE(first.receivesAFrame());
 }
 
 TEST_F(Joining, FfmpegSeesNoDamageWhenItJoinsOthers) {
@@ -91,9 +91,9 @@ TEST_F(Joining, FfmpegSeesNoDamageWhenItJoinsOthers) {
   ASSERT_TRUE(first.playOverUdp(url()));
   for (auto const transport : {Player::Transport::Tcp, Player::Transport::Udp, Player::Transport::Tcp}) {
     Player player(Player::Client::Ffmpeg, transport, url(), 5);
-    auto const pictures = player.pictures(320, 240);
-    ASSERT_EQ(pictures.size(), 5U) << player.messages();
-    EXPECT_EQ(differences(pictures[0]), "");
+    auto const frames = player.frames(320, 240);
+    ASSERT_EQ(frames.size(), 5U) << player.messages();
+    EXPECT_EQ(differences(frames[0]), "");
     EXPECT_EQ(player.complaints(), "");
   }
 }

@@ -73,8 +73,8 @@ TEST(Lifecycle, APortGivenUpWithViewersIsTakenAgainAtOnce) {
     host.startSubmitting();
     RtspClient overIpv4(port);
     RtspClient overIpv6(port, true);
-    EXPECT_TRUE(overIpv4.play(host.url("stream")) && overIpv4.receivesAPicture()) << "round " << round;
-    EXPECT_TRUE(overIpv6.play(host.url("stream", "[::1]")) && overIpv6.receivesAPicture()) << "round " << round;
+    EXPECT_TRUE(overIpv4.play(host.url("stream")) && overIpv4.receivesAFrame()) << "round " << round;
+    EXPECT_TRUE(overIpv6.play(host.url("stream", "[::1]")) && overIpv6.receivesAFrame()) << "round " << round;
     EXPECT_EQ(host.exit(), KV_OK);
   }
   ASSERT_EQ(host.serveOn(port), KV_OK);
@@ -82,9 +82,9 @@ TEST(Lifecycle, APortGivenUpWithViewersIsTakenAgainAtOnce) {
   host.startSubmitting();
   for (std::string const address : {"127.0.0.1", "[::1]"}) {
     Player player(Player::Client::Ffmpeg, Player::Transport::Tcp, host.url("stream", address), 1);
-    auto const pictures = player.pictures(320, 240);
-    ASSERT_EQ(pictures.size(), 1U) << player.messages();
-    EXPECT_EQ(differences(pictures[0]), "");
+    auto const frames = player.frames(320, 240);
+    ASSERT_EQ(frames.size(), 1U) << player.messages();
+    EXPECT_EQ(differences(frames[0]), "");
   }
 }
 
@@ -114,7 +114,7 @@ TEST(Lifecycle, SessionsComeAndGoWhileClientsPlay) {
     EXPECT_EQ(host.call(KV_SUBMIT_FRAME, record), KV_UNKNOWN);
     RtspClient late(host.port());
     EXPECT_EQ(late.request("DESCRIBE", host.url("passing")).status, 404);
-    EXPECT_TRUE(viewer.receivesAPicture()) << "round " << round;
+    EXPECT_TRUE(viewer.receivesAFrame()) << "round " << round;
   }
   EXPECT_EQ(host.failedSubmits(), 0);
 }
@@ -128,7 +128,7 @@ TEST(Lifecycle, UnloadingEndsEverything) {
     host.publish("stream");
     host.startSubmitting();
     RtspClient viewer(port);
-    ASSERT_TRUE(viewer.play(host.url("stream")) && viewer.receivesAPicture());
+    ASSERT_TRUE(viewer.play(host.url("stream")) && viewer.receivesAFrame());
   }
   EXPECT_FALSE(RtspClient(port).connected());
   EXPECT_FALSE(RtspClient(port, true).connected());
@@ -158,12 +158,12 @@ TEST(Lifecycle, AShortageAtLoadAndInitIsOverWithIt) {
   setrlimit(RLIMIT_NOFILE, &before);
   host.serveLive("stream");
   RtspClient viewer(host.port());
-  EXPECT_TRUE(viewer.play(host.url("stream")) && viewer.receivesAPicture());
+  EXPECT_TRUE(viewer.play(host.url("stream")) && viewer.receivesAFrame());
 }
 #endif
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // they have memory of their own
-TEST(Lifecycle, AWatchedStreamTakesTheMemoryOfItsPictures) {
+TEST(Lifecycle, AWatchedStreamTakesTheMemoryOfItsFrames) {
   for (int const codec : {KV_CODEC_MJPEG, KV_CODEC_H264}) {
     Host host;
     host.serve();
@@ -176,7 +176,7 @@ TEST(Lifecycle, AWatchedStreamTakesTheMemoryOfItsPictures) {
       host.startSubmitting();
       for (int i = from; i < to; ++i) {
         EXPECT_TRUE(viewers.emplace_back(host.port()).play(host.url("stream" + std::to_string(i))) &&
-                    viewers.back().receivesAPicture());
+                    viewers.back().receivesAFrame());
       }
       auto const status = contentOf("/proc/self/status");
       return std::stoi(status.substr(status.find("VmSize:") + 7));
@@ -221,7 +221,7 @@ TEST(Lifecycle, AForkedChildLeavesTheServerAlone) {
   if (daemon == 0) {
     host.serveLive("stream");
     RtspClient viewer(host.port());
-    bool const served = viewer.play(host.url("stream")) && viewer.receivesAPicture();
+    bool const served = viewer.play(host.url("stream")) && viewer.receivesAFrame();
     host.exit();
     std::exit(served ? 0 : 1);
   }
@@ -231,7 +231,7 @@ TEST(Lifecycle, AForkedChildLeavesTheServerAlone) {
   auto const record = host.publish("stream").record;
   host.startSubmitting();
   RtspClient viewer(host.port());
-  ASSERT_TRUE(viewer.play(host.url("stream")) && viewer.receivesAPicture());
+  ASSERT_TRUE(viewer.play(host.url("stream")) && viewer.receivesAFrame());
   host.stopSubmitting();
   pid_t const child = fork();
   if (child == 0) {
@@ -244,9 +244,9 @@ TEST(Lifecycle, AForkedChildLeavesTheServerAlone) {
   ASSERT_EQ(waitpid(child, &status, 0), child);
   EXPECT_EQ(status, 0);
   host.startSubmitting();
-  EXPECT_TRUE(viewer.receivesAPicture());
+  EXPECT_TRUE(viewer.receivesAFrame());
   RtspClient later(host.port());
-  EXPECT_TRUE(later.play(host.url("stream")) && later.receivesAPicture());
+  EXPECT_TRUE(later.play(host.url("stream")) && later.receivesAFrame());
 }
 
 TEST(Lifecycle, AnEmptySessionIsDescribedAndServesNothing) {

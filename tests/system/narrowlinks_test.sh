@@ -86,7 +86,7 @@ unpublish() {
 
 play_far() { on_far bash -c "$(declare -f play); work=$work; play 10.77.0.1 far -frames:v $1"; }
 
-# playing NAME PROCESS: once the player's first picture has come.
+# playing NAME PROCESS: once the player's first frame has come.
 playing() {
   until [ -s "$work/$1.mkv" ]; do
     kill -0 $2
@@ -134,7 +134,7 @@ regrow() {
   unpublish
 }
 
-# narrow PUBLISH_ARGUMENT...: the link becomes narrower, and pictures go on.
+# narrow PUBLISH_ARGUMENT...: the link becomes narrower, and frames go on.
 narrow() {
   mtu 1500
   publish "$@"

@@ -85,9 +85,9 @@ std::string contentOf(std::string const& file) {
 namespace {
 
 std::vector<std::string> commandOf(Player::Client client, Player::Transport transport, std::string const& url,
-                                   int pictures, int codec, std::string const& file) {
+                                   int frames, int codec, std::string const& file) {
   std::string const protocol = transport == Player::Transport::Tcp ? "tcp" : "udp";
-  std::string const count = std::to_string(pictures);
+  std::string const count = std::to_string(frames);
   if (client == Player::Client::Ffmpeg) {
     return {"ffmpeg",    "-v",          "warning",  "-rtsp_transport", protocol, "-i",       url,  "-frames:v", count,
             "-fps_mode", "passthrough", "-pix_fmt", "rgb24",           "-f",     "rawvideo", "-y", file};
@@ -95,40 +95,39 @@ std::vector<std::string> commandOf(Player::Client client, Player::Transport tran
   std::string const decoder = codec == 8 ? "rtpjpegdepay ! jpegdec" : "rtph264depay ! h264parse ! avdec_h264";
   std::string const pipeline =
       "rtspsrc location=" + url + " protocols=" + protocol + " latency=50 ! " + decoder +
-      " ! videoconvert ! video/x-raw,format=RGB ! identity eos-after=" + std::to_string(pictures + 1) +
+      " ! videoconvert ! video/x-raw,format=RGB ! identity eos-after=" + std::to_string(frames + 1) +
       " ! filesink location=" + file;
   return {"/bin/sh", "-c", "exec gst-launch-1.0 -q " + pipeline};
 }
 
 }  // namespace
 
-Player::Player(Client client, Transport transport, std::string const& url, int pictures, int codec)
-    : m_Process(commandOf(client, transport, url, pictures, codec, m_Folder.file("pictures")),
-                m_Folder.file("messages")),
+Player::Player(Client client, Transport transport, std::string const& url, int frames, int codec)
+    : m_Process(commandOf(client, transport, url, frames, codec, m_Folder.file("frames")), m_Folder.file("messages")),
       // gst-launch-1.0 now and then closes its connection before it has sent its
-      // own PAUSE, and ends with an error for that; it is judged by its pictures.
+      // own PAUSE, and ends with an error for that; it is judged by its frames.
       m_StatusCounts(client != Client::Gstreamer) {}
 
-std::vector<Picture> Player::pictures(int width, int height) {
-  std::vector<Picture> result;
+std::vector<Frame> Player::frames(int width, int height) {
+  std::vector<Frame> result;
   int const status = m_Process.wait();
   if (status < 0 || (status != 0 && m_StatusCounts)) {
     return result;
   }
-  std::string const bytes = contentOf(m_Folder.file("pictures"));
+  std::string const bytes = contentOf(m_Folder.file("frames"));
   std::size_t const size = static_cast<std::size_t>(width * height) * 3;
   for (std::size_t at = 0; at + size <= bytes.size(); at += size) {
-    Picture picture{width, height, {}};
-    picture.rgb.assign(bytes.begin() + static_cast<std::ptrdiff_t>(at),
-                       bytes.begin() + static_cast<std::ptrdiff_t>(at + size));
-    result.push_back(std::move(picture));
+    Frame frame{width, height, {}};
+    frame.rgb.assign(bytes.begin() + static_cast<std::ptrdiff_t>(at),
+                     bytes.begin() + static_cast<std::ptrdiff_t>(at + size));
+    result.push_back(std::move(frame));
   }
   return result;
 }
 
-void Player::waitForPicture() const {
+void Player::waitForFrame() const {
   auto const limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  while (contentOf(m_Folder.file("pictures")).empty() && std::chrono::steady_clock::now() < limit) {
+  while (contentOf(m_Folder.file("frames")).empty() && std::chrono::steady_clock::now() < limit) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
 }

@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "system/testpicture.h"
+#include "system/testpattern.h"
 
 // A child process; killed with its object if it still runs.
 class Process {
@@ -42,21 +42,21 @@ class TemporaryFolder {
 
 std::string contentOf(std::string const& file);
 
-// One player watching one stream, from start() until its pictures are taken.
+// One player watching one stream, from start() until its frames are taken.
 class Player {
  public:
   enum class Client { Ffmpeg, Gstreamer };
   enum class Transport { Tcp, Udp };
 
-  // Plays until the player has decoded this many pictures.
-  Player(Client client, Transport transport, std::string const& url, int pictures, int codec = 8);
+  // Plays until the player has decoded this many frames.
+  Player(Client client, Transport transport, std::string const& url, int frames, int codec = 8);
 
-  // Waits until it has shown a picture.
-  void waitForPicture() const;
+  // Waits until it has shown a frame.
+  void waitForFrame() const;
   // Stops its process, or lets it go on.
   void freeze(bool frozen) const;
-  // Waits for the end and gives all pictures, in order; none if the player failed.
-  std::vector<Picture> pictures(int width, int height);
+  // Waits for the end and gives all frames, in order; none if the player failed.
+  std::vector<Frame> frames(int width, int height);
   // What the player said that speaks of damage, but for lines with a word that is allowed.
   std::string complaints(std::string const& allowed = "") const;
   // All that it said.

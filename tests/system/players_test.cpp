@@ -31,7 +31,7 @@ constexpr Row rows[] = {
 };
 
 // Each player as the stream's first viewer, and again after nobody watched.
-TEST(Players, ShowTheRightPictureFromTheFirstOn) {
+TEST(Players, ShowTheRightFrameFromTheFirstOn) {
   Host host;
   host.serve();
   host.publish("jpeg");
@@ -40,11 +40,11 @@ TEST(Players, ShowTheRightPictureFromTheFirstOn) {
   for (auto const& [codec, client, transport, address] : rows) {
     auto const url = host.url(codec == KV_CODEC_H264 ? "h264" : "jpeg", address);
     Player player(client, transport, url, 3, codec);
-    auto const pictures = player.pictures(320, 240);
-    EXPECT_GE(pictures.size(), 3U) << player.messages();
-    for (auto const& picture : pictures) {
-      EXPECT_EQ(differences(picture), "")
-          << "codec " << codec << ", " << address << ", client " << int(client) << ", transport " << int(transport);
+    auto const frames = player.frames(320, 240);
+    EXPECT_GE(frames.size(), 3U) << player.messages();
+    for (auto const& frame : frames) {
+      EXPECT_EQ(differences(frame), "") << "codec " << codec << ", " << address << ", client " << int(client)
+                                        << ", transport " << int(transport);
     }
     if (client == Client::Ffmpeg) {
       EXPECT_EQ(player.complaints(), "") << "codec " << codec << ", transport " << int(transport);
@@ -71,13 +71,13 @@ TEST(Players, ShowEveryFormatInItsColours) {
     watched.push_back({name, Player(Client::Ffmpeg, Transport::Tcp, host.url(name), 1)});
   }
   for (auto& [name, player] : watched) {
-    auto const pictures = player.pictures(320, 240);
-    ASSERT_EQ(pictures.size(), 1U) << name << ": " << player.messages();
-    EXPECT_EQ(differences(pictures[0]), "") << "codec-format " << name;
+    auto const frames = player.frames(320, 240);
+    ASSERT_EQ(frames.size(), 1U) << name << ": " << player.messages();
+    EXPECT_EQ(differences(frames[0]), "") << "codec-format " << name;
   }
 }
 
-TEST(Players, ShowAScaledPictureOfTheLargestSize) {
+TEST(Players, ShowAScaledFrameOfTheLargestSize) {
   Host host;
   host.serve();
   auto session = sessionRecord("large");
@@ -102,9 +102,9 @@ TEST(Players, ShowAScaledPictureOfTheLargestSize) {
       std::this_thread::sleep_for(std::chrono::milliseconds(40));
     }
   });
-  auto const pictures = player.pictures(2040, 2040);
+  auto const frames = player.frames(2040, 2040);
   done = true;
   submitter.join();
-  ASSERT_EQ(pictures.size(), 1U) << player.messages();
-  EXPECT_EQ(differences(pictures[0]), "");
+  ASSERT_EQ(frames.size(), 1U) << player.messages();
+  EXPECT_EQ(differences(frames[0]), "");
 }

@@ -62,10 +62,10 @@ stop() {
   grep -qE 'frames submitted|"offered"' "$work/out" || die "no status"
 }
 
-# pixel FILE: the colour in the middle of its picture, as hex.
+# pixel FILE: the colour in the middle of its frame, as hex.
 pixel() { ffmpeg -v error -i "$1" -vf crop=2:2 -frames:v 1 -f rawvideo -pix_fmt rgb24 - | od -An -tx1 -N3 | tr -d ' \n'; }
 
-# green FILE: whether the middle of its picture is green.
+# green FILE: whether the middle of its frame is green.
 green() {
   case $(pixel "$1") in
     [0-3]?[a-d]?[0-3]?) ;;
@@ -109,11 +109,11 @@ stop
 green "$work/jpeg.png"
 LD_LIBRARY_PATH=$work/without refused 1 'libopenh264-dev' --codec h264
 
-# The test picture moves.
+# The test pattern moves.
 start --size 320x240
 ffmpeg -v error -rtsp_transport tcp -i "rtsp://127.0.0.1:$port/kavo" -frames:v 2 -y "$work/moving%d.png"
 stop
-cmp -s "$work/moving1.png" "$work/moving2.png" && die "the test picture stands still"
+cmp -s "$work/moving1.png" "$work/moving2.png" && die "the test pattern stands still"
 "$publish" --port "$port" --duration 0.3 --size 64x64 >"$work/out" || die "no end after --duration"
 # What a terminal completes.
 completed=$(bash -c '. "$1"; COMP_WORDS=(kavo-publish --l); COMP_CWORD=1; _kavo_publish; echo "${COMPREPLY[*]}"' - "$2")

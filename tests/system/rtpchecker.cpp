@@ -41,16 +41,16 @@ void RtpChecker::rtp(std::span<std::uint8_t const> packet, double arrival) {
   if (m_Packets > 0) {
     require(sequence == static_cast<std::uint16_t>(m_Sequence + 1), "gap in the sequence");
     require(ssrc == m_Ssrc, "another SSRC");
-    require((timestamp == m_Timestamp) != m_PictureEnded, "time stamp and marker bit disagree");
+    require((timestamp == m_Timestamp) != m_FrameEnded, "time stamp and marker bit disagree");
   }
   payload(packet.subspan(12), marker);
   if (m_Codec != 8 && m_Packets > 0 && sequence != static_cast<std::uint16_t>(m_Sequence + 1)) {
-    require(m_NalTypes.back() == 7, "a picture that builds on a lost one");
+    require(m_NalTypes.back() == 7, "a frame that builds on a lost one");
   }
-  if (m_PictureEnded) {
+  if (m_FrameEnded) {
     checkClock(timestamp, arrival);
   }
-  m_PictureEnded = marker;
+  m_FrameEnded = marker;
   m_Markers += marker ? 1 : 0;
   m_Sequence = sequence;
   m_Timestamp = timestamp;
@@ -113,8 +113,8 @@ void RtpChecker::jpeg(std::span<std::uint8_t const> payload, bool marker) {
 void RtpChecker::checkClock(std::uint32_t timestamp, double arrival) {
   if (m_Clock) {
     double const wall = m_Clock->wall + static_cast<std::int32_t>(timestamp - m_Clock->rtp) / 90000.0;
-    require(wall <= arrival + 0.002, "a picture from the future, by the sender report's clock");
-    require(wall > arrival - 10, "a picture from long ago, by the sender report's clock");
+    require(wall <= arrival + 0.002, "a frame from the future, by the sender report's clock");
+    require(wall > arrival - 10, "a frame from long ago, by the sender report's clock");
   }
 }
 

@@ -17,7 +17,7 @@ class RtpChecker {
 
   // Everything that was wrong, one line each.
   std::vector<std::string> const& complaints() const { return m_Complaints; }
-  int pictures() const { return m_Markers; }
+  int frames() const { return m_Markers; }
   // Of the last packet.
   std::uint32_t timestamp() const { return m_Timestamp; }
   int senderReports() const { return m_SenderReports; }
@@ -45,7 +45,7 @@ class RtpChecker {
   std::uint16_t m_Sequence = 0;
   std::uint32_t m_Ssrc = 0;
   std::uint32_t m_Timestamp = 0;
-  bool m_PictureEnded = true;
+  bool m_FrameEnded = true;
   int m_FragmentedType = 0;  // of the H.264 fragments begun and not ended
   std::uint32_t m_JpegOffset = 0;
   std::vector<int> m_NalTypes;

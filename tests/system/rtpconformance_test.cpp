@@ -27,9 +27,9 @@ void receive(Host const& host, Row& row) {
   auto const url = host.url(row.codec == KV_CODEC_H264 ? "h264" : "jpeg");
   RtspClient client(host.port());
   ASSERT_TRUE(row.tcp ? client.play(url) : client.playOverUdp(url));
-  while (row.checker.pictures() < 100 || row.checker.senderReports() < 2) {
+  while (row.checker.frames() < 100 || row.checker.senderReports() < 2) {
     auto const packet = client.packet();
-    ASSERT_GE(packet.channel, 0) << "after " << row.checker.pictures() << " pictures";
+    ASSERT_GE(packet.channel, 0) << "after " << row.checker.frames() << " frames";
     if (packet.channel == 0) {
       row.checker.rtp(packet.bytes, wallClock());
     } else {

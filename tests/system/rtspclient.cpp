@@ -233,7 +233,7 @@ int RtspClient::nextNalType() {
   }
 }
 
-bool RtspClient::receivesAPicture() {
+bool RtspClient::receivesAFrame() {
   int markers = 0;
   while (markers < 2) {
     auto const next = packet();

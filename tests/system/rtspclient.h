@@ -54,8 +54,8 @@ class RtspClient {
   bool hasPacket() const;
   // The type of the NAL unit that the next RTP packet carries; -1 if none came.
   int nextNalType();
-  // Reads packets until one whole picture has come: from one RTP marker to the next.
-  bool receivesAPicture();
+  // Reads packets until one whole frame has come: from one RTP marker to the next.
+  bool receivesAFrame();
   // Whether a BYE comes: everything before is skipped.
   bool receivesGoodbye();
   // Interleaved packets that came before responses.

@@ -1,4 +1,4 @@
-// Viewers that stall, crawl or vanish in the middle of a picture, and the others.
+// Viewers that stall, crawl or vanish in the middle of a frame, and the others.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -13,7 +13,7 @@
 
 namespace {
 
-// Pictures for which a viewer stands still. H.264 has a key picture after 50 by
+// Frames for which a viewer stands still. H.264 has a key frame after 50 by
 // itself, which must not be what a viewer who goes on begins with.
 constexpr int standstill = 90;
 
@@ -21,8 +21,8 @@ class SlowViewers : public ::testing::TestWithParam<int> {
  protected:
   SlowViewers() {
     m_Host.serve();
-    // Noise on the test picture makes JPEG images large. H.264 skips frames where all
-    // is noise, makes next to nothing of what stands still, and key pictures where
+    // Noise on the test pattern makes JPEG images large. H.264 skips frames where all
+    // is noise, makes next to nothing of what stands still, and key frames where
     // much changes: faint blocks that move.
     bool const jpeg = GetParam() == KV_CODEC_MJPEG;
     auto& frame = m_Host.publish("stream", KV_BGR24, GetParam(), 640, 480, 4000000).frame;
@@ -44,9 +44,9 @@ class SlowViewers : public ::testing::TestWithParam<int> {
 
   std::string url() const { return m_Host.url("stream"); }
 
-  // Whole pictures, held to the RFCs (but for the gaps that a viewer behind
+  // Whole frames, held to the RFCs (but for the gaps that a viewer behind
   // sees). How many gaps there were.
-  int expectWholePictures(RtspClient& viewer, bool gapsAllowed, std::function<bool(RtpChecker const&)> const& enough) {
+  int expectWholeFrames(RtspClient& viewer, bool gapsAllowed, std::function<bool(RtpChecker const&)> const& enough) {
     RtpChecker checker(GetParam());
     while (!enough(checker)) {
       auto const packet = viewer.packet();
@@ -65,65 +65,65 @@ class SlowViewers : public ::testing::TestWithParam<int> {
     return static_cast<int>(checker.complaints().size());
   }
 
-  int expectWholePictures(RtspClient& viewer, int count, bool gapsAllowed) {
-    return expectWholePictures(viewer, gapsAllowed, [=](auto const& checker) { return checker.pictures() >= count; });
+  int expectWholeFrames(RtspClient& viewer, int count, bool gapsAllowed) {
+    return expectWholeFrames(viewer, gapsAllowed, [=](auto const& checker) { return checker.frames() >= count; });
   }
 
   Host m_Host;
-  std::uint32_t m_Timestamp = 0;  // of the last of those pictures
+  std::uint32_t m_Timestamp = 0;  // of the last of those frames
 };
 
 }  // namespace
 
-TEST_P(SlowViewers, OneThatStallsHoldsUpNobodyAndComesBackToWholePictures) {
+TEST_P(SlowViewers, OneThatStallsHoldsUpNobodyAndComesBackToWholeFrames) {
   RtspClient stalled(m_Host.port(), false, 4096);
   RtspClient witness(m_Host.port());
   ASSERT_TRUE(stalled.play(url()) && witness.play(url()));
   int const submitted = m_Host.submitted();
-  expectWholePictures(witness, standstill, false);
+  expectWholeFrames(witness, standstill, false);
   EXPECT_GE(m_Host.submitted(), submitted + standstill - 5) << "submitting was held up";
   std::uint32_t const newest = m_Timestamp;
   int older = 0;
-  int const gaps = expectWholePictures(stalled, true, [&](RtpChecker const& checker) {
-    older = static_cast<std::int32_t>(checker.timestamp() - newest) < 0 ? checker.pictures() : older;
-    return checker.pictures() >= older + 40;
+  int const gaps = expectWholeFrames(stalled, true, [&](RtpChecker const& checker) {
+    older = static_cast<std::int32_t>(checker.timestamp() - newest) < 0 ? checker.frames() : older;
+    return checker.frames() >= older + 40;
   });
   EXPECT_GT(gaps, 0) << "it was never behind";
   EXPECT_LE(older, 1) << "others came first than the end of the one that was begun";
   EXPECT_EQ(stalled.request("GET_PARAMETER", url()).status, 200);
-  expectWholePictures(stalled, 5, true);
+  expectWholeFrames(stalled, 5, true);
   EXPECT_EQ(m_Host.failedSubmits(), 0);
 }
 
 // A real one: what it shows afterwards, it decodes without a complaint.
-TEST_P(SlowViewers, APlayerThatWasStoppedShowsWholePictures) {
+TEST_P(SlowViewers, APlayerThatWasStoppedShowsWholeFrames) {
   Player player(Player::Client::Ffmpeg, Player::Transport::Tcp, url(), 60, GetParam());
-  player.waitForPicture();
+  player.waitForFrame();
   int const submitted = m_Host.submitted();
   player.freeze(true);
   RtspClient witness(m_Host.port());
   ASSERT_TRUE(witness.play(url()));
-  expectWholePictures(witness, standstill, false);
+  expectWholeFrames(witness, standstill, false);
   player.freeze(false);
-  auto const pictures = player.pictures(640, 480);
-  EXPECT_EQ(pictures.size(), 60U) << player.messages();
+  auto const frames = player.frames(640, 480);
+  EXPECT_EQ(frames.size(), 60U) << player.messages();
   EXPECT_EQ(player.complaints("muxer"), "");
-  if (GetParam() == KV_CODEC_MJPEG) {  // whose pictures are too large to have all waited on the way
+  if (GetParam() == KV_CODEC_MJPEG) {  // whose frames are too large to have all waited on the way
     EXPECT_GT(m_Host.submitted() - submitted, standstill + 10) << "it was never behind";
-    for (auto const& picture : pictures) {
-      EXPECT_EQ(differences(picture), "");
+    for (auto const& frame : frames) {
+      EXPECT_EQ(differences(frame), "");
     }
   }
 }
 
-TEST_P(SlowViewers, OneThatCrawlsGetsOnlyWholePictures) {
+TEST_P(SlowViewers, OneThatCrawlsGetsOnlyWholeFrames) {
   RtspClient crawling(m_Host.port(), false, 4096);
   RtspClient witness(m_Host.port());
   ASSERT_TRUE(crawling.play(url()) && witness.play(url()));
   RtpChecker checker(GetParam());
   for (int i = 0; i < 60; ++i) {
-    expectWholePictures(witness, 1, true);
-    auto const packet = crawling.packet();  // one for every picture
+    expectWholeFrames(witness, 1, true);
+    auto const packet = crawling.packet();  // one for every frame
     ASSERT_GE(packet.channel, 0);
     if (packet.channel == 0) {
       checker.rtp(packet.bytes, 4e9);
@@ -134,14 +134,14 @@ TEST_P(SlowViewers, OneThatCrawlsGetsOnlyWholePictures) {
   }
 }
 
-TEST_P(SlowViewers, RequestsAndReportsInBetweenAreAnsweredBetweenPictures) {
+TEST_P(SlowViewers, RequestsAndReportsInBetweenAreAnsweredBetweenFrames) {
   RtspClient viewer(m_Host.port());
   ASSERT_TRUE(viewer.play(url()));
   std::string const report("$\1\0\x08\x80\xc9\0\1\0\0\0\1", 12);
   for (int i = 0; i < 20; ++i) {
     viewer.send(report);
     EXPECT_EQ(viewer.request(i % 2 == 0 ? "OPTIONS" : "GET_PARAMETER", url()).status, 200);
-    EXPECT_TRUE(viewer.receivesAPicture());
+    EXPECT_TRUE(viewer.receivesAFrame());
   }
   EXPECT_EQ(viewer.request("TEARDOWN", url()).status, 200);
 }
@@ -149,7 +149,7 @@ TEST_P(SlowViewers, RequestsAndReportsInBetweenAreAnsweredBetweenPictures) {
 // Connections that come at once after others were closed get their descriptors' numbers.
 TEST_P(SlowViewers, NothingOfOneConnectionReachesTheNext) {
   constexpr int together = 20;
-  int const rounds = GetParam() == KV_CODEC_MJPEG ? 100 : 5;  // H.264 has them wait for a key picture
+  int const rounds = GetParam() == KV_CODEC_MJPEG ? 100 : 5;  // H.264 has them wait for a key frame
   RtspClient witness(m_Host.port());
   ASSERT_TRUE(witness.play(url()));
   for (int round = 0; round < rounds; ++round) {
@@ -170,7 +170,7 @@ TEST_P(SlowViewers, NothingOfOneConnectionReachesTheNext) {
     for (auto const& client : next) {
       EXPECT_EQ(client.dropped(), 0) << "packets of another viewer came in round " << round;
     }
-    expectWholePictures(witness, 1, true);
+    expectWholeFrames(witness, 1, true);
   }
 }
 
@@ -180,7 +180,7 @@ TEST_P(SlowViewers, OneThatSendsWithoutReadingIsDisconnected) {
   RtspClient witness(m_Host.port());
   ASSERT_TRUE(flooding.play(url()) && witness.play(url()));
   EXPECT_TRUE(flooding.isClosedWhileSending("OPTIONS " + url() + " RTSP/1.0\r\nCSeq: 1\r\n\r\n"));
-  expectWholePictures(witness, 3, true);
+  expectWholeFrames(witness, 3, true);
 }
 
 INSTANTIATE_TEST_SUITE_P(Codecs, SlowViewers, ::testing::Values(KV_CODEC_MJPEG, KV_CODEC_H264));

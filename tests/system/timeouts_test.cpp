@@ -53,7 +53,7 @@ TEST_P(Timeouts, AViewerOverUdpLivesByItsReports) {
     bool const ipv6 = &viewer == &viewers[1];
     EXPECT_TRUE(lives(viewer.session(), ipv6));
     EXPECT_FALSE(lives(viewer.session(), !ipv6)) << "another host used it";
-    EXPECT_TRUE(viewer.receivesAPicture());
+    EXPECT_TRUE(viewer.receivesAFrame());
   }
   EXPECT_FALSE(lives(silent.session()));
 }
@@ -87,7 +87,7 @@ TEST_P(Timeouts, PortsThatAreSetUpAgainBelongToTheNewSession) {
   pass(130, [&] { viewer.sendReport(); });
   EXPECT_FALSE(lives(old));
   EXPECT_TRUE(lives(viewer.session()));
-  EXPECT_TRUE(viewer.receivesAPicture());
+  EXPECT_TRUE(viewer.receivesAFrame());
 }
 
 // Whoever goes without a word is not sent to for 65 seconds.
@@ -97,7 +97,7 @@ TEST_P(Timeouts, AViewerThatIsGoneFromItsPortIsEnded) {
   ASSERT_TRUE(silent.playOverUdp(url()));
   {
     RtspClient viewer(m_Publisher.port());
-    ASSERT_TRUE(viewer.playOverUdp(url()) && viewer.receivesAPicture());
+    ASSERT_TRUE(viewer.playOverUdp(url()) && viewer.receivesAFrame());
     gone = viewer.session();
   }
   for (int second = 0; second < 8; ++second) {
@@ -111,11 +111,11 @@ TEST_P(Timeouts, AViewerThatIsGoneFromItsPortIsEnded) {
 
 TEST_P(Timeouts, APausedViewerIsNotStalled) {
   RtspClient viewer(m_Publisher.port(), false, 4096);
-  ASSERT_TRUE(viewer.play(url()) && viewer.receivesAPicture());
+  ASSERT_TRUE(viewer.play(url()) && viewer.receivesAFrame());
   ASSERT_EQ(viewer.request("PAUSE", url()).status, 200);
   pass(120, [&] { viewer.sendReport(); });
   ASSERT_EQ(viewer.request("PLAY", url()).status, 200);
-  EXPECT_TRUE(viewer.receivesAPicture());
+  EXPECT_TRUE(viewer.receivesAFrame());
 }
 
 TEST_P(Timeouts, IdleAndStalledConnectionsAreClosed) {
@@ -129,9 +129,9 @@ TEST_P(Timeouts, IdleAndStalledConnectionsAreClosed) {
   RtspClient witness(m_Publisher.port());
   ASSERT_TRUE(witness.play(url()));
   for (int i = 0; i < 30; ++i) {
-    ASSERT_TRUE(witness.receivesAPicture());
+    ASSERT_TRUE(witness.receivesAFrame());
   }
-  pass(40, [&] { EXPECT_TRUE(witness.receivesAPicture()); });
+  pass(40, [&] { EXPECT_TRUE(witness.receivesAFrame()); });
   EXPECT_TRUE(idle.isClosedWhileReading());
   EXPECT_TRUE(stalled.isClosedWhileReading());
   EXPECT_TRUE(lives(setUp.session()));

@@ -24,7 +24,7 @@ class Viewing : public ::testing::TestWithParam<int> {
     if (GetParam() == KV_CODEC_H264) {
       EXPECT_EQ(viewer.nextNalType(), 7);
     }
-    EXPECT_TRUE(viewer.receivesAPicture());
+    EXPECT_TRUE(viewer.receivesAFrame());
   }
 
   // Skips what is on the way; false when an RTP packet comes after that.
@@ -33,7 +33,7 @@ class Viewing : public ::testing::TestWithParam<int> {
       viewer.packet();
     }
     for (int i = 0; i < 10; ++i) {
-      EXPECT_TRUE(witness.receivesAPicture());
+      EXPECT_TRUE(witness.receivesAFrame());
     }
     while (viewer.hasPacket()) {
       if (viewer.packet().channel == 0) {
@@ -63,7 +63,7 @@ TEST_P(Viewing, PauseStopsOneViewerAndPlayBringsItBack) {
       ASSERT_EQ(viewer.request("PLAY", url()).status, 200);
       expectFrames(viewer);
     }
-    EXPECT_TRUE(witness.receivesAPicture());
+    EXPECT_TRUE(witness.receivesAFrame());
   }
 }
 
@@ -86,7 +86,7 @@ TEST_P(Viewing, ARemovedSessionSaysGoodbyeAndEndsItsConnections) {
   RtspClient udp(m_Host.port());
   RtspClient udpOverIpv6(m_Host.port(), true);
   ASSERT_TRUE(tcp.play(url()) && udp.playOverUdp(url()) && udpOverIpv6.playOverUdp(url("[::1]")));
-  EXPECT_TRUE(tcp.receivesAPicture() && udp.receivesAPicture() && udpOverIpv6.receivesAPicture());
+  EXPECT_TRUE(tcp.receivesAFrame() && udp.receivesAFrame() && udpOverIpv6.receivesAFrame());
   m_Host.stopSubmitting();
   ASSERT_EQ(m_Host.call(KV_REMOVE_SESSION, m_Record.handle, 8), KV_OK);
   for (RtspClient* const viewer : {&tcp, &udp, &udpOverIpv6}) {
@@ -99,7 +99,7 @@ TEST_P(Viewing, ExitSaysGoodbye) {
   RtspClient tcp(m_Host.port());
   RtspClient udp(m_Host.port());
   ASSERT_TRUE(tcp.play(url()) && udp.playOverUdp(url()));
-  EXPECT_TRUE(tcp.receivesAPicture() && udp.receivesAPicture());
+  EXPECT_TRUE(tcp.receivesAFrame() && udp.receivesAFrame());
   m_Host.exit();
   EXPECT_TRUE(tcp.receivesGoodbye());
   EXPECT_TRUE(udp.receivesGoodbye());

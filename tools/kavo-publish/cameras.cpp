@@ -29,7 +29,7 @@ std::string deviceOf(std::string const& source) {
   std::string others;
   for (Camera const& camera : cameras()) {
     if (camera.name.find(name) != std::string::npos) {
-      return camera.device;  // a camera's first device is the one with pictures
+      return camera.device;  // a camera's first device is the one with frames
     }
     others += (others.empty() ? "" : ", ") + ("'" + camera.name + "'");
   }

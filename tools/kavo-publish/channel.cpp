@@ -13,7 +13,7 @@ using Seconds = std::chrono::duration<double>;
 
 // The library does not tell whether it encoded a frame. It did if the call took
 // its thread this long: one that nobody waits for takes a few microseconds, with
-// cold caches, and the fastest encoder several times more for its picture.
+// cold caches, and the fastest encoder several times more for its frame.
 long encodedNanoseconds(Size size) { return std::max(20000L, size.width * long{size.height} / 2); }
 
 long threadNanoseconds() {

@@ -12,7 +12,7 @@ struct CodecInfo {
   char const* name;
   Size largest;
   int step;               // sizes are multiples of it
-  double bitsPerPixel;    // of each picture, without --bitrate
+  double bitsPerPixel;    // of each frame, without --bitrate
   char const* gstreamer;  // the elements that decode it
 };
 

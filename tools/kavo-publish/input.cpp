@@ -36,7 +36,7 @@ Input::Input(std::string const& source, Options const& options, std::atomic<bool
   av_log_set_level(AV_LOG_QUIET);
   avdevice_register_all();
   open(source, options);
-  openDecoder(source.empty() ? "the test picture" : "'" + source + "'");
+  openDecoder(source.empty() ? "the test pattern" : "'" + source + "'");
   AVRational const rate = av_guess_frame_rate(m_Format.get(), m_Format->streams[m_Stream], nullptr);
   double const framesPerSecond = rate.num > 0 && rate.den > 0 ? av_q2d(rate) : 0;
   m_FrameRate = framesPerSecond >= 1 && framesPerSecond <= 240 ? static_cast<int>(std::lround(framesPerSecond))

@@ -1,4 +1,4 @@
-// kavo-publish: publishes video files, cameras, URLs or a test picture.
+// kavo-publish: publishes video files, cameras, URLs or a test pattern.
 #include <unistd.h>
 
 #include <algorithm>

@@ -17,11 +17,11 @@ constexpr char help[] =
 
 Publishes live video over RTSP, a stream for each INPUT: a video file, a URL, a
 camera such as /dev/video0, or camera:NAME for the one with NAME in its name.
-Without an input it is a test picture with a running clock.
+Without an input it is a test pattern with a running clock.
 
   --codec h264|jpeg    what to publish (default: h264 where OpenH264 is installed)
-  --size WIDTHxHEIGHT  of the published picture (default: the input's)
-  --fps N              frames per second of the test picture (default: 25)
+  --size WIDTHxHEIGHT  of the published frame (default: the input's)
+  --fps N              frames per second of the test pattern (default: 25)
   --bitrate N          bits per second of a stream, also as 800k or 4M
   --port N             TCP port of the RTSP server (default: 8554)
   --name NAME          last part of the URL, 1 to 19 characters; once for each

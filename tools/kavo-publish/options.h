@@ -15,13 +15,13 @@ struct Size {
 
 struct Options {
   struct Input {
-    std::string source;  // empty: the test picture
+    std::string source;  // empty: the test pattern
     std::string name;    // of its session
   };
   std::vector<Input> inputs;         // at least one
   std::optional<kavo::Codec> codec;  // without one, H.264 where OpenH264 is, else JPEG
-  std::optional<Size> size;          // of the published picture; without one, the input's
-  int frameRate = 25;                // of the test picture and of inputs that do not tell theirs
+  std::optional<Size> size;          // of the published frame; without one, the input's
+  int frameRate = 25;                // of the test pattern and of inputs that do not tell theirs
   std::optional<std::int64_t> bitsPerSecond;
   std::uint16_t port = 8554;
   bool loop = false;

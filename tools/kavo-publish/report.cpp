@@ -18,7 +18,7 @@ void Report::introduce(std::deque<Channel> const& channels) {
       continue;
     }
     std::printf("Publishing %s, %dx%d at %d frames a second, as %s of about %.1f Mbit/s:\n\n  %s\n\n",
-                channel.source().empty() ? "the test picture" : channel.source().c_str(), width, height,
+                channel.source().empty() ? "the test pattern" : channel.source().c_str(), width, height,
                 channel.frameRate(), channel.codec().name, static_cast<double>(channel.bitsPerSecond()) / 1e6,
                 channel.url().c_str());
   }

@@ -1,4 +1,4 @@
-#include "system/testpicture.h"
+#include "system/testpattern.h"
 
 #include <algorithm>
 #include <array>
@@ -80,18 +80,18 @@ std::vector<std::uint8_t> testFrame(int hostFormat, int width, int height) {
   return planarFrame(fullRange, halfHeight, width, height);
 }
 
-std::string differences(Picture const& picture) {
+std::string differences(Frame const& frame) {
   // Lossy coding and limited-range JPEG shift colours by up to some 25 steps.
   constexpr int tolerance = 45;
-  int const margin = std::max(34, picture.width / 16);
-  for (int y = 0; y < picture.height; ++y) {
-    for (int x = 0; x < picture.width; ++x) {
-      // Near the border of two quarters their colours may mix, more so in an enlarged picture.
-      if (std::abs(x * 2 - picture.width) < margin || std::abs(y * 2 - picture.height) < margin) {
+  int const margin = std::max(34, frame.width / 16);
+  for (int y = 0; y < frame.height; ++y) {
+    for (int x = 0; x < frame.width; ++x) {
+      // Near the border of two quarters their colours may mix, more so in an enlarged frame.
+      if (std::abs(x * 2 - frame.width) < margin || std::abs(y * 2 - frame.height) < margin) {
         continue;
       }
-      auto const& expected = colourAt(x, y, picture.width, picture.height);
-      auto const* pixel = &picture.rgb[static_cast<std::size_t>(y * picture.width + x) * 3];
+      auto const& expected = colourAt(x, y, frame.width, frame.height);
+      auto const* pixel = &frame.rgb[static_cast<std::size_t>(y * frame.width + x) * 3];
       for (int i = 0; i < 3; ++i) {
         if (std::abs(pixel[i] - expected[static_cast<std::size_t>(i)]) > tolerance) {
           return "at " + std::to_string(x) + "," + std::to_string(y) + " is (" + std::to_string(pixel[0]) + "," +

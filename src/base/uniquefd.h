@@ -5,18 +5,18 @@
 
 #include <utility>
 
-namespace kavo {
+namespace kavo::impl {
 
-class Descriptor {
+class UniqueFd {
  public:
-  explicit Descriptor(int descriptor = -1) : m_Descriptor(descriptor) {}
-  ~Descriptor() {
+  explicit UniqueFd(int descriptor = -1) : m_Descriptor(descriptor) {}
+  ~UniqueFd() {
     if (m_Descriptor >= 0) {
       close(m_Descriptor);
     }
   }
-  Descriptor(Descriptor&& other) noexcept : m_Descriptor(std::exchange(other.m_Descriptor, -1)) {}
-  Descriptor& operator=(Descriptor&& other) noexcept {
+  UniqueFd(UniqueFd&& other) noexcept : m_Descriptor(std::exchange(other.m_Descriptor, -1)) {}
+  UniqueFd& operator=(UniqueFd&& other) noexcept {
     std::swap(m_Descriptor, other.m_Descriptor);
     return *this;
   }
@@ -28,4 +28,4 @@ class Descriptor {
   int m_Descriptor;
 };
 
-}  // namespace kavo
+}  // namespace kavo::impl

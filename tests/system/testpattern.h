@@ -1,4 +1,4 @@
-// A picture of known colours, in every format that the library takes, and the
+// A frame of known colours, in every format that the library takes, and the
 // check of what a player made of it.
 #pragma once
 
@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-struct Picture {
+struct Frame {
   int width = 0;
   int height = 0;
   std::vector<std::uint8_t> rgb;
@@ -18,4 +18,4 @@ std::vector<std::uint8_t> testFrame(int hostFormat, int width, int height);
 
 // Empty if every quarter has its colour from its middle out to near its edges;
 // otherwise what is wrong.
-std::string differences(Picture const& picture);
+std::string differences(Frame const& frame);

@@ -3,11 +3,11 @@
 
 #include <memory>
 
-namespace kavo {
+namespace kavo::impl {
 
 // Calls a function that takes the pointer, or (as FFmpeg's *_free do) its address.
 template <auto Function>
-struct GiveBack {
+struct Deleter {
   template <class T>
   void operator()(T* object) const {
     if constexpr (requires { Function(&object); }) {
@@ -19,6 +19,6 @@ struct GiveBack {
 };
 
 template <class T, auto Function>
-using Owned = std::unique_ptr<T, GiveBack<Function>>;
+using CPtr = std::unique_ptr<T, Deleter<Function>>;
 
-}  // namespace kavo
+}  // namespace kavo::impl
