@@ -52,7 +52,7 @@ def call(command, record=None):
         sys.exit(f"command {command} failed with result {result}")
 
 
-def frame(number):
+def pattern(number):
     """One frame as bytes: a ramp that moves."""
     if numpy is None:
         return bytes((x + number * 3) & 0xFF for x in range(WIDTH) for _ in range(3)) * HEIGHT
@@ -73,7 +73,7 @@ def main():
     frames = int(sys.argv[2]) * RATE if len(sys.argv) > 2 else None
     number = 0
     while number != frames:
-        pixels = frame(number)
+        pixels = pattern(number)
         frame.frame = ctypes.cast(pixels, ctypes.c_void_p)
         call(SUBMIT_FRAME, frame)
         time.sleep(1 / RATE)

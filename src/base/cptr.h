@@ -1,4 +1,4 @@
-// An owner for objects of C libraries, which are given back by a function. Any thread.
+// unique_ptr for C library objects, released by a free function. Any thread.
 #pragma once
 
 #include <memory>

@@ -6,7 +6,7 @@
 
 namespace kavo::impl {
 
-// What went wrong, as the entry point tells the host (see g_ErrorTable).
+// Error codes; g_ErrorTable maps them to kv_Stream's results.
 enum ErrorCode : int {
   ErrorInvalidParameter = 0,
   ErrorResource = 1,

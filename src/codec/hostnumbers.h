@@ -1,6 +1,6 @@
 // The pixel format and codec numbers of the host's boundary. They are those of
-// libavutil 54 and libavcodec 56 for good; the linked FFmpeg numbers some of
-// them otherwise, and the table in hostnumbers.cpp is the one place that knows.
+// libavutil 54 and libavcodec 56, permanently; newer FFmpeg uses other values for
+// some of them, translated in hostnumbers.cpp.
 // Any thread.
 #pragma once
 

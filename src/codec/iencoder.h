@@ -23,16 +23,15 @@ class IEncoder {
   IEncoder(IEncoder const&) = delete;
   IEncoder& operator=(IEncoder const&) = delete;
 
-  // Encodes one raw frame, tightly packed as the parameters tell; it is only
-  // read, and only during the call. The packet arrives zeroed; its payload, if
+  // Encodes one raw frame, tightly packed in the layout the parameters give. It is
+  // read during the call only. The packet arrives zeroed; its payload, if
   // there is one, then belongs to the caller (av_packet_unref).
   virtual void encode(unsigned char const* frame, AVPacket& packet) = 0;
 
   // Makes the next frame a key frame; a no-op for intra-only codecs.
   virtual void requestKeyFrame() {}
 
-  // What a decoder must know before the first frame, in Annex B form; nothing for
-  // codecs whose frames carry it all.
+  // Parameter sets for the SDP, in Annex B form; empty for codecs without any.
   virtual std::vector<std::uint8_t> parameterSets() { return {}; }
 
  protected:

@@ -11,7 +11,7 @@ namespace kavo::impl {
 
 namespace {
 
-// Want of memory is not the frame's fault.
+// Out of memory is not the codec's refusal.
 int errorOf(int result) { return result == AVERROR(ENOMEM) ? ErrorResource : ErrorCodec; }
 
 }  // namespace

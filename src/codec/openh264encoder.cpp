@@ -60,7 +60,7 @@ SSourcePicture OpenH264Encoder::picture() const {
   frame.iColorFormat = videoFormatI420;
   frame.iPicWidth = m_DstFrame->width;
   frame.iPicHeight = m_DstFrame->height;
-  // The frame's own line lengths: of an odd width the chroma lines are rounded up.
+  // The frame's own strides: for odd widths the chroma strides are rounded up.
   std::copy_n(m_DstFrame->linesize, 3, frame.iStride);
   std::copy_n(m_DstFrame->data, 3, frame.pData);
   return frame;
@@ -81,7 +81,7 @@ void OpenH264Encoder::encode(unsigned char const* frame, AVPacket& packet) {
   if (av_new_packet(&packet, size) != 0) {
     throw StreamException("AVPacket allocation failed", ErrorResource);
   }
-  // All layers and NAL units stand one behind the other, from the first on.
+  // All layers and NAL units are contiguous, starting at the first layer.
   std::memcpy(packet.data, info.sLayerInfo[0].pBsBuf + startCodeSize, static_cast<std::size_t>(size));
   if (info.eFrameType == videoFrameTypeIDR) {
     packet.flags |= AV_PKT_FLAG_KEY;

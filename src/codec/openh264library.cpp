@@ -14,7 +14,7 @@ Function lookUp(void* library, char const* name) {
   return reinterpret_cast<Function>(dlsym(library, name));
 }
 
-// Another generation has another vtable and other structures behind the same names.
+// Other versions have a different vtable and struct layout behind the same names.
 bool isOurGeneration(decltype(&WelsGetCodecVersionEx) getVersion) {
   OpenH264Version version{};
   getVersion(&version);

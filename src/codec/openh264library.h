@@ -10,7 +10,7 @@ namespace kavo::impl {
 class OpenH264Library {
  public:
   // Throws "OpenH264 library initialization failed failed" when the library
-  // cannot be loaded, lacks a function, or is of another generation than the
+  // cannot be loaded, lacks a function, or differs in version from the
   // header this is compiled with.
   OpenH264Library();
 

@@ -42,8 +42,8 @@ Scaler::Scaler(int srcWidth, int srcHeight, AVPixelFormat srcFormat, int dstWidt
 void Scaler::scale(AVFrame const& source, std::uint8_t const* frameEnd, AVFrame& destination) {
   Slice whole{{}, 0, source.height};
   std::copy_n(source.data, 4, whole.planes);
-  // Memory can end only where a page ends: with enough of the last page behind
-  // the frame, reading too far meets nothing worse than the host's own bytes.
+  // Memory can end only where a page ends: with enough of the last page past
+  // the frame's end, an over-read stays in mapped memory.
   if (bytesLeftInPage(frameEnd) >= overread) {
     scaleSlice(whole, source.linesize, destination);
     return;

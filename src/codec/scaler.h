@@ -1,4 +1,4 @@
-// Converts and resizes one raw frame to planar 4:2:0, reading not one byte
+// Converts and resizes one raw frame to planar 4:2:0, never reading
 // outside the frame. Host thread.
 #pragma once
 
@@ -21,7 +21,7 @@ class Scaler {
   Scaler(int srcWidth, int srcHeight, AVPixelFormat srcFormat, int dstWidth, int dstHeight);
 
   // Scales from the host's memory that source's planes point into. Its rows are
-  // tightly packed, and frameEnd is the first byte behind it.
+  // tightly packed, and frameEnd is one past its end.
   void scale(AVFrame const& source, std::uint8_t const* frameEnd, AVFrame& destination);
 
  private:

@@ -28,7 +28,7 @@ class Transcoder {
   std::vector<std::uint8_t> parameterSets() { return m_Encoder->parameterSets(); }
 
  private:
-  // In this order: an unusable input is told before an unusable output.
+  // In this order: an unusable input is reported before an unusable output.
   std::shared_ptr<IDecoder> m_Decoder;
   std::shared_ptr<IEncoder> m_Encoder;
 };

@@ -53,9 +53,9 @@ class InterleavedWriter {
 
   // A viewer that takes nothing for this time while something waits for it is stalled.
   static constexpr std::chrono::seconds stallTimeout{10};
-  // What has waited longer than this is not sent any more, unless it was begun.
+  // Frames that have waited longer are dropped, unless partly sent.
   static constexpr std::chrono::milliseconds maxAge{500};
-  // What may wait besides the frame that was begun.
+  // Limit for frames waiting behind the one partly sent.
   static constexpr std::size_t maxWaiting = std::size_t{1024} * 1024;
 
   // The socket is the connection's. setWriteInterest says whether the owner is
@@ -64,12 +64,12 @@ class InterleavedWriter {
   InterleavedWriter(InterleavedWriter const&) = delete;
   InterleavedWriter& operator=(InterleavedWriter const&) = delete;
 
-  // False when the viewer is too far behind: what waits on the channel is
-  // dropped, and the viewer needs a key frame to go on with. A key frame is always accepted.
+  // False when the viewer is too far behind: what waits on the channel is dropped,
+  // and the viewer needs a key frame to continue. A key frame is always accepted.
   bool sendFrame(InterleavedFrame& frame, bool keyFrame);
   // Skipped while the viewer is behind.
   void sendReport(std::span<std::uint8_t const> report, std::uint8_t channel);
-  // Sends nothing more on the channel but the end of a frame that was begun.
+  // Stops sending on the channel, except the rest of a frame partly sent.
   void cancel(std::uint8_t channel);
 
   // True when a response can be sent now: no frame is sent in part, and the

@@ -87,7 +87,7 @@ void Viewers::sendReport(Viewer& viewer, std::span<std::uint8_t const> report) {
   }
 }
 
-// Whoever sends what is no report of a viewer costs the time to read it, and nothing more.
+// Datagrams that are not a viewer's report cost the time to read them, no more.
 void Viewers::receiveReports(int socket) {
   std::array<std::uint8_t, maxDatagram> buffer;
   auto const now = Clock::now();
@@ -108,7 +108,7 @@ void Viewers::receiveReports(int socket) {
   }
 }
 
-// Whose report comes from there: the address decides. Behind NAT the port may be
+// The viewer that reports from this address. Behind NAT the port may be
 // another than the one that was announced; it belongs to the viewer of that
 // address that has been silent longest, and stays with it.
 Viewer* Viewers::reporterAt(sockaddr_storage const& from, Clock::time_point now) {

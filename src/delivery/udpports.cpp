@@ -14,7 +14,7 @@ namespace {
 
 constexpr unsigned firstPort = 6970;
 constexpr unsigned lastPort = 65534;
-// The kernel gives as much of it as it allows.
+// The kernel caps it at its limit.
 constexpr int sendBuffer = 4 * 1024 * 1024;
 
 UniqueFd openSocket(int family) {
@@ -28,7 +28,7 @@ UniqueFd openSocket(int family) {
   return socket;
 }
 
-// 0, or what kept it from it.
+// 0, or the error.
 int bindTo(unsigned port, UniqueFd const& socket, int family) {
   sockaddr_storage local{};
   local.ss_family = static_cast<sa_family_t>(family);
@@ -38,8 +38,8 @@ int bindTo(unsigned port, UniqueFd const& socket, int family) {
 
 }  // namespace
 
-// Only a port that is taken is a reason to try the next one: a search that goes
-// on for want of descriptors would never end.
+// Only a taken port is a reason to try the next one: without descriptors the
+// search would never end.
 std::optional<UdpPorts> UdpPorts::open(int family) {
   int error = EADDRINUSE;
   for (unsigned port = firstPort; port < lastPort && error == EADDRINUSE; port += 2) {

@@ -12,8 +12,8 @@ namespace kavo::impl {
 
 class UdpPorts {
  public:
-  // On the first free pair of ports from 6970 up. Nothing when all are taken, or
-  // when the process has no descriptors or the machine no such family.
+  // On the first free pair of ports from 6970 up. nullopt when all are
+  // taken, the process is out of descriptors, or the machine lacks the family.
   static std::optional<UdpPorts> open(int family);
 
   int rtpSocket() const { return m_Rtp.get(); }

@@ -1,5 +1,5 @@
-// Sends a frame's packets to many UDP destinations with as few system calls as
-// the kernel allows. Event-loop thread.
+// Sends a frame's packets to many UDP destinations with few system calls, using
+// UDP GSO where available. Event-loop thread.
 #pragma once
 
 #include <sys/socket.h>
@@ -17,14 +17,14 @@ namespace kavo::impl {
 struct UdpDestination {
   sockaddr_storage address{};
   bool segmentation = true;  // off once its path has refused segmentation offload
-  bool tooNarrow = false;    // its path did not take a packet; nothing is sent to it until this is reset
-  std::uint64_t lost = 0;    // packets that the kernel did not take
+  bool tooNarrow = false;    // a packet exceeded its path MTU; nothing is sent to it until this is reset
+  std::uint64_t lost = 0;    // packets the kernel refused
 };
 
 class UdpSender {
  public:
-  // Packets [first, last) of the frame, in order. A destination that fails does
-  // not disturb the others.
+  // Packets [first, last) of the frame, in order. A failing destination does not
+  // affect the others.
   void send(int socket, FramePackets& packets, std::size_t first, std::size_t last,
             std::span<UdpDestination* const> destinations);
 

@@ -264,7 +264,7 @@ void Viewers::sendOverUdp(Family& family, std::size_t first, std::size_t last) {
   std::erase_if(family.takers, [](Viewer const* viewer) { return viewer->m_State != Viewer::State::Playing; });
 }
 
-// The frame is lost for this viewer, and what builds on it would be damaged.
+// This viewer lost the frame, so frames that reference it would be damaged.
 void Viewers::narrow(Viewer& viewer) {
   std::size_t const path = maxUdpPayload(viewer.m_Udp.address).value_or(largestPacket);
   std::size_t const smaller = path < viewer.m_MaxPacket ? path : viewer.m_MaxPacket * 3 / 4;

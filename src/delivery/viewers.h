@@ -1,4 +1,4 @@
-// Who watches a stream, and the sending to all of them. Event-loop thread.
+// The viewers of a stream, and sending to all of them. Event-loop thread.
 #pragma once
 
 #include <array>
@@ -63,7 +63,7 @@ class Viewer {
   // Sends it a report from a socket of its own, which hears when nobody listens
   // there. True after two such answers.
   bool isUnreachable() KAVO_REQUIRES(eventLoopRole);
-  // Tells it that the stream has ended, if there is memory to do so.
+  // Sends RTCP BYE, if there is memory for it.
   void sayGoodbye() noexcept KAVO_REQUIRES(eventLoopRole);
 
  private:
@@ -107,7 +107,7 @@ class Viewers {
 
   Viewers(TaskScheduler& scheduler, Callbacks callbacks);
 
-  // A viewer over UDP; null when no sockets are to be had. Ports in host byte order.
+  // A viewer over UDP; null when no sockets are available. Ports in host byte order.
   Viewer* addUdp(sockaddr_storage const& address, std::uint16_t rtpPort, std::uint16_t rtcpPort)
       KAVO_REQUIRES(eventLoopRole);
   Viewer* addInterleaved(std::uint8_t rtpChannel, std::uint8_t rtcpChannel) KAVO_REQUIRES(eventLoopRole);
@@ -124,7 +124,7 @@ class Viewers {
   bool anyActive() const KAVO_REQUIRES(eventLoopRole);
   // The size of RTP packet that all active viewers' paths take.
   std::size_t maxPacket() const KAVO_REQUIRES(eventLoopRole) { return m_MaxPacket; }
-  // Whether anybody takes a frame of the kind.
+  // Whether any viewer takes such a frame.
   bool takes(bool keyFrame) const KAVO_REQUIRES(eventLoopRole);
 
   // Sends a frame to everybody who takes it. Small frames leave at once: true.
@@ -133,7 +133,7 @@ class Viewers {
   bool send(FramePackets& packets, bool keyFrame) KAVO_REQUIRES(eventLoopRole);
   // Forgets the rest of the frame.
   void drop() KAVO_REQUIRES(eventLoopRole);
-  // The same for a frame that others build on: everybody waits for a key frame.
+  // The same for a frame that others reference: every viewer waits for a key frame.
   void abandonFrame() KAVO_REQUIRES(eventLoopRole);
 
  private:

@@ -1,13 +1,13 @@
-// Calls out of the event loop, from which no exception comes back: above all,
-// memory may run out in any of them. Event-loop thread.
+// Calls made by the event loop that let no exception escape: above all, any of
+// them may run out of memory. Event-loop thread.
 #pragma once
 
 #include "base/threadannotations.h"
 
 namespace kavo::impl {
 
-// What the call was for (a request, a viewer, a frame) is given up; whoever can
-// do something about it has caught the exception before. False if there was one.
+// The request, viewer or frame that the call was for is abandoned. False if the
+// function threw; code that can recover has caught the exception before.
 template <class Function>
 bool contained(Function const& function) noexcept KAVO_NO_ANALYSIS {
   try {

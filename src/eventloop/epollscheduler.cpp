@@ -27,8 +27,8 @@ std::uint32_t eventsOf(int conditions) {
          ((conditions & SOCKET_EXCEPTION) != 0 ? EPOLLPRI : 0U);
 }
 
-// A broken connection is every condition that its handler waits for: it will
-// find out when it reads or writes.
+// On error, report every requested condition; the handler finds the error when it
+// reads or writes.
 int conditionsOf(std::uint32_t events) {
   if ((events & (EPOLLERR | EPOLLHUP)) != 0) {
     return SOCKET_READABLE | SOCKET_WRITABLE | SOCKET_EXCEPTION;
@@ -37,8 +37,8 @@ int conditionsOf(std::uint32_t events) {
          ((events & EPOLLPRI) != 0 ? SOCKET_EXCEPTION : 0);
 }
 
-// A number may have been closed and used again behind epoll's back, so what is
-// known of it here can be out of date.
+// The descriptor may have been closed and reopened unnoticed, so our record of it
+// may be stale.
 bool watch(int epoll, int socket, epoll_event event) {
   return epoll_ctl(epoll, EPOLL_CTL_MOD, socket, &event) == 0 ||
          (errno == ENOENT && epoll_ctl(epoll, EPOLL_CTL_ADD, socket, &event) == 0);
@@ -91,7 +91,7 @@ void EpollScheduler::deleteEventTrigger(EventTriggerId id) { m_Triggers.remove(i
 void EpollScheduler::triggerEvent(EventTriggerId id, void* clientData) {
   if (m_Triggers.fire(id, clientData)) {
     std::uint64_t const one = 1;
-    // It fails only when the counter is full, and then the loop is awake.
+    // It can only fail when the counter is saturated, and then a wake-up is pending.
     (void)!write(m_WakeUp.get(), &one, sizeof one);
   }
 }

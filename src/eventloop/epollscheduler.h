@@ -1,5 +1,5 @@
 // live555's task scheduler on epoll: sockets of any number, event triggers of any
-// number that wake the loop at once, and timers that no clock setting moves.
+// number that wake the loop at once, and timers unaffected by clock changes.
 #pragma once
 
 #include <sys/epoll.h>
@@ -18,7 +18,7 @@ namespace kavo::impl {
 // Event-loop thread, but for triggerEvent(), which any thread may call.
 class EpollScheduler : public BasicTaskScheduler {
  public:
-  // The loop passes at least once in every maxGranularity microseconds. Null
+  // The loop iterates at least every maxGranularity microseconds. Null
   // when the process has no descriptors left.
   static EpollScheduler* createNew(unsigned maxGranularity);
 
@@ -45,7 +45,7 @@ class EpollScheduler : public BasicTaskScheduler {
     int conditions;
     BackgroundHandlerProc* function;
     void* clientData;
-    std::uint32_t version;  // tells events that were meant for an earlier owner of the number
+    std::uint32_t version;  // identifies stale events for a reused descriptor
   };
 
   int wait(std::span<epoll_event> events, std::chrono::microseconds limit);

@@ -23,7 +23,7 @@ class KAVO_CAPABILITY("role") EventLoopRole {
   // Whether the calling thread holds the role.
   bool isHeld() const;
 
-  // Stands first in everything that live555 calls back: debug builds abort when
+  // Comes first in every function that live555 calls back: debug builds abort when
   // the calling thread does not hold the role.
   void assertHeld() const KAVO_ASSERTS(this);
 };

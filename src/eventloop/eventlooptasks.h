@@ -1,4 +1,4 @@
-// Work that other threads want done on the event-loop thread.
+// Tasks that other threads hand to the event-loop thread.
 #pragma once
 
 #include <deque>
@@ -17,7 +17,7 @@ class EventLoopTasks {
 
   explicit EventLoopTasks(TaskScheduler& scheduler) KAVO_REQUIRES(eventLoopRole);
 
-  // Has the loop run the task in its next pass, after those added before.
+  // Runs the task in the loop's next pass, after those added before.
   void add(Task task) KAVO_EXCLUDES(m_Mutex);
   // Event-loop thread, when the loop cannot go on: no task runs any more.
   void cancel() KAVO_EXCLUDES(m_Mutex);

@@ -1,4 +1,5 @@
-// A call on the event-loop thread that any thread can ask for. It ends with its owner.
+// A call on the event-loop thread that any thread can request, cancelled when its
+// owner is destroyed.
 #pragma once
 
 #include <UsageEnvironment.hh>

@@ -14,11 +14,11 @@ class EventTriggers {
  public:
   // Never 0, and not used again for a long time after it was deleted.
   EventTriggerId create(TaskFunc* handler) KAVO_EXCLUDES(m_Mutex);
-  // A trigger that was fired and has not run yet does not run any more.
+  // A pending trigger is cancelled.
   void remove(EventTriggerId id) KAVO_EXCLUDES(m_Mutex);
 
-  // Has the handler run with the client data of the last call; calls until then
-  // are merged into one run. True when the loop has to be woken for it.
+  // Schedules the handler. Calls before it runs coalesce, and the last client data
+  // wins. True if the loop must be woken.
   bool fire(EventTriggerId id, void* clientData) KAVO_EXCLUDES(m_Mutex);
 
   // Runs what has been fired, in that order. Handlers may create, delete and fire;

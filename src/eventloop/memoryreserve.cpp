@@ -14,7 +14,7 @@ constexpr std::size_t blockSize = 16 * std::size_t{1024};
 constinit std::array<void*, 64> g_Blocks{};
 constinit std::new_handler g_Before = nullptr;
 
-// To return is to have `new` try again.
+// Returning makes `new` retry.
 void useReserve() {
   if (eventLoopRole.isHeld()) {
     for (void*& block : g_Blocks) {

@@ -1,7 +1,7 @@
-// Memory that is set aside for the event loop. live555 is not made for a failing
-// `new`: an exception leaves its tables with entries that crash it later, and its
-// destructors allocate. While live555 works, a `new` that fails takes from this
-// reserve and tries again.
+// Memory reserved for the event loop. live555 does not survive a failing `new`: an
+// exception leaves entries in its tables that crash it later, and its destructors
+// allocate. On the event-loop thread, a failing `new` draws on this reserve and
+// retries.
 #pragma once
 
 #include <cstddef>
@@ -11,8 +11,8 @@
 
 namespace kavo::impl {
 
-// One at a time. It sets the process's new handler, and calls the one that was set
-// before for whatever is not the event loop's.
+// One at a time. Installs a new handler, which passes allocations of other threads
+// on to the handler installed before.
 class MemoryReserve {
  public:
   // Throws std::bad_alloc when there is no memory for it.
@@ -21,7 +21,7 @@ class MemoryReserve {
   MemoryReserve(MemoryReserve const&) = delete;
   MemoryReserve& operator=(MemoryReserve const&) = delete;
 
-  // Sets memory aside again for what was used up; false while there is none.
+  // Replenishes what was used; false while there is no memory for it.
   static bool refill() KAVO_REQUIRES(eventLoopRole);
 };
 

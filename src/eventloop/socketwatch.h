@@ -1,4 +1,4 @@
-// Waits for conditions of a socket until its owner goes. Event-loop thread.
+// Watches a socket for as long as its owner exists. Event-loop thread.
 #pragma once
 
 #include <UsageEnvironment.hh>

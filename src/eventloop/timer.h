@@ -1,4 +1,4 @@
-// A delayed call that ends with its owner. Event-loop thread.
+// A delayed call, cancelled when its owner is destroyed. Event-loop thread.
 #pragma once
 
 #include <UsageEnvironment.hh>

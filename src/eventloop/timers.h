@@ -1,5 +1,5 @@
-// Delayed tasks on the monotonic clock: a wall clock that is set forward or back
-// runs none early and holds none up. Event-loop thread.
+// Delayed tasks on the monotonic clock, so setting the wall clock neither hurries
+// nor delays any. Event-loop thread.
 #pragma once
 
 #include <UsageEnvironment.hh>

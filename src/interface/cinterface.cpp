@@ -18,8 +18,8 @@ namespace {
 
 constexpr unsigned int defaultPort = 8554;
 
-// Without a destructor, so that calls during and after static destruction meet it
-// as it was; what it owns is released by g_ExitAtUnload.
+// Never destroyed, so calls during and after static destruction still find it;
+// g_ExitAtUnload releases what it owns.
 NoDestroy<SessionManager> g_SessionManager;
 
 // A child that the host forked off has the memory of a server, but not its thread:
@@ -56,7 +56,7 @@ void requireTerminated(char const (&text)[Size]) {
   }
 }
 
-// The texts become lines of the SDP, where a line end would begin another.
+// The texts become lines of the SDP; a line break would start another line.
 template <std::size_t Size>
 void requireText(char const (&text)[Size]) {
   requireTerminated(text);

@@ -22,7 +22,7 @@ struct JpegHeader {
   std::optional<QuantizationTables> tables;
 };
 
-// Looks at the image's first 623 bytes at most, and at nothing behind its end.
+// Reads the image's first 623 bytes at most, and never past its end.
 JpegHeader readJpegHeader(std::span<std::uint8_t const> image);
 
 }  // namespace kavo::impl

@@ -15,7 +15,7 @@ using Header = std::array<std::uint8_t, mainHeaderSize + tablesHeaderSize + maxT
 
 std::uint8_t byteOf(std::size_t number, int index) { return static_cast<std::uint8_t>(number >> 8 * index); }
 
-// The main header, and behind it, at the frame's beginning, the tables. Its size.
+// Writes the main header, followed by the tables at the start of a frame. Returns its size.
 std::size_t writeHeader(JpegFrame const& frame, std::size_t offset, Header& header) {
   header = {0, byteOf(offset, 2), byteOf(offset, 1), byteOf(offset, 0), frame.type, frame.q, frame.width, frame.height};
   if (offset > 0 || frame.q < 128) {

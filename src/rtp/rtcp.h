@@ -1,4 +1,4 @@
-// RTCP (RFC 3550, 6): what a sender says, and what its receivers answer. Any thread.
+// RTCP (RFC 3550, 6): sender reports out, receiver reports in. Any thread.
 #pragma once
 
 #include <cstdint>
@@ -21,7 +21,7 @@ struct SenderInfo {
 // A compound packet: sender report, CNAME (shorter than 256 bytes) and, at the end of a stream, BYE.
 std::vector<std::uint8_t> makeSenderReport(SenderInfo const& info, std::string_view cname, bool bye);
 
-// What a receiver says of one sender (RFC 3550, 6.4.1).
+// A receiver's report block about one sender (RFC 3550, 6.4.1).
 struct ReportBlock {
   std::uint8_t fractionLost = 0;        // since its last report, in 1/256
   std::int32_t packetsLost = 0;         // since it began

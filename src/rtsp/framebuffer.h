@@ -1,5 +1,5 @@
-// The memory that a sink lends its source for one frame, as large as the frames
-// of the stream need it. Event-loop thread.
+// The buffer that a sink lends its source for one frame; it grows with the frames
+// of the stream. Event-loop thread.
 #pragma once
 
 #include <algorithm>

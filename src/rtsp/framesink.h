@@ -107,7 +107,7 @@ class FrameSink : public Base, public LiveSink {
     m_Packets.begin(
         {.payloadType = this->rtpPayloadType(), .sequence = this->fSeqNo, .timestamp = rtpTime, .ssrc = this->SSRC()});
     bool const keyFrame = packetize({m_Frame.data(), size}, m_Viewers.maxPacket(), m_Packets);
-    // A frame that nobody takes leaves no gap in the sequence numbers.
+    // Do not number a frame that no viewer takes: the gap would look like loss.
     if (m_Packets.count() == 0 || !m_Viewers.takes(keyFrame)) {
       return true;
     }

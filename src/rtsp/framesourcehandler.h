@@ -38,7 +38,7 @@ class FrameSourceHandler {
   FrameSourceHandler(FrameSourceHandler const&) = delete;
   FrameSourceHandler& operator=(FrameSourceHandler const&) = delete;
 
-  // From here on the queue owns the packet's bytes. The producer enforces the
+  // The queue takes ownership of the packet's bytes. The producer enforces the
   // limit: it asks IsBufferFree() before it encodes.
   void push(FrameData frame) KAVO_EXCLUDES(m_Mutex);
 

@@ -1,4 +1,4 @@
-// The event loop's wish for a frame that new viewers can begin with.
+// A pending key-frame request.
 #pragma once
 
 #include <atomic>
@@ -6,8 +6,8 @@
 
 namespace kavo::impl {
 
-// Key frames are several times as large as others: requests are merged, and one
-// that comes too soon after the last waits until its time, however many viewers join.
+// Key frames are several times as large as others, so requests coalesce and are
+// granted at most once per interval, however many viewers join.
 class KeyFrameRequest {
  public:
   using Clock = std::chrono::steady_clock;
@@ -15,7 +15,7 @@ class KeyFrameRequest {
 
   // Event-loop thread.
   void ask() { m_Asked.store(true, std::memory_order_relaxed); }
-  // Event-loop thread: a key frame came by itself, and nobody waits any more.
+  // Event-loop thread: a regular key frame has satisfied the request.
   void withdraw() { m_Asked.store(false, std::memory_order_relaxed); }
 
   // Host thread, before each frame: whether this one is to be a key frame.

@@ -81,8 +81,8 @@ LiveDemandSession::Sink LiveDemandSession::makeSink(int addressFamily) {
   return sink;
 }
 
-// Described without a source: nobody encodes for it, and no frame is taken from
-// those who watch. The address in it is of the asking client's family.
+// Described without a source, so it triggers no encoding and takes no frame from
+// viewers. Its address is of the asking client's family.
 char const* LiveDemandSession::sdpLines(int addressFamily) {
   eventLoopRole.assertHeld();
   if (addressFamily != m_DescribedFamily) {
@@ -101,7 +101,7 @@ char const* LiveDemandSession::sdpLines(int addressFamily) {
   return fSDPLines;
 }
 
-// A viewer without a stream token is answered with an error.
+// Without a stream token the client gets an error response.
 void LiveDemandSession::getStreamParameters(unsigned /*clientSessionId*/, sockaddr_storage const& clientAddress,
                                             Port const& clientRTPPort, Port const& clientRTCPPort, int tcpSocketNum,
                                             unsigned char rtpChannelId, unsigned char rtcpChannelId,

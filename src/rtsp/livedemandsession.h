@@ -45,8 +45,8 @@ class LiveDemandSession : public OnDemandServerMediaSubsession {
                    void* alternativeByteHandlerClientData) override;
   void pauseStream(unsigned clientSessionId, void* streamToken) override;
   void deleteStream(unsigned clientSessionId, void*& streamToken) override;
-  // A live stream has no positions and one speed. live555's own versions take the
-  // token for something else.
+  // A live stream cannot seek or change speed. live555's versions of these would
+  // misinterpret the token.
   void seekStream(unsigned clientSessionId, void* streamToken, double& seekNPT, double streamDuration,
                   u_int64_t& numBytes) override;
   void seekStream(unsigned clientSessionId, void* streamToken, char*& absStart, char*& absEnd) override;

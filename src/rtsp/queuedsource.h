@@ -41,7 +41,7 @@ class QueuedSource : public Base, public GrowingSource {
   }
 
  protected:
-  // What was queued before is of an earlier visit.
+  // Frames queued earlier belong to a previous session.
   QueuedSource(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler) KAVO_REQUIRES(eventLoopRole)
       : Base(env),
         m_FrameSourceHandler(std::move(handler)),
@@ -57,7 +57,7 @@ class QueuedSource : public Base, public GrowingSource {
   }
 
   // A frame may have been queued while the sink was not waiting. It is delivered
-  // from the loop, so that several do not nest and sockets get their turn.
+  // from the loop, to avoid nesting and to let sockets take their turn.
   void doGetNextFrame() override {
     eventLoopRole.assertHeld();
     if (!m_FrameSourceHandler->empty()) {
@@ -73,7 +73,7 @@ class QueuedSource : public Base, public GrowingSource {
   void deliverFrame() KAVO_REQUIRES(eventLoopRole) {
     while (this->isCurrentlyAwaitingData() && !m_FrameSourceHandler->empty()) {
       AVPacket const packet = m_FrameSourceHandler->front().packet;
-      // One that was submitted before and encoded until now is of an earlier visit too.
+      // A frame submitted before this source existed is stale too.
       bool const wanted = packet.data != nullptr && FrameSourceHandler::submitTime(packet) >= m_Created;
       bool const delivered = wanted && contained([&]() KAVO_REQUIRES(eventLoopRole) { deliver(packet); });
       m_FrameSourceHandler->pop();

@@ -12,15 +12,15 @@ namespace {
 
 template <class Address>
 bool bindAndListen(int descriptor, Address const& address) {
-  // SO_REUSEADDR passes over connections of an earlier server in TIME_WAIT, and
-  // still refuses a port that somebody listens on (SO_REUSEPORT would share it).
+  // SO_REUSEADDR ignores an earlier server's connections in TIME_WAIT, but still
+  // refuses a port in use (SO_REUSEPORT would share it).
   int const on = 1;
   return setsockopt(descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == 0 &&
          bind(descriptor, reinterpret_cast<sockaddr const*>(&address), sizeof address) == 0 &&
          listen(descriptor, SOMAXCONN) == 0;
 }
 
-// False when the family is there but the port cannot be had.
+// False when the family is available but the port is not.
 template <class Address>
 bool openFamily(Address const& address, int family, UniqueFd& result) {
   UniqueFd socket(::socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));

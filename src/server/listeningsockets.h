@@ -8,16 +8,15 @@
 
 namespace kavo::impl {
 
-// One socket for each address family that the machine has; -1 inside for one
-// that it has not.
+// One socket per address family; -1 where the family is missing.
 struct ListeningSockets {
   UniqueFd ipv4;
   UniqueFd ipv6;
 };
 
-// Listens on the port (host byte order) on every local address. Nothing when a
-// family that the machine has cannot be bound: a server that only half of its
-// clients reach would look like one that works.
+// Listens on the port (host byte order) on every local address. nullopt when an
+// available family cannot be bound: a server that half of its clients cannot reach
+// would appear to work.
 std::optional<ListeningSockets> listenOnPort(std::uint16_t port);
 
 }  // namespace kavo::impl

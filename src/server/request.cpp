@@ -134,7 +134,7 @@ bool readRequestLine(std::string_view line, Request& request) {
   return isMethod(request.method);
 }
 
-// No folded lines, no blank before the colon: others read such lines otherwise.
+// Reject folded lines and blanks before the colon: parsers disagree on them.
 bool readHeaderLine(std::string_view line, Reader& reader) {
   auto const colon = line.find(':');
   auto const name = line.substr(0, colon);
@@ -150,7 +150,7 @@ Request Request::parse(std::string_view header) {
   Reader reader(request);
   request.valid = true;
   bool requestLine = true;
-  // On to the end even of what is not valid, for its number.
+  // Scan invalid requests to the end too, for their CSeq.
   while (!header.empty()) {
     auto const end = header.find(lineEnd);
     auto const line = header.substr(0, end);

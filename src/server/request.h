@@ -1,5 +1,4 @@
-// An RTSP request (RFC 2326), read once: what of it is understood, and nothing
-// else. Any thread.
+// An RTSP request (RFC 2326), parsed once into the fields we understand. Any thread.
 #pragma once
 
 #include <cstddef>
@@ -12,8 +11,8 @@ struct Request {
   // Far more than any client sends.
   static constexpr std::size_t maxBody = 8192;
 
-  // False: the text is no request, or its length can be read in more than one
-  // way. There is no reading on behind it; cseq is set if it could be found.
+  // False if the text is not a request or its length is ambiguous: nothing after it
+  // can be parsed. cseq is set if it was found.
   bool valid = false;
   std::size_t bodySize = 0;
 

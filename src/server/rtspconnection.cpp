@@ -21,11 +21,11 @@ namespace {
 constexpr std::string_view answeredMethods[] = {"OPTIONS", "DESCRIBE", "SETUP",         "PLAY",
                                                 "PAUSE",   "TEARDOWN", "GET_PARAMETER", "SET_PARAMETER"};
 
-// What is read before other sockets get their turn.
+// Read at most this much before other sockets take their turn.
 constexpr std::size_t readSize = 16 * std::size_t{1024};
 
-// What a client may send ahead while its requests wait for a frame to be sent:
-// more than the largest item it can be in the middle of.
+// How much a client may pipeline while its requests wait for a frame to be sent:
+// more than the largest single item.
 constexpr std::size_t maxPendingInput = 128 * std::size_t{1024};
 
 }  // namespace
@@ -174,7 +174,7 @@ void RtspConnection::handleRequest() {
   }
 }
 
-// A response of our own, to a request that live555 does not get to see.
+// Our own response to a request that live555 never sees.
 void RtspConnection::answer(std::string_view status) {
   std::string response = "RTSP/1.0 " + std::string(status) + "\r\n";
   if (!request().cseq.empty()) {

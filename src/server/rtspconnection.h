@@ -1,5 +1,5 @@
-// One client's RTSP connection. It reads what arrives itself, and gives live555
-// requests that are made anew from what was understood. Event-loop thread.
+// One client's RTSP connection. It parses its input itself and passes live555
+// requests rebuilt from the parsed values. Event-loop thread.
 #pragma once
 
 #include <RTSPServer.hh>
@@ -36,7 +36,7 @@ class RtspConnection : public RTSPServer::RTSPClientConnection {
   Clock::time_point lastActivity() const { return m_LastActivity; }
   // Its place in the server's list.
   void setPlace(std::list<RtspConnection*>::iterator place) { m_Place = place; }
-  // Whether a session of its has a stream: the connection is not closed for being silent then.
+  // Whether one of its sessions has a stream; if so, the idle timeout does not apply.
   bool hasStream() const;
   bool isStalled(Clock::time_point now) const { return m_Writer->isStalled(now); }
 
@@ -58,7 +58,7 @@ class RtspConnection : public RTSPServer::RTSPClientConnection {
 
  protected:
   void handleCmd_bad() override { refuse("400 Bad Request"); }
-  // A second wall: no request that reaches live555 is one of HTTP.
+  // Defence in depth: no HTTP request reaches live555.
   void handleHTTPCmd_OPTIONS() override { handleHTTPCmd_notSupported(); }
   void handleHTTPCmd_TunnelingGET(char const*) override { handleHTTPCmd_notSupported(); }
   Boolean handleHTTPCmd_TunnelingPOST(char const*, unsigned char const*, unsigned) override {
@@ -67,7 +67,7 @@ class RtspConnection : public RTSPServer::RTSPClientConnection {
   }
 
  private:
-  // What is left to do after an item was handled.
+  // What to do after handling an item.
   enum class Next { Item, Wait, Gone };
 
   void handleSocket(int conditions) KAVO_REQUIRES(eventLoopRole);

@@ -18,7 +18,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// How long a connection without a stream may be silent.
+// Idle timeout of connections without a stream.
 constexpr auto idleTimeout = 30s;
 constexpr auto idleCheckInterval = 1s;
 // How long no connections are accepted when the process is out of descriptors.
@@ -26,7 +26,7 @@ constexpr auto acceptRetryDelay = 100ms;
 // Per pass of the loop, so that others have their turn.
 constexpr int acceptsInARow = 16;
 
-// Half of the descriptors that the process may have: the others are the host's.
+// Half of the process's descriptor limit; the rest is the host's.
 std::size_t maxConnections() {
   rlimit limit{};
   getrlimit(RLIMIT_NOFILE, &limit);
@@ -182,9 +182,10 @@ bool RtspServer::acceptOne(int listeningSocket) {
   return full;
 }
 
-// Closes the least recently active connection: of those that never sent
-// anything, so that a crowd of such cannot push out a client that is about to set
-// up a session, else of those without a stream. False when there is none.
+// Closes the least recently active connection that never sent anything, or else
+// the least recently active one without a stream. In that order, so that a flood of
+// silent connections cannot evict a client about to set up a session. False when
+// there is none to close.
 bool RtspServer::evictConnection() {
   auto const close = [](auto const& range, auto const& unwanted) {
     auto const found = std::find_if(range.begin(), range.end(), unwanted);

@@ -1,5 +1,5 @@
-// The RTSP server: on sockets of our own, with limits to its connections and
-// sessions. Event-loop thread.
+// The RTSP server: with its own listening sockets and limits on connections
+// and sessions. Event-loop thread.
 #pragma once
 
 #include <RTSPServer.hh>
@@ -51,7 +51,7 @@ class RtspServer : public RTSPServer {
 
   // Whether the session exists and is of the client's host: ids can be guessed.
   bool maySpeakFor(std::string const& sessionId, sockaddr_storage const& clientAddress) KAVO_REQUIRES(eventLoopRole);
-  // Whether one more client session may be made; one that has lost its connection gives way.
+  // Whether another client session may be created; one without a connection is evicted.
   bool hasRoomForSession() KAVO_REQUIRES(eventLoopRole);
   // Deletes the session that was made for the last request, unless that set up a stream.
   void removeFailedSession() KAVO_REQUIRES(eventLoopRole);

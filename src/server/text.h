@@ -1,4 +1,4 @@
-// What reading RTSP's text needs. Any thread.
+// Helpers for parsing RTSP text. Any thread.
 #pragma once
 
 #include <algorithm>

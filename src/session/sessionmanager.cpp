@@ -22,7 +22,7 @@ void SessionManager::exit() {
   m_MayServe = false;
 }
 
-// What can fail comes first; the media session is served as the last step.
+// Steps that can fail come first; the media session goes live last.
 void SessionManager::addSession(SessionInformation& information) {
   MutexLock lock(m_Mutex);
   RtspServer* const server = m_Environment.GetRTSPServer();

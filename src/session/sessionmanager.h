@@ -33,7 +33,7 @@ class SessionManager {
 
   // Starts serving on the port. Throws what StreamEnvironment::start throws.
   void init(unsigned int port) KAVO_EXCLUDES(m_Mutex);
-  // Ends serving and drops every session.
+  // Stops the server and drops every session.
   void exit() KAVO_EXCLUDES(m_Mutex);
   // Whether there is a server, or one is being made or ended. Any thread; without the lock.
   bool mayServe() const { return m_MayServe; }

@@ -21,8 +21,8 @@ namespace {
 constexpr unsigned granularityMicroseconds = 10000;
 constexpr unsigned reclamationSeconds = 65;
 
-// Restores what the process does about a signal: live555's server has it ignore
-// SIGPIPE, which is the host's to decide. Nothing is sent here that could raise it.
+// Restores a signal's disposition: live555's server makes the process ignore
+// SIGPIPE, which is for the host to decide. Our sends never raise it.
 class KeptDisposition {
  public:
   explicit KeptDisposition(int signal) : m_Signal(signal) { sigaction(signal, nullptr, &m_Before); }
@@ -35,8 +35,8 @@ class KeptDisposition {
   struct sigaction m_Before{};
 };
 
-// Blocks all signals of the calling thread, and with it of the threads that it
-// starts: the host's signals are for its own threads.
+// Blocks all signals in the calling thread and the threads it starts: the host's
+// signals are for its own threads.
 class BlockedSignals {
  public:
   BlockedSignals() {
@@ -178,8 +178,8 @@ void StreamEnvironment::release() {
   m_Failed = false;
 }
 
-// What runs on the loop contains its exceptions; if the loop itself cannot go on,
-// the server ends and the host lives.
+// Handlers contain their exceptions; if the loop itself cannot continue, the server
+// ends and the host lives.
 void StreamEnvironment::run() {
   EventLoopRole::Holder const role(eventLoopRole);
   NeutralLocale const neutral;

@@ -20,7 +20,7 @@ namespace kavo::impl {
 
 // Host threads, one at a time (the session manager's lock); run() is the
 // event-loop thread. All of it is made by start() and gone after stop(), so
-// that whatever went wrong with one is over with the next.
+// no failure outlives the server it happened to.
 class StreamEnvironment {
  public:
   StreamEnvironment() = default;

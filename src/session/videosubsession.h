@@ -16,7 +16,7 @@ namespace kavo::impl {
 template <class DemandSession>
 class VideoSubSession : public ISubSession {
  public:
-  // Adds its demand session to the media session, as the last step. Throws what the
+  // Adds its demand session to the media session last. Throws what the
   // transcoder throws.
   VideoSubSession(StreamEnvironment const& env, ServerMediaSession& media, VideoCodecParameter const* parameter)
       : ISubSession(env),
