@@ -11,14 +11,15 @@ help: ## list the commands
 build: ## build the library and the tools into build/release (PRESET=debug, asan, tsan)
 	@$(RUN) sh -c 'cmake --preset $(PRESET) >/dev/null && cmake --build --preset $(PRESET)'
 
-demo: build ## publish a moving test pattern (INPUT=file or camera, SECONDS=limit, ARGS=options)
+demo: ## publish a moving test pattern (INPUT=file or camera, SECONDS=limit, ARGS=options)
+	@$(RUN) sh -c 'cmake --preset $(PRESET) >/dev/null && cmake --build --preset $(PRESET) --target kavo-publish'
 	@$(RUN) build/$(PRESET)/tools/kavo-publish $(if $(SECONDS),--duration $(SECONDS)) $(ARGS) $(INPUT)
 
 test: ## build and run all tests: release, asan+ubsan, tsan, fuzz
 	@$(RUN) scripts/test
 
 fuzz: ## run the fuzz drivers for long (SECONDS=600)
-	@$(RUN) sh -c 'cmake --preset fuzz -DKAVO_FUZZ_SECONDS=$(or $(SECONDS),600) >/dev/null && cmake --build --preset fuzz && ctest --test-dir build/fuzz --output-on-failure --timeout 100000; cmake --preset fuzz -UKAVO_FUZZ_SECONDS >/dev/null'
+	@$(RUN) sh -c 'cmake --preset fuzz -DKAVO_FUZZ_SECONDS=$(or $(SECONDS),600) >/dev/null && cmake --build --preset fuzz && ctest --test-dir build/fuzz --output-on-failure --timeout 100000; status=$$?; cmake --preset fuzz -UKAVO_FUZZ_SECONDS >/dev/null; exit $$status'
 
 bench: ## measure: ours beside live555 as it comes and gst-rtsp-server (TABLES="cpu slow", all of them take 20 minutes)
 	@$(RUN) sh -c 'cmake --preset bench >/dev/null && cmake --build --preset bench >/dev/null && scripts/bench $(TABLES)'

@@ -162,10 +162,10 @@ int main(int argc, char** argv) try {
   auto const end = Clock::now() + std::chrono::seconds(argc > 3 ? std::atoi(argv[3]) : 1000000);
   while (Clock::now() < end) {
     camera.withFrame([&](std::uint8_t const* frame, std::size_t size) {
-      if (converter) {
+      if (converter && size >= converter->sourceSize()) {
         auto const& converted = converter->convert(frame);
         stream.submit(converted.data(), converted.size());
-      } else {
+      } else if (!converter) {
         stream.submit(frame, size);
       }
     });

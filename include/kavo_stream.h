@@ -5,10 +5,9 @@
  * It returns one of the result codes below and never throws. Link with
  * -lkavo_stream. The header serves C (C11) and C++ (C++11) on 64-bit Linux.
  *
- * Threads. Any thread may call, any number at once; the calls are carried out
- * one after the other. A frame is scaled and encoded inside its submit call, on
- * the calling thread. The library has one thread of its own, from init to exit,
- * which serves the clients; it never calls the host.
+ * Threads. Any thread may call, any number at once; calls are serialised. A frame is scaled and encoded inside its
+ * submit call, on the calling thread. The library has one thread of its own, from init to exit, which serves the
+ * clients; it never calls the host.
  *
  * Memory. Records and frames are the host's. The library reads and writes them
  * only during the call and keeps no pointer to them. A record is written only
@@ -22,15 +21,18 @@
 #ifndef KAVO_STREAM_H
 #define KAVO_STREAM_H
 
+/* The release that this header belongs to. */
+#define KV_VERSION_MAJOR 2
+#define KV_VERSION_MINOR 0
+#define KV_VERSION_PATCH 0
+
 #include <stddef.h>
 #include <stdint.h>
 
-#ifdef __cplusplus
-#define KV_STATIC_ASSERT(condition) static_assert(condition, #condition)
-#else
+#ifndef __cplusplus
 #include <assert.h>
-#define KV_STATIC_ASSERT(condition) static_assert(condition, #condition)
 #endif
+#define KV_STATIC_ASSERT(condition) static_assert(condition, #condition)
 #define KV_FIELD_AT(record, field, position) KV_STATIC_ASSERT(offsetof(record, field) == (position))
 
 /* What kv_Stream can be asked for. */
@@ -40,7 +42,7 @@ enum kv_command {
    * when the port is taken on any of the machine's address families. */
   KV_INIT = 0,
   /* Stop the server and drop every session; always succeeds. param and size are
-   * not looked at. KV_INIT may follow, on the same port at once. */
+   * ignored, and KV_OK is returned even if nothing was started. KV_INIT may follow, on the same port at once. */
   KV_EXIT = 1,
   /* kv_session_record: create a session, which is one RTSP URL. */
   KV_CREATE_SESSION = 2,
@@ -128,7 +130,7 @@ typedef struct kv_video_record {
                              * columns missing). H.264: at most 4096 x 2304, even */
   int32_t src_pixel_format; /* one of kv_pixel_format */
   int32_t dst_pixel_format; /* not used */
-  int32_t src_codec;        /* KV_CODEC_RAW */
+  int32_t src_codec;        /* KV_CODEC_RAW; KV_CODEC_MJPEG is accepted too, and frames are raw all the same */
   int32_t dst_codec;        /* KV_CODEC_MJPEG or KV_CODEC_H264 */
   int32_t frame_rate;       /* H.264: frames per second, at which the host submits; JPEG: not used */
   int32_t bitrate;          /* not 0. H.264: bits per second. JPEG: bits per frame, whatever the frame rate:

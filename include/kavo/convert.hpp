@@ -1,5 +1,6 @@
-// Frames in a layout that Kavo Stream does not take (YUYV, NV12, grey, ...), made
-// into one that it does, with FFmpeg's libswscale. Link with -lswscale -lavutil.
+/// Converts frames in layouts that Kavo Stream does not take (YUYV, NV12, grey, ...)
+/// into one that it does, with FFmpeg's libswscale. Link kavo::convert (CMake) or
+/// kavo_convert (pkg-config).
 #ifndef KAVO_CONVERT_HPP
 #define KAVO_CONVERT_HPP
 
@@ -17,45 +18,49 @@ extern "C" {
 
 namespace kavo {
 
-// One object for each source of frames; one thread at a time.
+/// One object per source of frames, used by one thread at a time.
 class Converter {
  public:
-  // From frames of FFmpeg's layout, of which each line has this many bytes in its
-  // first plane (0: as many as its pixels), to YUV 4:2:0.
+  /// Converts to YUV 4:2:0. layout, width and height (pixels) are the source's; stride
+  /// is the bytes per row of its first plane, 0 for tightly packed rows. Throws
+  /// std::runtime_error if libswscale cannot convert the layout.
   Converter(AVPixelFormat layout, int width, int height, int stride = 0)
       : m_Layout(layout),
         m_Width(width),
         m_Height(height),
-        m_Stride(stride),
         m_Scaler(sws_getContext(width, height, layout, width, height, AV_PIX_FMT_YUV420P, SWS_POINT, nullptr, nullptr,
                                 nullptr)),
         m_Frame(frameSize(format(), width, height)) {
-    if (!m_Scaler) {
+    std::uint8_t* planes[4] = {};
+    if (!m_Scaler || av_image_fill_linesizes(m_Strides, layout, width) < 0) {
       throw std::runtime_error("libswscale cannot convert this layout");
     }
+    if (stride > m_Strides[0]) {
+      // The other planes keep their proportion to the first.
+      for (int i = 3; i >= 0; --i) {
+        m_Strides[i] = m_Strides[i] * stride / m_Strides[0];
+      }
+    }
+    m_SourceSize = static_cast<std::size_t>(av_image_fill_pointers(planes, layout, height, nullptr, m_Strides));
+    m_Source.resize(m_SourceSize + overread);
   }
 
+  /// The format of the converted frames.
   static constexpr PixelFormat format() { return PixelFormat::Yuv420p; }
 
-  // The frame, converted; valid until the next call. libswscale may read up to 64
-  // bytes past the frame's end, which must be readable.
+  /// Bytes that convert() reads of a frame, and never past them.
+  std::size_t sourceSize() const noexcept { return m_SourceSize; }
+
+  /// Converts one frame of sourceSize() bytes; the result is valid until the next call.
   std::vector<std::uint8_t> const& convert(std::uint8_t const* frame) {
+    // libswscale may read past the end; it does so in a copy that has room for it.
+    std::copy_n(frame, m_SourceSize, m_Source.begin());
     std::uint8_t* from[4] = {};
-    int fromStrides[4] = {};
-    av_image_fill_arrays(from, fromStrides, frame, m_Layout, m_Width, m_Height, 1);
-    if (m_Stride > fromStrides[0]) {
-      // Planes behind the first keep their proportion to it.
-      int strides[4];
-      for (int i = 0; i < 4; ++i) {
-        strides[i] = fromStrides[0] > 0 ? fromStrides[i] * m_Stride / fromStrides[0] : 0;
-      }
-      av_image_fill_pointers(from, m_Layout, m_Height, const_cast<std::uint8_t*>(frame), strides);
-      std::copy(strides, strides + 4, fromStrides);
-    }
+    av_image_fill_pointers(from, m_Layout, m_Height, m_Source.data(), m_Strides);
     std::uint8_t* to[4] = {};
     int toStrides[4] = {};
     av_image_fill_arrays(to, toStrides, m_Frame.data(), AV_PIX_FMT_YUV420P, m_Width, m_Height, 1);
-    sws_scale(m_Scaler.get(), from, fromStrides, 0, m_Height, to, toStrides);
+    sws_scale(m_Scaler.get(), from, m_Strides, 0, m_Height, to, toStrides);
     return m_Frame;
   }
 
@@ -64,10 +69,14 @@ class Converter {
     void operator()(SwsContext* scaler) const { sws_freeContext(scaler); }
   };
 
+  static constexpr std::size_t overread = 64;
+
   AVPixelFormat m_Layout;
   int m_Width;
   int m_Height;
-  int m_Stride;
+  int m_Strides[4] = {};
+  std::size_t m_SourceSize = 0;
+  std::vector<std::uint8_t> m_Source;
   std::unique_ptr<SwsContext, Free> m_Scaler;
   std::vector<std::uint8_t> m_Frame;
 };

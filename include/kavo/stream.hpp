@@ -10,9 +10,10 @@
 //   while (grab(pixels)) stream.submit(pixels.data(), pixels.size());
 //
 // Everything here is inline; the library itself exports one function, which
-// these objects call. Any thread; a process has one server at a time. Objects
-// are moved, not copied. A session ends with its object, a server with its own;
-// streams and sessions of a server that has ended throw KV_UNKNOWN when used.
+// these objects call. Different objects may be used by different threads at the
+// same time, one object by one thread at a time. A process has one server at a time.
+// Objects are moved, not copied. A session ends with its object, a server with its
+// own; streams and sessions of a server that has ended throw KV_UNKNOWN when used.
 #ifndef KAVO_STREAM_HPP
 #define KAVO_STREAM_HPP
 
@@ -30,8 +31,9 @@ namespace kavo {
 // What a command failed with.
 class Error : public std::runtime_error {
  public:
-  Error(std::string const& what, int result)
-      : std::runtime_error(what + ": " + meaning(result)), m_Result(static_cast<kv_result>(result)) {}
+  Error(std::string const& what, int result, std::string const& advice = "")
+      : std::runtime_error(what + ": " + meaning(result) + (advice.empty() ? "" : ": " + advice)),
+        m_Result(static_cast<kv_result>(result)) {}
 
   kv_result result() const noexcept { return m_Result; }
 
@@ -40,19 +42,19 @@ class Error : public std::runtime_error {
       case KV_OK:
         return "success";
       case KV_NOT_STARTED:
-        return "the server is not started";
+        return "the server is not running";
       case KV_ALREADY_THERE:
-        return "it is there already";
+        return "already exists";
       case KV_INVALID_PARAMETER:
-        return "a value is not acceptable";
+        return "invalid value";
       case KV_NAME_IN_USE:
         return "another session has this name";
       case KV_UNKNOWN:
-        return "there is no such session or stream";
+        return "no such session or stream";
       case KV_RESOURCE_FAILURE:
-        return "a resource is not to be had (is the port taken?)";
+        return "resource unavailable (port in use? out of descriptors or memory?)";
       case KV_CODEC_FAILURE:
-        return "the codec refuses it (frame size? is OpenH264 installed?)";
+        return "the codec refused";
       default:
         return "unexpected failure";
     }
@@ -163,15 +165,15 @@ class Stream {
 class Session {
  public:
   Session(Session&& other) noexcept : m_Record(std::exchange(other.m_Record, {})) {}
+  /// Ends the session held before.
   Session& operator=(Session&& other) noexcept {
-    std::swap(m_Record, other.m_Record);
+    if (this != &other) {
+      remove();
+      m_Record = std::exchange(other.m_Record, {});
+    }
     return *this;
   }
-  ~Session() {
-    if (m_Record.handle != nullptr) {
-      kv_Stream(KV_REMOVE_SESSION, m_Record.handle, static_cast<int>(sizeof m_Record.handle));
-    }
-  }
+  ~Session() { remove(); }
 
   // With the machine's own address; 127.0.0.1 on one that is offline.
   std::string url() const {
@@ -196,7 +198,10 @@ class Session {
     stream.handle = m_Record.handle;
     stream.media_type = KV_MEDIA_VIDEO;
     stream.video = &video;
-    detail::call("creating a stream", KV_CREATE_STREAM, stream);
+    int const result = kv_Stream(KV_CREATE_STREAM, &stream, static_cast<int>(sizeof stream));
+    if (result != KV_OK) {
+      throw Error("creating a stream", result, result == KV_CODEC_FAILURE ? adviceFor(options.codec, video) : "");
+    }
     return Stream(m_Record.handle, stream.stream, frameSize(options.format, options.width, options.height));
   }
 
@@ -207,6 +212,32 @@ class Session {
     detail::copy(m_Record.info, description, "a session's description");
     detail::copy(m_Record.description, description, "a session's description");
     detail::call("creating a session", KV_CREATE_SESSION, m_Record);
+  }
+
+  void remove() noexcept {
+    if (m_Record.handle != nullptr) {
+      kv_Stream(KV_REMOVE_SESSION, m_Record.handle, static_cast<int>(sizeof m_Record.handle));
+      m_Record.handle = nullptr;
+    }
+  }
+
+  // The usual causes of a refusal, and the nearest size that would do.
+  static std::string adviceFor(Codec codec, kv_video_record const& video) {
+    bool const jpeg = codec == Codec::Jpeg;
+    auto const nearest = [](int length, int step, int largest) {
+      int const rounded = length / step * step;
+      return std::to_string(rounded < 16 ? 16 : rounded > largest ? largest : rounded);
+    };
+    int const step = jpeg ? 8 : 2;
+    std::string const size = std::to_string(video.dst_width) + "x" + std::to_string(video.dst_height);
+    std::string const fitting =
+        nearest(video.dst_width, step, jpeg ? 2040 : 4096) + "x" + nearest(video.dst_height, step, jpeg ? 2040 : 2304);
+    if (size != fitting) {
+      return std::string(jpeg ? "JPEG takes sizes up to 2040x2040 in steps of 8"
+                              : "H.264 takes even sizes up to 4096x2304") +
+             "; nearest to " + size + " is " + fitting;
+    }
+    return jpeg ? "try another bitrate" : "is libopenh264.so (2.6) installed? if so, try another bitrate";
   }
 
   // The record counts JPEG by frame and H.264 by second.
@@ -231,10 +262,6 @@ class Server {
     detail::call("starting the server", KV_INIT, record);
   }
   Server(Server&& other) noexcept : m_Serving(std::exchange(other.m_Serving, false)) {}
-  Server& operator=(Server&& other) noexcept {
-    std::swap(m_Serving, other.m_Serving);
-    return *this;
-  }
   ~Server() {
     if (m_Serving) {
       kv_Stream(KV_EXIT, nullptr, 0);

@@ -157,17 +157,6 @@ int openDescriptors() {
   return static_cast<int>(std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
 }
 
-std::uint32_t freePort() {
-  int const socket = ::socket(AF_INET6, SOCK_STREAM, 0);
-  sockaddr_in6 address{};
-  address.sin6_family = AF_INET6;
-  socklen_t size = sizeof address;
-  bind(socket, reinterpret_cast<sockaddr*>(&address), size);
-  getsockname(socket, reinterpret_cast<sockaddr*>(&address), &size);
-  close(socket);
-  return ntohs(address.sin6_port);
-}
-
 // In a process of its own: the script with the failure, then twice without.
 // Prints the number of calls.
 int runOne(char const* file, std::string const& function, long at, long count) {

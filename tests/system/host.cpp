@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "system/rtspclient.h"
 #include "system/testpattern.h"
 
 Host::Host() : m_Library(dlopen(KAVO_LIBRARY, RTLD_NOW | RTLD_LOCAL)) {
@@ -131,17 +132,4 @@ kv_video_record videoRecord(int format, int codec, int width, int height) {
   record.frame_rate = 25;
   record.bitrate = 800000;
   return record;
-}
-
-std::uint32_t freePort() {
-  int const socket = ::socket(AF_INET6, SOCK_STREAM, 0);
-  sockaddr_in6 address{};
-  address.sin6_family = AF_INET6;  // and IPv4 with it, where it is not IPv6 alone
-  socklen_t size = sizeof address;
-  if (socket < 0 || bind(socket, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
-      getsockname(socket, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
-    ADD_FAILURE() << "no free port";
-  }
-  close(socket);
-  return ntohs(address.sin6_port);
 }

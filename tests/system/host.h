@@ -69,6 +69,3 @@ class Host {
 
 kv_session_record sessionRecord(std::string const& name);
 kv_video_record videoRecord(int format, int codec, int width, int height);
-
-// A TCP port that nobody listens on, on either address family.
-std::uint32_t freePort();

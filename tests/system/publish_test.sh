@@ -35,6 +35,7 @@ refused 1 "no camera has 'nobody'" camera:nobody
 refused 1 'nearest to --size 642x480 is 640x480' --codec jpeg --size 642x480
 refused 1 'nearest to --size 641x480 is 640x480' --codec h264 --size 641x480
 refused 2 'takes h264 or jpeg' --codec h265
+refused 2 'choose another --bitrate' --bitrate 1
 refused 1 'cannot open' "$work/missing.mp4"
 echo "no video" >"$work/text.txt"
 refused 1 'text.txt' "$work/text.txt"

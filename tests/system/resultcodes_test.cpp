@@ -6,6 +6,7 @@
 #include <iostream>
 
 #include "system/host.h"
+#include "system/rtspclient.h"
 
 namespace {
 

@@ -275,3 +275,14 @@ bool RtspClient::isClosedWhileSending(std::string const& bytes) {
   }
   return false;
 }
+
+std::uint32_t freePort() {
+  int const socket = ::socket(AF_INET6, SOCK_STREAM, 0);
+  sockaddr_in6 address{};
+  address.sin6_family = AF_INET6;  // and IPv4 with it, where it is not IPv6 alone
+  socklen_t size = sizeof address;
+  bind(socket, reinterpret_cast<sockaddr*>(&address), size);
+  getsockname(socket, reinterpret_cast<sockaddr*>(&address), &size);
+  close(socket);
+  return ntohs(address.sin6_port);
+}

@@ -82,3 +82,6 @@ class RtspClient {
   std::string m_Session;
   std::string m_Buffer;
 };
+
+// A TCP port that nobody listens on, on either address family; 0 if there is none.
+std::uint32_t freePort();

@@ -12,6 +12,7 @@
 
 #include "system/host.h"
 #include "system/player.h"
+#include "system/rtspclient.h"
 
 class ShiftedPublisher {
  public:

@@ -1,5 +1,6 @@
 #include "channel.h"
 
+#include <dlfcn.h>
 #include <time.h>
 
 #include <algorithm>
@@ -21,6 +22,8 @@ long threadNanoseconds() {
   clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
   return now.tv_sec * 1000000000L + now.tv_nsec;
 }
+
+bool isOpenH264Installed() { return dlopen("libopenh264.so", RTLD_LAZY | RTLD_LOCAL) != nullptr; }
 
 void waitUntil(Clock::time_point due, std::atomic<bool> const& stop) {
   while (!stop && Clock::now() < due) {
@@ -79,6 +82,11 @@ void Channel::createStream(Options const& options, std::function<void(std::strin
       return;
     } catch (kavo::Error const& error) {
       bool const h264 = codec.codec == kavo::Codec::H264;
+      if (h264 && isOpenH264Installed()) {
+        throw Failure("OpenH264 refuses " + textOf(size()) + " at " + std::to_string(m_Video.bitsPerSecond) +
+                          " bits per second: choose another --bitrate or --size",
+                      2);
+      }
       if (options.codec || !h264 || error.result() != KV_CODEC_FAILURE) {
         throw Failure("cannot encode " + std::string(codec.name) + " (result " + std::to_string(error.result()) +
                       "): " +

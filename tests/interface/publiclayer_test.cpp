@@ -1,0 +1,74 @@
+// The C++ layer: what its objects own, what its errors say, and the converter.
+#include <gtest/gtest.h>
+
+#include <kavo/convert.hpp>
+#include <kavo/stream.hpp>
+
+#include "codec/guardedframe.h"
+#include "system/rtspclient.h"
+
+namespace {
+
+kavo::Server serve() {
+  for (int attempt = 0;; ++attempt) {
+    try {
+      return kavo::Server(static_cast<std::uint16_t>(freePort()));
+    } catch (kavo::Error const&) {
+      if (attempt == 20) {
+        throw;
+      }
+    }
+  }
+}
+
+std::string refusalOf(kavo::Session& session, kavo::Codec codec, int width, int height) {
+  kavo::VideoOptions video;
+  video.width = width;
+  video.height = height;
+  video.codec = codec;
+  try {
+    session.createStream(video);
+  } catch (kavo::Error const& error) {
+    return error.what();
+  }
+  return "";
+}
+
+}  // namespace
+
+TEST(PublicLayer, AMoveEndsWhatItReplacesAndNothingElse) {
+  kavo::Server server = serve();
+  kavo::Session first = server.createSession("first");
+  kavo::Session second = server.createSession("second");
+  first = std::move(second);
+  EXPECT_EQ(first.name(), "second");
+  EXPECT_NO_THROW(server.createSession("first"));
+  EXPECT_THROW(server.createSession("second"), kavo::Error);
+}
+
+TEST(PublicLayer, ARefusedSizeComesWithTheNearestThatWouldDo) {
+  kavo::Server server = serve();
+  kavo::Session session = server.createSession("a");
+  EXPECT_NE(refusalOf(session, kavo::Codec::Jpeg, 642, 480).find("nearest to 642x480 is 640x480"), std::string::npos);
+  EXPECT_NE(refusalOf(session, kavo::Codec::H264, 5000, 480).find("is 4096x480"), std::string::npos);
+}
+
+TEST(PublicLayer, TheConverterReadsNothingPastTheFrame) {
+  struct Case {
+    AVPixelFormat layout;
+    int stride;
+    std::size_t size;
+  };
+  for (auto const& [layout, stride, size] : {Case{AV_PIX_FMT_YUYV422, 0, 640 * 480 * 2},
+                                             {AV_PIX_FMT_NV12, 0, 640 * 480 * 3 / 2},
+                                             {AV_PIX_FMT_NV12, 704, 704 * 480 * 3 / 2},
+                                             {AV_PIX_FMT_GRAY8, 0, 640 * 480}}) {
+    kavo::impl::test::GuardedFrame const frame(size);
+    std::fill_n(frame.data(), size, std::uint8_t{128});
+    kavo::Converter converter(layout, 640, 480, stride);
+    EXPECT_EQ(converter.sourceSize(), size);
+    auto const& converted = converter.convert(frame.data());
+    EXPECT_NEAR(converted[0], 128, 12) << layout;
+    EXPECT_NEAR(converted[640 * 480 - 1], converted[0], 1) << layout;
+  }
+}
