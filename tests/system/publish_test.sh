@@ -35,7 +35,7 @@ refused 1 "no camera has 'nobody'" camera:nobody
 refused 1 'nearest to --size 642x480 is 640x480' --codec jpeg --size 642x480
 refused 1 'nearest to --size 641x480 is 640x480' --codec h264 --size 641x480
 refused 2 'takes h264 or jpeg' --codec h265
-refused 2 'choose another --bitrate' --bitrate 1
+refused 2 'bitrate 1 is out of range for 1280x720 as H.264' --bitrate 1
 refused 1 'cannot open' "$work/missing.mp4"
 echo "no video" >"$work/text.txt"
 refused 1 'text.txt' "$work/text.txt"
@@ -109,6 +109,7 @@ ffmpeg -v error -rtsp_transport tcp -i "rtsp://127.0.0.1:$port/kavo" -frames:v 1
 stop
 green "$work/jpeg.png"
 LD_LIBRARY_PATH=$work/without refused 1 'libopenh264-dev' --codec h264
+LD_LIBRARY_PATH=$work/without refused 1 'libopenh264-dev' --codec h264 --bitrate 1
 
 # The test pattern moves.
 start --size 320x240

@@ -1,6 +1,5 @@
 #include "channel.h"
 
-#include <dlfcn.h>
 #include <time.h>
 
 #include <algorithm>
@@ -22,8 +21,6 @@ long threadNanoseconds() {
   clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
   return now.tv_sec * 1000000000L + now.tv_nsec;
 }
-
-bool isOpenH264Installed() { return dlopen("libopenh264.so", RTLD_LAZY | RTLD_LOCAL) != nullptr; }
 
 void waitUntil(Clock::time_point due, std::atomic<bool> const& stop) {
   while (!stop && Clock::now() < due) {
@@ -82,9 +79,9 @@ void Channel::createStream(Options const& options, std::function<void(std::strin
       return;
     } catch (kavo::Error const& error) {
       bool const h264 = codec.codec == kavo::Codec::H264;
-      if (h264 && isOpenH264Installed()) {
-        throw Failure("OpenH264 refuses " + textOf(size()) + " at " + std::to_string(m_Video.bitsPerSecond) +
-                          " bits per second: choose another --bitrate or --size",
+      if (error.result() == KV_CODEC_FAILURE && options.bitsPerSecond && takesUsualBitrate(options)) {
+        throw Failure("--bitrate " + std::to_string(*options.bitsPerSecond) + " is out of range for " + textOf(size()) +
+                          " as " + codec.name + ": choose another, or leave it to the default",
                       2);
       }
       if (options.codec || !h264 || error.result() != KV_CODEC_FAILURE) {
@@ -95,6 +92,17 @@ void Channel::createStream(Options const& options, std::function<void(std::strin
       }
       note("OpenH264 is not installed (on Debian: libopenh264-dev), so " + m_Name + " is JPEG");
     }
+  }
+}
+
+// Whether it was the bitrate that the codec refused. If not, nothing has changed.
+bool Channel::takesUsualBitrate(Options options) {
+  options.bitsPerSecond.reset();
+  try {
+    m_Session.createStream(videoFor(*m_Codec, options));
+    return true;
+  } catch (kavo::Error const&) {
+    return false;
   }
 }
 

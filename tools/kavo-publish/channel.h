@@ -48,6 +48,7 @@ class Channel {
  private:
   kavo::VideoOptions videoFor(CodecInfo const& codec, Options const& options) const;
   void createStream(Options const& options, std::function<void(std::string const&)> const& note);
+  bool takesUsualBitrate(Options options);
   void run();
   void submit(std::vector<std::uint8_t> const& frame);
 
