@@ -42,6 +42,9 @@ int library(int command, void* param, int size) {
 
 constexpr unsigned limitSeconds = 60;
 
+// How often a command or a viewer is tried again; more only where more calls than that fail.
+long g_MaxTries = 40;
+
 template <class Record>
 int call(int command, Record& record) {
   return library(command, &record, sizeof record);
@@ -58,12 +61,12 @@ std::vector<std::uint8_t> const g_Pixels(64 * 64 * 3 + 4096, 90);
 // Tries until it works: a command that failed has changed nothing. The first result.
 int insist(std::function<int()> const& command) {
   int const first = command();
-  for (int again = first, tries = 0; again != KV_OK && tries < 200; ++tries) {
+  for (long again = first, tries = 0; again != KV_OK && tries < g_MaxTries; ++tries) {
     again = command();
     // 6 for good is what a server that could not go on answers.
-    bool const gaveUp = tries == 199 && again != KV_OK && again != KV_RESOURCE_FAILURE;
+    bool const gaveUp = tries == g_MaxTries - 1 && again != KV_OK && again != KV_RESOURCE_FAILURE;
     if (again == KV_ALREADY_THERE || again == KV_NAME_IN_USE || gaveUp) {
-      std::fprintf(stderr, "a command that failed has half happened: %d, then %d\n", first, again);
+      std::fprintf(stderr, "a command that failed has half happened: %d, then %ld\n", first, again);
       std::_Exit(3);
     }
   }
@@ -102,7 +105,7 @@ void submit(std::vector<Stream>& streams, int rounds) {
 
 // A new viewer gets a frame from the server that met the failure, unless it ended.
 void requireService(std::uint32_t port, std::vector<Stream>& streams, std::string const& url) {
-  for (int tries = 0; tries < 400; ++tries) {
+  for (long tries = 0; tries < g_MaxTries; ++tries) {
     RtspClient viewer(port, false, 0, 1000);
     if (viewer.play(url)) {
       submit(streams, 10);
@@ -165,6 +168,9 @@ int runOne(char const* file, std::string const& function, long at, long count) {
   g_Function = reinterpret_cast<int (*)(int, void*, int)>(dlsym(handle, "_Z9kv_StreamiPvi"));
   script(freePort(), true);
   int const before = openDescriptors();
+  if (count > g_MaxTries) {
+    g_MaxTries = 4 * count;
+  }
   g_Arm(function.c_str(), at, count);
   script(freePort(), false);
   long const calls = g_Disarm();

@@ -46,6 +46,16 @@ TEST(PublicLayer, AMoveEndsWhatItReplacesAndNothingElse) {
   EXPECT_THROW(server.createSession("second"), kavo::Error);
 }
 
+TEST(PublicLayer, AServerThatWasMovedEndsOnce) {
+  {
+    kavo::Server server = serve();
+    kavo::Server moved = std::move(server);
+    server = std::move(moved);
+    EXPECT_NO_THROW(server.createSession("a"));
+  }
+  EXPECT_NO_THROW(serve());
+}
+
 TEST(PublicLayer, ARefusedSizeComesWithTheNearestThatWouldDo) {
   kavo::Server server = serve();
   kavo::Session session = server.createSession("a");
@@ -62,7 +72,8 @@ TEST(PublicLayer, TheConverterReadsNothingPastTheFrame) {
   for (auto const& [layout, stride, size] : {Case{AV_PIX_FMT_YUYV422, 0, 640 * 480 * 2},
                                              {AV_PIX_FMT_NV12, 0, 640 * 480 * 3 / 2},
                                              {AV_PIX_FMT_NV12, 704, 704 * 480 * 3 / 2},
-                                             {AV_PIX_FMT_GRAY8, 0, 640 * 480}}) {
+                                             {AV_PIX_FMT_GRAY8, 0, 640 * 480},
+                                             {AV_PIX_FMT_RGB24, 0, 640 * 480 * 3}}) {  // the one it reads past
     kavo::impl::test::GuardedFrame const frame(size);
     std::fill_n(frame.data(), size, std::uint8_t{128});
     kavo::Converter converter(layout, 640, 480, stride);

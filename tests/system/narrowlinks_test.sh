@@ -101,7 +101,7 @@ watch() {
   publish "${@:2}"
   rm -f "$work"/*.mkv
   if [ "$players" = both ]; then
-    play 127.0.0.1 near -frames:v 120 &
+    play 127.0.0.1 near -frames:v 100 &
     near=$!
     playing near $near
   fi

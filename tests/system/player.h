@@ -42,7 +42,7 @@ class TemporaryFolder {
 
 std::string contentOf(std::string const& file);
 
-// One player watching one stream, from start() until its frames are taken.
+// One player watching one stream, from its construction until its frames are taken.
 class Player {
  public:
   enum class Client { Ffmpeg, Gstreamer };
