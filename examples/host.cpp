@@ -1,4 +1,4 @@
-// A host program: a moving test pattern, published until Enter is pressed.
+// A host program: a moving test pattern, published for SECONDS, or until it is killed.
 //
 //   c++ -std=c++17 host.cpp -o host -lkavo_stream
 //   ./host [PORT] [SECONDS]

@@ -5,9 +5,10 @@
  * It returns one of the result codes below and never throws. Link with
  * -lkavo_stream. The header serves C (C11) and C++ (C++11) on 64-bit Linux.
  *
- * Threads. Any thread may call, any number at once; calls are serialised. A frame is scaled and encoded inside its
- * submit call, on the calling thread. The library has one thread of its own, from init to exit, which serves the
- * clients; it never calls the host.
+ * Threads. Any thread may call, any number at once; calls are serialised. A
+ * frame is scaled and encoded inside its submit call, on the calling thread. The
+ * library has one thread of its own, from init to exit, which serves the clients;
+ * it never calls the host.
  *
  * Memory. Records and frames are the host's. The library reads and writes them
  * only during the call and keeps no pointer to them. A record is written only
@@ -42,7 +43,8 @@ enum kv_command {
    * when the port is taken on any of the machine's address families. */
   KV_INIT = 0,
   /* Stop the server and drop every session; always succeeds. param and size are
-   * ignored, and KV_OK is returned even if nothing was started. KV_INIT may follow, on the same port at once. */
+   * ignored, and KV_OK is returned even if nothing was started. KV_INIT may
+   * follow, on the same port at once. */
   KV_EXIT = 1,
   /* kv_session_record: create a session, which is one RTSP URL. */
   KV_CREATE_SESSION = 2,

@@ -165,7 +165,7 @@ class Stream {
 class Session {
  public:
   Session(Session&& other) noexcept : m_Record(std::exchange(other.m_Record, {})) {}
-  /// Ends the session held before.
+  // Ends the session held before.
   Session& operator=(Session&& other) noexcept {
     if (this != &other) {
       remove();
@@ -262,11 +262,15 @@ class Server {
     detail::call("starting the server", KV_INIT, record);
   }
   Server(Server&& other) noexcept : m_Serving(std::exchange(other.m_Serving, false)) {}
-  ~Server() {
-    if (m_Serving) {
-      kv_Stream(KV_EXIT, nullptr, 0);
+  // Ends the server held before.
+  Server& operator=(Server&& other) noexcept {
+    if (this != &other) {
+      stop();
+      m_Serving = std::exchange(other.m_Serving, false);
     }
+    return *this;
   }
+  ~Server() { stop(); }
 
   // The name is the last part of the URL; players show the description as the title. Throws Error.
   Session createSession(std::string const& name, std::string const& description = "live video") {
@@ -274,6 +278,12 @@ class Server {
   }
 
  private:
+  void stop() noexcept {
+    if (std::exchange(m_Serving, false)) {
+      kv_Stream(KV_EXIT, nullptr, 0);
+    }
+  }
+
   bool m_Serving = true;
 };
 

@@ -41,7 +41,7 @@ class QueuedSource : public Base, public GrowingSource {
   }
 
  protected:
-  // Frames queued earlier belong to a previous session.
+  // Frames queued before this source existed are stale.
   QueuedSource(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler) KAVO_REQUIRES(eventLoopRole)
       : Base(env),
         m_FrameSourceHandler(std::move(handler)),
@@ -73,7 +73,7 @@ class QueuedSource : public Base, public GrowingSource {
   void deliverFrame() KAVO_REQUIRES(eventLoopRole) {
     while (this->isCurrentlyAwaitingData() && !m_FrameSourceHandler->empty()) {
       AVPacket const packet = m_FrameSourceHandler->front().packet;
-      // A frame submitted before this source existed is stale too.
+      // So is one submitted before and encoded until now.
       bool const wanted = packet.data != nullptr && FrameSourceHandler::submitTime(packet) >= m_Created;
       bool const delivered = wanted && contained([&]() KAVO_REQUIRES(eventLoopRole) { deliver(packet); });
       m_FrameSourceHandler->pop();
