@@ -19,7 +19,6 @@ if(KAVO_TOOLS)
   install(TARGETS kavo-publish RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
   install(FILES tools/kavo-publish/completion.bash RENAME kavo-publish
     DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tools)
-  install(FILES docs/kavo-publish.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
   install(FILES cmake/copyright DESTINATION ${KAVO_DOC_DIR}/kavo-publish COMPONENT tools)
 endif()
 
@@ -48,7 +47,7 @@ set(CPACK_DEBIAN_LIBRARY_PACKAGE_NAME libkavo-stream2)
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_SHLIBDEPS ON)
 # OpenH264 is loaded by the name without a number, which only this package has.
-set(CPACK_DEBIAN_LIBRARY_PACKAGE_RECOMMENDS libopenh264-dev)
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_RECOMMENDS libopenh264-8)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libkavo-stream-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "libkavo-stream2 (= ${PROJECT_VERSION}), libswscale-dev, libavutil-dev")

@@ -237,7 +237,7 @@ class Session {
                               : "H.264 takes even sizes up to 4096x2304") +
              "; nearest to " + size + " is " + fitting;
     }
-    return jpeg ? "try another bitrate" : "is libopenh264.so (2.6) installed? if so, try another bitrate";
+    return jpeg ? "try another bitrate" : "is OpenH264 2.6 installed (libopenh264.so)? if so, try another bitrate";
   }
 
   // The record counts JPEG by frame and H.264 by second.

@@ -21,24 +21,34 @@ bool isOurGeneration(decltype(&WelsGetCodecVersionEx) getVersion) {
   return version.uMajor == OPENH264_MAJOR && version.uMinor == OPENH264_MINOR;
 }
 
+// The plain name is the development package's link; the other is what the
+// run-time package alone installs.
+constexpr char const* names[] = {"libopenh264.so", "libopenh264.so.8"};
+
 }  // namespace
 
 OpenH264Library::OpenH264Library() {
-  char const* const failure = "OpenH264 library initialization failed failed";
+  for (char const* name : names) {
+    if (open(name)) {
+      return;
+    }
+  }
+  throw StreamException("OpenH264 library initialization failed failed", ErrorCodec);
+}
+
+bool OpenH264Library::open(char const* name) {
   // Never closed. It stays in the process in any case (it has unique symbols),
   // and the last encoder goes while this library itself is being unloaded, where
   // the loader aborts the process if such a library is closed.
-  void* const library = dlopen("libopenh264.so", RTLD_LAZY | RTLD_LOCAL);
+  void* const library = dlopen(name, RTLD_LAZY | RTLD_LOCAL);
   if (library == nullptr) {
-    throw StreamException(failure, ErrorCodec);
+    return false;
   }
   m_CreateEncoder = lookUp<decltype(m_CreateEncoder)>(library, "WelsCreateSVCEncoder");
   m_DestroyEncoder = lookUp<DestroyEncoder>(library, "WelsDestroySVCEncoder");
   auto const getVersion = lookUp<decltype(&WelsGetCodecVersionEx)>(library, "WelsGetCodecVersionEx");
-  if (m_CreateEncoder == nullptr || m_DestroyEncoder == nullptr || getVersion == nullptr ||
-      !isOurGeneration(getVersion)) {
-    throw StreamException(failure, ErrorCodec);
-  }
+  return m_CreateEncoder != nullptr && m_DestroyEncoder != nullptr && getVersion != nullptr &&
+         isOurGeneration(getVersion);
 }
 
 OpenH264Library::Encoder OpenH264Library::createEncoder() const {

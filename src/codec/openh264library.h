@@ -9,9 +9,9 @@ namespace kavo::impl {
 
 class OpenH264Library {
  public:
-  // Throws "OpenH264 library initialization failed failed" when the library
-  // cannot be loaded, lacks a function, or differs in version from the
-  // header this is compiled with.
+  // Throws "OpenH264 library initialization failed failed" when no library
+  // can be loaded that has the functions and the version of the header this is
+  // compiled with.
   OpenH264Library();
 
   using DestroyEncoder = decltype(&WelsDestroySVCEncoder);
@@ -21,6 +21,8 @@ class OpenH264Library {
   Encoder createEncoder() const;
 
  private:
+  bool open(char const* name);
+
   decltype(&WelsCreateSVCEncoder) m_CreateEncoder;
   DestroyEncoder m_DestroyEncoder;
 };

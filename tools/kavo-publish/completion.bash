@@ -1,4 +1,4 @@
-# Completion of kavo-publish for bash.
+# Completion of kavo-publish for bash: the options are those that --help lists.
 _kavo_publish() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
   COMPREPLY=()
@@ -7,8 +7,7 @@ _kavo_publish() {
     --size | --fps | --bitrate | --port | --name | --duration) ;;
     *)
       if [[ $current == -* ]]; then
-        mapfile -t COMPREPLY < <(compgen -W "--codec --size --fps --bitrate --port --name --loop --duration --json
-          --list-formats --help" -- "$current")
+        mapfile -t COMPREPLY < <(compgen -W "$("$1" --help | grep -oE -- '--[a-z-]+')" -- "$current")
       else
         mapfile -t COMPREPLY < <(compgen -f -- "$current")
       fi

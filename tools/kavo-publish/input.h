@@ -3,64 +3,58 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
+#include <string>
 #include <vector>
 
+#include "ffmpeg.h"
 #include "options.h"
+#include "uprightframes.h"
 
-extern "C" {
-#include <libavcodec/avcodec.h>
-#include <libavformat/avformat.h>
-#include <libswscale/swscale.h>
-}
+using Note = std::function<void(std::string const&)>;
 
 class Input {
  public:
   // Opens the input; reading from it ends when stop becomes true. Throws Failure.
-  Input(std::string const& source, Options const& options, std::atomic<bool> const& stop);
+  // note gets remarks, on any thread.
+  Input(std::string const& source, Options const& options, std::atomic<bool> const& stop, Note note);
 
-  Size size() const { return {m_Decoder->width, m_Decoder->height}; }
-  int frameRate() const { return m_FrameRate; }
-  kavo::PixelFormat pixelFormat() const { return m_HostFormat; }
+  // As it is to be seen: upright, with square pixels.
+  Size size() const { return m_Frames.size(); }
+  double frameRate() const { return m_FrameRate; }
+  kavo::PixelFormat pixelFormat() const { return m_Frames.hostFormat(); }
 
-  // The next frame, tightly packed, valid until the next call; nothing at the end.
-  std::optional<std::vector<std::uint8_t> const*> next();
+  // The next frame, tightly packed, valid until the next call; nullptr at the end.
+  // Throws Failure when a camera or a URL is lost.
+  std::vector<std::uint8_t> const* next();
   // When the frame is due, in seconds since the first one.
   double time() const { return m_Time; }
 
  private:
-  template <auto Free>
-  struct Freed {
-    template <class T>
-    void operator()(T* object) const {
-      Free(&object);
-    }
-  };
-  struct FreeScaler {
-    void operator()(SwsContext* scaler) const { sws_freeContext(scaler); }
-  };
-
-  void open(std::string const& source, Options const& options);
-  void openDecoder(std::string const& name);
-  void choosePixelFormat();
+  void open();
+  void openDecoder();
+  void guessFrameRate();
   bool decode();
+  bool goOn();
   bool rewind();
-  void pack();
+  bool reconnect();
   void noteTime();
 
+  std::string m_Source;
+  Options m_Options;
   std::atomic<bool> const& m_Stop;
-  bool m_Loop;
-  std::unique_ptr<AVFormatContext, Freed<avformat_close_input>> m_Format;
-  std::unique_ptr<AVCodecContext, Freed<avcodec_free_context>> m_Decoder;
-  std::unique_ptr<AVFrame, Freed<av_frame_free>> m_Frame;
-  std::unique_ptr<AVPacket, Freed<av_packet_free>> m_Packet;
-  std::unique_ptr<SwsContext, FreeScaler> m_Scaler;
+  Note m_Note;
+  CPtr<AVFormatContext, avformat_close_input> m_Format;
+  CPtr<AVCodecContext, avcodec_free_context> m_Decoder;
+  CPtr<AVFrame, av_frame_free> m_Frame;
+  CPtr<AVPacket, av_packet_free> m_Packet;
   int m_Stream = -1;
-  int m_FrameRate = 0;
-  AVPixelFormat m_PixelFormat = AV_PIX_FMT_NONE;
-  kavo::PixelFormat m_HostFormat = kavo::PixelFormat::Yuv420p;
-  std::vector<std::uint8_t> m_Packed;
+  int m_ReadError = 0;  // that reading last ended with
+  double m_FrameRate = 0;
+  UprightFrames m_Frames;
+  long m_Count = 0;
   double m_Time = -1;
   std::optional<double> m_TimeOffset;  // from the input's clock to ours
 };

@@ -10,8 +10,8 @@
 #include <deque>
 #include <thread>
 
-#include "channel.h"
 #include "options.h"
+#include "publication.h"
 #include "report.h"
 
 namespace {
@@ -31,47 +31,48 @@ kavo::Server serve(Options const& options) {
   }
 }
 
-// Stops the channels' threads before they are destroyed, whatever happens.
+// Stops the publications' threads before they are destroyed, whatever happens.
 struct StopAtEnd {
   ~StopAtEnd() { g_Stop = true; }
 };
 
-bool anyRunning(std::deque<Channel> const& channels) {
-  return std::any_of(channels.begin(), channels.end(), [](Channel const& channel) { return channel.isRunning(); });
+bool anyRunning(std::deque<Publication> const& publications) {
+  return std::any_of(publications.begin(), publications.end(),
+                     [](Publication const& publication) { return publication.isRunning(); });
 }
 
 void publish(Options const& options) {
   kavo::Server server = serve(options);
-  std::deque<Channel> channels;
+  std::deque<Publication> publications;
   StopAtEnd const stopAtEnd;
   for (auto const& input : options.inputs) {
-    channels.emplace_back(server, options, input, g_Stop, [&](std::string const& remark) {
-      std::fprintf(options.json ? stderr : stdout, "%s\n", remark.c_str());
+    publications.emplace_back(server, options, input, g_Stop, [](std::string const& remark) {
+      std::fprintf(stderr, "kavo-publish: %s\n", remark.c_str());
     });
   }
   Report report(options.json);
-  report.introduce(channels);
-  for (Channel& channel : channels) {
-    channel.start();
+  report.introduce(publications);
+  for (Publication& publication : publications) {
+    publication.start();
   }
 
   auto const interval = std::chrono::seconds(options.json || isatty(STDOUT_FILENO) != 0 ? 1 : 5);
   auto const begin = Clock::now();
-  for (auto due = begin + interval; !g_Stop && anyRunning(channels);) {
+  for (auto due = begin + interval; !g_Stop && anyRunning(publications);) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     if (options.seconds && std::chrono::duration<double>(Clock::now() - begin).count() > *options.seconds) {
       g_Stop = true;
     } else if (Clock::now() >= due) {
       due += interval;
-      report.status(channels);
+      report.status(publications);
     }
   }
-  while (anyRunning(channels)) {
+  while (anyRunning(publications)) {
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
-  report.status(channels);
-  for (Channel const& channel : channels) {
-    channel.rethrow();
+  report.status(publications);
+  for (Publication const& publication : publications) {
+    publication.rethrow();
   }
 }
 

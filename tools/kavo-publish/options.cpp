@@ -1,9 +1,9 @@
 #include "options.h"
 
-#include <getopt.h>
-
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <charconv>
+#include <cmath>
 #include <cstdio>
 #include <string_view>
 #include <utility>
@@ -11,27 +11,6 @@
 #include "formats.h"
 
 namespace {
-
-constexpr char help[] =
-    R"(usage: kavo-publish [OPTION...] [INPUT...]
-
-Publishes live video over RTSP, a stream for each INPUT: a video file, a URL, a
-camera such as /dev/video0, or camera:NAME for the one with NAME in its name.
-Without an input it is a test pattern with a running clock.
-
-  --codec h264|jpeg    what to publish (default: h264 where OpenH264 is installed)
-  --size WIDTHxHEIGHT  of the published frame (default: the input's)
-  --fps N              frames per second of the test pattern (default: 25)
-  --bitrate N          bits per second of a stream, also as 800k or 4M
-  --port N             TCP port of the RTSP server (default: 8554)
-  --name NAME          last part of the URL, 1 to 19 characters; once for each
-                       input (default: kavo, or kavo1, kavo2, ... for several)
-  --loop               start a file again at its end
-  --duration SECONDS   end after this time
-  --json               print everything as JSON, an object a line
-  --list-formats       print codecs, sizes, pixel formats and cameras, and end
-  --help               print this and end
-)";
 
 [[noreturn]] void refuse(std::string const& message) { throw Failure(message + "; see kavo-publish --help", 2); }
 
@@ -42,11 +21,10 @@ bool parse(std::string_view text, Number& number) {
 }
 
 template <class Number>
-Number numberIn(char const* option, std::string_view text, Number lowest, Number highest) {
+Number numberIn(char const* name, std::string const& text, Number lowest, Number highest, char const* range) {
   Number number{};
-  if (!parse(text, number) || number < lowest || number > highest) {
-    refuse(std::string(option) + " takes a number from " + std::to_string(lowest) + " to " + std::to_string(highest) +
-           ", not '" + std::string(text) + "'");
+  if (!parse(std::string_view(text), number) || !(number >= lowest && number <= highest)) {
+    refuse(std::string(name) + " takes a number " + range + ", not '" + text + "'");
   }
   return number;
 }
@@ -63,120 +41,128 @@ Size sizeOf(std::string_view text) {
 
 std::int64_t bitrateOf(std::string_view text) {
   std::string_view digits = text;
-  std::int64_t unit = 1;
+  double unit = 1;
   if (!digits.empty() && (digits.back() == 'k' || digits.back() == 'M')) {
-    unit = digits.back() == 'k' ? 1000 : 1000000;
+    unit = digits.back() == 'k' ? 1e3 : 1e6;
     digits.remove_suffix(1);
   }
-  std::int64_t number = 0;
-  if (!parse(digits, number) || number < 1 || number > 2000000000 / unit) {
-    refuse("--bitrate takes bits per second such as 800k or 4M, not '" + std::string(text) + "'");
+  double number = 0;
+  if (!parse(digits, number) || !(number * unit >= 1 && number * unit <= 2e9)) {
+    refuse("--bitrate takes bits per second such as 800k or 1.5M, not '" + std::string(text) + "'");
   }
-  return number * unit;
+  return std::llround(number * unit);
 }
 
-kavo::Codec codecOf(std::string_view text) {
+kavo::Codec codecOf(std::string const& text) {
   if (text != "jpeg" && text != "h264") {
-    refuse("--codec takes h264 or jpeg, not '" + std::string(text) + "'");
+    refuse("--codec takes h264 or jpeg, not '" + text + "'");
   }
   return text == "jpeg" ? kavo::Codec::Jpeg : kavo::Codec::H264;
 }
 
-// Names that stand in URLs, and in JSON as they are.
-std::string nameOf(std::string_view text) {
-  bool const plain = text.find_first_of("/ ?#\"\\") == std::string_view::npos &&
-                     std::none_of(text.begin(), text.end(), [](unsigned char c) { return c < ' '; });
+// Names that stand in URLs as they are.
+std::string nameOf(std::string const& text) {
+  bool const plain = std::all_of(text.begin(), text.end(), [](char c) {
+    return c > ' ' && c < '\x7f' && std::string_view("/?#%\"\\").find(c) == std::string_view::npos;
+  });
   if (text.empty() || text.size() > 19 || !plain) {
-    refuse("--name takes 1 to 19 characters without / ? # \" \\ and spaces, not '" + std::string(text) + "'");
+    refuse("--name takes 1 to 19 ASCII characters without / ? # % \" \\ and spaces, not '" + text + "'");
   }
-  return std::string(text);
+  return text;
 }
 
-std::vector<Options::Input> inputsOf(std::vector<std::string> sources, std::vector<std::string> names) {
+std::vector<Options::Input> inputsOf(std::vector<std::string> sources, std::vector<std::string> const& givenNames) {
+  if (std::find(sources.begin(), sources.end(), "") != sources.end()) {
+    refuse("an input is empty: give a file, a camera or a URL, or no input for the test pattern");
+  }
   if (sources.empty()) {
     sources.emplace_back();
   }
-  if (names.empty()) {
-    for (std::size_t i = 1; i <= sources.size(); ++i) {
-      names.push_back("kavo" + (sources.size() > 1 ? std::to_string(i) : ""));
-    }
-  }
-  if (names.size() != sources.size()) {
-    refuse("--name once for each input: there are " + std::to_string(sources.size()) + " inputs and " +
-           std::to_string(names.size()) + " names");
+  if (!givenNames.empty() && givenNames.size() != sources.size()) {
+    refuse("--name once for each input: inputs: " + std::to_string(sources.size()) +
+           ", names: " + std::to_string(givenNames.size()));
   }
   std::vector<Options::Input> inputs;
-  for (std::size_t i = 0; i < names.size(); ++i) {
-    if (std::count(names.begin(), names.end(), names[i]) > 1) {
-      refuse("two inputs have the name '" + names[i] + "': give each its own --name");
+  for (std::size_t i = 0; i < sources.size(); ++i) {
+    std::string const name =
+        givenNames.empty() ? "kavo" + (sources.size() > 1 ? std::to_string(i + 1) : "") : nameOf(givenNames[i]);
+    if (std::any_of(inputs.begin(), inputs.end(), [&](auto const& other) { return other.name == name; })) {
+      refuse("two inputs have the name '" + name + "': give each its own --name");
     }
-    inputs.push_back({std::move(sources[i]), names[i]});
+    inputs.push_back({sources[i], name});
   }
   return inputs;
+}
+
+template <class Take>
+void option(CLI::App& app, char const* name, char const* value, char const* description, Take take) {
+  app.add_option_function<std::string>(name, std::move(take), description)->type_name(value)->take_last();
+}
+
+std::string version() {
+  return "kavo-publish " + std::to_string(KV_VERSION_MAJOR) + "." + std::to_string(KV_VERSION_MINOR) + "." +
+         std::to_string(KV_VERSION_PATCH);
 }
 
 }  // namespace
 
 std::optional<Options> readOptions(int argc, char** argv) {
-  enum : int { Codec = 256, SizeOption, Fps, Bitrate, Port, Name, Loop, Duration, Json, ListFormats, Help };
-  static option const known[] = {
-      {"codec", required_argument, nullptr, Codec},
-      {"size", required_argument, nullptr, SizeOption},
-      {"fps", required_argument, nullptr, Fps},
-      {"bitrate", required_argument, nullptr, Bitrate},
-      {"port", required_argument, nullptr, Port},
-      {"name", required_argument, nullptr, Name},
-      {"loop", no_argument, nullptr, Loop},
-      {"json", no_argument, nullptr, Json},
-      {"list-formats", no_argument, nullptr, ListFormats},
-      {"help", no_argument, nullptr, Help},
-      {"duration", required_argument, nullptr, Duration},
-      {nullptr, 0, nullptr, 0},
-  };
   Options options;
+  std::vector<std::string> sources;
   std::vector<std::string> names;
-  opterr = 0;
-  for (int found; (found = getopt_long(argc, argv, ":", known, nullptr)) != -1;) {
-    switch (found) {
-      case Codec:
-        options.codec = codecOf(optarg);
-        break;
-      case SizeOption:
-        options.size = sizeOf(optarg);
-        break;
-      case Fps:
-        options.frameRate = numberIn("--fps", optarg, 1, 240);
-        break;
-      case Bitrate:
-        options.bitsPerSecond = bitrateOf(optarg);
-        break;
-      case Port:
-        options.port = numberIn<std::uint16_t>("--port", optarg, 1, 65535);
-        break;
-      case Name:
-        names.push_back(nameOf(optarg));
-        break;
-      case Loop:
-        options.loop = true;
-        break;
-      case Duration:
-        options.seconds = numberIn("--duration", optarg, 0.1, 1e9);
-        break;
-      case Json:
-        options.json = true;
-        break;
-      case ListFormats:
-        printFormats();
-        return std::nullopt;
-      case Help:
-        std::fputs(help, stdout);
-        return std::nullopt;
-      case ':':
-        refuse(std::string(argv[optind - 1]) + " needs a value");
-      default:
-        refuse("unknown option " + std::string(argv[optind - 1]));
-    }
+  bool listFormats = false;
+
+  CLI::App app(
+      "Publishes live video over RTSP, a stream for each INPUT.\n"
+      "Without an input it is a test pattern with a running clock.",
+      "kavo-publish");
+  app.get_formatter()->column_width(26);
+  app.set_help_flag("-h,--help", "print this and end");
+  app.set_version_flag("--version", version(), "print the version and end");
+  app.add_option("INPUT", sources,
+                 "a video file, a URL, a camera such as /dev/video0,\nor camera:NAME for the one with NAME in its name")
+      ->type_name("");
+  option(app, "--codec", "CODEC", "h264 or jpeg (h264 where OpenH264 is installed)",
+         [&](auto const& text) { options.codec = codecOf(text); });
+  option(app, "--size", "WIDTHxHEIGHT", "of the published frame (the input's)",
+         [&](auto const& text) { options.size = sizeOf(text); });
+  option(app, "--fps", "N", "frames per second of the test pattern and of inputs\nthat do not tell theirs (25)",
+         [&](auto const& text) { options.frameRate = numberIn("--fps", text, 1, 240, "from 1 to 240"); });
+  option(app, "--bitrate", "N", "bits per second of a stream, also as 800k or 1.5M",
+         [&](auto const& text) { options.bitsPerSecond = bitrateOf(text); });
+  option(app, "--port", "N", "TCP port of the RTSP server (8554)", [&](auto const& text) {
+    options.port = numberIn<std::uint16_t>("--port", text, 1, 65535, "from 1 to 65535");
+  });
+  app.add_option(
+         "--name", names,
+         "last part of the URL, 1 to 19 characters; once for each\ninput (kavo, or kavo1, kavo2, ... for several)")
+      ->type_name("NAME")
+      ->type_size(1)
+      ->expected(1)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+      ->allow_extra_args(false);
+  app.add_flag("--loop", options.loop, "start a file again at its end");
+  app.add_flag("--reconnect", options.reconnect, "open a camera or URL again when it is lost");
+  option(app, "--duration", "SECONDS", "end after this time", [&](auto const& text) {
+    options.seconds = numberIn("--duration", text, 0.1, 1e9, "of seconds, 0.1 or more");
+  });
+  app.add_flag("--json", options.json, "print everything as JSON, an object a line");
+  app.add_flag("--list-formats", listFormats, "print codecs, sizes, pixel formats and cameras, and end");
+  try {
+    app.parse(argc, argv);
+  } catch (CLI::Success const& asked) {  // help or version
+    app.exit(asked);
+    return std::nullopt;
+  } catch (CLI::ParseError const& error) {
+    refuse(error.what());
   }
-  options.inputs = inputsOf({argv + optind, argv + argc}, std::move(names));
+  if (listFormats) {
+    printFormats();
+    return std::nullopt;
+  }
+  if (options.loop && sources.empty()) {
+    refuse("--loop is for files: the test pattern never ends");
+  }
+  options.inputs = inputsOf(sources, names);
   return options;
 }

@@ -11,6 +11,8 @@
 struct Size {
   int width;
   int height;
+
+  bool operator==(Size const&) const = default;
 };
 
 struct Options {
@@ -21,10 +23,11 @@ struct Options {
   std::vector<Input> inputs;         // at least one
   std::optional<kavo::Codec> codec;  // without one, H.264 where OpenH264 is, else JPEG
   std::optional<Size> size;          // of the published frame; without one, the input's
-  int frameRate = 25;                // of the test pattern and of inputs that do not tell theirs
+  std::optional<int> frameRate;      // of the test pattern and of inputs that do not tell theirs
   std::optional<std::int64_t> bitsPerSecond;
   std::uint16_t port = 8554;
   bool loop = false;
+  bool reconnect = false;
   std::optional<double> seconds;  // end after this time
   bool json = false;
 };
@@ -36,5 +39,5 @@ struct Failure : std::runtime_error {
   int exitCode;
 };
 
-// Nothing when only help or a list was asked for (and printed). Throws Failure.
+// Nothing when only help, the version or a list was asked for (and printed). Throws Failure.
 std::optional<Options> readOptions(int argc, char** argv);

@@ -3,18 +3,19 @@
 
 #include <deque>
 
-#include "channel.h"
+#include "publication.h"
 
 class Report {
  public:
   explicit Report(bool json);
 
-  void introduce(std::deque<Channel> const& channels);
+  void introduce(std::deque<Publication> const& publications);
   // A line a stream, which renews itself on a terminal.
-  void status(std::deque<Channel>& channels);
+  void status(std::deque<Publication>& publications);
 
  private:
-  void line(Channel const& channel, Channel::Figures const& figures) const;
+  void line(Publication const& publication, Publication::Figures const& figures) const;
+  static void flush();
 
   bool m_Json;
   bool m_Terminal;

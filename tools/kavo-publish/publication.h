@@ -3,7 +3,6 @@
 
 #include <atomic>
 #include <exception>
-#include <functional>
 #include <kavo/stream.hpp>
 #include <memory>
 #include <string>
@@ -13,7 +12,7 @@
 #include "input.h"
 #include "options.h"
 
-class Channel {
+class Publication {
  public:
   struct Figures {
     long offered = 0;                 // frames, in all
@@ -22,12 +21,12 @@ class Channel {
   };
 
   // Opens the input and creates its session and stream; note gets remarks. Throws Failure.
-  Channel(kavo::Server& server, Options const& options, Options::Input const& input, std::atomic<bool>& stop,
-          std::function<void(std::string const&)> const& note);
+  Publication(kavo::Server& server, Options const& options, Options::Input const& input, std::atomic<bool>& stop,
+              Note const& note);
   // Ends the thread; set stop before.
-  ~Channel();
-  Channel(Channel const&) = delete;
-  Channel& operator=(Channel const&) = delete;
+  ~Publication();
+  Publication(Publication const&) = delete;
+  Publication& operator=(Publication const&) = delete;
 
   // Submits frames when they are due, until the input ends or stop becomes true;
   // sets stop if something fails.
@@ -41,13 +40,13 @@ class Channel {
   std::string url() const { return m_Session.url(); }
   CodecInfo const& codec() const { return *m_Codec; }
   Size size() const { return {m_Video.outputWidth, m_Video.outputHeight}; }
-  int frameRate() const { return m_Video.frameRate; }
+  double frameRate() const { return m_Input.frameRate(); }
   std::int64_t bitsPerSecond() const { return m_Video.bitsPerSecond; }
   Figures takeFigures();
 
  private:
   kavo::VideoOptions videoFor(CodecInfo const& codec, Options const& options) const;
-  void createStream(Options const& options, std::function<void(std::string const&)> const& note);
+  void createStream(Options const& options, Note const& note);
   bool takesUsualBitrate(Options options);
   void run();
   void submit(std::vector<std::uint8_t> const& frame);

@@ -1,9 +1,10 @@
-#include "channel.h"
+#include "publication.h"
 
 #include <time.h>
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <utility>
 
 namespace {
@@ -30,28 +31,30 @@ void waitUntil(Clock::time_point due, std::atomic<bool> const& stop) {
 
 }  // namespace
 
-Channel::Channel(kavo::Server& server, Options const& options, Options::Input const& input, std::atomic<bool>& stop,
-                 std::function<void(std::string const&)> const& note)
+Publication::Publication(kavo::Server& server, Options const& options, Options::Input const& input,
+                         std::atomic<bool>& stop, Note const& note)
     : m_Name(input.name),
       m_Source(input.source),
       m_Stop(stop),
-      m_Input(input.source, options, stop),
+      m_Input(input.source, options, stop, note),
       m_Session(server.createSession(input.name, input.name)) {
   createStream(options, note);
 }
 
-Channel::~Channel() {
+Publication::~Publication() {
   if (m_Thread.joinable()) {
     m_Thread.join();
   }
 }
 
-kavo::VideoOptions Channel::videoFor(CodecInfo const& codec, Options const& options) const {
+kavo::VideoOptions Publication::videoFor(CodecInfo const& codec, Options const& options) const {
   Size const wanted = options.size.value_or(m_Input.size());
   Size const nearest = nearestSize(codec, wanted);
-  if (options.size && textOf(nearest) != textOf(wanted)) {
+  if (options.size && nearest != wanted) {
     throw Failure(std::string(codec.name) + " takes sizes from 16x16 to " + textOf(codec.largest) + " in steps of " +
-                  std::to_string(codec.step) + ": the nearest to --size " + textOf(wanted) + " is " + textOf(nearest));
+                      std::to_string(codec.step) + ": the nearest to --size " + textOf(wanted) + " is " +
+                      textOf(nearest),
+                  2);
   }
   kavo::VideoOptions video;
   video.width = m_Input.size().width;
@@ -60,14 +63,14 @@ kavo::VideoOptions Channel::videoFor(CodecInfo const& codec, Options const& opti
   video.codec = codec.codec;
   video.outputWidth = nearest.width;
   video.outputHeight = nearest.height;
-  video.frameRate = m_Input.frameRate();
+  video.frameRate = static_cast<int>(std::lround(m_Input.frameRate()));
   video.bitsPerSecond = options.bitsPerSecond.value_or(
       static_cast<std::int64_t>(codec.bitsPerPixel * nearest.width * nearest.height * video.frameRate));
   return video;
 }
 
 // The codec asked for, or the first that works here.
-void Channel::createStream(Options const& options, std::function<void(std::string const&)> const& note) {
+void Publication::createStream(Options const& options, Note const& note) {
   for (CodecInfo const& codec : codecs()) {
     if (options.codec && *options.codec != codec.codec) {
       continue;
@@ -87,16 +90,16 @@ void Channel::createStream(Options const& options, std::function<void(std::strin
       if (options.codec || !h264 || error.result() != KV_CODEC_FAILURE) {
         throw Failure("cannot encode " + std::string(codec.name) + " (result " + std::to_string(error.result()) +
                       "): " +
-                      (h264 ? "install OpenH264 (on Debian: libopenh264-dev), or use --codec jpeg"
+                      (h264 ? "install OpenH264 (on Debian: libopenh264-8), or use --codec jpeg"
                             : "choose another --size or --bitrate"));
       }
-      note("OpenH264 is not installed (on Debian: libopenh264-dev), so " + m_Name + " is JPEG");
+      note("OpenH264 is not installed (on Debian: libopenh264-8), so " + m_Name + " is JPEG");
     }
   }
 }
 
 // Whether it was the bitrate that the codec refused. If not, nothing has changed.
-bool Channel::takesUsualBitrate(Options options) {
+bool Publication::takesUsualBitrate(Options options) {
   options.bitsPerSecond.reset();
   try {
     m_Session.createStream(videoFor(*m_Codec, options));
@@ -106,7 +109,7 @@ bool Channel::takesUsualBitrate(Options options) {
   }
 }
 
-void Channel::start() {
+void Publication::start() {
   m_Running = true;
   m_Thread = std::thread([this] {
     try {
@@ -119,17 +122,17 @@ void Channel::start() {
   });
 }
 
-void Channel::rethrow() const {
+void Publication::rethrow() const {
   if (m_Failure) {
     std::rethrow_exception(m_Failure);
   }
 }
 
-void Channel::run() {
+void Publication::run() {
   auto start = Clock::now();
   while (!m_Stop) {
-    auto const frame = m_Input.next();
-    if (!frame) {
+    std::vector<std::uint8_t> const* const frame = m_Input.next();
+    if (frame == nullptr) {
       break;
     }
     auto const due = start + std::chrono::duration_cast<Clock::duration>(Seconds(m_Input.time()));
@@ -138,11 +141,11 @@ void Channel::run() {
     if (Clock::now() - due > std::chrono::milliseconds(500)) {
       start += Clock::now() - due;
     }
-    submit(**frame);
+    submit(*frame);
   }
 }
 
-void Channel::submit(std::vector<std::uint8_t> const& frame) {
+void Publication::submit(std::vector<std::uint8_t> const& frame) {
   long const cpu = threadNanoseconds();
   auto const before = Clock::now();
   m_Stream->submit(frame.data(), frame.size());
@@ -153,7 +156,7 @@ void Channel::submit(std::vector<std::uint8_t> const& frame) {
   }
 }
 
-Channel::Figures Channel::takeFigures() {
+Publication::Figures Publication::takeFigures() {
   Figures figures;
   figures.offered = m_Offered;
   figures.encoded = m_Encoded;
