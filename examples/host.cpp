@@ -19,7 +19,7 @@ void draw(std::vector<std::uint8_t>& pixels, int frame) {
   for (int y = 0; y < height; ++y) {
     for (int x = 0; x < width; ++x) {
       bool const bar = y > height - 40 && x < frame * 4 % width;
-      auto* const pixel = &pixels[static_cast<std::size_t>((y * width + x) * 3)];
+      auto* const pixel = pixels.data() + (y * width + x) * 3;
       pixel[0] = bar ? 255 : static_cast<std::uint8_t>(x + frame * 3);
       pixel[1] = bar ? 255 : static_cast<std::uint8_t>(y);
       pixel[2] = bar ? 255 : 128;

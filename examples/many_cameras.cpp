@@ -27,7 +27,7 @@ Camera openCamera(kavo::Server& server, int number) {
   video.frameRate = 10;
   kavo::Stream stream = session.createStream(video);
   std::printf("%s\n", session.url().c_str());
-  return {std::move(session), std::move(stream)};
+  return {std::move(session), stream};
 }
 
 }  // namespace
@@ -36,6 +36,7 @@ int main(int argc, char** argv) try {
   int const count = argc > 1 ? std::atoi(argv[1]) : 8;
   kavo::Server server(static_cast<std::uint16_t>(argc > 2 ? std::atoi(argv[2]) : 8554));
   std::vector<Camera> cameras;
+  cameras.reserve(static_cast<std::size_t>(count));
   for (int i = 0; i < count; ++i) {
     cameras.push_back(openCamera(server, i));
   }

@@ -144,15 +144,15 @@ int main(int argc, char** argv) try {
   kavo::Session session = server.createSession("camera");
   std::optional<kavo::Converter> converter;
   // A padded line is as much a reason to convert as another layout.
-  bool const plain =
-      camera.layout().asItIs && camera.stride() <= av_image_get_linesize(camera.layout().ffmpeg, camera.width(), 0);
+  bool const padded = camera.stride() > av_image_get_linesize(camera.layout().ffmpeg, camera.width(), 0);
+  auto const plain = padded ? std::nullopt : camera.layout().asItIs;
   if (!plain) {
     converter.emplace(camera.layout().ffmpeg, camera.width(), camera.height(), camera.stride());
   }
   kavo::VideoOptions video;
   video.width = camera.width();
   video.height = camera.height();
-  video.format = plain ? *camera.layout().asItIs : kavo::Converter::format();
+  video.format = plain.value_or(kavo::Converter::format());
   video.codec = kavo::Codec::Jpeg;
   kavo::Stream stream = session.createStream(video);
   std::printf("%s\n", session.url().c_str());

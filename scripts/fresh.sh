@@ -1,6 +1,6 @@
 # Sourced by the checks that install what 'make package' made into fresh Debian 13
 # roots. They put what goes along, and the program "inside", into $work.
-# shellcheck shell=bash
+# shellcheck shell=bash disable=SC2154
 
 [ -d "$project/build/packages" ] || fail "there are no packages: run 'make package' first"
 "$scripts/make-root" >/dev/null # brings mmdebstrap and bubblewrap

@@ -18,16 +18,6 @@ Encoded encoded(Transcoder& transcoder, std::uint8_t const* frame) {
   return result;
 }
 
-int refusal(VideoCodecParameter const& parameter, char const* message) {
-  try {
-    Transcoder transcoder(&parameter);
-  } catch (StreamException const& failure) {
-    EXPECT_STREQ(failure.what(), message);
-    return failure.m_Code;
-  }
-  return -1;
-}
-
 void expectReadsNothingBehindTheFrame(std::int32_t codec) {
   struct Case {
     int srcWidth, srcHeight, dstWidth, dstHeight;

@@ -17,9 +17,6 @@ struct Encoded {
 
 Encoded encoded(Transcoder& transcoder, std::uint8_t const* frame);
 
-// The code with which the parameters are refused; -1 if they are not.
-int refusal(VideoCodecParameter const& parameter, char const* message);
-
 // A frame at the end of readable memory gives the packets of a padded copy, in
 // all formats and several sizes.
 void expectReadsNothingBehindTheFrame(std::int32_t codec);

@@ -26,14 +26,6 @@ TEST(JpegEncoder, WritesStandardHuffmanTablesAndItsSize) {
   EXPECT_NE(std::search(image.begin(), image.end(), std::begin(standard), std::end(standard)), image.end());
 }
 
-TEST(JpegEncoder, RefusesWhatItCannotEncode) {
-  for (auto const& [width, height] : {std::pair(2044, 480), {640, 2044}, {642, 480}, {640, 482}}) {
-    EXPECT_EQ(refusal(parameters(8, 3, 640, 480, width, height), "AVCodec invalid frame size"), 2);
-  }
-  auto const largest = parameters(8, 3, 64, 64, 2040, 2040);
-  EXPECT_NO_THROW(Transcoder{&largest});
-}
-
 TEST(Transcoder, JpegInputChangesNothing) {
   for (int const codec : {8, 28}) {
     auto parameter = parameters(codec, 3, 320, 240, 320, 240);

@@ -2,6 +2,8 @@
 // within live555's buffer, with each header once and without a body.
 #include <cstdint>
 #include <cstdlib>
+#include <string>
+#include <vector>
 
 #include "server/requestreader.h"
 
@@ -26,23 +28,36 @@ void check(kavo::impl::Request const& request) {
   }
 }
 
-}  // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
+// What comes out of the bytes when they arrive in pieces of a size.
+std::vector<std::string> itemsOf(std::string_view all, std::size_t piece) {
   using kavo::impl::RequestReader;
   RequestReader reader;
-  std::string_view const all(reinterpret_cast<char const*>(data), size);
-  std::size_t const piece = size > 0 ? data[0] % 64 + 1 : 1;
-  for (std::size_t at = 0; at < size; at += piece) {
+  std::vector<std::string> items;
+  for (std::size_t at = 0; at < all.size(); at += piece) {
     reader.add(all.substr(at, piece));
     for (auto item = reader.next(); item != RequestReader::Item::Incomplete; item = reader.next()) {
       if (item == RequestReader::Item::Malformed) {
-        return 0;
+        items.emplace_back("malformed");
+        return items;
       }
       if (item == RequestReader::Item::Request) {
         check(reader.request());
+        items.push_back(reader.request().text());
+      } else {
+        items.emplace_back(reader.packet().begin(), reader.packet().end());
       }
     }
+  }
+  return items;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
+  std::string_view const all(reinterpret_cast<char const*>(data), size);
+  std::size_t const piece = size > 0 ? data[0] % 64 + 1 : 1;
+  if (itemsOf(all, piece) != itemsOf(all, size + 1)) {
+    std::abort();  // it must not matter how they arrive
   }
   return 0;
 }

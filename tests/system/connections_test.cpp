@@ -83,9 +83,11 @@ TEST(Connections, ALoopOutOfDescriptorsRestsAndComesBack) {
   for (int i = 0; i < 30; ++i) {
     EXPECT_TRUE(viewer.receivesAFrame());
   }
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // which multiply what encoding takes
   double const elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
   // Spinning would take a whole core; encoding and sending these frames takes little of one.
   EXPECT_LT(cpuSeconds() - before, elapsed * 0.9);
+#endif
   for (int const file : files) {
     close(file);
   }

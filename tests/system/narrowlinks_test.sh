@@ -148,7 +148,7 @@ narrow() {
 }
 
 for codec in jpeg h264; do
-  options=(--codec $codec --size 640x480 --bitrate 8M)
+  options=(--codec "$codec" --size 640x480 --bitrate 8M)
   mtu 1280
   watch far "${options[@]}"
   watch both "${options[@]}"

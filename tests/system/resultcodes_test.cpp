@@ -158,6 +158,8 @@ TEST_F(ResultCodes, OfCreateStream) {
       {"no width", KV_INVALID_PARAMETER, [](auto&, auto& v) { v.src_width = 0; }},
       {"no bitrate", KV_INVALID_PARAMETER, [](auto&, auto& v) { v.bitrate = 0; }},
       {"too wide", KV_CODEC_FAILURE, [](auto&, auto& v) { v.dst_width = 2044; }},
+      {"too high for H.264", KV_CODEC_FAILURE,
+       [](auto&, auto& v) { v.dst_codec = KV_CODEC_H264, v.dst_height = 2306; }},
       {"not in steps of 4", KV_CODEC_FAILURE, [](auto&, auto& v) { v.dst_width = 642; }},
   };
   for (auto const& c : cases) {
