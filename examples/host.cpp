@@ -16,10 +16,10 @@ constexpr int height = 480;
 
 // A grey ramp that moves to the left, with a white bar that shows the time.
 void draw(std::vector<std::uint8_t>& pixels, int frame) {
+  std::uint8_t* pixel = pixels.data();
   for (int y = 0; y < height; ++y) {
-    for (int x = 0; x < width; ++x) {
+    for (int x = 0; x < width; ++x, pixel += 3) {
       bool const bar = y > height - 40 && x < frame * 4 % width;
-      auto* const pixel = pixels.data() + (y * width + x) * 3;
       pixel[0] = bar ? 255 : static_cast<std::uint8_t>(x + frame * 3);
       pixel[1] = bar ? 255 : static_cast<std::uint8_t>(y);
       pixel[2] = bar ? 255 : 128;

@@ -1,4 +1,5 @@
-/* Kavo Stream: live video over RTSP from a host program's raw frames.
+/** @file
+ * Kavo Stream: live video over RTSP from a host program's raw frames.
  *
  * The whole library is one function, kv_Stream(command, param, size): a command
  * number, the address of the command's record, and the record's size in bytes.
@@ -23,96 +24,100 @@
 #define KAVO_STREAM_H
 
 /* The release that this header belongs to. */
-#define KV_VERSION_MAJOR 2
-#define KV_VERSION_MINOR 0
-#define KV_VERSION_PATCH 0
+#define KV_VERSION_MAJOR 2 /**< the ABI's generation */
+#define KV_VERSION_MINOR 0 /**< counts what was added to it */
+#define KV_VERSION_PATCH 0 /**< counts releases without additions */
 
 #include <stddef.h>
 #include <stdint.h>
 
+/** @cond */
 #ifndef __cplusplus
 #include <assert.h>
 #endif
 #define KV_STATIC_ASSERT(condition) static_assert(condition, #condition)
 #define KV_FIELD_AT(record, field, position) KV_STATIC_ASSERT(offsetof(record, field) == (position))
+/** @endcond */
 
-/* What kv_Stream can be asked for. */
+/** What kv_Stream can be asked for. */
 enum kv_command {
-  /* Start the RTSP server: param is the address of a uint32_t with the TCP port
+  /** Start the RTSP server: param is the address of a uint32_t with the TCP port
    * (1 to 65535) and size 4, or null and 0 for port 8554. KV_RESOURCE_FAILURE
    * when the port is taken on any of the machine's address families. */
   KV_INIT = 0,
-  /* Stop the server and drop every session; always succeeds. param and size are
+  /** Stop the server and drop every session; always succeeds. param and size are
    * ignored, and KV_OK is returned even if nothing was started. KV_INIT may
    * follow, on the same port at once. */
   KV_EXIT = 1,
-  /* kv_session_record: create a session, which is one RTSP URL. */
+  /** kv_session_record: create a session, which is one RTSP URL. */
   KV_CREATE_SESSION = 2,
-  /* Remove a session and disconnect its viewers: param is the handle itself,
+  /** Remove a session and disconnect its viewers: param is the handle itself,
    * size is 8. */
   KV_REMOVE_SESSION = 3,
-  /* kv_stream_record: give a session its one video stream. */
+  /** kv_stream_record: give a session its one video stream. */
   KV_CREATE_STREAM = 4,
-  /* kv_frame_record: hand one raw frame to a stream. */
+  /** kv_frame_record: hand one raw frame to a stream. */
   KV_SUBMIT_FRAME = 5,
-  /* kv_session_record: read back a session's texts and URL. */
+  /** kv_session_record: read back a session's texts and URL. */
   KV_GET_INFO = 6
 };
 
-/* What kv_Stream returns. */
+/** What kv_Stream returns. */
 enum kv_result {
-  KV_OK = 0,
-  KV_NOT_STARTED = 1,       /* KV_INIT has not been called */
-  KV_ALREADY_THERE = 2,     /* the server runs, or the session has its stream */
-  KV_INVALID_PARAMETER = 3, /* unknown command, wrong size, or a value refused */
-  KV_NAME_IN_USE = 4,       /* another session has this name */
-  KV_UNKNOWN = 5,           /* no such session, or not a stream of it */
-  KV_RESOURCE_FAILURE = 6,  /* port taken, no descriptors, no memory; or the server has failed: KV_EXIT, KV_INIT */
-  KV_CODEC_FAILURE = 7,     /* frame size or settings that the codec refuses, or OpenH264 is missing */
-  KV_UNEXPECTED = -1        /* anything else: no memory, where the standard library says so */
+  KV_OK = 0,                /**< done */
+  KV_NOT_STARTED = 1,       /**< KV_INIT has not been called */
+  KV_ALREADY_THERE = 2,     /**< the server runs, or the session has its stream */
+  KV_INVALID_PARAMETER = 3, /**< unknown command, wrong size, or a value refused */
+  KV_NAME_IN_USE = 4,       /**< another session has this name */
+  KV_UNKNOWN = 5,           /**< no such session, or not a stream of it */
+  KV_RESOURCE_FAILURE = 6,  /**< port taken, no descriptors, no memory; or the server has failed: KV_EXIT, KV_INIT */
+  KV_CODEC_FAILURE = 7,     /**< frame size or settings that the codec refuses, or OpenH264 is missing */
+  KV_UNEXPECTED = -1        /**< anything else: no memory, where the standard library says so */
 };
 
-/* Raw frame layouts. A frame is tightly packed: no padding between rows or
+/** Raw frame layouts. A frame is tightly packed: no padding between rows or
  * planes. In the planar layouts the Y plane is followed by U and V; their rows
  * are half as wide (rounded up), in 4:2:0 there are half as many (rounded up).
  * The numbers are this interface's own and do not change with FFmpeg's. */
 enum kv_pixel_format {
-  KV_YUV420P = 0,
-  KV_RGB24 = 2,
-  KV_BGR24 = 3,
-  KV_YUV422P = 4,
-  KV_YUVJ420P = 12, /* full range (0 to 255) */
-  KV_YUVJ422P = 13, /* full range */
-  KV_ARGB = 27,     /* four bytes a pixel, in the order of the name */
-  KV_RGBA = 28,
-  KV_ABGR = 29,
-  KV_BGRA = 30
+  KV_YUV420P = 0,   /**< planar 4:2:0, limited range (16 to 235) */
+  KV_RGB24 = 2,     /**< three bytes a pixel, in the order of the name */
+  KV_BGR24 = 3,     /**< three bytes a pixel */
+  KV_YUV422P = 4,   /**< planar 4:2:2, limited range */
+  KV_YUVJ420P = 12, /**< planar 4:2:0, full range (0 to 255) */
+  KV_YUVJ422P = 13, /**< planar 4:2:2, full range */
+  KV_ARGB = 27,     /**< four bytes a pixel, in the order of the name */
+  KV_RGBA = 28,     /**< four bytes a pixel */
+  KV_ABGR = 29,     /**< four bytes a pixel */
+  KV_BGRA = 30      /**< four bytes a pixel */
 };
 
+/** What streams are encoded as. The numbers are this interface's own, like the above. */
 enum kv_codec {
-  KV_CODEC_RAW = 0,   /* input: raw frames */
-  KV_CODEC_MJPEG = 8, /* output: JPEG over RTP (RFC 2435) */
-  KV_CODEC_H264 = 28  /* output: H.264 over RTP (RFC 6184); needs libopenh264.so at run time */
+  KV_CODEC_RAW = 0,   /**< input: raw frames */
+  KV_CODEC_MJPEG = 8, /**< output: JPEG over RTP (RFC 2435) */
+  KV_CODEC_H264 = 28  /**< output: H.264 over RTP (RFC 6184); needs libopenh264.so at run time */
 };
 
+/** What a stream is of: there is video alone. */
 enum kv_media_type { KV_MEDIA_VIDEO = 0 };
 
-/* Names a session, from KV_CREATE_SESSION on until KV_REMOVE_SESSION or KV_EXIT. */
+/** Names a session, from KV_CREATE_SESSION on until KV_REMOVE_SESSION or KV_EXIT. */
 typedef void* kv_session_handle;
-/* Names the stream of a session. */
+/** Names the stream of a session. */
 typedef void* kv_stream_id;
 
-/* KV_CREATE_SESSION and KV_GET_INFO. The three texts are the host's to give
+/** KV_CREATE_SESSION and KV_GET_INFO. The three texts are the host's to give
  * when a session is created: each of 1 to 19 bytes without control characters,
  * and a NUL. UTF-8 is welcome. A URL carries a name of letters, digits and -_.~ as
  * it is; clients have to send other bytes raw, and cannot use / ? # % and blanks. */
 typedef struct kv_session_record {
-  void* reserved;           /* not used */
-  kv_session_handle handle; /* out of KV_CREATE_SESSION, into KV_GET_INFO */
-  char name[20];            /* last element of the URL, unique among the live sessions */
-  char info[20];            /* the SDP's session information */
-  char description[20];     /* the SDP's session name, which players show as the title */
-  char url[260];            /* out: rtsp://ADDRESS:PORT/NAME with the machine's own address */
+  void* reserved;           /**< not used */
+  kv_session_handle handle; /**< out of KV_CREATE_SESSION, into KV_GET_INFO */
+  char name[20];            /**< last element of the URL, unique among the live sessions */
+  char info[20];            /**< the SDP's session information */
+  char description[20];     /**< the SDP's session name, which players show as the title */
+  char url[260];            /**< out: rtsp://ADDRESS:PORT/NAME with the machine's own address */
 } kv_session_record;
 KV_FIELD_AT(kv_session_record, handle, 8);
 KV_FIELD_AT(kv_session_record, name, 16);
@@ -121,21 +126,21 @@ KV_FIELD_AT(kv_session_record, description, 56);
 KV_FIELD_AT(kv_session_record, url, 76);
 KV_STATIC_ASSERT(sizeof(kv_session_record) == 336);
 
-/* The stream to create. */
+/** The stream to create. */
 typedef struct kv_video_record {
-  int32_t reserved;         /* not used */
-  int32_t src_width;        /* submitted frames, pixels */
-  int32_t src_height;       /* pixels */
-  int32_t dst_width;        /* encoded frames, pixels; frames of another size are scaled */
-  int32_t dst_height;       /* pixels. JPEG: each at most 2040 and a multiple of 4; choose multiples of 8, the
+  int32_t reserved;         /**< not used */
+  int32_t src_width;        /**< submitted frames, pixels */
+  int32_t src_height;       /**< pixels */
+  int32_t dst_width;        /**< encoded frames, pixels; frames of another size are scaled */
+  int32_t dst_height;       /**< pixels. JPEG: each at most 2040 and a multiple of 4; choose multiples of 8, the
                              * steps that RTP/JPEG can express (of other sizes viewers see the last 4 rows or
                              * columns missing). H.264: at most 4096 x 2304, even */
-  int32_t src_pixel_format; /* one of kv_pixel_format */
-  int32_t dst_pixel_format; /* not used */
-  int32_t src_codec;        /* KV_CODEC_RAW; KV_CODEC_MJPEG is accepted too, and frames are raw all the same */
-  int32_t dst_codec;        /* KV_CODEC_MJPEG or KV_CODEC_H264 */
-  int32_t frame_rate;       /* H.264: frames per second, at which the host submits; JPEG: not used */
-  int32_t bitrate;          /* not 0. H.264: bits per second. JPEG: bits per frame, whatever the frame rate:
+  int32_t src_pixel_format; /**< one of kv_pixel_format */
+  int32_t dst_pixel_format; /**< not used */
+  int32_t src_codec;        /**< KV_CODEC_RAW; KV_CODEC_MJPEG is accepted too, and frames are raw all the same */
+  int32_t dst_codec;        /**< KV_CODEC_MJPEG or KV_CODEC_H264 */
+  int32_t frame_rate;       /**< H.264: frames per second, at which the host submits; JPEG: not used */
+  int32_t bitrate;          /**< not 0. H.264: bits per second. JPEG: bits per frame, whatever the frame rate:
                              * 400000 is 50 kB a frame */
 } kv_video_record;
 KV_FIELD_AT(kv_video_record, src_width, 4);
@@ -150,14 +155,14 @@ KV_FIELD_AT(kv_video_record, frame_rate, 36);
 KV_FIELD_AT(kv_video_record, bitrate, 40);
 KV_STATIC_ASSERT(sizeof(kv_video_record) == 44);
 
-/* KV_CREATE_STREAM. */
+/** KV_CREATE_STREAM. */
 typedef struct kv_stream_record {
-  void* reserved;               /* not used */
-  kv_session_handle handle;     /* the session that gets the stream */
-  kv_stream_id stream;          /* out */
-  int32_t media_type;           /* KV_MEDIA_VIDEO */
-  int32_t gap;                  /* not used */
-  kv_video_record const* video; /* read during the call */
+  void* reserved;               /**< not used */
+  kv_session_handle handle;     /**< the session that gets the stream */
+  kv_stream_id stream;          /**< out */
+  int32_t media_type;           /**< KV_MEDIA_VIDEO */
+  int32_t gap;                  /**< not used */
+  kv_video_record const* video; /**< read during the call */
 } kv_stream_record;
 KV_FIELD_AT(kv_stream_record, handle, 8);
 KV_FIELD_AT(kv_stream_record, stream, 16);
@@ -165,23 +170,27 @@ KV_FIELD_AT(kv_stream_record, media_type, 24);
 KV_FIELD_AT(kv_stream_record, video, 32);
 KV_STATIC_ASSERT(sizeof(kv_stream_record) == 40);
 
-/* KV_SUBMIT_FRAME. While nobody watches the stream the call returns KV_OK at
+/** KV_SUBMIT_FRAME. While nobody watches the stream the call returns KV_OK at
  * once and does nothing; so it does when viewers are ten frames behind. */
 typedef struct kv_frame_record {
-  void* reserved;           /* not used */
-  kv_session_handle handle; /* the session */
-  kv_stream_id stream;      /* its stream */
-  uint8_t const* frame;     /* one frame of the stream's source size and format; only its own bytes are read, and
+  void* reserved;           /**< not used */
+  kv_session_handle handle; /**< the session */
+  kv_stream_id stream;      /**< its stream */
+  uint8_t const* frame;     /**< one frame of the stream's source size and format; only its own bytes are read, and
                              * only during the call */
-  void* reserved2;          /* not used */
+  void* reserved2;          /**< not used */
 } kv_frame_record;
 KV_FIELD_AT(kv_frame_record, handle, 8);
 KV_FIELD_AT(kv_frame_record, stream, 16);
 KV_FIELD_AT(kv_frame_record, frame, 24);
 KV_STATIC_ASSERT(sizeof(kv_frame_record) == 40);
 
-/* The library exports the C++ name of this function, and nothing else; in C the
- * label binds the plain name to it. */
+/** The whole library: carries out a command.
+ * The exported symbol is the C++ name; in C the label binds the plain name to it.
+ * @param command  one of kv_command
+ * @param param    the command's record, read and written during the call only
+ * @param size     the record's size in bytes, exactly
+ * @return         one of kv_result; on failure nothing has changed. Any thread. */
 #ifdef __cplusplus
 int kv_Stream(int command, void* param, int size);
 #else

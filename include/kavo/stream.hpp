@@ -1,19 +1,20 @@
-// Kavo Stream for C++17: the records of kavo_stream.h as objects.
-//
-//   kavo::Server server(8554);
-//   kavo::Session session = server.createSession("camera");
-//   kavo::VideoOptions video;
-//   video.width = 640;
-//   video.height = 480;
-//   video.format = kavo::PixelFormat::Rgb24;
-//   kavo::Stream stream = session.createStream(video);
-//   while (grab(pixels)) stream.submit(pixels.data(), pixels.size());
-//
-// Everything here is inline; the library itself exports one function, which
-// these objects call. Different objects may be used by different threads at the
-// same time, one object by one thread at a time. A process has one server at a time.
-// Objects are moved, not copied. A session ends with its object, a server with its
-// own; streams and sessions of a server that has ended throw KV_UNKNOWN when used.
+/// @file
+/// Kavo Stream for C++17: the records of kavo_stream.h as objects.
+///
+///   kavo::Server server(8554);
+///   kavo::Session session = server.createSession("camera");
+///   kavo::VideoOptions video;
+///   video.width = 640;
+///   video.height = 480;
+///   video.format = kavo::PixelFormat::Rgb24;
+///   kavo::Stream stream = session.createStream(video);
+///   while (grab(pixels)) stream.submit(pixels.data(), pixels.size());
+///
+/// Everything here is inline; the library itself exports one function, which
+/// these objects call. Different objects may be used by different threads at the
+/// same time, one object by one thread at a time. A process has one server at a time.
+/// Objects are moved, not copied. A session ends with its object, a server with its
+/// own; streams and sessions of a server that has ended throw KV_UNKNOWN when used.
 #ifndef KAVO_STREAM_HPP
 #define KAVO_STREAM_HPP
 
@@ -28,15 +29,18 @@
 
 namespace kavo {
 
-// What a command failed with.
+/// What a command failed with.
 class Error : public std::runtime_error {
  public:
+  /// what: the action that failed; advice: what to do about it.
   Error(std::string const& what, int result, std::string const& advice = "")
       : std::runtime_error(what + ": " + meaning(result) + (advice.empty() ? "" : ": " + advice)),
         m_Result(static_cast<kv_result>(result)) {}
 
+  /// The command's result code.
   kv_result result() const noexcept { return m_Result; }
 
+  /// What a result code means, in a few words.
   static char const* meaning(int result) noexcept {
     switch (result) {
       case KV_OK:
@@ -64,6 +68,7 @@ class Error : public std::runtime_error {
   kv_result m_Result;
 };
 
+/// Layouts of raw frames, tightly packed: see kv_pixel_format.
 enum class PixelFormat : std::int32_t {
   Yuv420p = KV_YUV420P,
   Rgb24 = KV_RGB24,
@@ -77,9 +82,10 @@ enum class PixelFormat : std::int32_t {
   Bgra = KV_BGRA,
 };
 
+/// What streams are encoded as.
 enum class Codec : std::int32_t { Jpeg = KV_CODEC_MJPEG, H264 = KV_CODEC_H264 };
 
-// The bytes of one frame, without padding.
+/// The bytes of one frame, without padding.
 constexpr std::size_t frameSize(PixelFormat format, int width, int height) {
   auto const pixels = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
   auto const halfWidth = (static_cast<std::size_t>(width) + 1) / 2;
@@ -99,17 +105,19 @@ constexpr std::size_t frameSize(PixelFormat format, int width, int height) {
   }
 }
 
+/// What a stream takes and publishes.
 struct VideoOptions {
-  int width = 0;  // of the submitted frames, pixels
-  int height = 0;
-  PixelFormat format = PixelFormat::Yuv420p;
-  Codec codec = Codec::H264;
-  int outputWidth = 0;  // of the published frame; 0: as the frames
-  int outputHeight = 0;
-  int frameRate = 25;              // at which frames are submitted
-  std::int64_t bitsPerSecond = 0;  // of either codec; 0: what suits the size
+  int width = 0;                              ///< of the submitted frames, pixels
+  int height = 0;                             ///< of the submitted frames, pixels
+  PixelFormat format = PixelFormat::Yuv420p;  ///< of the submitted frames
+  Codec codec = Codec::H264;                  ///< of the published stream
+  int outputWidth = 0;                        ///< of the published frame, pixels; 0: as the submitted ones
+  int outputHeight = 0;                       ///< likewise
+  int frameRate = 25;                         ///< frames per second, at which frames are submitted
+  std::int64_t bitsPerSecond = 0;             ///< of either codec; 0: what suits the size
 };
 
+/// @cond
 namespace detail {
 
 inline void call(char const* what, int command, void* param, int size) {
@@ -133,12 +141,13 @@ void copy(char (&field)[Size], std::string const& text, char const* what) {
 }
 
 }  // namespace detail
+/// @endcond
 
-// The one video stream of a session.
+/// The one video stream of a session.
 class Stream {
  public:
-  // Hands one frame over; returns when it is encoded and queued, or at once when
-  // nobody watches. Only read during the call. Throws Error.
+  /// Hands one frame over; returns when it is encoded and queued, or at once when
+  /// nobody watches. Only read during the call. Throws Error.
   void submit(void const* frame, std::size_t size) {
     if (size < m_FrameSize) {
       throw Error("a frame of " + std::to_string(size) + " bytes, but " + std::to_string(m_FrameSize) + " are needed",
@@ -148,6 +157,7 @@ class Stream {
     detail::call("submitting a frame", KV_SUBMIT_FRAME, m_Record);
   }
 
+  /// The bytes of one frame.
   std::size_t frameSize() const noexcept { return m_FrameSize; }
 
  private:
@@ -161,11 +171,12 @@ class Stream {
   std::size_t m_FrameSize;
 };
 
-// One RTSP URL.
+/// One RTSP URL.
 class Session {
  public:
+  /// Takes the other's session; the other holds none any more.
   Session(Session&& other) noexcept : m_Record(std::exchange(other.m_Record, {})) {}
-  // Ends the session held before.
+  /// Ends the session held before.
   Session& operator=(Session&& other) noexcept {
     if (this != &other) {
       remove();
@@ -173,17 +184,19 @@ class Session {
     }
     return *this;
   }
+  /// Disconnects its viewers.
   ~Session() { remove(); }
 
-  // With the machine's own address; 127.0.0.1 on one that is offline.
+  /// With the machine's own address; 127.0.0.1 on one that is offline.
   std::string url() const {
     std::string url = m_Record.url;
     auto const none = url.find("//0.0.0.0:");
     return none == std::string::npos ? url : url.replace(none + 2, 7, "127.0.0.1");
   }
+  /// The last part of the URL.
   std::string name() const { return m_Record.name; }
 
-  // The session's stream; there can be one. Throws Error.
+  /// The session's stream; there can be one. Throws Error.
   Stream createStream(VideoOptions const& options) {
     kv_video_record video{};
     video.src_width = options.width;
@@ -221,7 +234,7 @@ class Session {
     }
   }
 
-  // The usual causes of a refusal, and the nearest size that would do.
+  /// The usual causes of a refusal, and the nearest size that would do.
   static std::string adviceFor(Codec codec, kv_video_record const& video) {
     bool const jpeg = codec == Codec::Jpeg;
     auto const nearest = [](int length, int step, int largest) {
@@ -240,7 +253,7 @@ class Session {
     return jpeg ? "try another bitrate" : "is OpenH264 2.6 installed (libopenh264.so)? if so, try another bitrate";
   }
 
-  // The record counts JPEG by frame and H.264 by second.
+  /// The record counts JPEG by frame and H.264 by second.
   static std::int32_t bitrateOf(VideoOptions const& options, kv_video_record const& video) {
     bool const jpeg = options.codec == Codec::Jpeg;
     double const rate = options.frameRate > 0 ? options.frameRate : 1;
@@ -254,15 +267,17 @@ class Session {
   kv_session_record m_Record{};
 };
 
-// The process's RTSP server, from construction to destruction.
+/// The process's RTSP server, from construction to destruction.
 class Server {
  public:
+  /// Serves on the TCP port, on every address. Throws Error.
   explicit Server(std::uint16_t port = 8554) {
     std::uint32_t record = port;
     detail::call("starting the server", KV_INIT, record);
   }
+  /// Takes the other's server; the other holds none any more.
   Server(Server&& other) noexcept : m_Serving(std::exchange(other.m_Serving, false)) {}
-  // Ends the server held before.
+  /// Ends the server held before.
   Server& operator=(Server&& other) noexcept {
     if (this != &other) {
       stop();
@@ -270,9 +285,10 @@ class Server {
     }
     return *this;
   }
+  /// Ends it, and every session with it.
   ~Server() { stop(); }
 
-  // The name is the last part of the URL; players show the description as the title. Throws Error.
+  /// The name is the last part of the URL; players show the description as the title. Throws Error.
   Session createSession(std::string const& name, std::string const& description = "live video") {
     return Session(name, description);
   }
