@@ -5,8 +5,7 @@ set -euo pipefail
 built=$1
 export KAVO_STREAM=$2
 sources=$3
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+. "$(dirname "$0")/publisher.sh"
 
 # watched NAME PORT COMMAND...: starts it, and saves a frame of its session.
 watched() {
@@ -27,16 +26,14 @@ watched() {
   echo "$* was seen"
 }
 
-port() { python3 -c 'import socket; s = socket.socket(socket.AF_INET6); s.bind(("::", 0)); print(s.getsockname()[1])'; }
-
-p=$(port); watched host "$p" "$built/example_host" "$p" 30
-p=$(port); watched host "$p" "$built/example_host_c" "$p" 30
-p=$(port); watched camera3 "$p" "$built/example_many_cameras" 5 "$p" 30
-p=$(port); watched host "$p" python3 "$sources/host.py" "$p" 30
+p=$(free_port); watched host "$p" "$built/example_host" "$p" 30
+p=$(free_port); watched host "$p" "$built/example_host_c" "$p" 30
+p=$(free_port); watched camera3 "$p" "$built/example_many_cameras" 5 "$p" 30
+p=$(free_port); watched host "$p" python3 "$sources/host.py" "$p" 30
 # They end by themselves too.
-"$built/example_host" "$(port)" 1 >/dev/null
+"$built/example_host" "$(free_port)" 1 >/dev/null
 if [ -e /dev/video0 ]; then
-  p=$(port); watched camera "$p" "$built/example_v4l2" /dev/video0 "$p" 30
+  p=$(free_port); watched camera "$p" "$built/example_v4l2" /dev/video0 "$p" 30
 else
   echo "no camera here: v4l2 was built, and only its error was seen"
   "$built/example_v4l2" /dev/video0 2>"$work/err" && exit 1

@@ -14,7 +14,7 @@ if [ -z "${KAVO_IN_NAMESPACE:-}" ]; then
   exec env KAVO_IN_NAMESPACE=1 unshare -n "$0" "$@"
 fi
 
-work=$(mktemp -d)
+. "$(dirname "$0")/publisher.sh"
 unshare -n sleep 600 &
 far=$!
 trap 'kill $far 2>/dev/null; rm -rf "$work"' EXIT
@@ -50,17 +50,14 @@ packet_size() {
 # play ADDRESS NAME PLAYER_ARGUMENT...: over UDP, to a file. Not decoded while it
 # arrives: the player's own time for that would be measured.
 play() {
-  ffmpeg -nostdin -v warning -rtsp_transport udp -i "rtsp://$1:8554/kavo" -c:v copy -flush_packets 1 "${@:3}" \
+  ffmpeg -nostdin -v warning -rtsp_transport udp -i "rtsp://$1:$port/kavo" -c:v copy -flush_packets 1 "${@:3}" \
     -y "$work/$2.mkv" 2>"$work/$2.log" || { cat "$work/$2.log"; return 1; }
 }
 
 # whole NAME: that player saw no damage.
 whole() {
-  if grep -E 'missed|error|conceal|corrupt' "$work/$1.log"; then
-    echo "damage seen by the $1 player"
-    tc -s qdisc show dev near
-    exit 1
-  fi
+  ! grep -E 'missed|error|conceal|corrupt' "$work/$1.log" ||
+    die "damage seen by the $1 player: $(tc -s qdisc show dev near)"
   ffmpeg -v error -xerror -i "$work/$1.mkv" -fps_mode passthrough -f null -
 }
 
@@ -69,22 +66,7 @@ mtu() {
   on_far ip link set far mtu "$1"
 }
 
-publish() {
-  : >"$work/out"  # what the last one said
-  "$publish" "$@" >"$work/out" 2>&1 &
-  pid=$!
-  until grep -q Ctrl-C "$work/out"; do
-    kill -0 $pid || { cat "$work/out"; exit 1; }
-    sleep 0.05
-  done
-}
-
-unpublish() {
-  kill -INT $pid
-  wait $pid
-}
-
-play_far() { on_far bash -c "$(declare -f play); work=$work; play 10.77.0.1 far -frames:v $1"; }
+play_far() { on_far bash -c "$(declare -f play); work=$work port=$port; play 10.77.0.1 far -frames:v $1"; }
 
 # playing NAME PROCESS: once the player's first frame has come.
 playing() {
@@ -98,7 +80,7 @@ playing() {
 # far one beside it, without a lost packet.
 watch() {
   local players=$1 near=
-  publish "${@:2}"
+  start "${@:2}"
   rm -f "$work"/*.mkv
   if [ "$players" = both ]; then
     play 127.0.0.1 near -frames:v 100 &
@@ -111,13 +93,13 @@ watch() {
     wait $near
     whole near
   fi
-  unpublish
+  stop
 }
 
 # regrow PUBLISH_ARGUMENT...: packets are as small as the far player's path wants
 # them while that one plays, and no longer.
 regrow() {
-  publish "$@"
+  start "$@"
   rm -f "$work"/*.mkv
   play 127.0.0.1 near -frames:v 120 &
   local near=$!
@@ -129,22 +111,23 @@ regrow() {
   shared=$(packet_size)
   wait $far_player
   alone=$(packet_size)
-  [ "$alone" -gt $((shared + 50)) ] || { echo "packets of $alone bytes, and $shared beside a narrow path"; exit 1; }
+  [ "$alone" -gt $((shared + 50)) ] ||
+    die "packets of $alone bytes, and $shared beside a narrow path"
   wait $near
-  unpublish
+  stop
 }
 
 # narrow PUBLISH_ARGUMENT...: the link becomes narrower, and frames go on.
 narrow() {
   mtu 1500
-  publish "$@"
+  start "$@"
   rm -f "$work"/*.mkv
   play_far 60 &
   local far_player=$!
   playing far $far_player
   mtu 1280
   wait $far_player
-  unpublish
+  stop
 }
 
 for codec in jpeg h264; do
@@ -153,7 +136,7 @@ for codec in jpeg h264; do
   watch far "${options[@]}"
   watch both "${options[@]}"
   narrow "${options[@]}"
-  [ "$(fragments)" = 0 ] || { echo "$codec: $(fragments) packets were fragmented"; exit 1; }
+  [ "$(fragments)" = 0 ] || die "$codec: $(fragments) packets were fragmented"
 done
 
 mtu 1280

@@ -2,15 +2,9 @@
 # kavo-publish: its mistakes in one line each, a real file seen in a player, a clean end.
 set -euo pipefail
 publish=$1
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-die() {
-  echo "FAILED: $1"
-  exit 1
-}
+. "$(dirname "$0")/publisher.sh"
 
-# For those that get as far as serving.
-free=$(python3 -c 'import socket; s = socket.socket(socket.AF_INET6); s.bind(("::", 0)); print(s.getsockname()[1])')
+free=$(free_port)  # for those that get as far as serving
 
 # refused STATUS TEXT ARGUMENT...: one line with the text, and the exit status.
 refused() {
@@ -43,28 +37,6 @@ echo "no video" >"$work/text.txt"
 refused 1 'text.txt' "$work/text.txt"
 "$publish" -h | grep -q -- '--reconnect' || die "no help"
 "$publish" --version | grep -q '^kavo-publish 2' || die "no version"
-
-# start ARGUMENT...: publishes on a free port, and waits until it says where.
-start() {
-  for _ in 1 2 3 4 5; do
-    port=$((20000 + RANDOM % 20000))
-    : >"$work/out"  # what the last one said
-    "$publish" --port "$port" "$@" >"$work/out" 2>"$work/err" &
-    pid=$!
-    while kill -0 "$pid" 2>/dev/null; do
-      grep -qE 'Ctrl-C|"url"' "$work/out" && return
-      sleep 0.05
-    done
-    grep -q 'cannot serve on port' "$work/err" || die "$(cat "$work/err")"
-  done
-  die "no port"
-}
-
-stop() {
-  kill -INT "$pid"
-  wait "$pid" || die "did not end cleanly: $(cat "$work/err")"
-  grep -qE 'frames submitted|"offered"' "$work/out" || die "no status"
-}
 
 # pixel FILE: the colour in the middle of its frame, as hex.
 pixel() { ffmpeg -v error -i "$1" -vf crop=2:2 -frames:v 1 -f rawvideo -pix_fmt rgb24 - | od -An -tx1 -N3 | tr -d ' \n'; }

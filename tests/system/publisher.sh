@@ -1,0 +1,35 @@
+# Sourced by the tests that are shell scripts: a folder of their own, and
+# kavo-publish ("$publish") on a free port.
+# shellcheck shell=bash disable=SC2034,SC2154
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+die() {
+  echo "FAILED: $1"
+  exit 1
+}
+
+free_port() { python3 -c 'import socket; s = socket.socket(socket.AF_INET6); s.bind(("::", 0)); print(s.getsockname()[1])'; }
+
+# start ARGUMENT...: publishes, and waits until it says where.
+start() {
+  for _ in 1 2 3 4 5; do
+    port=$(free_port)
+    : >"$work/out" # what the last one said
+    "$publish" --port "$port" "$@" >"$work/out" 2>"$work/err" &
+    pid=$!
+    while kill -0 "$pid" 2>/dev/null; do
+      grep -qE 'Ctrl-C|"url"' "$work/out" && return
+      sleep 0.05
+    done
+    grep -q 'cannot serve on port' "$work/err" || die "$(cat "$work/err")"
+  done
+  die "no port"
+}
+
+stop() {
+  kill -INT "$pid"
+  wait "$pid" || die "did not end cleanly: $(cat "$work/err")"
+  grep -qE 'submitted|"offered"' "$work/out" || die "no status"
+}
