@@ -10,15 +10,17 @@ if(KAVO_PRIVATE_LIVE555)
   install(DIRECTORY ${PROJECT_BINARY_DIR}/src/kavo-stream/licences DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/kavo-stream
     COMPONENT library)
 endif()
-install(FILES include/kavo_stream.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
+install(FILES include/kavo_stream.h include/kavo_status.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
 install(DIRECTORY include/kavo DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
 set(KAVO_DOC_DIR ${CMAKE_INSTALL_DATADIR}/doc)
 install(FILES cmake/copyright DESTINATION ${KAVO_DOC_DIR}/libkavo-stream2 COMPONENT library)
 install(FILES cmake/copyright DESTINATION ${KAVO_DOC_DIR}/libkavo-stream-dev COMPONENT development)
 if(KAVO_TOOLS)
-  install(TARGETS kavo-publish RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
-  install(FILES tools/kavo-publish/completion.bash RENAME kavo-publish
-    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tools)
+  install(TARGETS kavo-publish kavo-stat RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+  foreach(tool kavo-publish kavo-stat)
+    install(FILES tools/completion.bash RENAME ${tool}
+      DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tools)
+  endforeach()
   install(FILES cmake/copyright DESTINATION ${KAVO_DOC_DIR}/kavo-publish COMPONENT tools)
 endif()
 

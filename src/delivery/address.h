@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 
 #include <cstring>
+#include <string>
 
 namespace kavo::impl {
 
@@ -32,5 +33,8 @@ inline bool isSameHost(sockaddr_storage const& a, sockaddr_storage const& b) {
   return reinterpret_cast<sockaddr_in const&>(a).sin_addr.s_addr ==
          reinterpret_cast<sockaddr_in const&>(b).sin_addr.s_addr;
 }
+
+// Such as 192.0.2.7:5000 or [2001:db8::7]:5000.
+std::string textOf(sockaddr_storage const& address);
 
 }  // namespace kavo::impl

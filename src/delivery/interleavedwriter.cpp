@@ -93,8 +93,9 @@ bool InterleavedWriter::prepareForResponse() {
 }
 
 bool InterleavedWriter::sendFrame(InterleavedFrame& frame, bool keyFrame) {
+  m_Dropped = 0;
   if (!m_Waiting.empty() && (keyFrame || isBehind(frame))) {
-    dropNotBegun(frame.channel());  // a key frame makes older frames needless
+    m_Dropped = dropNotBegun(frame.channel());  // a key frame makes older frames needless
     if (!keyFrame) {
       return false;
     }
@@ -168,11 +169,13 @@ bool InterleavedWriter::isBehind(InterleavedFrame const& next) const {
   return late || (bytes > 0 && bytes + next.size() > maxWaiting);
 }
 
-void InterleavedWriter::dropNotBegun(std::uint8_t channel) {
+std::size_t InterleavedWriter::dropNotBegun(std::uint8_t channel) {
   auto const from = m_Waiting.begin() + static_cast<std::ptrdiff_t>(firstNotBegun());
-  m_Waiting.erase(
-      std::remove_if(from, m_Waiting.end(), [&](Waiting const& waiting) { return waiting.channel == channel; }),
-      m_Waiting.end());
+  auto const dropped =
+      std::remove_if(from, m_Waiting.end(), [&](Waiting const& waiting) { return waiting.channel == channel; });
+  auto const count = static_cast<std::size_t>(m_Waiting.end() - dropped);
+  m_Waiting.erase(dropped, m_Waiting.end());
+  return count;
 }
 
 void InterleavedWriter::flush() {

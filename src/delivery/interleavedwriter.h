@@ -67,6 +67,8 @@ class InterleavedWriter {
   // False when the viewer is too far behind: what waits on the channel is dropped,
   // and the viewer needs a key frame to continue. A key frame is always accepted.
   bool sendFrame(InterleavedFrame& frame, bool keyFrame);
+  // How many frames the last sendFrame() dropped that it had accepted before.
+  std::size_t dropped() const { return m_Dropped; }
   // Skipped while the viewer is behind.
   void sendReport(std::span<std::uint8_t const> report, std::uint8_t channel);
   // Stops sending on the channel, except the rest of a frame partly sent.
@@ -96,7 +98,7 @@ class InterleavedWriter {
 
   std::size_t firstNotBegun() const { return m_FrontOffset > 0 ? 1 : 0; }
   bool isBehind(InterleavedFrame const& next) const;
-  void dropNotBegun(std::uint8_t channel);
+  std::size_t dropNotBegun(std::uint8_t channel);
   template <class Bytes>
   void wait(Bytes const& bytes, std::uint8_t channel, std::size_t sent);
   void waitForSocket();
@@ -105,6 +107,7 @@ class InterleavedWriter {
   int m_Socket;
   bool m_Blocked = false;
   std::vector<Waiting> m_Waiting;
+  std::size_t m_Dropped = 0;
   std::size_t m_FrontOffset = 0;  // bytes of the first that were sent
   std::function<void(bool)> m_SetWriteInterest;
   bool m_ResponseWaits = false;

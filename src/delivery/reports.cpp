@@ -152,6 +152,9 @@ void Viewers::note(Viewer& viewer, ReceiverReport const& report, Clock::time_poi
       reception.roundTrip = std::max(since - held, std::chrono::microseconds::zero());
     }
   }
+  if (status::page() != nullptr) {
+    viewer.noteReport(status::now());
+  }
   if (viewer.m_OnSignOfLife) {
     auto const function = viewer.m_OnSignOfLife;
     function();

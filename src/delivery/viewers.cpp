@@ -24,8 +24,9 @@ constexpr std::chrono::microseconds longestFrameInterval{200000};
 
 }  // namespace
 
-Viewers::Viewers(TaskScheduler& scheduler, Callbacks callbacks)
+Viewers::Viewers(TaskScheduler& scheduler, status::StreamPlace const& stream, Callbacks callbacks)
     : m_Scheduler(scheduler),
+      m_Stream(stream),
       m_Callbacks(std::move(callbacks)),
       m_NextBurst(scheduler,
                   [this]() KAVO_REQUIRES(eventLoopRole) {
@@ -63,22 +64,24 @@ Viewer* Viewers::addUdp(sockaddr_storage const& address, std::uint16_t rtpPort, 
   if (!openPorts(address.ss_family)) {
     return nullptr;
   }
-  std::unique_ptr<Viewer> viewer(new Viewer(*this));
+  std::unique_ptr<Viewer> viewer(new Viewer(*this, KV_STATUS_UDP));
   viewer->m_Udp.address = viewer->m_RtcpAddress = address;
   portOf(viewer->m_Udp.address) = htons(rtpPort);
+  viewer->setAddress(viewer->m_Udp.address);
   portOf(viewer->m_RtcpAddress) = htons(rtcpPort);
   takePortsFromOthers(*viewer);
   return m_Viewers.emplace_back(std::move(viewer)).get();
 }
 
 Viewer* Viewers::addInterleaved(std::uint8_t rtpChannel, std::uint8_t rtcpChannel) {
-  std::unique_ptr<Viewer> viewer(new Viewer(*this));
+  std::unique_ptr<Viewer> viewer(new Viewer(*this, KV_STATUS_TCP));
   viewer->m_RtpChannel = rtpChannel;
   viewer->m_RtcpChannel = rtcpChannel;
   return m_Viewers.emplace_back(std::move(viewer)).get();
 }
 
 void Viewers::remove(Viewer& viewer) {
+  viewer.noteEvent(KV_STATUS_LEFT, viewer.m_WhyLeft);
   stopSending(viewer);
   std::erase_if(m_Viewers, [&](auto const& entry) { return entry.get() == &viewer; });
   fitPackets();
@@ -110,7 +113,8 @@ void Viewers::play(Viewer& viewer) {
     viewer.m_MaxPacket =
         std::min<std::size_t>(largestPacket, maxUdpPayload(viewer.m_Udp.address).value_or(largestPacket));
   }
-  viewer.m_State = Viewer::State::AwaitingKeyFrame;
+  viewer.enter(Viewer::State::AwaitingKeyFrame);
+  viewer.noteEvent(KV_STATUS_JOINED, viewer.isOverUdp() ? "udp" : "tcp");
   fitPackets();
   m_Callbacks.wantKeyFrame(true);
   // Ahead of the first frame, so that receivers know its time.
@@ -122,7 +126,8 @@ void Viewers::play(Viewer& viewer) {
 
 void Viewers::pause(Viewer& viewer) {
   if (viewer.isActive()) {
-    viewer.m_State = Viewer::State::Paused;
+    viewer.enter(Viewer::State::Paused);
+    viewer.noteEvent(KV_STATUS_PAUSE, "");
     stopSending(viewer);
     fitPackets();
   }
@@ -166,20 +171,24 @@ bool Viewers::send(FramePackets& packets, bool keyFrame) {
   }
   for (auto const& viewer : m_Viewers) {
     if (keyFrame && viewer->m_State == Viewer::State::AwaitingKeyFrame) {
-      viewer->m_State = Viewer::State::Playing;
+      viewer->enter(Viewer::State::Playing);
     }
     if (viewer->m_State == Viewer::State::Playing) {
       if (viewer->isOverUdp()) {
         m_Families[indexOf(viewer->m_Udp.address.ss_family)]->takers.push_back(viewer.get());
-      } else if (viewer->m_Writer && !viewer->m_Writer->sendFrame(frameOn(viewer->m_RtpChannel, packets), keyFrame)) {
-        viewer->m_State = Viewer::State::AwaitingKeyFrame;
+        viewer->noteSent(packets.bytes());
+      } else if (viewer->m_Writer) {
+        sendInterleaved(*viewer, packets, keyFrame);
       }
+    } else if (viewer->isActive()) {
+      viewer->noteDropped(1);
     }
     // A key frame is large for everybody: a viewer over TCP asks when it can take one.
     if (viewer->m_State == Viewer::State::AwaitingKeyFrame) {
       keyFrameWanted = keyFrameWanted || !(viewer->m_Writer && viewer->m_Writer->isBlocked());
     }
   }
+  m_Stream.add(&kv_status_stream::sent);
   if (keyFrame || keyFrameWanted) {
     m_Callbacks.wantKeyFrame(keyFrameWanted);
   }
@@ -187,6 +196,19 @@ bool Viewers::send(FramePackets& packets, bool keyFrame) {
   m_NextPacket = 0;
   notePace(packets.bytes());
   return sendBurst();
+}
+
+void Viewers::sendInterleaved(Viewer& viewer, FramePackets& packets, bool keyFrame) {
+  bool const accepted = viewer.m_Writer->sendFrame(frameOn(viewer.m_RtpChannel, packets), keyFrame);
+  if (viewer.m_Writer->dropped() > 0) {
+    viewer.noteDropped(viewer.m_Writer->dropped());
+  }
+  if (accepted) {
+    viewer.noteSent(packets.bytes());
+  } else {
+    viewer.noteDropped(1);
+    viewer.enter(Viewer::State::AwaitingKeyFrame);
+  }
 }
 
 void Viewers::drop() {
@@ -203,7 +225,7 @@ void Viewers::abandonFrame() {
   drop();
   for (auto const& viewer : m_Viewers) {
     if (viewer->m_State == Viewer::State::Playing) {
-      viewer->m_State = Viewer::State::AwaitingKeyFrame;
+      viewer->enter(Viewer::State::AwaitingKeyFrame);
     }
   }
   m_Callbacks.wantKeyFrame(true);
@@ -269,7 +291,8 @@ void Viewers::narrow(Viewer& viewer) {
   std::size_t const path = maxUdpPayload(viewer.m_Udp.address).value_or(largestPacket);
   std::size_t const smaller = path < viewer.m_MaxPacket ? path : viewer.m_MaxPacket * 3 / 4;
   viewer.m_MaxPacket = std::max(smaller, smallestPacket);
-  viewer.m_State = Viewer::State::AwaitingKeyFrame;
+  viewer.enter(Viewer::State::AwaitingKeyFrame);
+  viewer.noteEvent(KV_STATUS_NARROWED, std::to_string(viewer.m_MaxPacket) + " bytes");
   fitPackets();
   m_Callbacks.wantKeyFrame(true);
 }

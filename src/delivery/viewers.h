@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "base/statuspage.h"
 #include "base/uniquefd.h"
 #include "delivery/interleavedwriter.h"
 #include "delivery/udpports.h"
@@ -49,8 +50,10 @@ class Viewer {
   bool isActive() const { return m_State == State::AwaitingKeyFrame || m_State == State::Playing; }
   Reception const& reception() const { return m_Reception; }
 
-  // The connection that a viewer over TCP sends on; it gets nothing before.
-  void attach(std::shared_ptr<InterleavedWriter> writer) { m_Writer = std::move(writer); }
+  // The connection that a viewer over TCP sends on, and its other end; it gets nothing before.
+  void attach(std::shared_ptr<InterleavedWriter> writer, sockaddr_storage const& peer);
+  // Why it is about to go, for the status page. A literal.
+  void setReasonToLeave(char const* why) { m_WhyLeft = why; }
   bool isAttachedTo(InterleavedWriter const& writer) const { return m_Writer.get() == &writer; }
   bool usesChannel(int channel) const { return !isOverUdp() && (channel == m_RtpChannel || channel == m_RtcpChannel); }
 
@@ -68,10 +71,22 @@ class Viewer {
 
  private:
   friend class Viewers;
-  explicit Viewer(Viewers& table) : m_Table(table) {}
+  Viewer(Viewers& table, kv_status_transport transport);
+
+  void enter(State state);
+  void setAddress(sockaddr_storage const& address);
+  void noteSent(std::size_t bytes) KAVO_REQUIRES(eventLoopRole);
+  void noteDropped(std::size_t frames) KAVO_REQUIRES(eventLoopRole);
+  void noteReport(std::uint64_t time);
+  void noteEvent(kv_status_event_kind kind, std::string const& more) const;
 
   Viewers& m_Table;
   State m_State = State::SetUp;
+  // For the status page.
+  status::ViewerPlace m_Place;
+  bool m_IsBehind = false;
+  char const* m_WhyLeft = "timed out";
+  std::string m_Address;
   // Over TCP.
   std::uint8_t m_RtpChannel = 0;
   std::uint8_t m_RtcpChannel = 0;
@@ -105,7 +120,8 @@ class Viewers {
     std::function<SenderInfo()> senderInfo;  // of this moment
   };
 
-  Viewers(TaskScheduler& scheduler, Callbacks callbacks);
+  // The stream's record on the status page has to live as long as this.
+  Viewers(TaskScheduler& scheduler, status::StreamPlace const& stream, Callbacks callbacks);
 
   // A viewer over UDP; null when no sockets are available. Ports in host byte order.
   Viewer* addUdp(sockaddr_storage const& address, std::uint16_t rtpPort, std::uint16_t rtcpPort)
@@ -157,6 +173,7 @@ class Viewers {
   void takePortsFromOthers(Viewer const& viewer) KAVO_REQUIRES(eventLoopRole);
   void stopSending(Viewer& viewer) KAVO_REQUIRES(eventLoopRole);
   InterleavedFrame& frameOn(std::uint8_t channel, FramePackets& packets) KAVO_REQUIRES(eventLoopRole);
+  void sendInterleaved(Viewer& viewer, FramePackets& packets, bool keyFrame) KAVO_REQUIRES(eventLoopRole);
   bool sendBurst() KAVO_REQUIRES(eventLoopRole);
   void sendOverUdp(Family& family, std::size_t first, std::size_t last) KAVO_REQUIRES(eventLoopRole);
   void narrow(Viewer& viewer) KAVO_REQUIRES(eventLoopRole);
@@ -171,6 +188,7 @@ class Viewers {
   void note(Viewer& viewer, ReceiverReport const& report, Clock::time_point now) KAVO_REQUIRES(eventLoopRole);
 
   TaskScheduler& m_Scheduler;
+  status::StreamPlace const& m_Stream;
   Callbacks m_Callbacks;
   std::vector<std::unique_ptr<Viewer>> m_Viewers KAVO_GUARDED_BY(eventLoopRole);
   std::unique_ptr<Family> m_Families[2] KAVO_GUARDED_BY(

@@ -8,6 +8,7 @@
 #include <initializer_list>
 #include <string>
 
+#include "base/statuspage.h"
 #include "codec/codecparameter.h"
 #include "kavo_stream.h"
 #include "session/sessionmanager.h"
@@ -34,7 +35,8 @@ struct ExitAtUnload {
   }
   ~ExitAtUnload() {
     if (!g_InChild) {
-      resultOf([] { g_SessionManager->exit(); });
+      resultOf([] { g_SessionManager->exit(); }, [](int, char const*) {});
+      status::close();
     }
   }
   ExitAtUnload(ExitAtUnload const&) = delete;
@@ -182,5 +184,7 @@ void dispatch(int command, void* param, int size) {
 }  // namespace kavo::impl
 
 __attribute__((visibility("default"))) int kv_Stream(int command, void* param, int size) {
-  return kavo::impl::resultOf([=] { kavo::impl::dispatch(command, param, size); });
+  return kavo::impl::resultOf(
+      [=] { kavo::impl::dispatch(command, param, size); },
+      [=](int result, char const* text) { kavo::impl::status::noteFailure(command, result, text); });
 }

@@ -38,19 +38,26 @@ T ValidateInput(void* param, int size, T defaultValue) {
   return present ? *static_cast<T*>(param) : defaultValue;
 }
 
-// Calls the function and translates what it throws into a result code.
-template <class Function>
-int resultOf(Function const& function) noexcept {
+// Calls the function and translates what it throws into a result code; noteFailure
+// gets that code and the text.
+template <class Function, class Note>
+int resultOf(Function const& function, Note const& noteFailure) noexcept {
+  auto const failed = [&](int result, char const* text) {
+    noteFailure(result, text);
+    return result;
+  };
   try {
     function();
     return KV_OK;
   } catch (StreamException const& failure) {
     auto const row = g_ErrorTable->find(failure.m_Code);
-    return row == g_ErrorTable->end() ? KV_UNEXPECTED : row->second;
+    return failed(row == g_ErrorTable->end() ? KV_UNEXPECTED : row->second, failure.what());
   } catch (std::out_of_range const&) {
-    return KV_UNKNOWN;
+    return failed(KV_UNKNOWN, "No such session");
+  } catch (std::exception const& failure) {
+    return failed(KV_UNEXPECTED, failure.what());
   } catch (...) {
-    return KV_UNEXPECTED;
+    return failed(KV_UNEXPECTED, "Unknown exception");
   }
 }
 

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <deque>
 
+#include "base/statuspage.h"
 #include "base/threadannotations.h"
 #include "rtsp/keyframerequest.h"
 
@@ -60,6 +61,9 @@ class FrameSourceHandler {
   // Back channel: key-frame requests.
   KeyFrameRequest& keyFrameRequest() { return m_KeyFrameRequest; }
 
+  // The stream's record on the status page.
+  status::StreamPlace& status() { return m_Status; }
+
   // Whether a source exists that will take frames out; set on the event-loop thread.
   bool IsStreaming() const { return m_Streaming.load(std::memory_order_relaxed); }
   void SetStreaming(bool streaming) { m_Streaming.store(streaming, std::memory_order_relaxed); }
@@ -72,6 +76,7 @@ class FrameSourceHandler {
   std::deque<FrameData> m_Frames KAVO_GUARDED_BY(m_Mutex);
   std::atomic<bool> m_Streaming = false;
   KeyFrameRequest m_KeyFrameRequest;
+  status::StreamPlace m_Status;
 };
 
 }  // namespace kavo::impl

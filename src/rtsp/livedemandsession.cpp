@@ -14,13 +14,14 @@ LiveDemandSession::LiveDemandSession(UsageEnvironment& env, std::shared_ptr<Fram
     : OnDemandServerMediaSubsession(env, reuseFirstSource ? True : False, firstServerPort, False),
       m_FrameSourceHandler(std::move(handler)),
       m_EstimatedBitrate(estimatedBitrate),
-      m_Viewers(env.taskScheduler(), {.wantKeyFrame =
-                                          [this](bool wanted) {
-                                            auto& request = m_FrameSourceHandler->keyFrameRequest();
-                                            wanted ? request.ask() : request.withdraw();
-                                          },
-                                      .frameSent = [this]() KAVO_REQUIRES(eventLoopRole) { m_Sink.live->frameSent(); },
-                                      .senderInfo = [this]() KAVO_REQUIRES(eventLoopRole) { return senderInfo(); }}) {}
+      m_Viewers(env.taskScheduler(), m_FrameSourceHandler->status(),
+                {.wantKeyFrame =
+                     [this](bool wanted) {
+                       auto& request = m_FrameSourceHandler->keyFrameRequest();
+                       wanted ? request.ask() : request.withdraw();
+                     },
+                 .frameSent = [this]() KAVO_REQUIRES(eventLoopRole) { m_Sink.live->frameSent(); },
+                 .senderInfo = [this]() KAVO_REQUIRES(eventLoopRole) { return senderInfo(); }}) {}
 
 LiveDemandSession::~LiveDemandSession() {
   eventLoopRole.assertHeld();

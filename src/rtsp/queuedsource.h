@@ -78,9 +78,18 @@ class QueuedSource : public Base, public GrowingSource {
       bool const delivered = wanted && contained([&]() KAVO_REQUIRES(eventLoopRole) { deliver(packet); });
       m_FrameSourceHandler->pop();
       if (delivered) {
+        noteNewest(packet);
         FramedSource::afterGetting(this);
         return;
       }
+    }
+  }
+
+  void noteNewest(AVPacket const& packet) {
+    if (auto const& status = m_FrameSourceHandler->status()) {
+      auto const age = std::chrono::steady_clock::now() - FrameSourceHandler::submitTime(packet);
+      auto const microseconds = std::chrono::duration_cast<std::chrono::microseconds>(age).count();
+      status::put(status->newest, status::now() - static_cast<std::uint64_t>(microseconds));
     }
   }
 

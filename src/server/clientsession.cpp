@@ -1,6 +1,8 @@
 #include "server/clientsession.h"
 
 #include <string>
+#include <string_view>
+#include <utility>
 
 #include "server/rtspconnection.h"
 #include "server/rtspserver.h"
@@ -33,6 +35,19 @@ void ClientSession::joinConnection(RtspConnection& connection) {
   }
 }
 
+void ClientSession::leaveConnection() {
+  m_Connection = nullptr;
+  if (viewer() != nullptr && !viewer()->isOverUdp()) {
+    setReasonToLeave("its connection ended");
+  }
+}
+
+void ClientSession::setReasonToLeave(char const* why) {
+  if (viewer() != nullptr && !std::exchange(m_HasReason, true)) {
+    viewer()->setReasonToLeave(why);
+  }
+}
+
 void ClientSession::handleReport(std::span<std::uint8_t const> packet) { viewer()->handleReport(packet); }
 
 void ClientSession::noteProgress() {
@@ -48,6 +63,7 @@ bool ClientSession::isAbandoned() {
 
 void ClientSession::sayGoodbye() {
   if (Viewer* const watching = viewer()) {
+    setReasonToLeave("the host ended the session");
     watching->sayGoodbye();
   }
 }
@@ -77,7 +93,7 @@ void ClientSession::handleCmd_SETUP(RTSPServer::RTSPClientConnection* connection
   }
   if (Viewer* const watching = viewer()) {
     if (transport->interleaved) {
-      watching->attach(ours.writer());
+      watching->attach(ours.writer(), ours.clientAddress());
     }
     m_ClientAddress = ours.clientAddress();
     watching->onSignOfLife([this] { noteLiveness(); });
@@ -93,6 +109,9 @@ void ClientSession::handleCmd_withinSession(RTSPServer::RTSPClientConnection* co
   eventLoopRole.assertHeld();
   auto& ours = static_cast<RtspConnection&>(*connection);
   joinConnection(ours);
+  if (cmdName == std::string_view("TEARDOWN")) {
+    setReasonToLeave("TEARDOWN");
+  }
   RTSPClientSession::handleCmd_withinSession(connection, cmdName, urlPreSuffix, urlSuffix,
                                              ours.request().headers().c_str());
 }

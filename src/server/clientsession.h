@@ -24,7 +24,9 @@ class ClientSession : public RTSPServer::RTSPClientSession {
   bool isOf(ServerMediaSession const* session) const { return fOurServerMediaSession == session; }
   // The connection that it was set up on, or last used from; null once that is gone.
   RtspConnection* connection() const { return m_Connection; }
-  void leaveConnection() { m_Connection = nullptr; }
+  void leaveConnection();
+  // Why its viewer is about to go, for the status page: the first reason counts. A literal.
+  void setReasonToLeave(char const* why);
 
   // Whether requests from the address may use it: those of the host that made it.
   bool isOfHost(sockaddr_storage const& address) const { return isSameHost(m_ClientAddress, address); }
@@ -55,6 +57,7 @@ class ClientSession : public RTSPServer::RTSPClientSession {
   void joinConnection(RtspConnection& connection) KAVO_REQUIRES(eventLoopRole);
 
   RtspConnection* m_Connection = nullptr;
+  bool m_HasReason = false;
   sockaddr_storage m_ClientAddress{};
 };
 

@@ -163,6 +163,7 @@ void RtspConnection::handleRequest() {
     answer("503 Service Unavailable");
   } else if (request().method == "SETUP" && request().session.empty() &&
              (m_Sessions.size() >= maxSessions || !m_Server.hasRoomForSession())) {
+    m_Server.noteRefusal(&kv_status_process::refused_limit, fClientAddr, "too many sessions");
     answer("453 Not Enough Bandwidth");
   } else {
     auto const text = request().text();
@@ -171,6 +172,7 @@ void RtspConnection::handleRequest() {
     auto& server = m_Server;
     handleRequestBytes(static_cast<int>(text.size()));
     server.removeFailedSession();
+    server.noteCounts();
   }
 }
 

@@ -8,6 +8,8 @@
 #include <utility>
 #include <vector>
 
+#include "base/statuspage.h"
+#include "delivery/address.h"
 #include "eventloop/memoryreserve.h"
 #include "server/clientsession.h"
 #include "server/rtspconnection.h"
@@ -107,6 +109,7 @@ void RtspServer::addConnection(UniqueFd client, sockaddr_storage const& clientAd
     throw;
   }
   (*place)->setPlace(place);
+  noteCounts();
 }
 
 GenericMediaServer::ClientSession* RtspServer::createNewClientSession(u_int32_t sessionId) {
@@ -137,10 +140,27 @@ bool RtspServer::hasRoomForSession() {
   return lost != nullptr;
 }
 
-void RtspServer::removeConnection(Connections::iterator place) { m_Connections.erase(place); }
+void RtspServer::removeConnection(Connections::iterator place) {
+  m_Connections.erase(place);
+  noteCounts();
+}
+
+void RtspServer::noteCounts() {
+  using Process = kv_status_process;
+  status::putNowAndMost(&Process::connections, &Process::connections_most, m_Connections.size());
+  status::putNowAndMost(&Process::sessions, &Process::sessions_most, numClientSessions());
+}
 
 void RtspServer::noteActivity(Connections::iterator place) {
   m_Connections.splice(m_Connections.end(), m_Connections, place);
+}
+
+void RtspServer::noteRefusal(std::uint64_t kv_status_process::* counter, sockaddr_storage const& address,
+                             char const* why) {
+  status::increaseProcess(counter);
+  if (status::page() != nullptr) {
+    status::note(KV_STATUS_REFUSED, "", textOf(address) + ": " + why);
+  }
 }
 
 void RtspServer::startAccepting() {
@@ -166,6 +186,8 @@ bool RtspServer::acceptOne(int listeningSocket) {
   if (client.get() >= 0) {
     if (MemoryReserve::refill() && (m_Connections.size() < m_MaxConnections || evictConnection())) {
       addConnection(std::move(client), address);
+    } else {
+      noteRefusal(&kv_status_process::refused_limit, address, "too many connections");
     }
     return true;
   }
@@ -202,11 +224,18 @@ bool RtspServer::evictConnection() {
 void RtspServer::closeIdleAndStalled() {
   m_CloseIdle.start(idleCheckInterval);
   MemoryReserve::refill();
+  noteCounts();
+  if (status::page() != nullptr) {
+    status::putProcess(&kv_status_process::alive, status::now());
+  }
   auto const now = RtspConnection::Clock::now();
   for (auto place = m_Connections.begin(); place != m_Connections.end();) {
     RtspConnection* const connection = *place++;
     bool const idle = now - connection->lastActivity() > idleTimeout && !connection->hasStream();
     if (idle || connection->isStalled(now)) {
+      for (impl::ClientSession* const session : connection->sessions()) {
+        session->setReasonToLeave("took nothing for 10 s");
+      }
       delete connection;
     } else {
       for (impl::ClientSession* const session : connection->sessions()) {
@@ -218,6 +247,7 @@ void RtspServer::closeIdleAndStalled() {
   forEachSession([&](impl::ClientSession& session) {
     eventLoopRole.assertHeld();
     if (session.isAbandoned()) {
+      session.setReasonToLeave("nobody listens on its port");
       abandoned.push_back(&session);
     }
   });

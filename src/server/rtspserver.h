@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 
+#include "base/statuspage.h"
 #include "eventloop/eventlooprole.h"
 #include "eventloop/socketwatch.h"
 #include "eventloop/timer.h"
@@ -57,6 +58,11 @@ class RtspServer : public RTSPServer {
   void removeFailedSession() KAVO_REQUIRES(eventLoopRole);
   template <class Function>
   void forEachSession(Function const& function) KAVO_REQUIRES(eventLoopRole);
+
+  // For the status page.
+  void noteRefusal(std::uint64_t kv_status_process::* counter, sockaddr_storage const& address, char const* why)
+      KAVO_REQUIRES(eventLoopRole);
+  void noteCounts() KAVO_REQUIRES(eventLoopRole);
 
   void startAccepting() KAVO_REQUIRES(eventLoopRole);
   void pauseAccepting() KAVO_REQUIRES(eventLoopRole);

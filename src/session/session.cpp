@@ -14,12 +14,12 @@ namespace kavo::impl {
 namespace {
 
 std::shared_ptr<ISubSession> makeStream(StreamEnvironment const& env, ServerMediaSession& media,
-                                        VideoCodecParameter const& parameter) {
+                                        std::string const& name, VideoCodecParameter const& parameter) {
   switch (parameter.m_DstCodecId) {
     case HostCodecMjpeg:
-      return std::make_shared<VideoSubSession<JpegDemandSession>>(env, media, &parameter);
+      return std::make_shared<VideoSubSession<JpegDemandSession>>(env, media, name, &parameter);
     case HostCodecH264:
-      return std::make_shared<VideoSubSession<H264DemandSession>>(env, media, &parameter);
+      return std::make_shared<VideoSubSession<H264DemandSession>>(env, media, name, &parameter);
     default:
       throw StreamException("Invalid codec parameter", ErrorInvalidParameter);
   }
@@ -55,7 +55,7 @@ void Session::addStream(ICodecParameter const* param) {
   if (m_Stream) {
     throw StreamException("Stream already initialized", ErrorAlreadyThere);
   }
-  m_Stream = makeStream(m_Environment, *m_MediaSession, static_cast<VideoCodecParameter const&>(*param));
+  m_Stream = makeStream(m_Environment, *m_MediaSession, m_StreamName, static_cast<VideoCodecParameter const&>(*param));
 }
 
 void Session::submitData(void* streamId, unsigned char const* frame) {

@@ -1,11 +1,13 @@
 #include "session/sessionmanager.h"
 
+#include "base/statuspage.h"
 #include "base/streamexception.h"
 
 namespace kavo::impl {
 
 void SessionManager::init(unsigned int port) {
   MutexLock lock(m_Mutex);
+  status::open();
   m_MayServe = true;
   try {
     m_Environment.start(port);

@@ -10,6 +10,7 @@
 #include <GroupsockHelper.hh>
 #include <MediaSink.hh>
 
+#include "base/statuspage.h"
 #include "eventloop/epollscheduler.h"
 #include "eventloop/quietusageenvironment.h"
 #include "rtsp/framebuffer.h"
@@ -124,6 +125,7 @@ void StreamEnvironment::start(unsigned int port) {
     release();
     throw;
   }
+  status::putProcess(&kv_status_process::port, port);
 }
 
 void StreamEnvironment::makeServer(unsigned int port) {
@@ -176,6 +178,7 @@ void StreamEnvironment::release() {
   m_UsageEnvironment.reset();
   m_Reserve.reset();
   m_Failed = false;
+  status::putProcess(&kv_status_process::port, 0);
 }
 
 // Handlers contain their exceptions; if the loop itself cannot continue, the server

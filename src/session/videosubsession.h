@@ -3,10 +3,13 @@
 #pragma once
 
 #include <ServerMediaSession.hh>
+#include <chrono>
 #include <memory>
+#include <string>
 
 #include "base/streamexception.h"
 #include "codec/transcoder.h"
+#include "kavo_stream.h"
 #include "rtsp/framesourcehandler.h"
 #include "session/isubsession.h"
 #include "session/streamenvironment.h"
@@ -18,11 +21,13 @@ class VideoSubSession : public ISubSession {
  public:
   // Adds its demand session to the media session last. Throws what the
   // transcoder throws.
-  VideoSubSession(StreamEnvironment const& env, ServerMediaSession& media, VideoCodecParameter const* parameter)
+  VideoSubSession(StreamEnvironment const& env, ServerMediaSession& media, std::string const& name,
+                  VideoCodecParameter const* parameter)
       : ISubSession(env),
         m_FrameSourceHandler(std::make_shared<FrameSourceHandler>()),
         m_Transcoder(std::make_shared<Transcoder>(parameter)) {
     auto const parameterSets = m_Transcoder->parameterSets();
+    m_FrameSourceHandler->status().take(name, descriptionOf(*parameter));
     m_MediaSession = env.runOnLoop([&] {
       eventLoopRole.assertHeld();
       auto* const session = DemandSession::createNew(env.GetUsageEnvironment(), m_FrameSourceHandler, parameterSets);
@@ -35,15 +40,34 @@ class VideoSubSession : public ISubSession {
     if (frame == nullptr) {
       throw StreamException("Invalid frame buffer", ErrorInvalidParameter);
     }
-    if (!m_FrameSourceHandler->IsStreaming() || !m_FrameSourceHandler->IsBufferFree()) {
+    auto& status = m_FrameSourceHandler->status();
+    status.add(&kv_status_stream::offered);
+    if (!m_FrameSourceHandler->IsStreaming()) {
+      status.add(&kv_status_stream::dropped_unwatched);
+      return;
+    }
+    if (!m_FrameSourceHandler->IsBufferFree()) {
+      status.add(&kv_status_stream::dropped_full);
       return;
     }
     auto const submitted = KeyFrameRequest::Clock::now();
     if (m_FrameSourceHandler->keyFrameRequest().take(submitted)) {
       m_Transcoder->requestKeyFrame();
+      if (status) {
+        status.add(&kv_status_stream::key_frames_asked);
+        status::note(KV_STATUS_KEY_FRAME, status.name(), "");
+      }
     }
     FrameSourceHandler::FrameData data{};
-    m_Transcoder->transcode(frame, data.packet);
+    try {
+      m_Transcoder->transcode(frame, data.packet);
+    } catch (...) {
+      status.add(&kv_status_stream::failed);
+      throw;
+    }
+    if (status) {
+      noteEncoded(data.packet, submitted);
+    }
     FrameSourceHandler::setSubmitTime(data.packet, submitted);
     try {
       m_FrameSourceHandler->push(data);
@@ -55,6 +79,29 @@ class VideoSubSession : public ISubSession {
   }
 
  private:
+  static kv_status_stream descriptionOf(VideoCodecParameter const& parameter) {
+    kv_status_stream description{};
+    description.codec = parameter.m_DstCodecId;
+    description.width = parameter.m_DstWidth;
+    description.height = parameter.m_DstHeight;
+    description.source_width = parameter.m_SrcWidth;
+    description.source_height = parameter.m_SrcHeight;
+    description.frame_rate = parameter.m_FrameRate;
+    description.bitrate = parameter.m_Bitrate;
+    return description;
+  }
+
+  void noteEncoded(AVPacket const& packet, KeyFrameRequest::Clock::time_point since) {
+    auto const& status = m_FrameSourceHandler->status();
+    bool const any = packet.data != nullptr;
+    bool const key = any && status->codec == KV_CODEC_H264 && (packet.flags & AV_PKT_FLAG_KEY) != 0;
+    status.add(any ? &kv_status_stream::encoded : &kv_status_stream::skipped);
+    status.add(&kv_status_stream::key_frames, key ? 1 : 0);
+    status.add(&kv_status_stream::bytes, static_cast<std::uint64_t>(packet.size));
+    auto const time = std::chrono::duration_cast<std::chrono::microseconds>(KeyFrameRequest::Clock::now() - since);
+    status.add(&kv_status_stream::encoding, static_cast<std::uint64_t>(time.count()));
+  }
+
   std::shared_ptr<FrameSourceHandler> m_FrameSourceHandler;
   std::shared_ptr<Transcoder> m_Transcoder;
 };

@@ -7,6 +7,15 @@
 
 using namespace kavo::impl;
 
+namespace {
+
+template <class Function>
+int resultOf(Function const& function) {
+  return kavo::impl::resultOf(function, [](int, char const*) {});
+}
+
+}  // namespace
+
 TEST(ErrorMapping, NothingElseEscapes) {
   EXPECT_EQ(resultOf([] {}), 0);
   EXPECT_EQ(resultOf([] { throw std::out_of_range("lookup"); }), 5);

@@ -62,7 +62,7 @@ green "$work/seen1.png"
 ffmpeg -v error -f lavfi -i testsrc=size=1280x720:rate=25 -t 1 -pix_fmt yuv420p "$work/large.mp4"
 refused 1 'missing.mp4' "$work/green.mp4" "$work/missing.mp4"
 start --json --codec jpeg --loop --name green --name large "$work/green.mp4" "$work/large.mp4"
-ffmpeg -v error -rtsp_transport tcp -i "rtsp://127.0.0.1:$port/green" -frames:v 30 -y "$work/two%d.png"
+ffmpeg -v error -rtsp_transport tcp -i "rtsp://127.0.0.1:$port/green" -frames:v 60 -y "$work/two%d.png"
 stop
 green "$work/two30.png"
 python3 - "$work/out" <<'EOF' || die "$(cat "$work/out")"
@@ -72,6 +72,7 @@ assert [line["stream"] for line in lines[:2]] == ["green", "large"], "introducti
 assert lines[1]["width"] == 1280 and lines[1]["codec"] == "jpeg" and lines[1]["url"].endswith("/large")
 green, large = lines[-2:]
 assert green["encoded"] >= 30 and green["offered"] == green["encoded"] + green["dropped"], "watched"
+assert any(line.get("viewers") == 1 for line in lines), "viewers"
 assert large["encoded"] == 0 and large["dropped"] == large["offered"] > 0, "not watched"
 EOF
 
@@ -128,7 +129,7 @@ stop
 cmp -s "$work/moving1.png" "$work/moving2.png" && die "the test pattern stands still"
 "$publish" --port "$port" --duration 0.3 --size 64x64 >"$work/out" || die "no end after --duration"
 # What a terminal completes.
-completed=$(bash -c '. "$1"; COMP_WORDS=("$2" --l); COMP_CWORD=1; _kavo_publish "$2"; echo "${COMPREPLY[*]}"' - "$2" "$publish")
+completed=$(bash -c '. "$1"; COMP_WORDS=("$2" --l); COMP_CWORD=1; _kavo "$2"; echo "${COMPREPLY[*]}"' - "$2" "$publish")
 [ "$completed" = "--loop --list-formats" ] || die "completed to: $completed"
 "$publish" --list-formats | grep -q 'JPEG *16x16 to 2040x2040, in steps of 8' || die "no formats"
 echo passed

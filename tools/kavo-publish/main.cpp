@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "options.h"
+#include "ownpage.h"
 #include "publication.h"
 #include "report.h"
 
@@ -42,6 +43,7 @@ bool anyRunning(std::deque<Publication> const& publications) {
 }
 
 void publish(Options const& options) {
+  OwnPage const page;
   kavo::Server server = serve(options);
   std::deque<Publication> publications;
   StopAtEnd const stopAtEnd;
@@ -64,13 +66,13 @@ void publish(Options const& options) {
       g_Stop = true;
     } else if (Clock::now() >= due) {
       due += interval;
-      report.status(publications);
+      report.status(publications, *page.read());
     }
   }
   while (anyRunning(publications)) {
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
-  report.status(publications);
+  report.status(publications, *page.read());
   for (Publication const& publication : publications) {
     publication.rethrow();
   }
@@ -81,6 +83,7 @@ void publish(Options const& options) {
 int main(int argc, char** argv) {
   std::signal(SIGINT, onSignal);
   std::signal(SIGTERM, onSignal);
+  std::signal(SIGPIPE, SIG_IGN);  // output that nobody reads is an error of its own
   try {
     if (auto const options = readOptions(argc, argv)) {
       publish(*options);

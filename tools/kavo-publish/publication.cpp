@@ -1,7 +1,5 @@
 #include "publication.h"
 
-#include <time.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -11,17 +9,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 using Seconds = std::chrono::duration<double>;
-
-// The library does not tell whether it encoded a frame. It did if the call took
-// its thread this long: one that nobody waits for takes a few microseconds, with
-// cold caches, and the fastest encoder several times more for its frame.
-long encodedNanoseconds(Size size) { return std::max(20000L, size.width * long{size.height} / 2); }
-
-long threadNanoseconds() {
-  timespec now{};
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-  return now.tv_sec * 1000000000L + now.tv_nsec;
-}
 
 void waitUntil(Clock::time_point due, std::atomic<bool> const& stop) {
   while (!stop && Clock::now() < due) {
@@ -141,27 +128,6 @@ void Publication::run() {
     if (Clock::now() - due > std::chrono::milliseconds(500)) {
       start += Clock::now() - due;
     }
-    submit(*frame);
+    m_Stream->submit(frame->data(), frame->size());
   }
-}
-
-void Publication::submit(std::vector<std::uint8_t> const& frame) {
-  long const cpu = threadNanoseconds();
-  auto const before = Clock::now();
-  m_Stream->submit(frame.data(), frame.size());
-  ++m_Offered;
-  if (threadNanoseconds() - cpu > encodedNanoseconds(size())) {
-    m_Nanoseconds += std::chrono::nanoseconds(Clock::now() - before).count();
-    ++m_Encoded;
-  }
-}
-
-Publication::Figures Publication::takeFigures() {
-  Figures figures;
-  figures.offered = m_Offered;
-  figures.encoded = m_Encoded;
-  long const lately = figures.encoded - std::exchange(m_EncodedBefore, figures.encoded);
-  auto const nanoseconds = static_cast<double>(m_Nanoseconds.exchange(0));
-  figures.millisecondsPerFrame = lately > 0 ? nanoseconds / 1e6 / static_cast<double>(lately) : 0;
-  return figures;
 }

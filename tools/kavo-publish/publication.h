@@ -14,12 +14,6 @@
 
 class Publication {
  public:
-  struct Figures {
-    long offered = 0;                 // frames, in all
-    long encoded = 0;                 // of them; the others found nobody waiting
-    double millisecondsPerFrame = 0;  // of those encoded since figures were last taken
-  };
-
   // Opens the input and creates its session and stream; note gets remarks. Throws Failure.
   Publication(kavo::Server& server, Options const& options, Options::Input const& input, std::atomic<bool>& stop,
               Note const& note);
@@ -42,14 +36,12 @@ class Publication {
   Size size() const { return {m_Video.outputWidth, m_Video.outputHeight}; }
   double frameRate() const { return m_Input.frameRate(); }
   std::int64_t bitsPerSecond() const { return m_Video.bitsPerSecond; }
-  Figures takeFigures();
 
  private:
   kavo::VideoOptions videoFor(CodecInfo const& codec, Options const& options) const;
   void createStream(Options const& options, Note const& note);
   bool takesUsualBitrate(Options options);
   void run();
-  void submit(std::vector<std::uint8_t> const& frame);
 
   std::string m_Name;
   std::string m_Source;
@@ -60,10 +52,6 @@ class Publication {
   CodecInfo const* m_Codec = nullptr;
   std::unique_ptr<kavo::Stream> m_Stream;
 
-  std::atomic<long> m_Offered = 0;
-  std::atomic<long> m_Encoded = 0;
-  std::atomic<long> m_Nanoseconds = 0;  // that encoding took
-  long m_EncodedBefore = 0;             // when figures were last taken
   std::exception_ptr m_Failure;
   std::atomic<bool> m_Running = false;
   std::thread m_Thread;

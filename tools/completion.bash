@@ -1,5 +1,5 @@
-# Completion of kavo-publish for bash: the options are those that --help lists.
-_kavo_publish() {
+# Completion of kavo-publish and kavo-stat for bash: the options are those that --help lists.
+_kavo() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
   COMPREPLY=()
   case $previous in
@@ -14,4 +14,4 @@ _kavo_publish() {
       ;;
   esac
 }
-complete -o filenames -F _kavo_publish kavo-publish
+complete -o filenames -F _kavo kavo-publish kavo-stat
