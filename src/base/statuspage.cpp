@@ -12,7 +12,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
+#include <utility>
 
+#include "base/nodestroy.h"
 #include "base/uniquefd.h"
 #include "kavo_stream.h"
 
@@ -21,6 +23,8 @@ namespace kavo::impl::status {
 std::atomic<kv_status_page*> g_Page = nullptr;
 
 namespace {
+
+NoDestroy<std::string> g_Name;  // of the page's file
 
 std::string nameOf(char const* pattern) {
   std::string name = pattern;
@@ -90,16 +94,18 @@ void open() noexcept {
     if (pattern == nullptr || *pattern == '\0') {
       return;
     }
-    kv_status_page* const before = page();
-    if (before != nullptr && before->process.pid == static_cast<std::uint32_t>(getpid())) {
+    std::string name = nameOf(pattern);
+    kv_status_page const* const before = page();
+    bool const isOurs = before != nullptr && before->process.pid == static_cast<std::uint32_t>(getpid());
+    if (isOurs && name == *g_Name) {
       return;
     }
     close();  // after a fork it is the parent's
-    std::string const name = nameOf(pattern);
     g_Page = makeFile(name);
     if (page() == nullptr) {
       complain(name);
     }
+    *g_Name = std::move(name);
   } catch (...) {  // no memory: no page
   }
 }
@@ -107,6 +113,7 @@ void open() noexcept {
 void close() noexcept {
   if (kv_status_page* const before = g_Page.exchange(nullptr)) {
     munmap(before, sizeof *before);
+    *g_Name = {};  // and its memory
   }
 }
 
@@ -168,7 +175,7 @@ void StreamPlace::take(std::string const& name, kv_status_stream const& descript
   m_Name = name;
   m_Counted = true;
   increase(on->process.streams);
-  m_Record = find(on->streams, [](kv_status_stream const& record) { return record.codec == 0; });
+  m_Record = find(on->streams, [](kv_status_stream& record) { return get(record.codec) == 0; });
   if (m_Record != nullptr) {
     Change const change(*m_Record);
     kv_status_stream record = description;
@@ -202,7 +209,7 @@ void ViewerPlace::take(kv_status_transport transport, std::uint32_t stream) {
   }
   m_Counted = true;
   increase(on->process.viewers);
-  m_Record = find(on->viewers, [](kv_status_viewer const& record) { return record.state == KV_STATUS_NOBODY; });
+  m_Record = find(on->viewers, [](kv_status_viewer& record) { return get(record.state) == KV_STATUS_NOBODY; });
   if (m_Record != nullptr) {
     Change const change(*m_Record);
     kv_status_viewer record{};

@@ -31,6 +31,10 @@ void put(T& place, std::type_identity_t<T> value) {
   std::atomic_ref<T>(place).store(value, std::memory_order_relaxed);
 }
 template <class T>
+T get(T& place) {
+  return std::atomic_ref<T>(place).load(std::memory_order_relaxed);
+}
+template <class T>
 void add(T& place, std::type_identity_t<T> amount = 1) {
   put(place, place + amount);
 }

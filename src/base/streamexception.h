@@ -19,7 +19,7 @@ enum ErrorCode : int {
 
 class StreamException : public std::runtime_error {
  public:
-  StreamException(char const* message, int code) : std::runtime_error(std::string(message)), m_Code(code) {}
+  StreamException(std::string const& message, int code) : std::runtime_error(message), m_Code(code) {}
   ~StreamException() override = default;
 
   int m_Code;

@@ -7,10 +7,12 @@
 //
 // Lock order, outermost first; a thread that holds one of them takes only
 // those further down:
-//   1. SessionManager::m_Mutex   (host threads only)
-//   2. LiveDemandSession's m_Mutex
-//   3. FrameSourceHandler::m_Mutex, EventLoopTasks::m_Mutex and
-//      EventTriggers::m_Mutex (innermost; none is held while another is taken)
+//   1. SessionManager::m_Mutex   (host threads only; not by submits that run in parallel)
+//   2. Session::m_Mutex          (host threads only)
+//   3. LiveDemandSession's m_Mutex
+//   4. SessionManager::m_RegistryMutex, FrameSourceHandler::m_Mutex,
+//      EventLoopTasks::m_Mutex and EventTriggers::m_Mutex (innermost; none is held
+//      while another is taken)
 #pragma once
 
 #include <mutex>

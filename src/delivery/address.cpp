@@ -4,6 +4,15 @@
 
 namespace kavo::impl {
 
+std::optional<sockaddr_storage> localAddress(int family, std::string const& text) {
+  sockaddr_storage address{};
+  address.ss_family = static_cast<sa_family_t>(family);
+  void* const bytes = family == AF_INET6 ? static_cast<void*>(&reinterpret_cast<sockaddr_in6&>(address).sin6_addr)
+                                         : static_cast<void*>(&reinterpret_cast<sockaddr_in&>(address).sin_addr);
+  bool const fits = text.empty() || inet_pton(family, text.c_str(), bytes) == 1;
+  return fits ? std::optional(address) : std::nullopt;
+}
+
 std::string textOf(sockaddr_storage const& address) {
   char host[INET6_ADDRSTRLEN] = {};
   bool const ipv6 = address.ss_family == AF_INET6;

@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 
 #include <cstring>
+#include <optional>
 #include <string>
 
 namespace kavo::impl {
@@ -33,6 +34,10 @@ inline bool isSameHost(sockaddr_storage const& a, sockaddr_storage const& b) {
   return reinterpret_cast<sockaddr_in const&>(a).sin_addr.s_addr ==
          reinterpret_cast<sockaddr_in const&>(b).sin_addr.s_addr;
 }
+
+// The address in the text, or any of the family if it is empty; without a port.
+// Nothing if it is not of the family.
+std::optional<sockaddr_storage> localAddress(int family, std::string const& text);
 
 // Such as 192.0.2.7:5000 or [2001:db8::7]:5000.
 std::string textOf(sockaddr_storage const& address);

@@ -29,9 +29,7 @@ UniqueFd openSocket(int family) {
 }
 
 // 0, or the error.
-int bindTo(unsigned port, UniqueFd const& socket, int family) {
-  sockaddr_storage local{};
-  local.ss_family = static_cast<sa_family_t>(family);
+int bindTo(sockaddr_storage local, unsigned port, UniqueFd const& socket) {
   portOf(local) = htons(static_cast<std::uint16_t>(port));
   return bind(socket.get(), reinterpret_cast<sockaddr const*>(&local), sizeOf(local)) == 0 ? 0 : errno;
 }
@@ -40,7 +38,11 @@ int bindTo(unsigned port, UniqueFd const& socket, int family) {
 
 // Only a taken port is a reason to try the next one: without descriptors the
 // search would never end.
-std::optional<UdpPorts> UdpPorts::open(int family) {
+std::optional<UdpPorts> UdpPorts::open(int family, std::string const& address) {
+  auto const local = localAddress(family, address);
+  if (!local) {
+    return std::nullopt;
+  }
   int error = EADDRINUSE;
   for (unsigned port = firstPort; port < lastPort && error == EADDRINUSE; port += 2) {
     UniqueFd rtp = openSocket(family);
@@ -48,8 +50,8 @@ std::optional<UdpPorts> UdpPorts::open(int family) {
     if (rtp.get() < 0 || rtcp.get() < 0) {
       break;
     }
-    error = bindTo(port, rtp, family);
-    error = error == 0 ? bindTo(port + 1, rtcp, family) : error;
+    error = bindTo(*local, port, rtp);
+    error = error == 0 ? bindTo(*local, port + 1, rtcp) : error;
     if (error == 0) {
       return UdpPorts(std::move(rtp), std::move(rtcp), static_cast<std::uint16_t>(port));
     }

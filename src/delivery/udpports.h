@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <utility>
 
 #include "base/uniquefd.h"
@@ -12,9 +13,10 @@ namespace kavo::impl {
 
 class UdpPorts {
  public:
-  // On the first free pair of ports from 6970 up. nullopt when all are
+  // On the first free pair of ports from 6970 up, on the local address unless that is
+  // empty. nullopt when it is of another family, when all are
   // taken, the process is out of descriptors, or the machine lacks the family.
-  static std::optional<UdpPorts> open(int family);
+  static std::optional<UdpPorts> open(int family, std::string const& address);
 
   int rtpSocket() const { return m_Rtp.get(); }
   int rtcpSocket() const { return m_Rtcp.get(); }

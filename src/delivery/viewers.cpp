@@ -17,15 +17,15 @@ namespace {
 // bursts that small buffers along the path can take.
 constexpr std::size_t smallFrame = 49152;
 constexpr std::size_t burst = 32768;
-// A link of 100 Mbit/s keeps up with a burst in this time; slower would only add delay.
-constexpr std::chrono::microseconds longestBurstInterval{3000};
 constexpr std::chrono::microseconds shortestFrameInterval{10000};
 constexpr std::chrono::microseconds longestFrameInterval{200000};
 
 }  // namespace
 
-Viewers::Viewers(TaskScheduler& scheduler, status::StreamPlace const& stream, Callbacks callbacks)
+Viewers::Viewers(TaskScheduler& scheduler, Policy::Delivery policy, status::StreamPlace const& stream,
+                 Callbacks callbacks)
     : m_Scheduler(scheduler),
+      m_Policy(std::move(policy)),
       m_Stream(stream),
       m_Callbacks(std::move(callbacks)),
       m_NextBurst(scheduler,
@@ -48,7 +48,7 @@ Viewers::Viewers(TaskScheduler& scheduler, status::StreamPlace const& stream, Ca
 bool Viewers::openPorts(int family) {
   auto& place = m_Families[indexOf(family)];
   if (!place) {
-    auto ports = UdpPorts::open(family);
+    auto ports = UdpPorts::open(family, m_Policy.address);
     if (!ports) {
       return false;
     }
@@ -111,7 +111,7 @@ void Viewers::play(Viewer& viewer) {
   if (viewer.isOverUdp()) {
     takePortsFromOthers(viewer);
     viewer.m_MaxPacket =
-        std::min<std::size_t>(largestPacket, maxUdpPayload(viewer.m_Udp.address).value_or(largestPacket));
+        std::min<std::size_t>(m_Policy.maxPacket, maxUdpPayload(viewer.m_Udp.address).value_or(m_Policy.maxPacket));
   }
   viewer.enter(Viewer::State::AwaitingKeyFrame);
   viewer.noteEvent(KV_STATUS_JOINED, viewer.isOverUdp() ? "udp" : "tcp");
@@ -150,7 +150,7 @@ bool Viewers::anyActive() const {
 }
 
 void Viewers::fitPackets() {
-  m_MaxPacket = largestPacket;
+  m_MaxPacket = m_Policy.maxPacket;
   for (auto const& viewer : m_Viewers) {
     if (viewer->isActive() && viewer->isOverUdp()) {
       m_MaxPacket = std::min(m_MaxPacket, viewer->m_MaxPacket);
@@ -244,7 +244,8 @@ void Viewers::notePace(std::size_t bytes) {
   auto const since = std::chrono::duration_cast<std::chrono::microseconds>(now - m_LastFrame);
   m_FrameInterval = (3 * m_FrameInterval + std::clamp(since, shortestFrameInterval, longestFrameInterval)) / 4;
   m_LastFrame = now;
-  m_BurstInterval = std::min(longestBurstInterval, m_FrameInterval / 4 / static_cast<int>(bytes / burst + 1));
+  std::chrono::microseconds const atPace{m_Policy.paceMbit > 0 ? static_cast<int>(burst * 8) / m_Policy.paceMbit : 0};
+  m_BurstInterval = std::min(atPace, m_FrameInterval / 4 / static_cast<int>(bytes / burst + 1));
 }
 
 // True when nothing is left of the frame.
@@ -288,7 +289,7 @@ void Viewers::sendOverUdp(Family& family, std::size_t first, std::size_t last) {
 
 // This viewer lost the frame, so frames that reference it would be damaged.
 void Viewers::narrow(Viewer& viewer) {
-  std::size_t const path = maxUdpPayload(viewer.m_Udp.address).value_or(largestPacket);
+  std::size_t const path = maxUdpPayload(viewer.m_Udp.address).value_or(m_Policy.maxPacket);
   std::size_t const smaller = path < viewer.m_MaxPacket ? path : viewer.m_MaxPacket * 3 / 4;
   viewer.m_MaxPacket = std::max(smaller, smallestPacket);
   viewer.enter(Viewer::State::AwaitingKeyFrame);

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "base/policy.h"
 #include "base/statuspage.h"
 #include "base/uniquefd.h"
 #include "delivery/interleavedwriter.h"
@@ -108,8 +109,6 @@ class Viewers {
  public:
   using Clock = Viewer::Clock;
 
-  // What fits every ordinary path, with room for tunnels.
-  static constexpr std::size_t largestPacket = 1400;
   static constexpr std::size_t smallestPacket = 512;
   // The wall clock may be set at any time; the next report tells receivers.
   static constexpr std::chrono::seconds reportInterval{4};
@@ -121,7 +120,7 @@ class Viewers {
   };
 
   // The stream's record on the status page has to live as long as this.
-  Viewers(TaskScheduler& scheduler, status::StreamPlace const& stream, Callbacks callbacks);
+  Viewers(TaskScheduler& scheduler, Policy::Delivery policy, status::StreamPlace const& stream, Callbacks callbacks);
 
   // A viewer over UDP; null when no sockets are available. Ports in host byte order.
   Viewer* addUdp(sockaddr_storage const& address, std::uint16_t rtpPort, std::uint16_t rtcpPort)
@@ -188,13 +187,14 @@ class Viewers {
   void note(Viewer& viewer, ReceiverReport const& report, Clock::time_point now) KAVO_REQUIRES(eventLoopRole);
 
   TaskScheduler& m_Scheduler;
+  Policy::Delivery const m_Policy;
   status::StreamPlace const& m_Stream;
   Callbacks m_Callbacks;
   std::vector<std::unique_ptr<Viewer>> m_Viewers KAVO_GUARDED_BY(eventLoopRole);
   std::unique_ptr<Family> m_Families[2] KAVO_GUARDED_BY(
       eventLoopRole);  // IPv4 and IPv6, opened for the first viewer that needs it
 
-  std::size_t m_MaxPacket KAVO_GUARDED_BY(eventLoopRole) = largestPacket;
+  std::size_t m_MaxPacket KAVO_GUARDED_BY(eventLoopRole) = m_Policy.maxPacket;
 
   // The frame that is being sent.
   FramePackets* m_Packets KAVO_GUARDED_BY(eventLoopRole) = nullptr;

@@ -12,12 +12,14 @@ constexpr unsigned estimatedKilobits = 64;
 }
 
 JpegDemandSession* JpegDemandSession::createNew(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler,
-                                                std::span<std::uint8_t const> /*parameterSets*/) {
-  return new JpegDemandSession(env, std::move(handler));
+                                                std::span<std::uint8_t const> /*parameterSets*/,
+                                                Policy::Delivery const& policy) {
+  return new JpegDemandSession(env, std::move(handler), policy);
 }
 
-JpegDemandSession::JpegDemandSession(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler)
-    : LiveDemandSession(env, std::move(handler), true, estimatedKilobits) {}
+JpegDemandSession::JpegDemandSession(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler,
+                                     Policy::Delivery const& policy)
+    : LiveDemandSession(env, std::move(handler), true, estimatedKilobits, policy) {}
 
 FramedSource* JpegDemandSession::openSource(std::shared_ptr<FrameSourceHandler> handler) {
   eventLoopRole.assertHeld();

@@ -30,7 +30,7 @@ class KeyFrameRequest {
 
  private:
   std::atomic<bool> m_Asked = false;
-  Clock::time_point m_LastTaken{Clock::duration::min() / 2};  // host threads, under the session manager's lock
+  Clock::time_point m_LastTaken{Clock::duration::min() / 2};  // host threads, under the session's lock
 };
 
 }  // namespace kavo::impl

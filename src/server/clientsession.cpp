@@ -108,6 +108,9 @@ void ClientSession::handleCmd_withinSession(RTSPServer::RTSPClientConnection* co
                                             char const* /*fullRequestStr*/) {
   eventLoopRole.assertHeld();
   auto& ours = static_cast<RtspConnection&>(*connection);
+  if (!ours.isAuthorized(cmdName)) {
+    return;
+  }
   joinConnection(ours);
   if (cmdName == std::string_view("TEARDOWN")) {
     setReasonToLeave("TEARDOWN");

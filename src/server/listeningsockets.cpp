@@ -1,5 +1,6 @@
 #include "server/listeningsockets.h"
 
+#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
@@ -40,7 +41,7 @@ bool openFamily(Address const& address, int family, UniqueFd& result) {
 
 }  // namespace
 
-std::optional<ListeningSockets> listenOnPort(std::uint16_t port) {
+std::optional<ListeningSockets> listenOnPort(std::uint16_t port, std::string const& address) {
   sockaddr_in ipv4{};
   ipv4.sin_family = AF_INET;
   ipv4.sin_port = htons(port);
@@ -48,8 +49,12 @@ std::optional<ListeningSockets> listenOnPort(std::uint16_t port) {
   ipv6.sin6_family = AF_INET6;
   ipv6.sin6_port = htons(port);
 
+  bool const isIpv4 = address.empty() || inet_pton(AF_INET, address.c_str(), &ipv4.sin_addr) == 1;
+  bool const isIpv6 = address.empty() || inet_pton(AF_INET6, address.c_str(), &ipv6.sin6_addr) == 1;
+
   ListeningSockets sockets;
-  bool const complete = openFamily(ipv4, AF_INET, sockets.ipv4) && openFamily(ipv6, AF_INET6, sockets.ipv6);
+  bool const complete =
+      (!isIpv4 || openFamily(ipv4, AF_INET, sockets.ipv4)) && (!isIpv6 || openFamily(ipv6, AF_INET6, sockets.ipv6));
   bool const any = sockets.ipv4.get() >= 0 || sockets.ipv6.get() >= 0;
   if (!complete || !any) {
     return std::nullopt;

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
 
 #include "base/uniquefd.h"
 
@@ -14,9 +15,9 @@ struct ListeningSockets {
   UniqueFd ipv6;
 };
 
-// Listens on the port (host byte order) on every local address. nullopt when an
-// available family cannot be bound: a server that half of its clients cannot reach
-// would appear to work.
-std::optional<ListeningSockets> listenOnPort(std::uint16_t port);
+// Listens on the port (host byte order), on the given local address or, if it is
+// empty, on every one. nullopt when an available family cannot be bound: a server
+// that half of its clients cannot reach would appear to work.
+std::optional<ListeningSockets> listenOnPort(std::uint16_t port, std::string const& address);
 
 }  // namespace kavo::impl

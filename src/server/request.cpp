@@ -15,6 +15,7 @@ constexpr std::size_t maxMethod = 32;
 constexpr std::size_t maxPath = 180;  // live555 keeps 200 bytes
 constexpr std::size_t maxDigits = 10;
 constexpr std::size_t maxSession = 32;
+constexpr std::size_t maxAuthorization = 1000;
 
 bool isPrintable(std::string_view text) {
   return std::all_of(text.begin(), text.end(), [](unsigned char c) { return (c >= ' ' && c != 0x7F) || c == '\t'; });
@@ -107,6 +108,10 @@ class Reader {
     if (is("Scale")) {
       return !std::exchange(m_Request.scale, true);
     }
+    if (is("Authorization")) {
+      m_Request.authorization = value;
+      return value.size() <= maxAuthorization && !std::exchange(m_Authorization, true);
+    }
     if (is("Transport")) {
       append(m_Request.transport, value);
     } else if (is("Require") || is("Proxy-Require")) {
@@ -121,6 +126,7 @@ class Reader {
   bool m_Length = false;
   bool m_Session = false;
   bool m_Range = false;
+  bool m_Authorization = false;
 };
 
 bool readRequestLine(std::string_view line, Request& request) {

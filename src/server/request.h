@@ -17,13 +17,14 @@ struct Request {
   std::size_t bodySize = 0;
 
   std::string method;
-  std::string path;       // of the URL, without the leading slash; "*" is the whole server
-  std::string cseq;       // digits; empty if there is none
-  std::string session;    // the id alone; empty without one
-  std::string transport;  // as it came
-  std::string range;      // "npt=now-", "npt=0-", or empty
-  bool scale = false;     // asked for; only 1 is served
-  std::string require;    // option tags
+  std::string path;           // of the URL, without the leading slash; "*" is the whole server
+  std::string cseq;           // digits; empty if there is none
+  std::string session;        // the id alone; empty without one
+  std::string transport;      // as it came
+  std::string range;          // "npt=now-", "npt=0-", or empty
+  bool scale = false;         // asked for; only 1 is served
+  std::string require;        // option tags
+  std::string authorization;  // as it came; empty if there is none
 
   // From the header, up to and including its empty line.
   static Request parse(std::string_view header);

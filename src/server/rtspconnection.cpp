@@ -162,7 +162,7 @@ void RtspConnection::handleRequest() {
   } else if ((request().method == "SETUP" || request().method == "DESCRIBE") && !MemoryReserve::refill()) {
     answer("503 Service Unavailable");
   } else if (request().method == "SETUP" && request().session.empty() &&
-             (m_Sessions.size() >= maxSessions || !m_Server.hasRoomForSession())) {
+             (m_Sessions.size() >= maxSessions || !m_Server.hasRoomForSession(fClientAddr))) {
     m_Server.noteRefusal(&kv_status_process::refused_limit, fClientAddr, "too many sessions");
     answer("453 Not Enough Bandwidth");
   } else {
@@ -174,6 +174,21 @@ void RtspConnection::handleRequest() {
     server.removeFailedSession();
     server.noteCounts();
   }
+}
+
+// live555 asks this for DESCRIBE and SETUP, and sends the response that it makes where
+// the answer is no. It gets the one header that it looks for.
+Boolean RtspConnection::authenticationOK(char const* method, char const* urlSuffix, char const* /*fullRequest*/) {
+  eventLoopRole.assertHeld();
+  std::string const header = "Authorization: " + request().authorization + "\r\n\r\n";
+  if (RTSPClientConnection::authenticationOK(method, urlSuffix, header.c_str())) {
+    return True;
+  }
+  // Without credentials it is the usual way to learn that they are wanted.
+  if (!request().authorization.empty() || !request().session.empty()) {
+    m_Server.noteRefusal(&kv_status_process::refused_user, fClientAddr, "no valid user and password");
+  }
+  return False;
 }
 
 // Our own response to a request that live555 never sees.

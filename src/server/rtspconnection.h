@@ -55,8 +55,11 @@ class RtspConnection : public RTSPServer::RTSPClientConnection {
   void refuse(char const* status) { setRTSPResponse(status); }
   // Whether the response so far is a success.
   bool hasAccepted() const;
+  // Whether the request comes with what the policy asks for; if not, the response says so.
+  bool isAuthorized(char const* method) { return authenticationOK(method, "", ""); }
 
  protected:
+  Boolean authenticationOK(char const* method, char const* urlSuffix, char const* fullRequest) override;
   void handleCmd_bad() override { refuse("400 Bad Request"); }
   // Defence in depth: no HTTP request reaches live555.
   void handleHTTPCmd_OPTIONS() override { handleHTTPCmd_notSupported(); }

@@ -28,6 +28,17 @@ constexpr auto acceptRetryDelay = 100ms;
 // Per pass of the loop, so that others have their turn.
 constexpr int acceptsInARow = 16;
 
+std::unique_ptr<UserAuthenticationDatabase> databaseOf(Policy const& policy) {
+  if (policy.users.empty()) {
+    return nullptr;
+  }
+  auto database = std::make_unique<UserAuthenticationDatabase>(policy.realm.c_str(), False);
+  for (auto const& [name, password] : policy.users) {
+    database->addUserRecord(name.c_str(), password.c_str());
+  }
+  return database;
+}
+
 // Half of the process's descriptor limit; the rest is the host's.
 std::size_t maxConnections() {
   rlimit limit{};
@@ -37,21 +48,29 @@ std::size_t maxConnections() {
 
 }  // namespace
 
-RtspServer* RtspServer::createNew(UsageEnvironment& env, std::uint16_t port, unsigned reclamationSeconds) {
-  auto sockets = listenOnPort(port);
-  return sockets ? new RtspServer(env, std::move(*sockets), port, reclamationSeconds) : nullptr;
+RtspServer* RtspServer::createNew(UsageEnvironment& env, std::uint16_t port, unsigned reclamationSeconds,
+                                  std::shared_ptr<Policy const> policy) {
+  auto sockets = listenOnPort(port, policy->address);
+  if (!sockets) {
+    return nullptr;
+  }
+  auto users = databaseOf(*policy);
+  return new RtspServer(env, std::move(*sockets), port, reclamationSeconds, std::move(policy), std::move(users));
 }
 
 // live555 gets no sockets to listen on: it would accept one connection a pass,
 // and spin when the process is out of descriptors.
-RtspServer::RtspServer(UsageEnvironment& env, ListeningSockets sockets, std::uint16_t port, unsigned reclamationSeconds)
-    : RTSPServer(env, -1, -1, Port(port), nullptr, reclamationSeconds),
+RtspServer::RtspServer(UsageEnvironment& env, ListeningSockets sockets, std::uint16_t port, unsigned reclamationSeconds,
+                       std::shared_ptr<Policy const> policy, std::unique_ptr<UserAuthenticationDatabase> users)
+    : RTSPServer(env, -1, -1, Port(port), users.get(), reclamationSeconds),
+      m_Policy(std::move(policy)),
+      m_Users(std::move(users)),
       m_Listening(std::move(sockets)),
       m_WatchIpv4(env.taskScheduler(), m_Listening.ipv4.get(),
                   [this](int) KAVO_REQUIRES(eventLoopRole) { acceptAll(m_Listening.ipv4.get()); }),
       m_WatchIpv6(env.taskScheduler(), m_Listening.ipv6.get(),
                   [this](int) KAVO_REQUIRES(eventLoopRole) { acceptAll(m_Listening.ipv6.get()); }),
-      m_MaxConnections(maxConnections()),
+      m_MaxConnections(std::min(maxConnections(), m_Policy->maxConnections.value_or(SIZE_MAX))),
       m_AcceptAgain(env.taskScheduler(), [this]() KAVO_REQUIRES(eventLoopRole) { startAccepting(); }),
       m_CloseIdle(env.taskScheduler(), [this]() KAVO_REQUIRES(eventLoopRole) { closeIdleAndStalled(); }) {
   startAccepting();
@@ -130,12 +149,19 @@ bool RtspServer::maySpeakFor(std::string const& sessionId, sockaddr_storage cons
   return session != nullptr && session->isOfHost(clientAddress);
 }
 
-bool RtspServer::hasRoomForSession() {
-  if (numClientSessions() < m_MaxConnections) {
+bool RtspServer::hasRoomForSession(sockaddr_storage const& clientAddress) {
+  std::size_t ofHost = 0;
+  impl::ClientSession* lost = nullptr;
+  forEachSession([&](impl::ClientSession& session) {
+    ofHost += session.isOfHost(clientAddress) ? 1 : 0;
+    lost = session.connection() == nullptr ? &session : lost;
+  });
+  if (ofHost >= m_Policy->maxViewersPerAddress.value_or(SIZE_MAX)) {
+    return false;
+  }
+  if (numClientSessions() < std::min(m_MaxConnections, m_Policy->maxViewers.value_or(SIZE_MAX))) {
     return true;
   }
-  impl::ClientSession* lost = nullptr;
-  forEachSession([&](impl::ClientSession& session) { lost = session.connection() == nullptr ? &session : lost; });
   delete lost;
   return lost != nullptr;
 }
@@ -184,7 +210,9 @@ bool RtspServer::acceptOne(int listeningSocket) {
   socklen_t size = sizeof address;
   UniqueFd client(accept4(listeningSocket, reinterpret_cast<sockaddr*>(&address), &size, SOCK_NONBLOCK | SOCK_CLOEXEC));
   if (client.get() >= 0) {
-    if (MemoryReserve::refill() && (m_Connections.size() < m_MaxConnections || evictConnection())) {
+    if (!m_Policy->allows(address)) {
+      noteRefusal(&kv_status_process::refused_address, address, "not allowed from there");
+    } else if (MemoryReserve::refill() && (m_Connections.size() < m_MaxConnections || evictConnection())) {
       addConnection(std::move(client), address);
     } else {
       noteRefusal(&kv_status_process::refused_limit, address, "too many connections");

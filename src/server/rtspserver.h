@@ -6,9 +6,11 @@
 #include <chrono>
 #include <cstdint>
 #include <list>
+#include <memory>
 #include <optional>
 #include <string>
 
+#include "base/policy.h"
 #include "base/statuspage.h"
 #include "eventloop/eventlooprole.h"
 #include "eventloop/socketwatch.h"
@@ -25,8 +27,8 @@ class RtspServer : public RTSPServer {
   // Null when the port (host byte order) cannot be bound on every address family
   // of the machine. A client session without a sign of life is closed after
   // reclamationSeconds.
-  static RtspServer* createNew(UsageEnvironment& env, std::uint16_t port, unsigned reclamationSeconds)
-      KAVO_REQUIRES(eventLoopRole);
+  static RtspServer* createNew(UsageEnvironment& env, std::uint16_t port, unsigned reclamationSeconds,
+                               std::shared_ptr<Policy const> policy) KAVO_REQUIRES(eventLoopRole);
 
   // Whether a media session of exactly this name is registered.
   bool hasSession(char const* streamName) KAVO_REQUIRES(eventLoopRole);
@@ -35,7 +37,8 @@ class RtspServer : public RTSPServer {
   void removeSession(ServerMediaSession* session) KAVO_REQUIRES(eventLoopRole);
 
  protected:
-  RtspServer(UsageEnvironment& env, ListeningSockets sockets, std::uint16_t port, unsigned reclamationSeconds)
+  RtspServer(UsageEnvironment& env, ListeningSockets sockets, std::uint16_t port, unsigned reclamationSeconds,
+             std::shared_ptr<Policy const> policy, std::unique_ptr<UserAuthenticationDatabase> users)
       KAVO_REQUIRES(eventLoopRole);
   ~RtspServer() override;
 
@@ -52,8 +55,9 @@ class RtspServer : public RTSPServer {
 
   // Whether the session exists and is of the client's host: ids can be guessed.
   bool maySpeakFor(std::string const& sessionId, sockaddr_storage const& clientAddress) KAVO_REQUIRES(eventLoopRole);
-  // Whether another client session may be created; one without a connection is evicted.
-  bool hasRoomForSession() KAVO_REQUIRES(eventLoopRole);
+  // Whether another client session may be created from the address; one without a
+  // connection is evicted.
+  bool hasRoomForSession(sockaddr_storage const& clientAddress) KAVO_REQUIRES(eventLoopRole);
   // Deletes the session that was made for the last request, unless that set up a stream.
   void removeFailedSession() KAVO_REQUIRES(eventLoopRole);
   template <class Function>
@@ -71,6 +75,8 @@ class RtspServer : public RTSPServer {
   bool evictConnection() KAVO_REQUIRES(eventLoopRole);
   void closeIdleAndStalled() KAVO_REQUIRES(eventLoopRole);
 
+  std::shared_ptr<Policy const> const m_Policy;
+  std::unique_ptr<UserAuthenticationDatabase> const m_Users;  // null: everybody
   ListeningSockets const m_Listening;
   SocketWatch m_WatchIpv4;
   SocketWatch m_WatchIpv6;

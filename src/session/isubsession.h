@@ -1,4 +1,5 @@
-// The stream of a session, as the session sees it. Host threads, one at a time.
+// The stream of a session, as the session sees it. Host threads, one at a time: under
+// the session's lock.
 #pragma once
 
 namespace kavo::impl {

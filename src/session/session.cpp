@@ -1,6 +1,7 @@
 #include "session/session.h"
 
 #include <ServerMediaSession.hh>
+#include <stdexcept>
 
 #include "base/streamexception.h"
 #include "codec/hostnumbers.h"
@@ -52,6 +53,7 @@ void Session::addStream(ICodecParameter const* param) {
   if (param->GetMediaType() != MediaTypeVideo) {
     throw StreamException("Invalid codec parameter", ErrorInvalidParameter);
   }
+  MutexLock lock(m_Mutex);
   if (m_Stream) {
     throw StreamException("Stream already initialized", ErrorAlreadyThere);
   }
@@ -59,6 +61,10 @@ void Session::addStream(ICodecParameter const* param) {
 }
 
 void Session::submitData(void* streamId, unsigned char const* frame) {
+  MutexLock lock(m_Mutex);
+  if (m_Ended) {
+    throw std::out_of_range("No such session");
+  }
   if (!m_Stream || streamId != m_Stream.get()) {
     throw StreamException("Invalid stream ID", ErrorNoStream);
   }

@@ -1,10 +1,11 @@
-// One RTSP presentation under one URL, with at most one stream. Host threads,
-// one at a time.
+// One RTSP presentation under one URL, with at most one stream. Host threads: one at
+// a time, but for submitData().
 #pragma once
 
 #include <memory>
 #include <string>
 
+#include "base/threadannotations.h"
 #include "codec/codecparameter.h"
 #include "session/isubsession.h"
 
@@ -33,11 +34,22 @@ class Session {
   void setRegistered() { m_Registered = true; }
 
   // Creates the session's one stream. A failure changes nothing.
-  void addStream(ICodecParameter const* param);
-  std::shared_ptr<ISubSession> stream() { return m_Stream; }
+  void addStream(ICodecParameter const* param) KAVO_EXCLUDES(m_Mutex);
+  std::shared_ptr<ISubSession> stream() KAVO_EXCLUDES(m_Mutex) {
+    MutexLock lock(m_Mutex);
+    return m_Stream;
+  }
   // Hands a raw frame to the stream; throws "Invalid stream ID" unless streamId
-  // is the address of it.
-  void submitData(void* streamId, unsigned char const* frame);
+  // is the address of it. Any number of threads: one after the other.
+  void submitData(void* streamId, unsigned char const* frame) KAVO_EXCLUDES(m_Mutex);
+  // Calls the function while no submit is inside. If it throws, nothing has changed;
+  // otherwise submits find no session any more.
+  template <class Function>
+  void end(Function const& function) KAVO_EXCLUDES(m_Mutex) {
+    MutexLock lock(m_Mutex);
+    function();
+    m_Ended = true;
+  }
 
  private:
   std::string m_StreamName;
@@ -45,7 +57,9 @@ class Session {
   std::string m_StreamDescription;
   ServerMediaSession* m_MediaSession = nullptr;
   bool m_Registered = false;
-  std::shared_ptr<ISubSession> m_Stream;
+  Mutex m_Mutex;
+  bool m_Ended KAVO_GUARDED_BY(m_Mutex) = false;
+  std::shared_ptr<ISubSession> m_Stream KAVO_GUARDED_BY(m_Mutex);
   StreamEnvironment const& m_Environment;
 };
 

@@ -5,12 +5,25 @@
 
 namespace kavo::impl {
 
+namespace {
+
+// rtsp://HOST:PORT/NAME with another host.
+std::string withHost(std::string const& url, std::string const& address) {
+  auto const host = url.find("//") + 2;
+  auto const port = url.rfind(':', url.find('/', host));
+  bool const ipv6 = address.find(':') != std::string::npos;
+  return url.substr(0, host) + (ipv6 ? "[" + address + "]" : address) + url.substr(port);
+}
+
+}  // namespace
+
 void SessionManager::init(unsigned int port) {
   MutexLock lock(m_Mutex);
   status::open();
   m_MayServe = true;
   try {
     m_Environment.start(port);
+    m_ParallelEncoding = m_Environment.policy().parallelEncoding;
   } catch (...) {
     m_MayServe = m_Environment.isStarted();
     throw;
@@ -19,9 +32,21 @@ void SessionManager::init(unsigned int port) {
 
 void SessionManager::exit() {
   MutexLock lock(m_Mutex);
+  decltype(m_Sessions) sessions;
+  {
+    MutexLock registry(m_RegistryMutex);
+    sessions.swap(m_Sessions);
+  }
+  for (auto const& [handle, session] : sessions) {
+    session->end([] {});  // after the submit that is inside it
+  }
   m_Environment.stop();
-  decltype(m_Sessions)().swap(m_Sessions);  // and its memory, when the library is unloaded
   m_MayServe = false;
+}
+
+std::shared_ptr<Session> SessionManager::sessionOf(void* handle) {
+  MutexLock registry(m_RegistryMutex);
+  return m_Sessions.at(handle);
 }
 
 // Steps that can fail come first; the media session goes live last.
@@ -38,11 +63,15 @@ void SessionManager::addSession(SessionInformation& information) {
   auto session = std::make_shared<Session>(m_Environment, information.name, information.info, information.description);
   information.url = urlOf(*session);
   information.handle = session.get();
-  auto const place = m_Sessions.emplace(information.handle, session).first;
+  {
+    MutexLock registry(m_RegistryMutex);
+    m_Sessions.emplace(information.handle, session);
+  }
   try {
     m_Environment.runOnLoop([&] { server->addServerMediaSession(session->mediaSession()); });
   } catch (...) {
-    m_Sessions.erase(place);
+    MutexLock registry(m_RegistryMutex);
+    m_Sessions.erase(information.handle);
     throw;
   }
   session->setRegistered();
@@ -50,18 +79,21 @@ void SessionManager::addSession(SessionInformation& information) {
 
 void SessionManager::removeSession(void* handle) {
   MutexLock lock(m_Mutex);
-  auto const session = m_Sessions.at(handle);
+  auto const session = sessionOf(handle);
   RtspServer* const server = m_Environment.GetRTSPServer();
-  m_Environment.runOnLoop([&] {
-    eventLoopRole.assertHeld();
-    server->removeSession(session->mediaSession());
+  session->end([&]() KAVO_NO_ANALYSIS {
+    m_Environment.runOnLoop([&] {
+      eventLoopRole.assertHeld();
+      server->removeSession(session->mediaSession());
+    });
   });
+  MutexLock registry(m_RegistryMutex);
   m_Sessions.erase(handle);
 }
 
 void SessionManager::sessionInfo(SessionInformation& information) {
   MutexLock lock(m_Mutex);
-  auto const session = m_Sessions.at(information.handle);
+  auto const session = sessionOf(information.handle);
   information.name = session->streamName();
   information.info = session->streamInfo();
   information.description = session->streamDescription();
@@ -70,25 +102,31 @@ void SessionManager::sessionInfo(SessionInformation& information) {
 
 void SessionManager::addStream(void* handle, void*& streamId, ICodecParameter const* parameter) {
   MutexLock lock(m_Mutex);
-  auto const session = m_Sessions.at(handle);
+  auto const session = sessionOf(handle);
   session->addStream(parameter);
   streamId = session->stream().get();
 }
 
 void SessionManager::submitData(void* handle, void* streamId, unsigned char const* frame) {
+  if (m_ParallelEncoding) {
+    requireHealth();
+    sessionOf(handle)->submitData(streamId, frame);
+    return;
+  }
   MutexLock lock(m_Mutex);
   m_Environment.requireHealth();
-  auto const session = m_Sessions.at(handle);
-  session->submitData(streamId, frame);
+  sessionOf(handle)->submitData(streamId, frame);
 }
 
 std::string SessionManager::urlOf(Session& session) const {
-  RtspServer const* const server = m_Environment.GetRTSPServer();
-  return m_Environment.runOnLoop([&] {
+  RtspServer* const server = m_Environment.GetRTSPServer();
+  auto const url = m_Environment.runOnLoop([&] {
     // No particular connection: the URL carries the machine's own address.
-    std::unique_ptr<char[]> const url(server->rtspURL(session.mediaSession(), -1));
-    return std::string(url.get());
+    std::unique_ptr<char[]> const text(server->rtspURL(session.mediaSession(), -1));
+    return std::string(text.get());
   });
+  auto const& address = m_Environment.policy().address;
+  return address.empty() ? url : withHost(url, address);
 }
 
 }  // namespace kavo::impl

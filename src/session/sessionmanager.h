@@ -1,5 +1,7 @@
-// The registry of sessions, the owner of the live555 run-time, and the one lock
-// under which every command of the host does its work. Host threads, any number.
+// The registry of sessions, the owner of the live555 run-time, and the lock under
+// which the host's commands do their work, one after the other; where the policy has
+// streams encode in parallel, a submit takes its session's lock alone. Host threads,
+// any number.
 #pragma once
 
 #include <atomic>
@@ -51,9 +53,15 @@ class SessionManager {
 
  private:
   std::string urlOf(Session& session) const KAVO_REQUIRES(m_Mutex);
+  // Throws std::out_of_range.
+  std::shared_ptr<Session> sessionOf(void* handle) KAVO_EXCLUDES(m_RegistryMutex);
+  // The flag behind it is atomic.
+  void requireHealth() const KAVO_NO_ANALYSIS { m_Environment.requireHealth(); }
 
-  std::unordered_map<void*, std::shared_ptr<Session>> m_Sessions KAVO_GUARDED_BY(m_Mutex);
   RecursiveMutex m_Mutex;
+  std::atomic<bool> m_ParallelEncoding = false;
+  Mutex m_RegistryMutex;
+  std::unordered_map<void*, std::shared_ptr<Session>> m_Sessions KAVO_GUARDED_BY(m_RegistryMutex);
   std::atomic<bool> m_MayServe = false;
   StreamEnvironment m_Environment KAVO_GUARDED_BY(m_Mutex);
 };

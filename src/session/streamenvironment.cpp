@@ -9,6 +9,8 @@
 
 #include <GroupsockHelper.hh>
 #include <MediaSink.hh>
+#include <cstdio>
+#include <cstdlib>
 
 #include "base/statuspage.h"
 #include "eventloop/epollscheduler.h"
@@ -106,6 +108,20 @@ void seedSessionIds(UsageEnvironment& env) {
   }
 }
 
+// It never falls open: what cannot be read lets nothing start.
+std::shared_ptr<Policy const> policyFromEnvironment() {
+  char const* const file = secure_getenv("KAVO_STREAM_CONFIG");
+  if (file == nullptr || *file == '\0') {
+    return std::make_shared<Policy>();
+  }
+  try {
+    return std::make_shared<Policy>(readPolicy(file));
+  } catch (PolicyError const& error) {
+    std::fprintf(stderr, "kavo_stream: %s\n", error.what());
+    throw StreamException(error.what(), ErrorResource);
+  }
+}
+
 }  // namespace
 
 StreamEnvironment::~StreamEnvironment() { stop(); }
@@ -118,6 +134,7 @@ void StreamEnvironment::start(unsigned int port) {
   if (port == 0 || port > 65535) {
     throw StreamException("Invalid port number for RTSP server", ErrorInvalidParameter);
   }
+  m_Policy = policyFromEnvironment();
   try {
     makeServer(port);
     startThread();
@@ -145,7 +162,8 @@ void StreamEnvironment::makeServer(unsigned int port) {
   settleOwnAddress();
   seedSessionIds(*m_UsageEnvironment);
   KeptDisposition const kept(SIGPIPE);
-  m_RTSPServer = RtspServer::createNew(*m_UsageEnvironment, static_cast<std::uint16_t>(port), reclamationSeconds);
+  m_RTSPServer =
+      RtspServer::createNew(*m_UsageEnvironment, static_cast<std::uint16_t>(port), reclamationSeconds, m_Policy);
   if (m_RTSPServer == nullptr) {
     throw StreamException("RTSPServer creation failed", ErrorResource);
   }

@@ -10,6 +10,7 @@
 #include <thread>
 #include <type_traits>
 
+#include "base/policy.h"
 #include "base/streamexception.h"
 #include "eventloop/eventlooprole.h"
 #include "eventloop/eventlooptasks.h"
@@ -28,7 +29,8 @@ class StreamEnvironment {
   StreamEnvironment(StreamEnvironment const&) = delete;
   StreamEnvironment& operator=(StreamEnvironment const&) = delete;
 
-  // Starts the RTSP server on the port and the event loop. Throws.
+  // Starts the RTSP server on the port and the event loop, by the policy file that the
+  // environment names, if any. Throws.
   void start(unsigned int port);
   // Ends both. Does nothing if not started.
   void stop();
@@ -49,6 +51,9 @@ class StreamEnvironment {
     }
   }
 
+  // Of the server; between servers, of the last one.
+  Policy const& policy() const { return *m_Policy; }
+
   // While started. GetRTSPServer() throws "RTSP server is not initialized", and what
   // requireHealth() throws.
   UsageEnvironment& GetUsageEnvironment() const { return *m_UsageEnvironment; }
@@ -65,6 +70,7 @@ class StreamEnvironment {
   void startThread();
   void run();
 
+  std::shared_ptr<Policy const> m_Policy = std::make_shared<Policy>();
   std::unique_ptr<MemoryReserve> m_Reserve;
   // In this order: the environment is reclaimed after the scheduler is deleted.
   std::unique_ptr<UsageEnvironment, Reclaim> m_UsageEnvironment;

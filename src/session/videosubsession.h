@@ -1,5 +1,5 @@
 // A video stream: transcoder, frame queue and demand session joined. Host
-// threads, one at a time.
+// threads, one at a time: under the session's lock.
 #pragma once
 
 #include <ServerMediaSession.hh>
@@ -30,7 +30,8 @@ class VideoSubSession : public ISubSession {
     m_FrameSourceHandler->status().take(name, descriptionOf(*parameter));
     m_MediaSession = env.runOnLoop([&] {
       eventLoopRole.assertHeld();
-      auto* const session = DemandSession::createNew(env.GetUsageEnvironment(), m_FrameSourceHandler, parameterSets);
+      auto* const session = DemandSession::createNew(env.GetUsageEnvironment(), m_FrameSourceHandler, parameterSets,
+                                                     env.policy().delivery);
       media.addSubsession(session);
       return session;
     });

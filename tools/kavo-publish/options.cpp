@@ -8,6 +8,7 @@
 #include <string_view>
 #include <utility>
 
+#include "base/policy.h"
 #include "formats.h"
 
 namespace {
@@ -94,6 +95,15 @@ std::vector<Options::Input> inputsOf(std::vector<std::string> sources, std::vect
   return inputs;
 }
 
+void checkPolicy(std::string const& file) {
+  try {
+    kavo::impl::readPolicy(file);
+    std::printf("%s: no errors\n", file.c_str());
+  } catch (kavo::impl::PolicyError const& error) {
+    throw Failure(error.what());
+  }
+}
+
 template <class Take>
 void option(CLI::App& app, char const* name, char const* value, char const* description, Take take) {
   app.add_option_function<std::string>(name, std::move(take), description)->type_name(value)->take_last();
@@ -110,6 +120,7 @@ std::optional<Options> readOptions(int argc, char** argv) {
   Options options;
   std::vector<std::string> sources;
   std::vector<std::string> names;
+  std::optional<std::string> policyFile;
   bool listFormats = false;
 
   CLI::App app(
@@ -147,6 +158,8 @@ std::optional<Options> readOptions(int argc, char** argv) {
     options.seconds = numberIn("--duration", text, 0.1, 1e9, "of seconds, 0.1 or more");
   });
   app.add_flag("--json", options.json, "print everything as JSON, an object a line");
+  app.add_option("--check-config", policyFile, "read a policy file as the library would, say what is wrong, and end")
+      ->type_name("FILE");
   app.add_flag("--list-formats", listFormats, "print codecs, sizes, pixel formats and cameras, and end");
   try {
     app.parse(argc, argv);
@@ -155,6 +168,10 @@ std::optional<Options> readOptions(int argc, char** argv) {
     return std::nullopt;
   } catch (CLI::ParseError const& error) {
     refuse(error.what());
+  }
+  if (policyFile) {
+    checkPolicy(*policyFile);
+    return std::nullopt;
   }
   if (listFormats) {
     printFormats();

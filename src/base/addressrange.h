@@ -1,0 +1,33 @@
+// A range of IP addresses, such as 192.0.2.0/24 or 2001:db8::1. Any thread.
+#pragma once
+
+#include <sys/socket.h>
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace kavo::impl {
+
+class AddressRange {
+ public:
+  // Nothing if the text is no address, or bits are set behind the prefix.
+  static std::optional<AddressRange> parse(std::string const& text);
+
+  int family() const { return m_Family; }
+  bool isOneAddress() const { return m_PrefixBits == (m_Family == AF_INET6 ? 128 : 32); }
+  bool contains(sockaddr_storage const& address) const;
+
+ private:
+  using Bytes = std::array<std::uint8_t, 16>;
+
+  static Bytes bytesOf(sockaddr_storage const& address);
+  bool isSamePrefix(Bytes const& other) const;
+
+  int m_Family = AF_UNSPEC;
+  int m_PrefixBits = 0;
+  Bytes m_Bytes{};
+};
+
+}  // namespace kavo::impl

@@ -1,0 +1,206 @@
+#include "base/policy.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <toml++/toml.hpp>
+#include <utility>
+
+namespace kavo::impl {
+
+namespace {
+
+// One key's value: throws what is wrong with it, and with its place.
+class Value {
+ public:
+  Value(std::string const& file, std::string name, toml::node const& node)
+      : m_File(file), m_Name(std::move(name)), m_Node(node) {}
+
+  [[noreturn]] void refuse(std::string const& reason) const { refuseAt(m_Node, reason); }
+
+  std::string text() const {
+    auto const* const value = m_Node.as_string();
+    if (value == nullptr) {
+      refuse(m_Name + " takes a text in quotes");
+    }
+    return plain(value->get(), m_Node);
+  }
+
+  std::int64_t number(std::int64_t lowest, std::int64_t highest) const {
+    auto const* const value = m_Node.as_integer();
+    if (value == nullptr || value->get() < lowest || value->get() > highest) {
+      refuse(m_Name + " takes a whole number from " + std::to_string(lowest) + " to " + std::to_string(highest));
+    }
+    return value->get();
+  }
+
+  bool flag() const {
+    auto const* const value = m_Node.as_boolean();
+    if (value == nullptr) {
+      refuse(m_Name + " takes true or false");
+    }
+    return value->get();
+  }
+
+  std::map<std::string, std::string> users() const {
+    auto const* const table = m_Node.as_table();
+    if (table == nullptr || table->empty()) {
+      refuse(m_Name + " takes a table of name = \"password\" with one user at least");
+    }
+    std::map<std::string, std::string> users;
+    for (auto const& [key, node] : *table) {
+      if (!node.is_string()) {
+        refuseAt(node, "the password of '" + std::string(key.str()) + "' is not a text in quotes");
+      }
+      std::string const name = plain(std::string(key.str()), node);
+      if (name.find(':') != std::string::npos) {
+        refuseAt(node, "a user's name cannot hold a colon");
+      }
+      users[name] = plain(node.as_string()->get(), node);
+    }
+    return users;
+  }
+
+  std::vector<AddressRange> ranges() const {
+    auto const* const list = m_Node.as_array();
+    if (list == nullptr || list->empty()) {
+      refuse(m_Name + " takes a list with one range of addresses at least");
+    }
+    std::vector<AddressRange> ranges;
+    for (auto const& node : *list) {
+      auto const range = node.is_string() ? AddressRange::parse(node.as_string()->get()) : std::nullopt;
+      if (!range) {
+        refuseAt(node, m_Name + " takes ranges such as \"192.0.2.0/24\" or \"2001:db8::1\"");
+      }
+      ranges.push_back(*range);
+    }
+    return ranges;
+  }
+
+  // Calls the reader of each key of the table.
+  void table(std::map<std::string, std::function<void(Value const&)>> const& readers) const {
+    auto const* const values = m_Node.as_table();
+    if (values == nullptr) {
+      refuse(m_Name + " is a section: [" + m_Name + "]");
+    }
+    for (auto const& [key, node] : *values) {
+      auto const name = std::string(key.str());
+      auto const reader = readers.find(name);
+      std::string const path = m_Name.empty() ? name : m_Name + "." + name;
+      if (reader == readers.end()) {
+        refuseAt(key.source().begin.line, "'" + path + "' is not known");
+      }
+      reader->second(Value(m_File, path, node));
+    }
+  }
+
+ private:
+  [[noreturn]] void refuseAt(std::uint32_t line, std::string const& reason) const {
+    throw PolicyError(m_File + ":" + std::to_string(line) + ": " + reason);
+  }
+  [[noreturn]] void refuseAt(toml::node const& node, std::string const& reason) const {
+    refuseAt(node.source().begin.line, reason);
+  }
+
+  // Texts go into headers of responses.
+  std::string plain(std::string text, toml::node const& node) const {
+    bool const bad =
+        std::any_of(text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7F || c == '"'; });
+    if (text.empty() || text.size() > 100 || bad) {
+      refuseAt(node, m_Name + ": a text has 1 to 100 bytes, without quotes and control characters");
+    }
+    return text;
+  }
+
+  std::string const& m_File;
+  std::string m_Name;
+  toml::node const& m_Node;
+};
+
+std::string contentOf(std::string const& file) {
+  std::ifstream stream(file, std::ios::binary);
+  std::string content;
+  if (stream) {
+    content.assign(std::istreambuf_iterator<char>(stream), {});
+  }
+  if (!stream) {
+    throw PolicyError(file + ": cannot be read: " + std::strerror(errno));
+  }
+  return content;
+}
+
+std::string addressIn(Value const& value) {
+  std::string address = value.text();
+  auto const range = AddressRange::parse(address);
+  if (!range || !range->isOneAddress() || address.find('/') != std::string::npos) {
+    value.refuse("server.address takes one IPv4 or IPv6 address of this machine");
+  }
+  return address;
+}
+
+void fill(Policy& policy, Value const& root) {
+  constexpr std::int64_t many = 1000000;
+  auto const count = [](std::optional<std::size_t>& place) {
+    return [&place](Value const& value) { place = static_cast<std::size_t>(value.number(1, many)); };
+  };
+  root.table({
+      {"server",
+       [&](Value const& section) {
+         section.table({
+             {"address", [&](Value const& value) { policy.address = policy.delivery.address = addressIn(value); }},
+             {"max_connections", count(policy.maxConnections)},
+             {"max_viewers", count(policy.maxViewers)},
+             {"max_viewers_per_address", count(policy.maxViewersPerAddress)},
+         });
+       }},
+      {"access",
+       [&](Value const& section) {
+         section.table({
+             {"realm", [&](Value const& value) { policy.realm = value.text(); }},
+             {"users", [&](Value const& value) { policy.users = value.users(); }},
+             {"allow", [&](Value const& value) { policy.allow = value.ranges(); }},
+         });
+       }},
+      {"delivery",
+       [&](Value const& section) {
+         section.table({
+             {"max_packet",
+              [&](Value const& value) {
+                policy.delivery.maxPacket = static_cast<std::size_t>(value.number(512, 8900));
+              }},
+             {"pace_mbit",
+              [&](Value const& value) { policy.delivery.paceMbit = static_cast<int>(value.number(0, 100000)); }},
+         });
+       }},
+      {"encoding",
+       [&](Value const& section) {
+         section.table({
+             {"parallel", [&](Value const& value) { policy.parallelEncoding = value.flag(); }},
+         });
+       }},
+  });
+}
+
+}  // namespace
+
+bool Policy::allows(sockaddr_storage const& from) const {
+  return allow.empty() ||
+         std::any_of(allow.begin(), allow.end(), [&](AddressRange const& range) { return range.contains(from); });
+}
+
+Policy readPolicy(std::string const& file) {
+  try {
+    toml::table const root = toml::parse(contentOf(file), file);
+    Policy policy;
+    fill(policy, Value(file, "", root));
+    return policy;
+  } catch (toml::parse_error const& error) {
+    throw PolicyError(file + ":" + std::to_string(error.source().begin.line) + ": " + std::string(error.description()));
+  }
+}
+
+}  // namespace kavo::impl
