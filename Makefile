@@ -36,7 +36,8 @@ package: ## make Debian packages and a relocatable archive in build/packages
 package-check: package ## install them into fresh roots, build and run hosts there
 	@scripts/check-packages
 
-scale-out-check: package ## try docs/scale-out.md in a fresh root: HLS and WebRTC in Chromium
+scale-out-check: package ## try docs/operating.md and scale-out.md in fresh roots: metrics, TLS, HLS and WebRTC in Chromium
+	@scripts/check-operating
 	@scripts/check-scale-out
 
 docs: ## make the API reference in build/docs (Doxygen)

@@ -67,7 +67,7 @@ class LiveServer : public BenchServer {
     m_Environment = QuietUsageEnvironment::createNew(*m_Scheduler);
     OutPacketBuffer::maxSize = 8000000;
     m_Server = stock ? RTSPServer::createNew(*m_Environment, setup.port)
-                     : RtspServer::createNew(*m_Environment, setup.port, 65);
+                     : RtspServer::createNew(*m_Environment, setup.port, 65, std::make_shared<Policy>());
     if (m_Server == nullptr) {
       std::fprintf(stderr, "port %d is taken\n", setup.port);
       std::exit(1);

@@ -1,11 +1,18 @@
 // kv_Stream's submit, with a viewer, against the bare floor: libswscale and the encoder called
 // directly, with the same settings, on the same frames, in turns.
 #include <benchmark/benchmark.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <deque>
+#include <fstream>
+#include <stdexcept>
+#include <string>
+#include <thread>
 #include <vector>
 
 #include "codec/openh264library.h"
@@ -120,15 +127,35 @@ class Floor {
   ISVCEncoder* m_Encoder = nullptr;
 };
 
-// A host with one stream, and the boundary that its frames go through.
+// A host with streams "0", "1", ..., each with a viewer, and the boundary that their frames
+// go through. What arrives at the viewers is not read; the kernel drops it.
 class Host {
  public:
-  explicit Host(Shape const& shape) {
+  explicit Host(Shape const& shape, int streams = 1, bool watched = true) {
     while (kv_Stream(KV_INIT, &m_Port, sizeof m_Port) != KV_OK) {
       ++m_Port;
     }
+    for (int i = 0; i < streams; ++i) {
+      std::string const name = std::to_string(i);
+      publish(shape, name);
+      if (watched && !m_Viewers.emplace_back(m_Port, false, 0, 1000).playOverUdp("rtsp://127.0.0.1/" + name)) {
+        throw std::runtime_error("the viewer cannot play");
+      }
+    }
+  }
+  ~Host() { kv_Stream(KV_EXIT, nullptr, 0); }
+  Host(Host const&) = delete;
+  Host& operator=(Host const&) = delete;
+
+  void submit(std::uint8_t const* pixels, std::size_t stream = 0) {
+    m_Frames[stream].frame = pixels;
+    benchmark::DoNotOptimize(kv_Stream(KV_SUBMIT_FRAME, &m_Frames[stream], sizeof m_Frames[stream]));
+  }
+
+ private:
+  void publish(Shape const& shape, std::string const& name) {
     kv_session_record session{};
-    std::strcpy(session.name, "a");
+    std::snprintf(session.name, sizeof session.name, "%s", name.c_str());
     std::strcpy(session.info, "a");
     std::strcpy(session.description, "a");
     kv_Stream(KV_CREATE_SESSION, &session, sizeof session);
@@ -141,21 +168,12 @@ class Host {
     video.bitrate = 2000000;
     kv_stream_record stream{nullptr, session.handle, nullptr, KV_MEDIA_VIDEO, 0, &video};
     kv_Stream(KV_CREATE_STREAM, &stream, sizeof stream);
-    m_Frame = {nullptr, session.handle, stream.stream, nullptr, nullptr};
-  }
-  ~Host() { kv_Stream(KV_EXIT, nullptr, 0); }
-  Host(Host const&) = delete;
-  Host& operator=(Host const&) = delete;
-
-  std::uint32_t port() const { return m_Port; }
-  void submit(std::uint8_t const* pixels) {
-    m_Frame.frame = pixels;
-    benchmark::DoNotOptimize(kv_Stream(KV_SUBMIT_FRAME, &m_Frame, sizeof m_Frame));
+    m_Frames.push_back({nullptr, session.handle, stream.stream, nullptr, nullptr});
   }
 
- private:
   std::uint32_t m_Port = 39871;
-  kv_frame_record m_Frame{};
+  std::vector<kv_frame_record> m_Frames;
+  std::deque<RtspClient> m_Viewers;
 };
 
 template <class Function>
@@ -170,11 +188,6 @@ void submitOverFloor(benchmark::State& state, Shape const& shape) {
   auto const frames = framesOf(shape);
   Floor floor(shape);
   Host host(shape);
-  // What arrives there is not read; the kernel drops it.
-  RtspClient viewer(host.port(), false, 0, 1000);
-  if (!viewer.playOverUdp("rtsp://127.0.0.1/a")) {
-    state.SkipWithError("the viewer cannot play");
-  }
   std::vector<double> ratios;
   double milliseconds = 0;
   int round = 0;
@@ -204,9 +217,48 @@ BENCHMARK_CAPTURE(submitOverFloor, jpeg_1080p, Shape{1920, 1080, 8})->Iterations
 BENCHMARK_CAPTURE(submitOverFloor, h264_720p, Shape{1280, 720, 28})->Iterations(150)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(submitOverFloor, h264_1080p, Shape{1920, 1080, 28})->Iterations(100)->Unit(benchmark::kMillisecond);
 
+// Streams that encode in parallel, a thread each, against one of them alone: how
+// many times its frames they get through.
+void parallelStreams(benchmark::State& state, Shape const& shape, int streams) {
+  char policy[] = "/tmp/kavo-bench-XXXXXX";
+  close(mkstemp(policy));
+  std::ofstream(policy) << "[encoding]\nparallel = true\n";
+  setenv("KAVO_STREAM_CONFIG", policy, 1);
+  auto const frames = framesOf(shape);
+  Host host(shape, streams);
+  unsetenv("KAVO_STREAM_CONFIG");
+  unlink(policy);
+  auto const submitAll = [&](std::size_t stream) {
+    for (int i = 0; i < 40; ++i) {
+      host.submit(frames[static_cast<std::size_t>(i) % frames.size()].data(), stream);
+    }
+  };
+  std::vector<double> ratios;
+  for (auto _ : state) {
+    double const alone = seconds([&] { submitAll(0); });
+    double const together = seconds([&] {
+      std::vector<std::thread> threads;
+      for (int i = 0; i < streams; ++i) {
+        threads.emplace_back(submitAll, static_cast<std::size_t>(i));
+      }
+      for (auto& thread : threads) {
+        thread.join();
+      }
+    });
+    ratios.push_back(streams * alone / together);
+  }
+  std::sort(ratios.begin(), ratios.end());
+  state.counters["times"] = ratios[ratios.size() / 2];
+}
+
+BENCHMARK_CAPTURE(parallelStreams, h264_1080p_2, Shape{1920, 1080, 28}, 2)
+    ->Iterations(7)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(parallelStreams, jpeg_1080p_4, Shape{1920, 1080, 8}, 4)->Iterations(7)->Unit(benchmark::kMillisecond);
+
 // A frame that nobody waits for, through the whole of kv_Stream.
 void submitWithoutViewer(benchmark::State& state) {
-  Host host({640, 480, KV_CODEC_MJPEG});
+  Host host({640, 480, KV_CODEC_MJPEG}, 1, false);
   std::vector<std::uint8_t> const pixels(640 * 480 * 3);
   for (auto _ : state) {
     host.submit(pixels.data());

@@ -66,13 +66,13 @@ void publish(Options const& options) {
       g_Stop = true;
     } else if (Clock::now() >= due) {
       due += interval;
-      report.status(publications, *page.read());
+      report.status(publications, page.read().get());
     }
   }
   while (anyRunning(publications)) {
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
-  report.status(publications, *page.read());
+  report.status(publications, page.read().get());
   for (Publication const& publication : publications) {
     publication.rethrow();
   }

@@ -34,4 +34,10 @@ OwnPage::~OwnPage() {
   }
 }
 
-std::unique_ptr<kv_status_page> OwnPage::read() const { return readStatus(m_File); }
+std::unique_ptr<kv_status_page> OwnPage::read() const {
+  try {
+    return readStatus(m_File);
+  } catch (StatusError const&) {
+    return nullptr;
+  }
+}

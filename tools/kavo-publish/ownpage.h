@@ -15,7 +15,7 @@ class OwnPage {
   OwnPage(OwnPage const&) = delete;
   OwnPage& operator=(OwnPage const&) = delete;
 
-  // Throws StatusError.
+  // Null where there is none: the user's may have been taken away.
   std::unique_ptr<kv_status_page> read() const;
 
  private:

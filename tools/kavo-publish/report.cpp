@@ -48,12 +48,15 @@ void Report::introduce(std::deque<Publication> const& publications) {
   flush();
 }
 
-void Report::status(std::deque<Publication> const& publications, kv_status_page const& page) {
+void Report::status(std::deque<Publication> const& publications, kv_status_page const* page) {
+  if (page == nullptr) {
+    return;
+  }
   if (m_Terminal && m_Printed) {
     std::printf("\033[%zuA", publications.size());  // up, over what was printed last
   }
   for (Publication const& publication : publications) {
-    line(publication.name(), figuresOf(publication.name(), page));
+    line(publication.name(), figuresOf(publication.name(), *page));
   }
   m_Printed = true;
   flush();

@@ -14,8 +14,8 @@ class Report {
   explicit Report(bool json);
 
   void introduce(std::deque<Publication> const& publications);
-  // A line a stream, which renews itself on a terminal.
-  void status(std::deque<Publication> const& publications, kv_status_page const& page);
+  // A line a stream, which renews itself on a terminal; nothing without a page.
+  void status(std::deque<Publication> const& publications, kv_status_page const* page);
 
  private:
   // What the page says of one stream.

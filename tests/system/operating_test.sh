@@ -1,0 +1,98 @@
+#!/usr/bin/env bash
+# An operator's day: passwords with real players, one address, the status page read by
+# kavo-stat while the host runs, after it was killed, and when the page is damaged.
+#   operating_test.sh KAVO_PUBLISH KAVO_STAT
+set -euo pipefail
+publish=$1
+stat=$2
+. "$(dirname "$0")/publisher.sh"
+export KAVO_STREAM_STATUS=$work/status KAVO_STREAM_CONFIG=$work/policy.toml
+printf '[server]\naddress = "127.0.0.1"\n[access.users]\nanna = "geheim"\n' >"$KAVO_STREAM_CONFIG"
+
+"$publish" --check-config "$KAVO_STREAM_CONFIG" | grep -q 'no errors' || die "the policy file has errors"
+echo 'adress = 1' >"$work/wrong.toml"
+! "$publish" --check-config "$work/wrong.toml" 2>"$work/err" || die "a wrong policy file was accepted"
+grep -q "wrong.toml:1: 'adress' is not known" "$work/err" || die "said: $(cat "$work/err")"
+
+start --size 320x240 --codec h264
+url=127.0.0.1:$port/kavo
+grep -q "rtsp://127.0.0.1:$port/kavo" "$work/out" || die "another address in the URL"
+ss -Hltn "sport = :$port" | grep -qv "127.0.0.1:$port" && die "listens elsewhere: $(ss -Hltn)"
+
+for transport in tcp udp; do
+  ffmpeg -v error -rtsp_transport $transport -i "rtsp://anna:geheim@$url" -frames:v 2 -f null - || die "ffmpeg $transport"
+  for user in "" anna:wrong@ otto:geheim@; do
+    ! ffmpeg -v error -rtsp_transport $transport -i "rtsp://$user$url" -frames:v 1 -f null - 2>"$work/err" ||
+      die "played with '$user'"
+    grep -q '401 Unauthorized' "$work/err" || die "'$user': $(cat "$work/err")"
+  done
+done
+gst() { timeout 60 gst-launch-1.0 -q rtspsrc location="rtsp://$url" user-id=anna user-pw="$1" ! rtph264depay ! fakesink num-buffers=2; }
+gst geheim || die "GStreamer"
+! gst wrong >"$work/err" 2>&1 || die "GStreamer played with a wrong password"
+mpv --no-config --really-quiet --vo=null --frames=2 "rtsp://anna:geheim@$url" || die "mpv"
+! mpv --no-config --really-quiet --vo=null --frames=2 "rtsp://anna:wrong@$url" || die "mpv played with a wrong password"
+
+# Nobody else can speak for a session, even from the same host and with its id. Over
+# UDP, so that ports are watched as well.
+openRTSP -v -Q -u anna geheim "rtsp://$url" >/dev/null 2>"$work/open" &
+viewer=$!
+until grep -q 'Started playing' "$work/open"; do sleep 0.05; done
+ss -Hlun | grep -E ':69[0-9][0-9]|:7[0-9]{3}' | grep -v '127.0.0.1:' && die "UDP elsewhere"
+session=$(sed -n 's/^Session: \([0-9A-F]*\).*/\1/p' "$work/open" | head -n 1)
+python3 - "$port" "$session" <<'PY' || die "another's session"
+import socket, sys
+for method in "PLAY", "PAUSE", "TEARDOWN", "GET_PARAMETER":
+    client = socket.create_connection(("127.0.0.1", int(sys.argv[1])), 20)
+    client.sendall(f"{method} rtsp://h/kavo RTSP/1.0\r\nCSeq: 1\r\nSession: {sys.argv[2]}\r\n\r\n".encode())
+    answer = client.recv(4096).decode()
+    assert answer.startswith("RTSP/1.0 401 ") and "WWW-Authenticate: Digest realm=" in answer, method + answer
+PY
+
+# What kavo-stat says of all that.
+"$stat" --json "$pid" >"$work/json"
+python3 - "$work/json" "$pid" "$port" <<'PY' || die "$(cat "$work/json")"
+import json, sys
+page = json.load(open(sys.argv[1]))
+assert page["pid"] == int(sys.argv[2]) and page["port"] == int(sys.argv[3]) and page["running"]
+stream, = page["streams"]
+assert stream["name"] == "kavo" and stream["codec"] == "h264" and (stream["width"], stream["height"]) == (320, 240)
+assert stream["offered"] == stream["encoded"] + stream["dropped"] + stream["skipped"] + stream["failed"]
+viewer, = stream["viewers"]
+assert viewer["transport"] == "udp" and viewer["state"] == "playing" and viewer["frames_sent"] > 0
+assert page["refused"]["user"] >= 6 and page["last_error"] is None
+kinds = [event["kind"] for event in page["events"]]
+assert kinds.count("joined") >= 5 and "left" in kinds and "refused" in kinds
+PY
+"$stat" --prometheus "$pid" | grep -qE '^kavo_viewers\{stream="kavo",transport="udp"\} 1$' || die "no metrics"
+"$stat" "$KAVO_STREAM_STATUS" | grep -q '1 viewer ' || die "no table"
+kill "$viewer"
+
+# Killed, and still there to be read.
+kill -KILL "$pid"
+wait "$pid" || true
+"$stat" "$KAVO_STREAM_STATUS" | grep -q 'ended; last sign of life' || die "a dead process looks alive"
+"$stat" --events "$KAVO_STREAM_STATUS" | grep -q 'refused .*no valid user' || die "no events"
+python3 - "$stat" "$KAVO_STREAM_STATUS" <<'PY' || die "the last second is missing"
+import json, subprocess, sys, time
+page = json.loads(subprocess.check_output([sys.argv[1], "--json", sys.argv[2]]))
+assert not page["running"] and time.time() - 30 < page["alive"] <= time.time()
+assert page["streams"][0]["sent"] > 0 and page["streams"][0]["viewers"]
+PY
+
+# refused TEXT FILE: says so in one line, and ends with 1.
+refused() {
+  local got=0
+  "$stat" --json "$2" >"$work/out" 2>"$work/err" || got=$?
+  [ "$got" = 1 ] && [ "$(wc -l <"$work/err")" = 1 ] && grep -q "$1" "$work/err" || die "$2: $got, $(cat "$work/err")"
+}
+head -c 100000 "$KAVO_STREAM_STATUS" >"$work/short"
+refused 'truncated' "$work/short"
+{ head -c 8 "$KAVO_STREAM_STATUS"; printf '\007\0\0\0'; tail -c +13 "$KAVO_STREAM_STATUS"; } >"$work/newer"
+refused 'version 7' "$work/newer"
+refused 'no status page' "$0"
+refused 'No such file' "$work/nothing"
+env -u KAVO_STREAM_STATUS sleep 60 &
+refused 'without KAVO_STREAM_STATUS' $!
+kill $!
+echo passed
