@@ -92,7 +92,8 @@ refused 'truncated' "$work/short"
 refused 'version 7' "$work/newer"
 refused 'no status page' "$0"
 refused 'No such file' "$work/nothing"
-env -u KAVO_STREAM_STATUS sleep 60 &
+env -u KAVO_STREAM_STATUS sleep 60 >/dev/null 2>&1 &
+until grep -q sleep /proc/$!/comm; do sleep 0.05; done
 refused 'without KAVO_STREAM_STATUS' $!
 kill $!
 echo passed
