@@ -17,7 +17,7 @@ struct Policy {
   struct Delivery {
     std::string address;           // that UDP is sent from, likewise
     std::size_t maxPacket = 1400;  // RTP packet, bytes: what fits every ordinary path, with room for tunnels
-    int paceMbit = 87;             // rate at which large frames leave over UDP; 0: all at once
+    std::optional<int> paceMbit;   // rate at which large frames leave over UDP; 0: all at once
   };
 
   std::string address;  // of this machine, to be listened on alone; empty: all

@@ -13,19 +13,16 @@ namespace kavo::impl {
 
 namespace {
 
-// A frame of up to smallFrame bytes leaves at once over UDP; of a larger one,
-// bursts that small buffers along the path can take.
-constexpr std::size_t smallFrame = 49152;
-constexpr std::size_t burst = 32768;
+// What is worth a system call for every viewer.
+constexpr std::size_t smallestBurst = 16384;
 constexpr std::chrono::microseconds shortestFrameInterval{10000};
 constexpr std::chrono::microseconds longestFrameInterval{200000};
 
 }  // namespace
 
-Viewers::Viewers(TaskScheduler& scheduler, Policy::Delivery policy, status::StreamPlace const& stream,
-                 Callbacks callbacks)
+Viewers::Viewers(TaskScheduler& scheduler, Delivery delivery, status::StreamPlace const& stream, Callbacks callbacks)
     : m_Scheduler(scheduler),
-      m_Policy(std::move(policy)),
+      m_Delivery(std::move(delivery)),
       m_Stream(stream),
       m_Callbacks(std::move(callbacks)),
       m_NextBurst(scheduler,
@@ -48,7 +45,7 @@ Viewers::Viewers(TaskScheduler& scheduler, Policy::Delivery policy, status::Stre
 bool Viewers::openPorts(int family) {
   auto& place = m_Families[indexOf(family)];
   if (!place) {
-    auto ports = UdpPorts::open(family, m_Policy.address);
+    auto ports = UdpPorts::open(family, m_Delivery.policy.address);
     if (!ports) {
       return false;
     }
@@ -67,6 +64,7 @@ Viewer* Viewers::addUdp(sockaddr_storage const& address, std::uint16_t rtpPort, 
   std::unique_ptr<Viewer> viewer(new Viewer(*this, KV_STATUS_UDP));
   viewer->m_Udp.address = viewer->m_RtcpAddress = address;
   portOf(viewer->m_Udp.address) = htons(rtpPort);
+  viewer->m_Path = m_Delivery.pacer->pathTo(address);
   viewer->setAddress(viewer->m_Udp.address);
   portOf(viewer->m_RtcpAddress) = htons(rtcpPort);
   takePortsFromOthers(*viewer);
@@ -110,8 +108,8 @@ void Viewers::play(Viewer& viewer) {
   }
   if (viewer.isOverUdp()) {
     takePortsFromOthers(viewer);
-    viewer.m_MaxPacket =
-        std::min<std::size_t>(m_Policy.maxPacket, maxUdpPayload(viewer.m_Udp.address).value_or(m_Policy.maxPacket));
+    viewer.m_MaxPacket = std::min<std::size_t>(
+        m_Delivery.policy.maxPacket, maxUdpPayload(viewer.m_Udp.address).value_or(m_Delivery.policy.maxPacket));
   }
   viewer.enter(Viewer::State::AwaitingKeyFrame);
   viewer.noteEvent(KV_STATUS_JOINED, viewer.isOverUdp() ? "udp" : "tcp");
@@ -139,9 +137,18 @@ void Viewers::stopSending(Viewer& viewer) {
     viewer.m_Writer->cancel(viewer.m_RtcpChannel);
   }
   for (auto const& family : m_Families) {
-    if (family) {
-      std::erase(family->takers, &viewer);
+    if (family && std::erase(family->takers, &viewer) > 0) {
+      leaveShare(*viewer.m_Path);
     }
+  }
+}
+
+void Viewers::leaveShare(Pacer::Path& path) {
+  auto const share =
+      std::find_if(m_Shares.begin(), m_Shares.end(), [&](auto const& entry) { return entry.path == &path; });
+  if (share != m_Shares.end() && --share->viewers == 0) {
+    path.addNeed(-share->need, Clock::now());
+    m_Shares.erase(share);
   }
 }
 
@@ -150,7 +157,7 @@ bool Viewers::anyActive() const {
 }
 
 void Viewers::fitPackets() {
-  m_MaxPacket = m_Policy.maxPacket;
+  m_MaxPacket = m_Delivery.policy.maxPacket;
   for (auto const& viewer : m_Viewers) {
     if (viewer->isActive() && viewer->isOverUdp()) {
       m_MaxPacket = std::min(m_MaxPacket, viewer->m_MaxPacket);
@@ -166,6 +173,7 @@ bool Viewers::takes(bool keyFrame) const {
 
 bool Viewers::send(FramePackets& packets, bool keyFrame) {
   bool keyFrameWanted = false;
+  m_HasDeltaFrames = m_HasDeltaFrames || !keyFrame;
   for (InterleavedFrame& frame : m_InterleavedFrames) {
     frame.begin(packets);
   }
@@ -173,6 +181,7 @@ bool Viewers::send(FramePackets& packets, bool keyFrame) {
     if (keyFrame && viewer->m_State == Viewer::State::AwaitingKeyFrame) {
       viewer->enter(Viewer::State::Playing);
     }
+    viewer->m_NeedsRepair = viewer->m_NeedsRepair && !keyFrame;
     if (viewer->m_State == Viewer::State::Playing) {
       if (viewer->isOverUdp()) {
         m_Families[indexOf(viewer->m_Udp.address.ss_family)]->takers.push_back(viewer.get());
@@ -194,7 +203,7 @@ bool Viewers::send(FramePackets& packets, bool keyFrame) {
   }
   m_Packets = &packets;
   m_NextPacket = 0;
-  notePace(packets.bytes());
+  notePace();
   return sendBurst();
 }
 
@@ -214,6 +223,7 @@ void Viewers::sendInterleaved(Viewer& viewer, FramePackets& packets, bool keyFra
 void Viewers::drop() {
   m_NextBurst.stop();
   m_Packets = nullptr;
+  dropShares();
   for (auto const& family : m_Families) {
     if (family) {
       family->takers.clear();
@@ -237,38 +247,85 @@ InterleavedFrame& Viewers::frameOn(std::uint8_t channel, FramePackets& packets) 
   return found != m_InterleavedFrames.end() ? *found : m_InterleavedFrames.emplace_back(packets, channel);
 }
 
-// All of a large frame at once would overflow the buffers along the path: its
-// bursts are spread over a quarter of the time between frames at most.
-void Viewers::notePace(std::size_t bytes) {
+void Viewers::notePace() {
   auto const now = Clock::now();
-  auto const since = std::chrono::duration_cast<std::chrono::microseconds>(now - m_LastFrame);
+  auto const since = std::chrono::duration_cast<std::chrono::microseconds>(now - m_FrameBegin);
   m_FrameInterval = (3 * m_FrameInterval + std::clamp(since, shortestFrameInterval, longestFrameInterval)) / 4;
-  m_LastFrame = now;
-  std::chrono::microseconds const atPace{m_Policy.paceMbit > 0 ? static_cast<int>(burst * 8) / m_Policy.paceMbit : 0};
-  m_BurstInterval = std::min(atPace, m_FrameInterval / 4 / static_cast<int>(bytes / burst + 1));
+  m_FrameBegin = now;
+  m_BytesSent = 0;
+  for (auto const& family : m_Families) {
+    for (Viewer const* const viewer : family ? family->takers : std::vector<Viewer*>()) {
+      auto const known = std::find_if(m_Shares.begin(), m_Shares.end(),
+                                      [&](auto const& share) { return share.path == viewer->m_Path.get(); });
+      if (known != m_Shares.end()) {
+        ++known->viewers;
+      } else {
+        m_Shares.push_back({viewer->m_Path.get(), 1, 0});
+      }
+    }
+  }
+  for (Share& share : m_Shares) {
+    share.need = isPaced() ? share.path->needOf(m_Packets->bytes() * share.viewers, m_FrameInterval) : 0;
+    share.path->addNeed(share.need, now);
+  }
+}
+
+void Viewers::dropShares() {
+  auto const now = Clock::now();
+  for (Share const& share : m_Shares) {
+    share.path->addNeed(-share.need, now);
+  }
+  m_Shares.clear();
+}
+
+bool Viewers::isPaced() const { return !m_Delivery.pacer->isOff() && m_Packets->bytes() > m_Delivery.pacer->burst(); }
+
+// All of a large frame at once would overflow the buffers along the path: what may
+// leave now is what the slowest path takes.
+std::size_t Viewers::allowance(Clock::time_point now) const {
+  std::size_t room = m_Packets->bytes() - m_BytesSent;
+  for (Share const& share : isPaced() ? std::span(m_Shares) : std::span<Share const>()) {
+    room = std::min(room, share.path->room(now) / share.viewers);
+  }
+  return room;
+}
+
+std::chrono::microseconds Viewers::untilNextBurst(Clock::time_point now) const {
+  std::size_t const bytes = std::min(smallestBurst, m_Packets->bytes() - m_BytesSent);
+  std::chrono::microseconds longest{100};
+  for (Share const& share : m_Shares) {
+    longest = std::max(longest, share.path->until(bytes * share.viewers, now));
+  }
+  return longest;
 }
 
 // True when nothing is left of the frame.
 bool Viewers::sendBurst() {
+  auto const now = Clock::now();
   std::size_t const first = m_NextPacket;
-  std::size_t const room = m_Packets->bytes() <= smallFrame ? smallFrame : burst;
-  std::size_t bytes = 0;
-  while (m_NextPacket < m_Packets->count() && bytes + m_Packets->size(m_NextPacket) <= room) {
-    bytes += m_Packets->size(m_NextPacket++);
-  }
-  if (m_NextPacket < m_Packets->count()) {
-    m_NextBurst.start(m_BurstInterval);
+  std::size_t const before = m_BytesSent;
+  std::size_t const end = before + allowance(now);
+  while (m_NextPacket < m_Packets->count() && m_BytesSent + m_Packets->size(m_NextPacket) <= end) {
+    m_BytesSent += m_Packets->size(m_NextPacket++);
   }
   bool takersLeft = false;
   for (auto const& family : m_Families) {
     if (family && !family->takers.empty()) {
-      sendOverUdp(*family, first, m_NextPacket);
+      if (m_NextPacket > first) {
+        sendOverUdp(*family, first, m_NextPacket);
+      }
       takersLeft = takersLeft || !family->takers.empty();
     }
+  }
+  auto const sent = Clock::now();  // not before: what a pause of this thread held back is only now on its way
+  for (Share const& share : m_Shares) {
+    share.path->noteSent((m_BytesSent - before) * share.viewers, (m_NextPacket - first) * share.viewers, sent);
   }
   bool const done = !takersLeft || m_NextPacket == m_Packets->count();
   if (done) {
     drop();
+  } else {
+    m_NextBurst.start(untilNextBurst(sent));
   }
   return done;
 }
@@ -289,7 +346,7 @@ void Viewers::sendOverUdp(Family& family, std::size_t first, std::size_t last) {
 
 // This viewer lost the frame, so frames that reference it would be damaged.
 void Viewers::narrow(Viewer& viewer) {
-  std::size_t const path = maxUdpPayload(viewer.m_Udp.address).value_or(m_Policy.maxPacket);
+  std::size_t const path = maxUdpPayload(viewer.m_Udp.address).value_or(m_Delivery.policy.maxPacket);
   std::size_t const smaller = path < viewer.m_MaxPacket ? path : viewer.m_MaxPacket * 3 / 4;
   viewer.m_MaxPacket = std::max(smaller, smallestPacket);
   viewer.enter(Viewer::State::AwaitingKeyFrame);

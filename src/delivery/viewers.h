@@ -15,6 +15,7 @@
 #include "base/statuspage.h"
 #include "base/uniquefd.h"
 #include "delivery/interleavedwriter.h"
+#include "delivery/pacer.h"
 #include "delivery/udpports.h"
 #include "delivery/udpsender.h"
 #include "eventloop/eventlooprole.h"
@@ -25,6 +26,12 @@
 namespace kavo::impl {
 
 class Viewers;
+
+// What all streams of a server share.
+struct Delivery {
+  Policy::Delivery policy;
+  std::shared_ptr<Pacer> pacer = std::make_shared<Pacer>(policy.paceMbit);
+};
 
 // One client session's part in a stream, over UDP or on its RTSP connection. It
 // stays where it is in memory until Viewers::remove().
@@ -94,6 +101,7 @@ class Viewer {
   std::shared_ptr<InterleavedWriter> m_Writer;
   // Over UDP.
   UdpDestination m_Udp;
+  std::shared_ptr<Pacer::Path> m_Path;
   std::size_t m_MaxPacket = 0;
   sockaddr_storage m_RtcpAddress{};
   in_port_t m_ReportPort = 0;  // where its reports come from, if not from there (behind NAT); network byte order
@@ -102,6 +110,8 @@ class Viewer {
   // What its reports say.
   Clock::time_point m_LastReport{};
   Reception m_Reception;
+  bool m_NeedsRepair = false;  // it has lost packets since the last key frame
+  Clock::time_point m_LastRepair{};
   std::function<void()> m_OnSignOfLife;
 };
 
@@ -120,7 +130,7 @@ class Viewers {
   };
 
   // The stream's record on the status page has to live as long as this.
-  Viewers(TaskScheduler& scheduler, Policy::Delivery policy, status::StreamPlace const& stream, Callbacks callbacks);
+  Viewers(TaskScheduler& scheduler, Delivery delivery, status::StreamPlace const& stream, Callbacks callbacks);
 
   // A viewer over UDP; null when no sockets are available. Ports in host byte order.
   Viewer* addUdp(sockaddr_storage const& address, std::uint16_t rtpPort, std::uint16_t rtcpPort)
@@ -177,25 +187,32 @@ class Viewers {
   void sendOverUdp(Family& family, std::size_t first, std::size_t last) KAVO_REQUIRES(eventLoopRole);
   void narrow(Viewer& viewer) KAVO_REQUIRES(eventLoopRole);
   void fitPackets() KAVO_REQUIRES(eventLoopRole);
-  void notePace(std::size_t bytes) KAVO_REQUIRES(eventLoopRole);
+  void notePace() KAVO_REQUIRES(eventLoopRole);
+  void dropShares() KAVO_REQUIRES(eventLoopRole);
+  void leaveShare(Pacer::Path& path) KAVO_REQUIRES(eventLoopRole);
+  bool isPaced() const KAVO_REQUIRES(eventLoopRole);
+  std::size_t allowance(Clock::time_point now) const KAVO_REQUIRES(eventLoopRole);
+  std::chrono::microseconds untilNextBurst(Clock::time_point now) const KAVO_REQUIRES(eventLoopRole);
 
   void sendReports() KAVO_REQUIRES(eventLoopRole);
   std::vector<std::uint8_t> makeReport(bool bye) KAVO_REQUIRES(eventLoopRole);
   void sendReport(Viewer& viewer, std::span<std::uint8_t const> report) KAVO_REQUIRES(eventLoopRole);
   void receiveReports(int socket) KAVO_REQUIRES(eventLoopRole);
   Viewer* reporterAt(sockaddr_storage const& from, Clock::time_point now) KAVO_REQUIRES(eventLoopRole);
+  void repair(Viewer& viewer, Clock::time_point now) KAVO_REQUIRES(eventLoopRole);
   void note(Viewer& viewer, ReceiverReport const& report, Clock::time_point now) KAVO_REQUIRES(eventLoopRole);
 
   TaskScheduler& m_Scheduler;
-  Policy::Delivery const m_Policy;
+  Delivery const m_Delivery;
   status::StreamPlace const& m_Stream;
   Callbacks m_Callbacks;
   std::vector<std::unique_ptr<Viewer>> m_Viewers KAVO_GUARDED_BY(eventLoopRole);
   std::unique_ptr<Family> m_Families[2] KAVO_GUARDED_BY(
       eventLoopRole);  // IPv4 and IPv6, opened for the first viewer that needs it
 
-  std::size_t m_MaxPacket KAVO_GUARDED_BY(eventLoopRole) = m_Policy.maxPacket;
+  std::size_t m_MaxPacket KAVO_GUARDED_BY(eventLoopRole) = m_Delivery.policy.maxPacket;
 
+  bool m_HasDeltaFrames KAVO_GUARDED_BY(eventLoopRole) = false;  // which a lost packet damages until the next key frame
   // The frame that is being sent.
   FramePackets* m_Packets KAVO_GUARDED_BY(eventLoopRole) = nullptr;
   std::size_t m_NextPacket KAVO_GUARDED_BY(eventLoopRole) = 0;
@@ -203,10 +220,16 @@ class Viewers {
   std::vector<UdpDestination*> m_Destinations KAVO_GUARDED_BY(eventLoopRole);
   UdpSender m_Sender KAVO_GUARDED_BY(eventLoopRole);
   // Pacing.
+  struct Share {
+    Pacer::Path* path;  // which the viewers own
+    std::size_t viewers;
+    double need;
+  };
   Timer m_NextBurst;
-  Clock::time_point m_LastFrame KAVO_GUARDED_BY(eventLoopRole){};
+  Clock::time_point m_FrameBegin KAVO_GUARDED_BY(eventLoopRole){};
   std::chrono::microseconds m_FrameInterval KAVO_GUARDED_BY(eventLoopRole){40000};
-  std::chrono::microseconds m_BurstInterval KAVO_GUARDED_BY(eventLoopRole){};
+  std::size_t m_BytesSent KAVO_GUARDED_BY(eventLoopRole) = 0;  // of the frame
+  std::vector<Share> m_Shares KAVO_GUARDED_BY(eventLoopRole);  // of its takers
   // RTCP.
   Timer m_NextReport;
   std::string m_Cname;

@@ -8,6 +8,9 @@ constexpr std::uint8_t senderReport = 200;
 constexpr std::uint8_t receiverReport = 201;
 constexpr std::uint8_t sourceDescription = 202;
 constexpr std::uint8_t goodbye = 203;
+constexpr std::uint8_t payloadFeedback = 206;
+constexpr int pictureLoss = 1;
+constexpr int fullIntraRequest = 4;
 constexpr std::uint8_t cnameItem = 1;
 constexpr std::size_t blockSize = 24;
 
@@ -42,6 +45,14 @@ ReportBlock blockAt(std::span<std::uint8_t const> bytes) {
   block.lastSenderReport = numberAt(bytes, 16);
   block.sinceSenderReport = numberAt(bytes, 20);
   return block;
+}
+
+// The first tells the sender in its header, the second in the entry behind it.
+bool isKeyFrameWish(std::span<std::uint8_t const> packet, std::uint32_t ssrc) {
+  int const kind = packet[0] & 0x1F;
+  return packet[1] == payloadFeedback &&
+         ((kind == pictureLoss && packet.size() >= 12 && numberAt(packet, 8) == ssrc) ||
+          (kind == fullIntraRequest && packet.size() >= 16 && numberAt(packet, 12) == ssrc));
 }
 
 }  // namespace
@@ -87,6 +98,7 @@ std::optional<ReceiverReport> readReceiverReport(std::span<std::uint8_t const> p
         report->block = blockAt(packet.subspan(at));
       }
     }
+    report->wantsKeyFrame = report->wantsKeyFrame || isKeyFrameWish(packet.first(size), ssrc);
     packet = packet.subspan(size);
   }
   return report;

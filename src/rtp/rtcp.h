@@ -33,6 +33,7 @@ struct ReportBlock {
 
 struct ReceiverReport {
   std::optional<ReportBlock> block;  // what it says of this sender, if anything
+  bool wantsKeyFrame = false;        // picture loss (RFC 4585, 6.3.1) or full intra request (RFC 5104, 4.3.1)
 };
 
 // Nothing unless the packet is RTCP that begins with a report.

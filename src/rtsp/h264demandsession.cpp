@@ -12,14 +12,13 @@ constexpr unsigned estimatedKilobits = 1048576;
 }
 
 H264DemandSession* H264DemandSession::createNew(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler,
-                                                std::span<std::uint8_t const> parameterSets,
-                                                Policy::Delivery const& policy) {
-  return new H264DemandSession(env, std::move(handler), parameterSets, policy);
+                                                std::span<std::uint8_t const> parameterSets, Delivery const& delivery) {
+  return new H264DemandSession(env, std::move(handler), parameterSets, delivery);
 }
 
 H264DemandSession::H264DemandSession(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler,
-                                     std::span<std::uint8_t const> parameterSets, Policy::Delivery const& policy)
-    : LiveDemandSession(env, std::move(handler), true, estimatedKilobits, policy),
+                                     std::span<std::uint8_t const> parameterSets, Delivery const& delivery)
+    : LiveDemandSession(env, std::move(handler), true, estimatedKilobits, delivery),
       m_ParameterSets(parameterSets.begin(), parameterSets.end()) {}
 
 FramedSource* H264DemandSession::openSource(std::shared_ptr<FrameSourceHandler> handler) {

@@ -13,13 +13,12 @@ class H264DemandSession : public LiveDemandSession {
  public:
   // The parameter sets are the encoder's, in Annex B form, for the SDP.
   static H264DemandSession* createNew(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler,
-                                      std::span<std::uint8_t const> parameterSets, Policy::Delivery const& policy = {})
+                                      std::span<std::uint8_t const> parameterSets, Delivery const& delivery = {})
       KAVO_REQUIRES(eventLoopRole);
 
  protected:
   H264DemandSession(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler,
-                    std::span<std::uint8_t const> parameterSets, Policy::Delivery const& policy)
-      KAVO_REQUIRES(eventLoopRole);
+                    std::span<std::uint8_t const> parameterSets, Delivery const& delivery) KAVO_REQUIRES(eventLoopRole);
 
   FramedSource* openSource(std::shared_ptr<FrameSourceHandler> handler) override;
   void wakeSource(TaskScheduler* scheduler, FramedSource* source) override;

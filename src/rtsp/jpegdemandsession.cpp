@@ -13,13 +13,13 @@ constexpr unsigned estimatedKilobits = 64;
 
 JpegDemandSession* JpegDemandSession::createNew(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler,
                                                 std::span<std::uint8_t const> /*parameterSets*/,
-                                                Policy::Delivery const& policy) {
-  return new JpegDemandSession(env, std::move(handler), policy);
+                                                Delivery const& delivery) {
+  return new JpegDemandSession(env, std::move(handler), delivery);
 }
 
 JpegDemandSession::JpegDemandSession(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler,
-                                     Policy::Delivery const& policy)
-    : LiveDemandSession(env, std::move(handler), true, estimatedKilobits, policy) {}
+                                     Delivery const& delivery)
+    : LiveDemandSession(env, std::move(handler), true, estimatedKilobits, delivery) {}
 
 FramedSource* JpegDemandSession::openSource(std::shared_ptr<FrameSourceHandler> handler) {
   eventLoopRole.assertHeld();

@@ -12,11 +12,11 @@ class JpegDemandSession : public LiveDemandSession {
  public:
   // JPEG has no parameter sets.
   static JpegDemandSession* createNew(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler,
-                                      std::span<std::uint8_t const> parameterSets = {},
-                                      Policy::Delivery const& policy = {}) KAVO_REQUIRES(eventLoopRole);
+                                      std::span<std::uint8_t const> parameterSets = {}, Delivery const& delivery = {})
+      KAVO_REQUIRES(eventLoopRole);
 
  protected:
-  JpegDemandSession(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler, Policy::Delivery const& policy)
+  JpegDemandSession(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler, Delivery const& delivery)
       KAVO_REQUIRES(eventLoopRole);
 
   FramedSource* openSource(std::shared_ptr<FrameSourceHandler> handler) override;

@@ -10,11 +10,11 @@ constexpr portNumBits firstServerPort = 6970;
 }
 
 LiveDemandSession::LiveDemandSession(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler,
-                                     bool reuseFirstSource, unsigned estimatedBitrate, Policy::Delivery const& policy)
+                                     bool reuseFirstSource, unsigned estimatedBitrate, Delivery const& delivery)
     : OnDemandServerMediaSubsession(env, reuseFirstSource ? True : False, firstServerPort, False),
       m_FrameSourceHandler(std::move(handler)),
       m_EstimatedBitrate(estimatedBitrate),
-      m_Viewers(env.taskScheduler(), policy, m_FrameSourceHandler->status(),
+      m_Viewers(env.taskScheduler(), delivery, m_FrameSourceHandler->status(),
                 {.wantKeyFrame =
                      [this](bool wanted) {
                        auto& request = m_FrameSourceHandler->keyFrameRequest();

@@ -30,7 +30,7 @@ class LiveDemandSession : public OnDemandServerMediaSubsession {
  protected:
   // estimatedBitrate in kbit/s: for the SDP's bandwidth line.
   LiveDemandSession(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler, bool reuseFirstSource,
-                    unsigned estimatedBitrate, Policy::Delivery const& policy) KAVO_REQUIRES(eventLoopRole);
+                    unsigned estimatedBitrate, Delivery const& delivery) KAVO_REQUIRES(eventLoopRole);
   ~LiveDemandSession() override;
 
   char const* sdpLines(int addressFamily) override;

@@ -135,6 +135,7 @@ void StreamEnvironment::start(unsigned int port) {
     throw StreamException("Invalid port number for RTSP server", ErrorInvalidParameter);
   }
   m_Policy = policyFromEnvironment();
+  m_Delivery = Delivery{.policy = m_Policy->delivery};
   try {
     makeServer(port);
     startThread();

@@ -12,6 +12,7 @@
 
 #include "base/policy.h"
 #include "base/streamexception.h"
+#include "delivery/viewers.h"
 #include "eventloop/eventlooprole.h"
 #include "eventloop/eventlooptasks.h"
 #include "eventloop/memoryreserve.h"
@@ -53,6 +54,7 @@ class StreamEnvironment {
 
   // Of the server; between servers, of the last one.
   Policy const& policy() const { return *m_Policy; }
+  Delivery const& delivery() const { return m_Delivery; }
 
   // While started. GetRTSPServer() throws "RTSP server is not initialized", and what
   // requireHealth() throws.
@@ -71,6 +73,7 @@ class StreamEnvironment {
   void run();
 
   std::shared_ptr<Policy const> m_Policy = std::make_shared<Policy>();
+  Delivery m_Delivery;
   std::unique_ptr<MemoryReserve> m_Reserve;
   // In this order: the environment is reclaimed after the scheduler is deleted.
   std::unique_ptr<UsageEnvironment, Reclaim> m_UsageEnvironment;

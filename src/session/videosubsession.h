@@ -30,8 +30,8 @@ class VideoSubSession : public ISubSession {
     m_FrameSourceHandler->status().take(name, descriptionOf(*parameter));
     m_MediaSession = env.runOnLoop([&] {
       eventLoopRole.assertHeld();
-      auto* const session = DemandSession::createNew(env.GetUsageEnvironment(), m_FrameSourceHandler, parameterSets,
-                                                     env.policy().delivery);
+      auto* const session =
+          DemandSession::createNew(env.GetUsageEnvironment(), m_FrameSourceHandler, parameterSets, env.delivery());
       media.addSubsession(session);
       return session;
     });

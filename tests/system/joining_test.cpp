@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <thread>
 
@@ -56,6 +57,48 @@ TEST_F(Joining, ALaterViewerDoesNotWaitForTheRegularKeyFrame) {
   int const asked = m_Host.submitted();
   EXPECT_EQ(second.nextNalType(), sps);
   EXPECT_LT(m_Host.submitted() - asked, 25);
+}
+
+// By a report that tells of more lost packets, by RFC 4585's picture loss indication, and
+// by RFC 5104's full intra request.
+TEST_F(Joining, AViewerThatLosesPacketsGetsAKeyFrame) {
+  using Bytes = std::vector<std::uint8_t>;
+  Bytes const report = {0x81, 201, 0, 7, 0, 0, 0, 9};
+  std::function<Bytes(Bytes const&)> const wishes[] = {
+      [&](Bytes const& ssrc) {
+        Bytes bytes = report;
+        bytes.insert(bytes.end(), ssrc.begin(), ssrc.end());
+        bytes.insert(bytes.end(), {12, 0, 0, 3});
+        bytes.resize(32);
+        return bytes;
+      },
+      [&](Bytes const& ssrc) {
+        Bytes bytes = {0x80, 201, 0, 1, 0, 0, 0, 9, 0x81, 206, 0, 2, 0, 0, 0, 9};
+        bytes.insert(bytes.end(), ssrc.begin(), ssrc.end());
+        return bytes;
+      },
+      [&](Bytes const& ssrc) {
+        Bytes bytes = {0x80, 201, 0, 1, 0, 0, 0, 9, 0x84, 206, 0, 4, 0, 0, 0, 9, 0, 0, 0, 0};
+        bytes.insert(bytes.end(), ssrc.begin(), ssrc.end());
+        bytes.insert(bytes.end(), {1, 0, 0, 0});
+        return bytes;
+      },
+  };
+  for (auto const& wish : wishes) {
+    RtspClient viewer(m_Host.port());
+    ASSERT_TRUE(viewer.playOverUdp(url()));
+    auto packet = viewer.packet();
+    while (packet.channel != 0) {
+      packet = viewer.packet();
+    }
+    waitForFrames(18);
+    int const asked = m_Host.submitted();
+    viewer.sendRtcp(wish(Bytes(packet.bytes.begin() + 8, packet.bytes.begin() + 12)));
+    while (viewer.nextNalType() != sps) {
+      ASSERT_LT(m_Host.submitted() - asked, 25);
+    }
+    EXPECT_EQ(viewer.request("TEARDOWN", url()).status, 200);
+  }
 }
 
 TEST_F(Joining, ViewersThatComeTogetherAllBeginWithAWholeFrame) {

@@ -50,7 +50,7 @@ packet_size() {
 # play ADDRESS NAME PLAYER_ARGUMENT...: over UDP, to a file. Not decoded while it
 # arrives: the player's own time for that would be measured.
 play() {
-  ffmpeg -nostdin -v warning -rtsp_transport udp -i "rtsp://$1:$port/kavo" -c:v copy -flush_packets 1 "${@:3}" \
+  ffmpeg -nostdin -v warning -rtsp_transport udp -i "rtsp://$1:$port/${name:-kavo}" -c:v copy -flush_packets 1 "${@:3}" \
     -y "$work/$2.mkv" 2>"$work/$2.log" || { cat "$work/$2.log"; return 1; }
 }
 
@@ -142,8 +142,39 @@ done
 mtu 1280
 regrow --codec jpeg --size 640x480 --bitrate 8M
 
+# noise BYTES RATE: a film of JPEG frames of about that size.
+noise() {
+  ffmpeg -v error -f lavfi -i "nullsrc=s=640x480:r=$2,geq=random(1)*255:128:128" -t 2 -c:v mjpeg -q:v 2 -y "$work/noise.avi"
+  film=(--loop --codec jpeg --bitrate $(($1 * 8 * $2)) "$work/noise.avi")
+}
+
+# link QUEUE: one of 100 Mbit/s with so many bytes of queue.
+link() { tc qdisc replace dev near root tbf rate 100mbit burst "$1" limit "$1"; }
+
 mtu 1500
-tc qdisc add dev near root tbf rate 100mbit burst 16kb limit 64kb
-ffmpeg -v error -f lavfi -i "nullsrc=s=640x480:r=10,geq=random(1)*255:128:128" -t 3 -c:v mjpeg -q:v 2 -y "$work/noise.avi"
-watch far --loop --codec jpeg --bitrate 24M "$work/noise.avi"
+link 64kb
+noise 300000 10
+watch far "${film[@]}"
+
+# Frames of four streams that leave at the same time share what the link takes.
+noise 75000 10
+inputs=("$work/noise.avi" "$work/noise.avi" "$work/noise.avi" "$work/noise.avi")
+start "${film[@]:0:5}" "${inputs[@]}"
+rm -f "$work"/*.mkv
+players=()
+for i in 1 2 3 4; do
+  on_far bash -c "$(declare -f play); work=$work port=$port name=kavo$i; play 10.77.0.1 far$i -frames:v 20" &
+  players+=($!)
+done
+for i in 1 2 3 4; do
+  wait "${players[$((i - 1))]}"
+  whole "far$i"
+done
+stop
+
+# Where queues are small, the operator says so.
+link 16kb
+noise 40000 25
+printf '[delivery]\npace_mbit = 60\n' >"$work/policy.toml"
+KAVO_STREAM_CONFIG=$work/policy.toml watch far "${film[@]}"
 echo passed

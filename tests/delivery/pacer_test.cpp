@@ -1,0 +1,65 @@
+#include "delivery/pacer.h"
+
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+
+using namespace kavo::impl;
+using namespace std::chrono_literals;
+
+namespace {
+
+sockaddr_storage host(std::uint8_t last) {
+  sockaddr_storage address{};
+  auto& ipv4 = reinterpret_cast<sockaddr_in&>(address);
+  ipv4.sin_family = AF_INET;
+  ipv4.sin_addr.s_addr = htonl(0x0A000000U + last);
+  ipv4.sin_port = htons(1000);
+  return address;
+}
+
+}  // namespace
+
+TEST(Pacer, StreamsOfAHostShareWhatItsPathTakes) {
+  Pacer pacer(std::nullopt);
+  auto const path = pacer.pathTo(host(1));
+  EXPECT_EQ(pacer.pathTo(host(1)), path);
+  EXPECT_NE(pacer.pathTo(host(2)), path);
+  auto const begin = Pacer::Clock::now();
+  EXPECT_EQ(path->room(begin), pacer.burst());
+  path->noteSent(pacer.burst(), 35, begin);
+  EXPECT_EQ(path->room(begin), 0U);
+  auto const wait = path->until(16384, begin);
+  EXPECT_NEAR(static_cast<double>(wait.count()), 2800, 300) << "at 100 Mbit/s";
+  EXPECT_GE(path->room(begin + wait), 16384U);
+  EXPECT_EQ(path->room(begin + 10ms), pacer.burst());
+}
+
+TEST(Pacer, ThePaceFollowsWhatMostViewersReport) {
+  Pacer pacer(60);
+  auto const path = pacer.pathTo(host(1));
+  auto now = Pacer::Clock::now();
+  auto const waitOf = [&] {
+    path->noteSent(pacer.burst(), 0, now);
+    auto const wait = path->until(pacer.burst(), now);
+    now += wait + 1ms;
+    return wait;
+  };
+  auto const reports = [&](bool loss) {
+    for (int i = 0; i < 4; ++i) {
+      path->noteReport(loss || i == 0, now);  // one viewer always loses
+      now += 2s;
+    }
+  };
+  auto const usual = waitOf();
+  reports(false);
+  reports(false);
+  EXPECT_EQ(waitOf(), usual) << "one viewer of four slowed the others down";
+  reports(true);
+  reports(true);
+  EXPECT_GT(waitOf(), usual * 13 / 10);
+  for (int i = 0; i < 40; ++i) {
+    path->noteReport(false, now);
+    now += 2s;
+  }
+  EXPECT_EQ(waitOf(), usual);
+}
