@@ -17,7 +17,6 @@ fi
 . "$(dirname "$0")/publisher.sh"
 unshare -n sleep 600 &
 far=$!
-trap 'kill $far 2>/dev/null; rm -rf "$work"' EXIT
 until [ "$(readlink /proc/$far/ns/net)" != "$(readlink /proc/self/ns/net)" ]; do sleep 0.05; done
 ip link set lo up
 ip link add near type veth peer name far netns $far

@@ -3,7 +3,13 @@
 # shellcheck shell=bash disable=SC2034,SC2154
 
 work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+# However it ends, nothing that it started goes on.
+end() {
+  mapfile -t started < <(jobs -p)
+  [ ${#started[@]} -eq 0 ] || kill "${started[@]}" 2>/dev/null || true
+  rm -rf "$work"
+}
+trap end EXIT
 
 die() {
   echo "FAILED: $1"
