@@ -15,6 +15,8 @@ namespace {
 
 // What is worth a system call for every viewer.
 constexpr std::size_t smallestBurst = 16384;
+// A picture that is older is not shown as one of now.
+constexpr std::chrono::seconds longestWelcome{60};
 constexpr std::chrono::microseconds shortestFrameInterval{10000};
 constexpr std::chrono::microseconds longestFrameInterval{200000};
 
@@ -36,6 +38,7 @@ Viewers::Viewers(TaskScheduler& scheduler, Delivery delivery, status::StreamPlac
                       m_Callbacks.frameSent();
                     }
                   }),
+      m_Welcome(scheduler, [this]() KAVO_REQUIRES(eventLoopRole) { welcome(); }),
       m_NextReport(scheduler, [this]() KAVO_REQUIRES(eventLoopRole) { sendReports(); }) {
   char host[100] = {};
   gethostname(host, sizeof host - 1);
@@ -87,6 +90,7 @@ void Viewers::remove(Viewer& viewer) {
     m_InterleavedFrames.clear();
     m_Families[0].reset();
     m_Families[1].reset();
+    m_Newest = nullptr;
     m_NextReport.stop();
   }
 }
@@ -115,10 +119,43 @@ void Viewers::play(Viewer& viewer) {
   viewer.noteEvent(KV_STATUS_JOINED, viewer.isOverUdp() ? "udp" : "tcp");
   fitPackets();
   m_Callbacks.wantKeyFrame(true);
+  if (newestFrame() != nullptr) {
+    m_Welcome.start(std::chrono::microseconds(0));  // after the response, which is on its way
+  }
   // Ahead of the first frame, so that receivers know its time.
   sendReport(viewer, makeReport(false));
   if (!m_NextReport.isPending()) {
     m_NextReport.start(reportInterval);
+  }
+}
+
+// A frame that others reference is no beginning.
+FramePackets const* Viewers::newestFrame() const {
+  bool const fresh = Clock::now() - m_FrameBegin <= std::min<Clock::duration>(m_LastInterval, longestWelcome);
+  return !m_HasDeltaFrames && fresh ? m_Newest : nullptr;
+}
+
+// Who joins a stream whose frames stand alone need not wait for the next one. A large
+// frame over UDP would have to be paced, and does not come much before that.
+void Viewers::welcome() {
+  if (newestFrame() == nullptr) {
+    return;
+  }
+  for (auto const& viewer : m_Viewers) {
+    bool const atOnce = !viewer->isOverUdp() || m_Newest->bytes() <= m_Delivery.pacer->burst();
+    if (viewer->m_State != Viewer::State::AwaitingKeyFrame || !atOnce) {
+      continue;
+    }
+    viewer->enter(Viewer::State::Playing);
+    if (viewer->isOverUdp()) {
+      UdpDestination* const destination = &viewer->m_Udp;
+      auto const& family = m_Families[indexOf(viewer->m_Udp.address.ss_family)];
+      m_Sender.send(family->ports.rtpSocket(), *m_Newest, 0, m_Newest->count(), {&destination, 1});
+      viewer->m_Path->noteSent(m_Newest->bytes(), m_Newest->count(), Clock::now());
+      viewer->noteSent(m_Newest->bytes());
+    } else if (viewer->m_Writer) {
+      sendInterleaved(*viewer, *m_Newest, true);
+    }
   }
 }
 
@@ -249,7 +286,8 @@ InterleavedFrame& Viewers::frameOn(std::uint8_t channel, FramePackets& packets) 
 
 void Viewers::notePace() {
   auto const now = Clock::now();
-  auto const since = std::chrono::duration_cast<std::chrono::microseconds>(now - m_FrameBegin);
+  m_LastInterval = m_FrameBegin == Clock::time_point{} ? Clock::duration::zero() : now - m_FrameBegin;
+  auto const since = std::chrono::duration_cast<std::chrono::microseconds>(m_LastInterval);
   m_FrameInterval = (3 * m_FrameInterval + std::clamp(since, shortestFrameInterval, longestFrameInterval)) / 4;
   m_FrameBegin = now;
   m_BytesSent = 0;
@@ -323,6 +361,7 @@ bool Viewers::sendBurst() {
   }
   bool const done = !takersLeft || m_NextPacket == m_Packets->count();
   if (done) {
+    m_Newest = m_Packets;
     drop();
   } else {
     m_NextBurst.start(untilNextBurst(sent));

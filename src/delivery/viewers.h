@@ -142,7 +142,11 @@ class Viewers {
     return m_Families[indexOf(family)]->ports.port();
   }
 
+  // Its first frame is the next key frame, or newestFrame() if there is one.
   void play(Viewer& viewer) KAVO_REQUIRES(eventLoopRole);
+  // The newest frame, where whoever joins can begin with it and it is not older than the
+  // time between frames: null otherwise.
+  FramePackets const* newestFrame() const KAVO_REQUIRES(eventLoopRole);
   void pause(Viewer& viewer) KAVO_REQUIRES(eventLoopRole);
 
   bool empty() const KAVO_REQUIRES(eventLoopRole) { return m_Viewers.empty(); }
@@ -158,6 +162,8 @@ class Viewers {
   bool send(FramePackets& packets, bool keyFrame) KAVO_REQUIRES(eventLoopRole);
   // Forgets the rest of the frame.
   void drop() KAVO_REQUIRES(eventLoopRole);
+  // The packets of the newest frame are about to change, or to go.
+  void forgetNewestFrame() KAVO_REQUIRES(eventLoopRole) { m_Newest = nullptr; }
   // The same for a frame that others reference: every viewer waits for a key frame.
   void abandonFrame() KAVO_REQUIRES(eventLoopRole);
 
@@ -182,6 +188,7 @@ class Viewers {
   void takePortsFromOthers(Viewer const& viewer) KAVO_REQUIRES(eventLoopRole);
   void stopSending(Viewer& viewer) KAVO_REQUIRES(eventLoopRole);
   InterleavedFrame& frameOn(std::uint8_t channel, FramePackets& packets) KAVO_REQUIRES(eventLoopRole);
+  void welcome() KAVO_REQUIRES(eventLoopRole);
   void sendInterleaved(Viewer& viewer, FramePackets& packets, bool keyFrame) KAVO_REQUIRES(eventLoopRole);
   bool sendBurst() KAVO_REQUIRES(eventLoopRole);
   void sendOverUdp(Family& family, std::size_t first, std::size_t last) KAVO_REQUIRES(eventLoopRole);
@@ -215,6 +222,8 @@ class Viewers {
   bool m_HasDeltaFrames KAVO_GUARDED_BY(eventLoopRole) = false;  // which a lost packet damages until the next key frame
   // The frame that is being sent.
   FramePackets* m_Packets KAVO_GUARDED_BY(eventLoopRole) = nullptr;
+  FramePackets* m_Newest KAVO_GUARDED_BY(eventLoopRole) = nullptr;  // the last one, complete
+  Clock::duration m_LastInterval KAVO_GUARDED_BY(eventLoopRole){};  // between the last two
   std::size_t m_NextPacket KAVO_GUARDED_BY(eventLoopRole) = 0;
   std::vector<InterleavedFrame> m_InterleavedFrames KAVO_GUARDED_BY(eventLoopRole);  // one a channel
   std::vector<UdpDestination*> m_Destinations KAVO_GUARDED_BY(eventLoopRole);
@@ -226,6 +235,7 @@ class Viewers {
     double need;
   };
   Timer m_NextBurst;
+  Timer m_Welcome;
   Clock::time_point m_FrameBegin KAVO_GUARDED_BY(eventLoopRole){};
   std::chrono::microseconds m_FrameInterval KAVO_GUARDED_BY(eventLoopRole){40000};
   std::size_t m_BytesSent KAVO_GUARDED_BY(eventLoopRole) = 0;  // of the frame

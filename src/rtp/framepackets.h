@@ -30,6 +30,7 @@ class FramePackets {
   // The next packet: the payload format's header is copied, the payload is not.
   void add(std::span<std::uint8_t const> payloadHeader, std::span<std::uint8_t const> payload, bool marker);
 
+  RtpHeader const& header() const { return m_Header; }
   std::size_t count() const { return m_Packets.size(); }
   // Bytes of one RTP packet, and of all of them.
   std::size_t size(std::size_t packet) const { return m_Packets[packet].size; }

@@ -104,6 +104,7 @@ class FrameSink : public Base, public LiveSink {
   // False: the rest of the frame follows.
   bool send(unsigned size, timeval time) KAVO_REQUIRES(eventLoopRole) {
     std::uint32_t const rtpTime = rtpTimeOf(time);
+    m_Viewers.forgetNewestFrame();
     m_Packets.begin(
         {.payloadType = this->rtpPayloadType(), .sequence = this->fSeqNo, .timestamp = rtpTime, .ssrc = this->SSRC()});
     bool const keyFrame = packetize({m_Frame.data(), size}, m_Viewers.maxPacket(), m_Packets);

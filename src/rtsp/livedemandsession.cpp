@@ -47,6 +47,7 @@ void LiveDemandSession::closeSource() {
   if (source != nullptr) {
     m_Sink.rtp->stopPlaying();
     m_Viewers.drop();
+    m_Viewers.forgetNewestFrame();
     LiveDemandSession::closeStreamSource(source);
   }
 }
@@ -138,8 +139,10 @@ void LiveDemandSession::startStream(unsigned /*clientSessionId*/, void* streamTo
   if (m_Sink.rtp == nullptr) {
     m_Sink = makeSink(AF_INET);
   }
-  rtpSeqNum = m_Sink.rtp->currentSeqNo();
-  rtpTimestamp = m_Sink.live->senderInfo().rtpTime;
+  // Of the first packet that it gets.
+  FramePackets const* const newest = m_Viewers.newestFrame();
+  rtpSeqNum = newest != nullptr ? newest->header().sequence : m_Sink.rtp->currentSeqNo();
+  rtpTimestamp = newest != nullptr ? newest->header().timestamp : m_Sink.live->senderInfo().rtpTime;
   startSource();
   m_Viewers.play(*viewer);
 }

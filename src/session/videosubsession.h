@@ -54,7 +54,7 @@ class VideoSubSession : public ISubSession {
     auto const submitted = KeyFrameRequest::Clock::now();
     if (m_FrameSourceHandler->keyFrameRequest().take(submitted)) {
       m_Transcoder->requestKeyFrame();
-      if (status) {
+      if (status && status->codec == KV_CODEC_H264) {
         status.add(&kv_status_stream::key_frames_asked);
         status::note(KV_STATUS_KEY_FRAME, status.name(), "");
       }

@@ -1,11 +1,13 @@
 // The life of a viewer: description, PLAY, PAUSE, and the stream's end.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <set>
 #include <thread>
 
 #include "system/host.h"
 #include "system/rtspclient.h"
+#include "system/testpattern.h"
 
 namespace {
 
@@ -149,6 +151,48 @@ TEST_P(Viewing, TwoSessionsShareAConnectionOnChannelsOfTheirOwn) {
   viewer.forgetSession();
   EXPECT_EQ(viewer.request("SETUP", url() + "/track1", "Transport: RTP/AVP/TCP;interleaved=5-6\r\n").status, 461)
       << "another session's channel";
+}
+
+// On a stream whose host is slow, whoever joins sees its newest picture at once, and the
+// response to PLAY tells its number and time.
+TEST(ViewingSlowHost, WhoeverJoinsGetsTheNewestPicture) {
+  Host host;
+  host.serve();
+  auto record = host.publish("stream").record;
+  auto const frame = testFrame(KV_BGR24, 320, 240);
+  record.frame = frame.data();
+  RtspClient first(host.port());
+  ASSERT_TRUE(first.play(host.url("stream")));
+  auto const begin = std::chrono::steady_clock::now();
+  ASSERT_EQ(host.call(KV_SUBMIT_FRAME, record), KV_OK);
+  EXPECT_EQ(first.packet().channel, 0);
+  // The time between frames, for which the second one is the newest: as long as the rest takes.
+  while (std::chrono::steady_clock::now() - begin < std::chrono::seconds(2)) {
+    EXPECT_EQ(first.request("GET_PARAMETER", host.url("stream")).status, 200);
+  }
+  ASSERT_EQ(host.call(KV_SUBMIT_FRAME, record), KV_OK);
+  for (bool const tcp : {true, false}) {
+    RtspClient later(host.port());
+    ASSERT_EQ((tcp ? later.request("SETUP", host.url("stream") + "/track1", RtspClient::overTcp)
+                   : later.setUpOverUdp(host.url("stream")))
+                  .status,
+              200);
+    auto const info = later.request("PLAY", host.url("stream")).header("RTP-Info");
+    auto packet = later.packet();
+    while (packet.channel == 1) {
+      packet = later.packet();
+    }
+    ASSERT_EQ(packet.channel, 0) << "tcp " << tcp;
+    auto const number = [&](std::size_t at, int size) {
+      std::uint32_t value = 0;
+      for (int i = 0; i < size; ++i) {
+        value = value << 8 | packet.bytes[at + static_cast<std::size_t>(i)];
+      }
+      return std::to_string(value);
+    };
+    EXPECT_NE((info + ";").find("seq=" + number(2, 2) + ";"), std::string::npos) << info;
+    EXPECT_NE(info.find("rtptime=" + number(4, 4)), std::string::npos) << info;
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(Codecs, Viewing, ::testing::Values(KV_CODEC_MJPEG, KV_CODEC_H264));
