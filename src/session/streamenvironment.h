@@ -12,10 +12,10 @@
 
 #include "base/policy.h"
 #include "base/streamexception.h"
-#include "delivery/viewers.h"
 #include "eventloop/eventlooprole.h"
 #include "eventloop/eventlooptasks.h"
 #include "eventloop/memoryreserve.h"
+#include "rtsp/livedemandsession.h"
 #include "server/rtspserver.h"
 
 namespace kavo::impl {
