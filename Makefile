@@ -1,6 +1,6 @@
 # The everyday commands. Each sets up what it needs (see scripts/run).
 .DEFAULT_GOAL := help
-.PHONY: help package package-check scale-out-check docs bench build demo test fuzz format lint shell clean
+.PHONY: help package package-check scale-out-check docs players bench build demo test fuzz format lint shell clean
 
 RUN := scripts/run
 PRESET ?= release
@@ -39,6 +39,9 @@ package-check: package ## install them into fresh roots, build and run hosts the
 scale-out-check: package ## try docs/operating.md and scale-out.md in fresh roots: metrics, TLS, HLS and WebRTC in Chromium
 	@scripts/check-operating
 	@scripts/check-scale-out
+
+players: build ## play with every player there is, and write docs/players.md
+	@$(RUN) sh -c 'scripts/players >build/players.md && { sed "/^| player/,\$$d" docs/players.md; cat build/players.md; } >build/page.md && cp build/page.md docs/players.md'
 
 docs: ## make the API reference in build/docs (Doxygen)
 	@$(RUN) sh -c 'mkdir -p build && doxygen docs/Doxyfile'

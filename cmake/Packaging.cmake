@@ -15,6 +15,9 @@ install(DIRECTORY include/kavo DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT
 set(KAVO_DOC_DIR ${CMAKE_INSTALL_DATADIR}/doc)
 install(FILES cmake/copyright DESTINATION ${KAVO_DOC_DIR}/libkavo-stream2 COMPONENT library)
 install(FILES cmake/copyright DESTINATION ${KAVO_DOC_DIR}/libkavo-stream-dev COMPONENT development)
+install(FILES README.md CHANGELOG.md DESTINATION ${KAVO_DOC_DIR}/libkavo-stream-dev COMPONENT development)
+install(DIRECTORY docs examples DESTINATION ${KAVO_DOC_DIR}/libkavo-stream-dev COMPONENT development
+  PATTERN Doxyfile EXCLUDE PATTERN CMakeLists.txt EXCLUDE)
 if(KAVO_TOOLS)
   install(TARGETS kavo-publish kavo-stat RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
   foreach(tool kavo-publish kavo-stat)

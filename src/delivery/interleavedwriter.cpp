@@ -95,7 +95,7 @@ bool InterleavedWriter::prepareForResponse() {
 bool InterleavedWriter::sendFrame(InterleavedFrame& frame, bool keyFrame) {
   m_Dropped = 0;
   if (!m_Waiting.empty() && (keyFrame || isBehind(frame))) {
-    m_Dropped = dropNotBegun(frame.channel());  // a key frame makes older frames needless
+    m_Dropped = dropUnsent(frame.channel());  // a key frame makes older frames needless
     if (!keyFrame) {
       return false;
     }
@@ -149,7 +149,7 @@ void InterleavedWriter::waitForSocket() {
 }
 
 void InterleavedWriter::cancel(std::uint8_t channel) {
-  dropNotBegun(channel);
+  dropUnsent(channel);
   if (!m_Waiting.empty() && m_Waiting.front().channel == channel) {
     m_Waiting.front().cancelled = true;
   }
@@ -160,7 +160,7 @@ bool InterleavedWriter::isBehind(InterleavedFrame const& next) const {
   auto const now = Clock::now();
   std::size_t bytes = 0;
   bool late = false;
-  for (std::size_t i = firstNotBegun(); i < m_Waiting.size(); ++i) {
+  for (std::size_t i = firstUnsent(); i < m_Waiting.size(); ++i) {
     if (m_Waiting[i].channel == next.channel()) {
       bytes += m_Waiting[i].bytes->size();
       late = late || now - m_Waiting[i].since > maxAge;
@@ -169,8 +169,8 @@ bool InterleavedWriter::isBehind(InterleavedFrame const& next) const {
   return late || (bytes > 0 && bytes + next.size() > maxWaiting);
 }
 
-std::size_t InterleavedWriter::dropNotBegun(std::uint8_t channel) {
-  auto const from = m_Waiting.begin() + static_cast<std::ptrdiff_t>(firstNotBegun());
+std::size_t InterleavedWriter::dropUnsent(std::uint8_t channel) {
+  auto const from = m_Waiting.begin() + static_cast<std::ptrdiff_t>(firstUnsent());
   auto const dropped =
       std::remove_if(from, m_Waiting.end(), [&](Waiting const& waiting) { return waiting.channel == channel; });
   auto const count = static_cast<std::size_t>(m_Waiting.end() - dropped);

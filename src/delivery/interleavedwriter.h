@@ -96,9 +96,9 @@ class InterleavedWriter {
     bool cancelled = false;
   };
 
-  std::size_t firstNotBegun() const { return m_FrontOffset > 0 ? 1 : 0; }
+  std::size_t firstUnsent() const { return m_FrontOffset > 0 ? 1 : 0; }
   bool isBehind(InterleavedFrame const& next) const;
-  std::size_t dropNotBegun(std::uint8_t channel);
+  std::size_t dropUnsent(std::uint8_t channel);
   template <class Bytes>
   void wait(Bytes const& bytes, std::uint8_t channel, std::size_t sent);
   void waitForSocket();
