@@ -141,10 +141,10 @@ done
 mtu 1280
 regrow --codec jpeg --size 640x480 --bitrate 8M
 
-# noise BYTES RATE: a film of JPEG frames of about that size.
+# noise SIZE BYTES RATE: a film of JPEG frames of about so many bytes.
 noise() {
-  ffmpeg -v error -f lavfi -i "nullsrc=s=640x480:r=$2,geq=random(1)*255:128:128" -t 2 -c:v mjpeg -q:v 2 -y "$work/noise.avi"
-  film=(--loop --codec jpeg --bitrate $(($1 * 8 * $2)) "$work/noise.avi")
+  ffmpeg -v error -f lavfi -i "nullsrc=s=$1:r=$3,geq=random(1)*255:128:128" -t 2 -c:v mjpeg -q:v 2 -y "$work/noise.avi"
+  film=(--loop --codec jpeg --bitrate $(($2 * 8 * $3)) "$work/noise.avi")
 }
 
 # link QUEUE: one of 100 Mbit/s with so many bytes of queue.
@@ -152,11 +152,11 @@ link() { tc qdisc replace dev near root tbf rate 100mbit burst "$1" limit "$1"; 
 
 mtu 1500
 link 64kb
-noise 300000 10
+noise 640x480 300000 10
 watch far "${film[@]}"
 
 # Frames of four streams that leave at the same time share what the link takes.
-noise 75000 10
+noise 352x272 75000 10
 inputs=("$work/noise.avi" "$work/noise.avi" "$work/noise.avi" "$work/noise.avi")
 start "${film[@]:0:5}" "${inputs[@]}"
 rm -f "$work"/*.mkv
@@ -173,7 +173,7 @@ stop
 
 # Where queues are small, the operator says so.
 link 16kb
-noise 40000 25
+noise 256x192 40000 25
 printf '[delivery]\npace_mbit = 60\n' >"$work/policy.toml"
 KAVO_STREAM_CONFIG=$work/policy.toml watch far "${film[@]}"
 echo passed
