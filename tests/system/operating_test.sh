@@ -38,7 +38,8 @@ mpv --no-config --really-quiet --vo=null --frames=2 "rtsp://anna:geheim@$url" ||
 openRTSP -v -Q -u anna geheim "rtsp://$url" >/dev/null 2>"$work/open" &
 viewer=$!
 until grep -q 'Started playing' "$work/open"; do sleep 0.05; done
-ss -Hlun | grep -E ':69[0-9][0-9]|:7[0-9]{3}' | grep -v '127.0.0.1:' && die "UDP elsewhere"
+ss -Hlunp | grep "pid=$pid," >"$work/sockets" || die "no UDP sockets: $(ss -Hlunp)"
+grep -v '127.0.0.1:' "$work/sockets" && die "UDP elsewhere"
 session=$(sed -n 's/^Session: \([0-9A-F]*\).*/\1/p' "$work/open" | head -n 1)
 python3 - "$port" "$session" <<'PY' || die "another's session"
 import socket, sys
