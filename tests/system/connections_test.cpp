@@ -78,8 +78,8 @@ TEST(Connections, ALoopOutOfDescriptorsRestsAndComesBack) {
   files.pop_back();
   RtspClient newcomer(host.port());
   ASSERT_TRUE(newcomer.connected());  // by the kernel, in the backlog
-  double const before = cpuSeconds();
-  auto const begin = std::chrono::steady_clock::now();
+  [[maybe_unused]] double const before = cpuSeconds();
+  [[maybe_unused]] auto const begin = std::chrono::steady_clock::now();
   for (int i = 0; i < 30; ++i) {
     EXPECT_TRUE(viewer.receivesAFrame());
   }
