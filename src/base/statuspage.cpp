@@ -113,8 +113,8 @@ void open() noexcept {
 void close() noexcept {
   if (kv_status_page* const before = g_Page.exchange(nullptr)) {
     munmap(before, sizeof *before);
-    *g_Name = {};  // and its memory
   }
+  std::string().swap(*g_Name);  // and its memory
 }
 
 std::uint64_t now() {

@@ -134,9 +134,9 @@ void StreamEnvironment::start(unsigned int port) {
   if (port == 0 || port > 65535) {
     throw StreamException("Invalid port number for RTSP server", ErrorInvalidParameter);
   }
-  m_Policy = policyFromEnvironment();
-  m_Delivery = Delivery{.policy = m_Policy->delivery};
   try {
+    m_Policy = policyFromEnvironment();
+    m_Delivery.emplace(Delivery{.policy = m_Policy->delivery});
     makeServer(port);
     startThread();
   } catch (...) {
@@ -196,6 +196,8 @@ void StreamEnvironment::release() {
   m_TaskScheduler.reset();
   m_UsageEnvironment.reset();
   m_Reserve.reset();
+  m_Delivery.reset();
+  m_Policy.reset();
   m_Failed = false;
   status::putProcess(&kv_status_process::port, 0);
 }

@@ -7,6 +7,7 @@
 #include <functional>
 #include <future>
 #include <memory>
+#include <optional>
 #include <thread>
 #include <type_traits>
 
@@ -52,9 +53,9 @@ class StreamEnvironment {
     }
   }
 
-  // Of the server; between servers, of the last one.
+  // Of the server, while started.
   Policy const& policy() const { return *m_Policy; }
-  Delivery const& delivery() const { return m_Delivery; }
+  Delivery const& delivery() const { return *m_Delivery; }
 
   // While started. GetRTSPServer() throws "RTSP server is not initialized", and what
   // requireHealth() throws.
@@ -72,8 +73,8 @@ class StreamEnvironment {
   void startThread();
   void run();
 
-  std::shared_ptr<Policy const> m_Policy = std::make_shared<Policy>();
-  Delivery m_Delivery;
+  std::shared_ptr<Policy const> m_Policy;
+  std::optional<Delivery> m_Delivery;
   std::unique_ptr<MemoryReserve> m_Reserve;
   // In this order: the environment is reclaimed after the scheduler is deleted.
   std::unique_ptr<UsageEnvironment, Reclaim> m_UsageEnvironment;
