@@ -129,8 +129,7 @@ void note(kv_status_event_kind kind, std::string_view stream, std::string_view t
   }
   std::uint64_t const number = std::atomic_ref(to->process.events).fetch_add(1, std::memory_order_relaxed) + 1;
   kv_status_event& event = to->events[number % KV_STATUS_EVENTS];
-  put(event.number, 0);
-  std::atomic_thread_fence(std::memory_order_release);
+  std::atomic_ref(event.number).exchange(0, std::memory_order_acquire);
   put(event.time, now());
   put(event.kind, kind);
   putText(event.stream, stream);
@@ -151,7 +150,6 @@ void noteFailure(int command, int result, char const* text) noexcept {
   if (before % 2 != 0 || !sequence.compare_exchange_strong(before, before + 1, std::memory_order_acquire)) {
     return;
   }
-  std::atomic_thread_fence(std::memory_order_release);
   put(error.command, command);
   put(error.result, result);
   put(error.time, now());

@@ -56,8 +56,8 @@ template <class Record>
 class Change {
  public:
   explicit Change(Record& record) : m_Record(record) {
-    put(record.sequence, record.sequence + 1);
-    std::atomic_thread_fence(std::memory_order_release);
+    // What is written next stays behind this.
+    std::atomic_ref(record.sequence).fetch_add(1, std::memory_order_acquire);
   }
   ~Change() {
     std::atomic_ref<std::uint32_t>(m_Record.sequence).store(m_Record.sequence + 1, std::memory_order_release);
