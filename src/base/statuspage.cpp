@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "base/nodestroy.h"
+#include "base/threadannotations.h"
 #include "base/uniquefd.h"
 #include "kavo_stream.h"
 
@@ -25,6 +26,10 @@ std::atomic<kv_status_page*> g_Page = nullptr;
 namespace {
 
 NoDestroy<std::string> g_Name;  // of the page's file
+
+// A stream's record is given back by whichever thread forgets the stream last, while
+// others take theirs. Viewers come and go on the event-loop thread alone.
+Mutex g_StreamRecordsMutex;
 
 std::string nameOf(char const* pattern) {
   std::string name = pattern;
@@ -173,6 +178,7 @@ void StreamPlace::take(std::string const& name, kv_status_stream const& descript
   m_Name = name;
   m_Counted = true;
   increase(on->process.streams);
+  MutexLock lock(g_StreamRecordsMutex);
   m_Record = find(on->streams, [](kv_status_stream& record) { return get(record.codec) == 0; });
   if (m_Record != nullptr) {
     Change const change(*m_Record);
@@ -188,6 +194,7 @@ StreamPlace::~StreamPlace() {
   kv_status_page* const on = page();
   if (m_Counted && on != nullptr) {
     increase(on->process.streams, static_cast<std::uint32_t>(-1));
+    MutexLock lock(g_StreamRecordsMutex);
     if (m_Record != nullptr) {
       Change const change(*m_Record);
       put(m_Record->codec, 0);

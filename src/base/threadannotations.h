@@ -11,8 +11,8 @@
 //   2. Session::m_Mutex          (host threads only)
 //   3. LiveDemandSession's m_Mutex
 //   4. SessionManager::m_RegistryMutex, FrameSourceHandler::m_Mutex,
-//      EventLoopTasks::m_Mutex and EventTriggers::m_Mutex (innermost; none is held
-//      while another is taken)
+//      EventLoopTasks::m_Mutex, EventTriggers::m_Mutex and the status page's of stream
+//      records (innermost; none is held while another is taken)
 #pragma once
 
 #include <mutex>
