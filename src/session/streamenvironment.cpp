@@ -136,7 +136,7 @@ void StreamEnvironment::start(unsigned int port) {
   }
   try {
     m_Policy = policyFromEnvironment();
-    m_Delivery.emplace(Delivery{.policy = m_Policy->delivery});
+    m_Delivery = std::make_unique<Delivery>(Delivery{.policy = m_Policy->delivery});
     makeServer(port);
     startThread();
   } catch (...) {

@@ -7,7 +7,6 @@
 #include <functional>
 #include <future>
 #include <memory>
-#include <optional>
 #include <thread>
 #include <type_traits>
 
@@ -74,7 +73,7 @@ class StreamEnvironment {
   void run();
 
   std::shared_ptr<Policy const> m_Policy;
-  std::optional<Delivery> m_Delivery;
+  std::unique_ptr<Delivery const> m_Delivery;
   std::unique_ptr<MemoryReserve> m_Reserve;
   // In this order: the environment is reclaimed after the scheduler is deleted.
   std::unique_ptr<UsageEnvironment, Reclaim> m_UsageEnvironment;
