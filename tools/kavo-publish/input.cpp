@@ -59,6 +59,7 @@ void Input::open() {
                   "; give a video file, a camera or a URL");
   }
   m_Format.reset(context);
+  m_IsLive = isLive(*m_Format, url);
   openDecoder();
 }
 
@@ -125,7 +126,7 @@ bool Input::decode() {
 
 // After the end: false if it is one.
 bool Input::goOn() {
-  if (isLive(*m_Format, deviceOf(m_Source))) {
+  if (m_IsLive) {
     std::string const lost = nameOf(m_Source) + " is lost" +
                              (m_ReadError == AVERROR_EOF ? std::string() : " (" + reasonOf(m_ReadError) + ")");
     if (!m_Options.reconnect) {

@@ -50,6 +50,7 @@ class Input {
   CPtr<AVCodecContext, avcodec_free_context> m_Decoder;
   CPtr<AVFrame, av_frame_free> m_Frame;
   CPtr<AVPacket, av_packet_free> m_Packet;
+  bool m_IsLive = false;
   int m_Stream = -1;
   int m_ReadError = 0;  // that reading last ended with
   double m_FrameRate = 0;

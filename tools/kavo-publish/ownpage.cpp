@@ -2,12 +2,9 @@
 
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 
-#include "options.h"
 #include "status/statusreader.h"
 
 OwnPage::OwnPage() {
@@ -16,11 +13,10 @@ OwnPage::OwnPage() {
     m_File = statusFileOf(getpid());
     return;
   }
-  char const* const runtime = std::getenv("XDG_RUNTIME_DIR");
-  std::string folder = (runtime != nullptr ? std::string(runtime) : "/tmp") + "/kavo-publish-XXXXXX";
+  std::error_code none;
+  std::string folder = (std::filesystem::temp_directory_path(none) / "kavo-publish-XXXXXX").string();
   if (mkdtemp(folder.data()) == nullptr) {
-    throw Failure("cannot make a folder like '" + folder + "': " + std::strerror(errno) +
-                  "; set XDG_RUNTIME_DIR to a folder of yours");
+    return;
   }
   m_Folder = folder;
   m_File = m_Folder + "/status";

@@ -9,13 +9,14 @@
 class OwnPage {
  public:
   // Before the server starts: has the library make a page, in a folder that goes away
-  // with this object, unless KAVO_STREAM_STATUS names one already. Throws Failure.
+  // with this object, unless KAVO_STREAM_STATUS names one already. Without a place for
+  // one there is none.
   OwnPage();
   ~OwnPage();
   OwnPage(OwnPage const&) = delete;
   OwnPage& operator=(OwnPage const&) = delete;
 
-  // Null where there is none: the user's may have been taken away.
+  // Null where there is none, or it cannot be read.
   std::unique_ptr<kv_status_page> read() const;
 
  private:
