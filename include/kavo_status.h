@@ -83,7 +83,7 @@ typedef struct kv_status_process {
   uint32_t sessions_most;     /**< at any time */
   uint32_t streams;           /**< now, with and without a record */
   uint32_t viewers;           /**< now, with and without a record */
-  uint64_t refused_limit;     /**< connections and sessions beyond a limit, or for want of memory or descriptors */
+  uint64_t refused_limit;     /**< connections and requests beyond a limit, or for want of memory */
   uint64_t refused_address;   /**< connections from addresses that are not allowed */
   uint64_t refused_user;      /**< requests without a valid user and password */
   uint64_t events;            /**< that happened; the newest has this number */

@@ -26,12 +26,15 @@ std::optional<AddressRange> AddressRange::parse(std::string const& text) {
     }
   }
   // 192.0.2.7/24 may be meant as one address or as its network.
-  Bytes network{};
-  for (int bit = 0; bit < range.m_PrefixBits; ++bit) {
-    auto const at = static_cast<std::size_t>(bit / 8);
-    network[at] = static_cast<std::uint8_t>(network[at] | (range.m_Bytes[at] & (0x80 >> bit % 8)));
+  return range.network(range.m_Bytes) == range.m_Bytes ? std::optional(range) : std::nullopt;
+}
+
+AddressRange::Bytes AddressRange::network(Bytes bytes) const {
+  for (int bit = m_PrefixBits; bit < 128; ++bit) {
+    auto& byte = bytes[static_cast<std::size_t>(bit / 8)];
+    byte = static_cast<std::uint8_t>(byte & ~(0x80 >> bit % 8));
   }
-  return network == range.m_Bytes ? std::optional(range) : std::nullopt;
+  return bytes;
 }
 
 AddressRange::Bytes AddressRange::bytesOf(sockaddr_storage const& address) {
@@ -45,17 +48,7 @@ AddressRange::Bytes AddressRange::bytesOf(sockaddr_storage const& address) {
 }
 
 bool AddressRange::contains(sockaddr_storage const& address) const {
-  return address.ss_family == m_Family && isSamePrefix(bytesOf(address));
-}
-
-bool AddressRange::isSamePrefix(Bytes const& other) const {
-  for (int bit = 0; bit < m_PrefixBits; ++bit) {
-    auto const at = static_cast<std::size_t>(bit / 8);
-    if (((m_Bytes[at] ^ other[at]) & (0x80 >> bit % 8)) != 0) {
-      return false;
-    }
-  }
-  return true;
+  return address.ss_family == m_Family && network(bytesOf(address)) == m_Bytes;
 }
 
 }  // namespace kavo::impl

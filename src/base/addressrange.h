@@ -15,7 +15,6 @@ class AddressRange {
   // Nothing if the text is no address, or bits are set behind the prefix.
   static std::optional<AddressRange> parse(std::string const& text);
 
-  int family() const { return m_Family; }
   bool isOneAddress() const { return m_PrefixBits == (m_Family == AF_INET6 ? 128 : 32); }
   bool contains(sockaddr_storage const& address) const;
 
@@ -23,7 +22,8 @@ class AddressRange {
   using Bytes = std::array<std::uint8_t, 16>;
 
   static Bytes bytesOf(sockaddr_storage const& address);
-  bool isSamePrefix(Bytes const& other) const;
+  // The bytes, with zeros behind the prefix.
+  Bytes network(Bytes bytes) const;
 
   int m_Family = AF_UNSPEC;
   int m_PrefixBits = 0;

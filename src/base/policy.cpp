@@ -6,7 +6,7 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
-#include <iterator>
+#include <sstream>
 #include <toml++/toml.hpp>
 #include <utility>
 
@@ -122,15 +122,15 @@ class Value {
 };
 
 std::string contentOf(std::string const& file) {
+  errno = 0;
   std::ifstream stream(file, std::ios::binary);
-  std::string content;
-  if (stream) {
-    content.assign(std::istreambuf_iterator<char>(stream), {});
-  }
-  if (!stream) {
+  std::ostringstream content;
+  // An empty file sets the stream's failbit, and no error.
+  content << stream.rdbuf();
+  if (!stream.is_open() || errno != 0) {
     throw PolicyError(file + ": cannot be read: " + std::strerror(errno));
   }
-  return content;
+  return content.str();
 }
 
 std::string addressIn(Value const& value) {
@@ -151,7 +151,7 @@ void fill(Policy& policy, Value const& root) {
       {"server",
        [&](Value const& section) {
          section.table({
-             {"address", [&](Value const& value) { policy.address = policy.delivery.address = addressIn(value); }},
+             {"address", [&](Value const& value) { policy.delivery.address = addressIn(value); }},
              {"max_connections", count(policy.maxConnections)},
              {"max_viewers", count(policy.maxViewers)},
              {"max_viewers_per_address", count(policy.maxViewersPerAddress)},

@@ -15,12 +15,11 @@ namespace kavo::impl {
 
 struct Policy {
   struct Delivery {
-    std::string address;           // that UDP is sent from, likewise
+    std::string address;           // of this machine, to listen on and send from alone; empty: all
     std::size_t maxPacket = 1400;  // RTP packet, bytes: what fits every ordinary path, with room for tunnels
     std::optional<int> paceMbit;   // rate at which large frames leave over UDP; 0: all at once
   };
 
-  std::string address;  // of this machine, to be listened on alone; empty: all
   std::optional<std::size_t> maxConnections;
   std::optional<std::size_t> maxViewers;
   std::optional<std::size_t> maxViewersPerAddress;

@@ -12,9 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
-#include <utility>
 
-#include "base/nodestroy.h"
 #include "base/threadannotations.h"
 #include "base/uniquefd.h"
 #include "kavo_stream.h"
@@ -24,8 +22,6 @@ namespace kavo::impl::status {
 std::atomic<kv_status_page*> g_Page = nullptr;
 
 namespace {
-
-NoDestroy<std::string> g_Name;  // of the page's file
 
 // A stream's record is given back by whichever thread forgets the stream last, while
 // others take theirs. Viewers come and go on the event-loop thread alone.
@@ -99,18 +95,16 @@ void open() noexcept {
     if (pattern == nullptr || *pattern == '\0') {
       return;
     }
-    std::string name = nameOf(pattern);
     kv_status_page const* const before = page();
-    bool const isOurs = before != nullptr && before->process.pid == static_cast<std::uint32_t>(getpid());
-    if (isOurs && name == *g_Name) {
+    if (before != nullptr && before->process.pid == static_cast<std::uint32_t>(getpid())) {
       return;
     }
     close();  // after a fork it is the parent's
+    std::string const name = nameOf(pattern);
     g_Page = makeFile(name);
     if (page() == nullptr) {
       complain(name);
     }
-    *g_Name = std::move(name);
   } catch (...) {  // no memory: no page
   }
 }
@@ -119,7 +113,6 @@ void close() noexcept {
   if (kv_status_page* const before = g_Page.exchange(nullptr)) {
     munmap(before, sizeof *before);
   }
-  std::string().swap(*g_Name);  // and its memory
 }
 
 std::uint64_t now() {
@@ -127,7 +120,8 @@ std::uint64_t now() {
   return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(time).count());
 }
 
-void note(kv_status_event_kind kind, std::string_view stream, std::string_view text) noexcept {
+void note(kv_status_event_kind kind, std::string_view stream, std::string_view address,
+          std::string_view more) noexcept {
   kv_status_page* const to = page();
   if (to == nullptr) {
     return;
@@ -138,6 +132,10 @@ void note(kv_status_event_kind kind, std::string_view stream, std::string_view t
   put(event.time, now());
   put(event.kind, kind);
   putText(event.stream, stream);
+  std::string_view const between = address.empty() || more.empty() ? "" : ": ";
+  char text[sizeof event.text];
+  std::snprintf(text, sizeof text, "%.*s%.*s%.*s", static_cast<int>(address.size()), address.data(),
+                static_cast<int>(between.size()), between.data(), static_cast<int>(more.size()), more.data());
   putText(event.text, text);
   std::atomic_ref(event.number).store(number, std::memory_order_release);
 }
@@ -147,7 +145,7 @@ void noteFailure(int command, int result, char const* text) noexcept {
   if (to == nullptr) {
     return;
   }
-  note(KV_STATUS_FAILED, "", text);
+  note(KV_STATUS_FAILED, "", "", text);
   // Host threads may fail at the same time; whoever comes second leaves it.
   kv_status_error& error = to->process.last_error;
   std::atomic_ref sequence(error.sequence);

@@ -18,7 +18,7 @@ namespace kavo::impl::status {
 extern std::atomic<kv_status_page*> g_Page;
 inline kv_status_page* page() { return g_Page.load(std::memory_order_relaxed); }
 
-// Makes the file that the environment names, or goes on with the one there is. One
+// Makes the file that the environment names, once in a process. While nothing serves. One
 // line on standard error where it cannot be made: the host streams all the same.
 void open() noexcept;
 // At the end of the library. The file stays.
@@ -69,7 +69,8 @@ class Change {
   Record& m_Record;
 };
 
-void note(kv_status_event_kind kind, std::string_view stream, std::string_view text) noexcept;
+// The text is "address: more", or the one of them that is not empty.
+void note(kv_status_event_kind kind, std::string_view stream, std::string_view address, std::string_view more) noexcept;
 void noteFailure(int command, int result, char const* text) noexcept;
 
 // What the page says of the process, where there is one.

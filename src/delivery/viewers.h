@@ -9,6 +9,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "base/policy.h"
@@ -86,7 +87,7 @@ class Viewer {
   void noteSent(std::size_t bytes) KAVO_REQUIRES(eventLoopRole);
   void noteDropped(std::size_t frames) KAVO_REQUIRES(eventLoopRole);
   void noteReport(std::uint64_t time);
-  void noteEvent(kv_status_event_kind kind, std::string const& more) const;
+  void noteEvent(kv_status_event_kind kind, std::string_view more) const noexcept;
 
   Viewers& m_Table;
   State m_State = State::SetUp;

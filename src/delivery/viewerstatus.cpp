@@ -75,10 +75,8 @@ void Viewer::noteReport(std::uint64_t time) {
   }
 }
 
-void Viewer::noteEvent(kv_status_event_kind kind, std::string const& more) const {
-  if (status::page() != nullptr) {
-    status::note(kind, m_Table.m_Stream.name(), more.empty() ? m_Address : m_Address + ": " + more);
-  }
+void Viewer::noteEvent(kv_status_event_kind kind, std::string_view more) const noexcept {
+  status::note(kind, m_Table.m_Stream.name(), m_Address, more);
 }
 
 }  // namespace kavo::impl

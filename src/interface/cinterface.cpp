@@ -184,7 +184,10 @@ void dispatch(int command, void* param, int size) {
 }  // namespace kavo::impl
 
 __attribute__((visibility("default"))) int kv_Stream(int command, void* param, int size) {
-  return kavo::impl::resultOf(
-      [=] { kavo::impl::dispatch(command, param, size); },
-      [=](int result, char const* text) { kavo::impl::status::noteFailure(command, result, text); });
+  return kavo::impl::resultOf([=] { kavo::impl::dispatch(command, param, size); },
+                              [=](int result, char const* text) {
+                                if (!kavo::impl::g_InChild) {  // whose page is the parent's
+                                  kavo::impl::status::noteFailure(command, result, text);
+                                }
+                              });
 }

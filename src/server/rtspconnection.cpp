@@ -160,6 +160,7 @@ void RtspConnection::handleRequest() {
   } else if (!request().session.empty() && !m_Server.maySpeakFor(request().session, fClientAddr)) {
     answer("454 Session Not Found");
   } else if ((request().method == "SETUP" || request().method == "DESCRIBE") && !MemoryReserve::refill()) {
+    m_Server.noteRefusal(&kv_status_process::refused_limit, fClientAddr, "out of memory");
     answer("503 Service Unavailable");
   } else if (request().method == "SETUP" && request().session.empty() &&
              (m_Sessions.size() >= maxSessions || !m_Server.hasRoomForSession(fClientAddr))) {
@@ -180,6 +181,9 @@ void RtspConnection::handleRequest() {
 // the answer is no. It gets the one header that it looks for.
 Boolean RtspConnection::authenticationOK(char const* method, char const* urlSuffix, char const* /*fullRequest*/) {
   eventLoopRole.assertHeld();
+  if (m_Server.m_Users == nullptr) {
+    return True;
+  }
   std::string const header = "Authorization: " + request().authorization + "\r\n\r\n";
   if (RTSPClientConnection::authenticationOK(method, urlSuffix, header.c_str())) {
     return True;

@@ -10,6 +10,7 @@
 
 #include "base/statuspage.h"
 #include "delivery/address.h"
+#include "eventloop/contained.h"
 #include "eventloop/memoryreserve.h"
 #include "server/clientsession.h"
 #include "server/rtspconnection.h"
@@ -50,7 +51,7 @@ std::size_t maxConnections() {
 
 RtspServer* RtspServer::createNew(UsageEnvironment& env, std::uint16_t port, unsigned reclamationSeconds,
                                   std::shared_ptr<Policy const> policy) {
-  auto sockets = listenOnPort(port, policy->address);
+  auto sockets = listenOnPort(port, policy->delivery.address);
   if (!sockets) {
     return nullptr;
   }
@@ -150,18 +151,18 @@ bool RtspServer::maySpeakFor(std::string const& sessionId, sockaddr_storage cons
 }
 
 bool RtspServer::hasRoomForSession(sockaddr_storage const& clientAddress) {
-  std::size_t ofHost = 0;
-  impl::ClientSession* lost = nullptr;
-  forEachSession([&](impl::ClientSession& session) {
-    ofHost += session.isOfHost(clientAddress) ? 1 : 0;
-    lost = session.connection() == nullptr ? &session : lost;
-  });
-  if (ofHost >= m_Policy->maxViewersPerAddress.value_or(SIZE_MAX)) {
-    return false;
+  if (m_Policy->maxViewersPerAddress) {
+    std::size_t ofHost = 0;
+    forEachSession([&](impl::ClientSession& session) { ofHost += session.isOfHost(clientAddress) ? 1 : 0; });
+    if (ofHost >= *m_Policy->maxViewersPerAddress) {
+      return false;
+    }
   }
   if (numClientSessions() < std::min(m_MaxConnections, m_Policy->maxViewers.value_or(SIZE_MAX))) {
     return true;
   }
+  impl::ClientSession* lost = nullptr;
+  forEachSession([&](impl::ClientSession& session) { lost = session.connection() == nullptr ? &session : lost; });
   delete lost;
   return lost != nullptr;
 }
@@ -182,10 +183,10 @@ void RtspServer::noteActivity(Connections::iterator place) {
 }
 
 void RtspServer::noteRefusal(std::uint64_t kv_status_process::* counter, sockaddr_storage const& address,
-                             char const* why) {
+                             char const* why) noexcept {
   status::increaseProcess(counter);
   if (status::page() != nullptr) {
-    status::note(KV_STATUS_REFUSED, "", textOf(address) + ": " + why);
+    contained([&] { status::note(KV_STATUS_REFUSED, "", textOf(address), why); });
   }
 }
 

@@ -64,8 +64,8 @@ class RtspServer : public RTSPServer {
   void forEachSession(Function const& function) KAVO_REQUIRES(eventLoopRole);
 
   // For the status page.
-  void noteRefusal(std::uint64_t kv_status_process::* counter, sockaddr_storage const& address, char const* why)
-      KAVO_REQUIRES(eventLoopRole);
+  void noteRefusal(std::uint64_t kv_status_process::* counter, sockaddr_storage const& address,
+                   char const* why) noexcept KAVO_REQUIRES(eventLoopRole);
   void noteCounts() KAVO_REQUIRES(eventLoopRole);
 
   void startAccepting() KAVO_REQUIRES(eventLoopRole);

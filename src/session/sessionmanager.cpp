@@ -19,7 +19,9 @@ std::string withHost(std::string const& url, std::string const& address) {
 
 void SessionManager::init(unsigned int port) {
   MutexLock lock(m_Mutex);
-  status::open();
+  if (!m_Environment.isStarted()) {
+    status::open();
+  }
   m_MayServe = true;
   try {
     m_Environment.start(port);
@@ -125,7 +127,7 @@ std::string SessionManager::urlOf(Session& session) const {
     std::unique_ptr<char[]> const text(server->rtspURL(session.mediaSession(), -1));
     return std::string(text.get());
   });
-  auto const& address = m_Environment.policy().address;
+  auto const& address = m_Environment.policy().delivery.address;
   return address.empty() ? url : withHost(url, address);
 }
 

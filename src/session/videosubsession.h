@@ -56,7 +56,7 @@ class VideoSubSession : public ISubSession {
       m_Transcoder->requestKeyFrame();
       if (status && status->codec == KV_CODEC_H264) {
         status.add(&kv_status_stream::key_frames_asked);
-        status::note(KV_STATUS_KEY_FRAME, status.name(), "");
+        status::note(KV_STATUS_KEY_FRAME, status.name(), "", "");
       }
     }
     FrameSourceHandler::FrameData data{};
