@@ -35,6 +35,12 @@ inline bool isSameHost(sockaddr_storage const& a, sockaddr_storage const& b) {
          reinterpret_cast<sockaddr_in const&>(b).sin_addr.s_addr;
 }
 
+inline bool isLoopback(sockaddr_storage const& address) {
+  return address.ss_family == AF_INET6
+             ? IN6_IS_ADDR_LOOPBACK(&reinterpret_cast<sockaddr_in6 const&>(address).sin6_addr)
+             : ntohl(reinterpret_cast<sockaddr_in const&>(address).sin_addr.s_addr) >> 24 == IN_LOOPBACKNET;
+}
+
 // The address in the text, or any of the family if it is empty; without a port.
 // Nothing if it is not of the family.
 std::optional<sockaddr_storage> localAddress(int family, std::string const& text);

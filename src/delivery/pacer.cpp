@@ -39,6 +39,9 @@ Pacer::Pacer(std::optional<int> paceMbit)
     : m_Rate(bytesPerMicrosecond(paceMbit.value_or(usualMbit))), m_Burst(paceMbit ? smallBurst : usualBurst) {}
 
 std::shared_ptr<Pacer::Path> Pacer::pathTo(sockaddr_storage const& address) {
+  if (isLoopback(address)) {
+    return std::make_shared<Path>(address, m_Rate, m_Burst);
+  }
   std::erase_if(m_Paths, [](auto const& path) { return path.expired(); });
   for (auto const& known : m_Paths) {
     auto const path = known.lock();
@@ -55,11 +58,16 @@ double Pacer::Path::backlog(Clock::time_point now) const {
   return std::max(0.0, m_Backlog - microseconds(now - m_Updated) * currentRate());
 }
 
+// A link that carries more than the usual rate, as the frames demand, queues as much more.
+std::size_t Pacer::Path::burst() const {
+  return static_cast<std::size_t>(static_cast<double>(m_Burst) * std::max(1.0, currentRate() / m_MaxRate));
+}
+
 // A queue that is empty takes a whole burst; one that drains is kept shorter, since
 // nothing tells how late it began.
 std::size_t Pacer::Path::room(Clock::time_point now) const {
   auto const held = static_cast<std::size_t>(std::ceil(backlog(now)));
-  std::size_t const limit = held == 0 ? m_Burst : steadyBacklog();
+  std::size_t const limit = held == 0 ? burst() : steadyBacklog();
   return held < limit ? limit - held : 0;
 }
 

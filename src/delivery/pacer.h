@@ -23,6 +23,8 @@ class Pacer {
         : m_Address(address), m_MaxRate(rate), m_Rate(rate), m_Burst(burst) {}
 
     sockaddr_storage const& address() const { return m_Address; }
+    // Whether nothing is on the way there.
+    bool isIdle(Clock::time_point now) const { return backlog(now) == 0; }
     // Bytes that may leave now, and how long until so many may.
     std::size_t room(Clock::time_point now) const;
     std::chrono::microseconds until(std::size_t bytes, Clock::time_point now) const;
@@ -39,7 +41,8 @@ class Pacer {
 
    private:
     double backlog(Clock::time_point now) const;
-    std::size_t steadyBacklog() const { return m_Burst * 2 / 3; }
+    std::size_t burst() const;
+    std::size_t steadyBacklog() const { return burst() * 2 / 3; }
     double currentRate() const { return m_Rate > m_Needed ? m_Rate : m_Needed; }
 
     sockaddr_storage const m_Address;
@@ -63,7 +66,8 @@ class Pacer {
   // Frames of this size leave at once: ordinary queues take them. Where the operator
   // names a pace, queues are small.
   std::size_t burst() const { return m_Burst; }
-  // The one of the host, whatever the port.
+  // The one of the host, whatever the port. On this machine there is no link to share, and
+  // each viewer has its own: the bottleneck is its socket.
   std::shared_ptr<Path> pathTo(sockaddr_storage const& address);
 
  private:

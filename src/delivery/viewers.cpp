@@ -13,12 +13,8 @@ namespace kavo::impl {
 
 namespace {
 
-// What is worth a system call for every viewer.
-constexpr std::size_t smallestBurst = 16384;
 // A picture that is older is not shown as one of now.
 constexpr std::chrono::seconds longestWelcome{60};
-constexpr std::chrono::microseconds shortestFrameInterval{10000};
-constexpr std::chrono::microseconds longestFrameInterval{200000};
 
 }  // namespace
 
@@ -119,7 +115,7 @@ void Viewers::play(Viewer& viewer) {
   viewer.noteEvent(KV_STATUS_JOINED, viewer.isOverUdp() ? "udp" : "tcp");
   fitPackets();
   m_Callbacks.wantKeyFrame(true);
-  if (newestFrame() != nullptr) {
+  if (newestFrameFor(viewer) != nullptr) {
     m_Welcome.start(std::chrono::microseconds(0));  // after the response, which is on its way
   }
   // Ahead of the first frame, so that receivers know its time.
@@ -129,34 +125,40 @@ void Viewers::play(Viewer& viewer) {
   }
 }
 
-// A frame that others reference is no beginning.
-FramePackets const* Viewers::newestFrame() const {
+// Frames that others reference are no beginning; nor is one that the viewer may have had
+// before it paused. A large one over UDP would have to be paced, and the next is there as
+// soon.
+FramePackets* Viewers::newestFrameFor(Viewer const& viewer) const {
   bool const fresh = Clock::now() - m_FrameBegin <= std::min<Clock::duration>(m_LastInterval, longestWelcome);
-  return !m_HasDeltaFrames && fresh ? m_Newest : nullptr;
+  if (m_Newest == nullptr || m_HasDeltaFrames || viewer.m_HasPlayed || !fresh) {
+    return nullptr;
+  }
+  return !viewer.isOverUdp() || m_Newest->bytes() <= m_Delivery.pacer->burst() ? m_Newest : nullptr;
 }
 
-// Who joins a stream whose frames stand alone need not wait for the next one. A large
-// frame over UDP would have to be paced, and does not come much before that.
 void Viewers::welcome() {
-  if (newestFrame() == nullptr) {
-    return;
-  }
   for (auto const& viewer : m_Viewers) {
-    bool const atOnce = !viewer->isOverUdp() || m_Newest->bytes() <= m_Delivery.pacer->burst();
-    if (viewer->m_State != Viewer::State::AwaitingKeyFrame || !atOnce) {
+    FramePackets* const frame = newestFrameFor(*viewer);
+    if (viewer->m_State != Viewer::State::AwaitingKeyFrame || frame == nullptr) {
       continue;
     }
     viewer->enter(Viewer::State::Playing);
     if (viewer->isOverUdp()) {
       UdpDestination* const destination = &viewer->m_Udp;
       auto const& family = m_Families[indexOf(viewer->m_Udp.address.ss_family)];
-      m_Sender.send(family->ports.rtpSocket(), *m_Newest, 0, m_Newest->count(), {&destination, 1});
-      viewer->m_Path->noteSent(m_Newest->bytes(), m_Newest->count(), Clock::now());
-      viewer->noteSent(m_Newest->bytes());
+      m_Sender.send(family->ports.rtpSocket(), *frame, 0, frame->count(), {&destination, 1});
+      viewer->m_Path->noteSent(frame->bytes(), frame->count(), Clock::now());
+      viewer->noteSent(frame->bytes());
     } else if (viewer->m_Writer) {
-      sendInterleaved(*viewer, *m_Newest, true);
+      sendInterleaved(*viewer, *frame, true);
     }
   }
+}
+
+void Viewers::forgetFrames() {
+  drop();
+  m_Newest = nullptr;
+  m_FrameBegin = {};
 }
 
 void Viewers::pause(Viewer& viewer) {
@@ -177,15 +179,6 @@ void Viewers::stopSending(Viewer& viewer) {
     if (family && std::erase(family->takers, &viewer) > 0) {
       leaveShare(*viewer.m_Path);
     }
-  }
-}
-
-void Viewers::leaveShare(Pacer::Path& path) {
-  auto const share =
-      std::find_if(m_Shares.begin(), m_Shares.end(), [&](auto const& entry) { return entry.path == &path; });
-  if (share != m_Shares.end() && --share->viewers == 0) {
-    path.addNeed(-share->need, Clock::now());
-    m_Shares.erase(share);
   }
 }
 
@@ -238,9 +231,7 @@ bool Viewers::send(FramePackets& packets, bool keyFrame) {
   if (keyFrame || keyFrameWanted) {
     m_Callbacks.wantKeyFrame(keyFrameWanted);
   }
-  m_Packets = &packets;
-  m_NextPacket = 0;
-  notePace();
+  beginBursts(packets);
   return sendBurst();
 }
 
@@ -282,116 +273,6 @@ InterleavedFrame& Viewers::frameOn(std::uint8_t channel, FramePackets& packets) 
   auto const found = std::find_if(m_InterleavedFrames.begin(), m_InterleavedFrames.end(),
                                   [=](InterleavedFrame const& frame) { return frame.channel() == channel; });
   return found != m_InterleavedFrames.end() ? *found : m_InterleavedFrames.emplace_back(packets, channel);
-}
-
-void Viewers::notePace() {
-  auto const now = Clock::now();
-  m_LastInterval = m_FrameBegin == Clock::time_point{} ? Clock::duration::zero() : now - m_FrameBegin;
-  auto const since = std::chrono::duration_cast<std::chrono::microseconds>(m_LastInterval);
-  m_FrameInterval = (3 * m_FrameInterval + std::clamp(since, shortestFrameInterval, longestFrameInterval)) / 4;
-  m_FrameBegin = now;
-  m_BytesSent = 0;
-  for (auto const& family : m_Families) {
-    for (Viewer const* const viewer : family ? family->takers : std::vector<Viewer*>()) {
-      auto const known = std::find_if(m_Shares.begin(), m_Shares.end(),
-                                      [&](auto const& share) { return share.path == viewer->m_Path.get(); });
-      if (known != m_Shares.end()) {
-        ++known->viewers;
-      } else {
-        m_Shares.push_back({viewer->m_Path.get(), 1, 0});
-      }
-    }
-  }
-  for (Share& share : m_Shares) {
-    share.need = isPaced() ? share.path->needOf(m_Packets->bytes() * share.viewers, m_FrameInterval) : 0;
-    share.path->addNeed(share.need, now);
-  }
-}
-
-void Viewers::dropShares() {
-  auto const now = Clock::now();
-  for (Share const& share : m_Shares) {
-    share.path->addNeed(-share.need, now);
-  }
-  m_Shares.clear();
-}
-
-bool Viewers::isPaced() const { return !m_Delivery.pacer->isOff() && m_Packets->bytes() > m_Delivery.pacer->burst(); }
-
-// All of a large frame at once would overflow the buffers along the path: what may
-// leave now is what the slowest path takes.
-std::size_t Viewers::allowance(Clock::time_point now) const {
-  std::size_t room = m_Packets->bytes() - m_BytesSent;
-  for (Share const& share : isPaced() ? std::span(m_Shares) : std::span<Share const>()) {
-    room = std::min(room, share.path->room(now) / share.viewers);
-  }
-  return room;
-}
-
-std::chrono::microseconds Viewers::untilNextBurst(Clock::time_point now) const {
-  std::size_t const bytes = std::min(smallestBurst, m_Packets->bytes() - m_BytesSent);
-  std::chrono::microseconds longest{100};
-  for (Share const& share : m_Shares) {
-    longest = std::max(longest, share.path->until(bytes * share.viewers, now));
-  }
-  return longest;
-}
-
-// True when nothing is left of the frame.
-bool Viewers::sendBurst() {
-  auto const now = Clock::now();
-  std::size_t const first = m_NextPacket;
-  std::size_t const before = m_BytesSent;
-  std::size_t const end = before + allowance(now);
-  while (m_NextPacket < m_Packets->count() && m_BytesSent + m_Packets->size(m_NextPacket) <= end) {
-    m_BytesSent += m_Packets->size(m_NextPacket++);
-  }
-  bool takersLeft = false;
-  for (auto const& family : m_Families) {
-    if (family && !family->takers.empty()) {
-      if (m_NextPacket > first) {
-        sendOverUdp(*family, first, m_NextPacket);
-      }
-      takersLeft = takersLeft || !family->takers.empty();
-    }
-  }
-  auto const sent = Clock::now();  // not before: what a pause of this thread held back is only now on its way
-  for (Share const& share : m_Shares) {
-    share.path->noteSent((m_BytesSent - before) * share.viewers, (m_NextPacket - first) * share.viewers, sent);
-  }
-  bool const done = !takersLeft || m_NextPacket == m_Packets->count();
-  if (done) {
-    m_Newest = m_Packets;
-    drop();
-  } else {
-    m_NextBurst.start(untilNextBurst(sent));
-  }
-  return done;
-}
-
-void Viewers::sendOverUdp(Family& family, std::size_t first, std::size_t last) {
-  m_Destinations.clear();
-  for (Viewer* const viewer : family.takers) {
-    m_Destinations.push_back(&viewer->m_Udp);
-  }
-  m_Sender.send(family.ports.rtpSocket(), *m_Packets, first, last, m_Destinations);
-  for (Viewer* const viewer : family.takers) {
-    if (std::exchange(viewer->m_Udp.tooNarrow, false)) {
-      narrow(*viewer);
-    }
-  }
-  std::erase_if(family.takers, [](Viewer const* viewer) { return viewer->m_State != Viewer::State::Playing; });
-}
-
-// This viewer lost the frame, so frames that reference it would be damaged.
-void Viewers::narrow(Viewer& viewer) {
-  std::size_t const path = maxUdpPayload(viewer.m_Udp.address).value_or(m_Delivery.policy.maxPacket);
-  std::size_t const smaller = path < viewer.m_MaxPacket ? path : viewer.m_MaxPacket * 3 / 4;
-  viewer.m_MaxPacket = std::max(smaller, smallestPacket);
-  viewer.enter(Viewer::State::AwaitingKeyFrame);
-  viewer.noteEvent(KV_STATUS_NARROWED, std::to_string(viewer.m_MaxPacket) + " bytes");
-  fitPackets();
-  m_Callbacks.wantKeyFrame(true);
 }
 
 }  // namespace kavo::impl

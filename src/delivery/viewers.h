@@ -111,6 +111,7 @@ class Viewer {
   // What its reports say.
   Clock::time_point m_LastReport{};
   Reception m_Reception;
+  bool m_HasPlayed = false;
   bool m_NeedsRepair = false;  // it has lost packets since the last key frame
   Clock::time_point m_LastRepair{};
   std::function<void()> m_OnSignOfLife;
@@ -143,11 +144,11 @@ class Viewers {
     return m_Families[indexOf(family)]->ports.port();
   }
 
-  // Its first frame is the next key frame, or newestFrame() if there is one.
+  // Its first frame is the next key frame, or newestFrameFor() it if there is one.
   void play(Viewer& viewer) KAVO_REQUIRES(eventLoopRole);
-  // The newest frame, where whoever joins can begin with it and it is not older than the
-  // time between frames: null otherwise.
-  FramePackets const* newestFrame() const KAVO_REQUIRES(eventLoopRole);
+  // The newest frame, where the viewer can begin with it and it is not older than the time
+  // between frames: null otherwise.
+  FramePackets* newestFrameFor(Viewer const& viewer) const KAVO_REQUIRES(eventLoopRole);
   void pause(Viewer& viewer) KAVO_REQUIRES(eventLoopRole);
 
   bool empty() const KAVO_REQUIRES(eventLoopRole) { return m_Viewers.empty(); }
@@ -165,6 +166,8 @@ class Viewers {
   void drop() KAVO_REQUIRES(eventLoopRole);
   // The packets of the newest frame are about to change, or to go.
   void forgetNewestFrame() KAVO_REQUIRES(eventLoopRole) { m_Newest = nullptr; }
+  // No more frames come for a while.
+  void forgetFrames() KAVO_REQUIRES(eventLoopRole);
   // The same for a frame that others reference: every viewer waits for a key frame.
   void abandonFrame() KAVO_REQUIRES(eventLoopRole);
 
@@ -195,7 +198,8 @@ class Viewers {
   void sendOverUdp(Family& family, std::size_t first, std::size_t last) KAVO_REQUIRES(eventLoopRole);
   void narrow(Viewer& viewer) KAVO_REQUIRES(eventLoopRole);
   void fitPackets() KAVO_REQUIRES(eventLoopRole);
-  void notePace() KAVO_REQUIRES(eventLoopRole);
+  void beginBursts(FramePackets& packets) KAVO_REQUIRES(eventLoopRole);
+  void addShare(Pacer::Path& path) KAVO_REQUIRES(eventLoopRole);
   void dropShares() KAVO_REQUIRES(eventLoopRole);
   void leaveShare(Pacer::Path& path) KAVO_REQUIRES(eventLoopRole);
   bool isPaced() const KAVO_REQUIRES(eventLoopRole);

@@ -42,6 +42,7 @@ void Viewer::attach(std::shared_ptr<InterleavedWriter> writer, sockaddr_storage 
 
 void Viewer::enter(State state) {
   m_State = state;
+  m_HasPlayed = m_HasPlayed || state == State::Playing;
   if (m_Place) {
     status::put(m_Place->state, numberOf(state));
   }

@@ -46,8 +46,7 @@ void LiveDemandSession::closeSource() {
   }
   if (source != nullptr) {
     m_Sink.rtp->stopPlaying();
-    m_Viewers.drop();
-    m_Viewers.forgetNewestFrame();
+    m_Viewers.forgetFrames();
     LiveDemandSession::closeStreamSource(source);
   }
 }
@@ -140,7 +139,7 @@ void LiveDemandSession::startStream(unsigned /*clientSessionId*/, void* streamTo
     m_Sink = makeSink(AF_INET);
   }
   // Of the first packet that it gets.
-  FramePackets const* const newest = m_Viewers.newestFrame();
+  FramePackets const* const newest = m_Viewers.newestFrameFor(*viewer);
   rtpSeqNum = newest != nullptr ? newest->header().sequence : m_Sink.rtp->currentSeqNo();
   rtpTimestamp = newest != nullptr ? newest->header().timestamp : m_Sink.live->senderInfo().rtpTime;
   startSource();
