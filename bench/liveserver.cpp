@@ -13,8 +13,10 @@
 #include <thread>
 #include <vector>
 
+#include "base/statuspage.h"
 #include "eventloop/epollscheduler.h"
 #include "eventloop/quietusageenvironment.h"
+#include "kavo_stream.h"
 #include "rtsp/jpegdemandsession.h"
 #include "rtsp/jpegsource.h"
 #include "server.h"
@@ -62,6 +64,7 @@ class LiveServer : public BenchServer {
  public:
   LiveServer(Setup const& setup, bool stock) {
     EventLoopRole::Holder const role(eventLoopRole);
+    status::open();  // where the environment asks for it
     m_Scheduler.reset(stock ? static_cast<TaskScheduler*>(BasicTaskScheduler::createNew())
                             : EpollScheduler::createNew(10000));
     m_Environment = QuietUsageEnvironment::createNew(*m_Scheduler);
@@ -74,6 +77,9 @@ class LiveServer : public BenchServer {
     }
     for (int i = 0; i < setup.streams; ++i) {
       auto const queue = std::make_shared<FrameSourceHandler>();
+      kv_status_stream description{};
+      description.codec = KV_CODEC_MJPEG;
+      queue->status().take(std::to_string(i), description);
       auto* const media = ServerMediaSession::createNew(*m_Environment, std::to_string(i).c_str(), "i", "d");
       m_Server->addServerMediaSession(media);
       if (stock) {
