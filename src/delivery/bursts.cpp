@@ -4,6 +4,7 @@
 
 #include "delivery/pathmtu.h"
 #include "delivery/viewers.h"
+#include "eventloop/contained.h"
 
 namespace kavo::impl {
 
@@ -16,27 +17,55 @@ constexpr std::chrono::microseconds longestFrameInterval{200000};
 
 }  // namespace
 
-void Viewers::beginBursts(FramePackets& packets) {
+void Viewers::noteInterval() {
   auto const now = Clock::now();
-  m_LastInterval = m_FrameBegin == Clock::time_point{} ? Clock::duration::zero() : now - m_FrameBegin;
-  if (m_LastInterval > Clock::duration::zero()) {
-    auto const since = std::chrono::duration_cast<std::chrono::microseconds>(m_LastInterval);
+  if (m_FrameBegin != Clock::time_point{}) {
+    auto const since = std::chrono::duration_cast<std::chrono::microseconds>(now - m_FrameBegin);
     m_FrameInterval = (3 * m_FrameInterval + std::clamp(since, shortestFrameInterval, longestFrameInterval)) / 4;
   }
   m_FrameBegin = now;
+}
+
+// True when nothing is left of the frame.
+bool Viewers::beginFrame(FramePackets& packets, std::span<Viewer* const> takers) {
+  auto const now = Clock::now();
   m_Packets = &packets;
   m_NextPacket = 0;
   m_BytesSent = 0;
-  for (auto const& family : m_Families) {
-    if (family) {
-      for (Viewer const* const viewer : family->takers) {
-        addShare(*viewer->m_Path);
-      }
-    }
+  for (Viewer* const viewer : takers) {
+    m_Families[indexOf(viewer->m_Udp.address.ss_family)]->takers.push_back(viewer);
+    addShare(*viewer->m_Path);
+    viewer->noteSent(packets.bytes());
   }
   for (Share& share : m_Shares) {
     share.need = isPaced() ? share.path->needOf(m_Packets->bytes() * share.viewers, m_FrameInterval) : 0;
     share.path->addNeed(share.need, now);
+  }
+  return sendBurst();
+}
+
+// The frame that was sent while the one before it went to somebody who had just joined.
+bool Viewers::beginFollowing() {
+  m_Playing.clear();
+  for (auto const& viewer : m_Viewers) {
+    if (viewer->isOverUdp() && viewer->m_State == Viewer::State::Playing) {
+      m_Playing.push_back(viewer.get());
+    }
+  }
+  return beginFrame(*std::exchange(m_Following, nullptr), m_Playing);
+}
+
+void Viewers::continueFrame() {
+  bool const done = contained([this]() KAVO_REQUIRES(eventLoopRole) {
+    if (sendBurst() && m_Following != nullptr) {
+      beginFollowing();
+    }
+  });
+  if (!done) {
+    abandonFrame();
+  }
+  if (m_Packets == nullptr && std::exchange(m_SinkWaits, false)) {
+    m_Callbacks.frameSent();
   }
 }
 
@@ -116,12 +145,25 @@ bool Viewers::sendBurst() {
   }
   bool const done = !takersLeft || m_NextPacket == m_Packets->count();
   if (done) {
-    m_Newest = m_Packets;
-    drop();
+    endFrame();
   } else {
     m_NextBurst.start(untilNextBurst(sent));
   }
   return done;
+}
+
+void Viewers::endFrame() {
+  if (m_Following == nullptr) {
+    m_Newest = m_IsKeyFrame ? m_Packets : nullptr;
+  }
+  m_Packets = nullptr;
+  m_NextBurst.stop();
+  dropShares();
+  for (auto const& family : m_Families) {
+    if (family) {
+      family->takers.clear();
+    }
+  }
 }
 
 void Viewers::sendOverUdp(Family& family, std::size_t first, std::size_t last) {

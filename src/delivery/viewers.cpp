@@ -11,29 +11,12 @@
 
 namespace kavo::impl {
 
-namespace {
-
-// A picture that is older is not shown as one of now.
-constexpr std::chrono::seconds longestWelcome{60};
-
-}  // namespace
-
 Viewers::Viewers(TaskScheduler& scheduler, Delivery delivery, status::StreamPlace const& stream, Callbacks callbacks)
     : m_Scheduler(scheduler),
       m_Delivery(std::move(delivery)),
       m_Stream(stream),
       m_Callbacks(std::move(callbacks)),
-      m_NextBurst(scheduler,
-                  [this]() KAVO_REQUIRES(eventLoopRole) {
-                    bool left = false;
-                    if (!contained([&]() KAVO_REQUIRES(eventLoopRole) { left = sendBurst(); })) {
-                      abandonFrame();
-                      left = true;
-                    }
-                    if (left) {
-                      m_Callbacks.frameSent();
-                    }
-                  }),
+      m_NextBurst(scheduler, [this]() KAVO_REQUIRES(eventLoopRole) { continueFrame(); }),
       m_Welcome(scheduler, [this]() KAVO_REQUIRES(eventLoopRole) { welcome(); }),
       m_NextReport(scheduler, [this]() KAVO_REQUIRES(eventLoopRole) { sendReports(); }) {
   char host[100] = {};
@@ -114,9 +97,10 @@ void Viewers::play(Viewer& viewer) {
   viewer.enter(Viewer::State::AwaitingKeyFrame);
   viewer.noteEvent(KV_STATUS_JOINED, viewer.isOverUdp() ? "udp" : "tcp");
   fitPackets();
-  m_Callbacks.wantKeyFrame(true);
   if (newestFrameFor(viewer) != nullptr) {
     m_Welcome.start(std::chrono::microseconds(0));  // after the response, which is on its way
+  } else {
+    m_Callbacks.wantKeyFrame(true);
   }
   // Ahead of the first frame, so that receivers know its time.
   sendReport(viewer, makeReport(false));
@@ -125,18 +109,17 @@ void Viewers::play(Viewer& viewer) {
   }
 }
 
-// Frames that others reference are no beginning; nor is one that the viewer may have had
-// before it paused. A large one over UDP would have to be paced, and the next is there as
-// soon.
+// Not one that the viewer may have had before it paused, nor while another is on its way:
+// the next comes as soon.
 FramePackets* Viewers::newestFrameFor(Viewer const& viewer) const {
-  bool const fresh = Clock::now() - m_FrameBegin <= std::min<Clock::duration>(m_LastInterval, longestWelcome);
-  if (m_Newest == nullptr || m_HasDeltaFrames || viewer.m_HasPlayed || !fresh) {
-    return nullptr;
-  }
-  return !viewer.isOverUdp() || m_Newest->bytes() <= m_Delivery.pacer->burst() ? m_Newest : nullptr;
+  bool const fresh = Clock::now() - m_FrameBegin <= m_Callbacks.freshness();
+  bool const possible = !viewer.m_HasPlayed && !(viewer.isOverUdp() && m_Packets != nullptr);
+  return fresh && possible ? m_Newest : nullptr;
 }
 
 void Viewers::welcome() {
+  auto& overUdp = m_Playing;
+  overUdp.clear();
   for (auto const& viewer : m_Viewers) {
     FramePackets* const frame = newestFrameFor(*viewer);
     if (viewer->m_State != Viewer::State::AwaitingKeyFrame || frame == nullptr) {
@@ -144,20 +127,19 @@ void Viewers::welcome() {
     }
     viewer->enter(Viewer::State::Playing);
     if (viewer->isOverUdp()) {
-      UdpDestination* const destination = &viewer->m_Udp;
-      auto const& family = m_Families[indexOf(viewer->m_Udp.address.ss_family)];
-      m_Sender.send(family->ports.rtpSocket(), *frame, 0, frame->count(), {&destination, 1});
-      viewer->m_Path->noteSent(frame->bytes(), frame->count(), Clock::now());
-      viewer->noteSent(frame->bytes());
+      overUdp.push_back(viewer.get());
     } else if (viewer->m_Writer) {
       sendInterleaved(*viewer, *frame, true);
     }
+  }
+  auto const begin = [&]() KAVO_REQUIRES(eventLoopRole) { beginFrame(*m_Newest, overUdp); };
+  if (!overUdp.empty() && !contained(begin)) {
+    abandonFrame();
   }
 }
 
 void Viewers::forgetFrames() {
   drop();
-  m_Newest = nullptr;
   m_FrameBegin = {};
 }
 
@@ -204,6 +186,7 @@ bool Viewers::takes(bool keyFrame) const {
 bool Viewers::send(FramePackets& packets, bool keyFrame) {
   bool keyFrameWanted = false;
   m_HasDeltaFrames = m_HasDeltaFrames || !keyFrame;
+  m_IsKeyFrame = keyFrame;
   for (InterleavedFrame& frame : m_InterleavedFrames) {
     frame.begin(packets);
   }
@@ -213,10 +196,7 @@ bool Viewers::send(FramePackets& packets, bool keyFrame) {
     }
     viewer->m_NeedsRepair = viewer->m_NeedsRepair && !keyFrame;
     if (viewer->m_State == Viewer::State::Playing) {
-      if (viewer->isOverUdp()) {
-        m_Families[indexOf(viewer->m_Udp.address.ss_family)]->takers.push_back(viewer.get());
-        viewer->noteSent(packets.bytes());
-      } else if (viewer->m_Writer) {
+      if (!viewer->isOverUdp() && viewer->m_Writer) {
         sendInterleaved(*viewer, packets, keyFrame);
       }
     } else if (viewer->isActive()) {
@@ -231,8 +211,10 @@ bool Viewers::send(FramePackets& packets, bool keyFrame) {
   if (keyFrame || keyFrameWanted) {
     m_Callbacks.wantKeyFrame(keyFrameWanted);
   }
-  beginBursts(packets);
-  return sendBurst();
+  noteInterval();
+  m_Following = &packets;
+  m_SinkWaits = m_Packets != nullptr || !beginFollowing();
+  return !m_SinkWaits;
 }
 
 void Viewers::sendInterleaved(Viewer& viewer, FramePackets& packets, bool keyFrame) {
@@ -249,14 +231,9 @@ void Viewers::sendInterleaved(Viewer& viewer, FramePackets& packets, bool keyFra
 }
 
 void Viewers::drop() {
-  m_NextBurst.stop();
-  m_Packets = nullptr;
-  dropShares();
-  for (auto const& family : m_Families) {
-    if (family) {
-      family->takers.clear();
-    }
-  }
+  endFrame();
+  m_Newest = m_Following = nullptr;
+  m_SinkWaits = false;
 }
 
 void Viewers::abandonFrame() {

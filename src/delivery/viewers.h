@@ -57,6 +57,7 @@ class Viewer {
   bool isOverUdp() const { return m_Udp.address.ss_family != AF_UNSPEC; }
   // Wants frames, now or from the next key frame on.
   bool isActive() const { return m_State == State::AwaitingKeyFrame || m_State == State::Playing; }
+  bool hasPlayed() const { return m_HasPlayed; }
   Reception const& reception() const { return m_Reception; }
 
   // The connection that a viewer over TCP sends on, and its other end; it gets nothing before.
@@ -128,6 +129,8 @@ class Viewers {
   struct Callbacks {
     std::function<void(bool)> wantKeyFrame;  // true: somebody waits for one; false: nobody any more
     std::function<void()> frameSent;         // the rest of a frame for which send() was false
+    std::function<std::chrono::steady_clock::duration()>
+        freshness;                           // how old a frame may be that whoever joins begins with
     std::function<SenderInfo()> senderInfo;  // of this moment
   };
 
@@ -146,8 +149,7 @@ class Viewers {
 
   // Its first frame is the next key frame, or newestFrameFor() it if there is one.
   void play(Viewer& viewer) KAVO_REQUIRES(eventLoopRole);
-  // The newest frame, where the viewer can begin with it and it is not older than the time
-  // between frames: null otherwise.
+  // The newest frame, where the viewer can begin with it and it is fresh; null otherwise.
   FramePackets* newestFrameFor(Viewer const& viewer) const KAVO_REQUIRES(eventLoopRole);
   void pause(Viewer& viewer) KAVO_REQUIRES(eventLoopRole);
 
@@ -159,16 +161,17 @@ class Viewers {
   bool takes(bool keyFrame) const KAVO_REQUIRES(eventLoopRole);
 
   // Sends a frame to everybody who takes it. Small frames leave at once: true.
-  // The rest of a large one follows at a pace; until frameSent() is called, or
-  // drop(), packets and payload stay as they are.
+  // The rest of a large one follows at a pace; until frameSent() is called, packets
+  // and payload stay as they are. So they do while isSending().
   bool send(FramePackets& packets, bool keyFrame) KAVO_REQUIRES(eventLoopRole);
-  // Forgets the rest of the frame.
-  void drop() KAVO_REQUIRES(eventLoopRole);
   // The packets of the newest frame are about to change, or to go.
   void forgetNewestFrame() KAVO_REQUIRES(eventLoopRole) { m_Newest = nullptr; }
-  // No more frames come for a while.
+  // Whether the packets are on their way: to everybody, or to somebody who has just joined.
+  bool isSending(FramePackets const& packets) const KAVO_REQUIRES(eventLoopRole) { return m_Packets == &packets; }
+  // No more frames come for a while: forgets the rest of the one that is being sent, too.
   void forgetFrames() KAVO_REQUIRES(eventLoopRole);
-  // The same for a frame that others reference: every viewer waits for a key frame.
+  // Forgets the rest of the frame, which others may reference: every viewer waits for a
+  // key frame.
   void abandonFrame() KAVO_REQUIRES(eventLoopRole);
 
  private:
@@ -198,7 +201,12 @@ class Viewers {
   void sendOverUdp(Family& family, std::size_t first, std::size_t last) KAVO_REQUIRES(eventLoopRole);
   void narrow(Viewer& viewer) KAVO_REQUIRES(eventLoopRole);
   void fitPackets() KAVO_REQUIRES(eventLoopRole);
-  void beginBursts(FramePackets& packets) KAVO_REQUIRES(eventLoopRole);
+  void noteInterval() KAVO_REQUIRES(eventLoopRole);
+  bool beginFrame(FramePackets& packets, std::span<Viewer* const> takers) KAVO_REQUIRES(eventLoopRole);
+  bool beginFollowing() KAVO_REQUIRES(eventLoopRole);
+  void continueFrame() KAVO_REQUIRES(eventLoopRole);
+  void endFrame() KAVO_REQUIRES(eventLoopRole);
+  void drop() KAVO_REQUIRES(eventLoopRole);
   void addShare(Pacer::Path& path) KAVO_REQUIRES(eventLoopRole);
   void dropShares() KAVO_REQUIRES(eventLoopRole);
   void leaveShare(Pacer::Path& path) KAVO_REQUIRES(eventLoopRole);
@@ -225,12 +233,16 @@ class Viewers {
   std::size_t m_MaxPacket KAVO_GUARDED_BY(eventLoopRole) = m_Delivery.policy.maxPacket;
 
   bool m_HasDeltaFrames KAVO_GUARDED_BY(eventLoopRole) = false;  // which a lost packet damages until the next key frame
-  // The frame that is being sent.
+  bool m_IsKeyFrame KAVO_GUARDED_BY(eventLoopRole) = false;      // the newest frame, complete or not
+  FramePackets* m_Newest KAVO_GUARDED_BY(eventLoopRole) = nullptr;  // the newest complete one, if it is a key frame
+  // The frame that is on its way over UDP, and the one that is to follow it: while the
+  // newest goes to somebody who has just joined, the next may come.
   FramePackets* m_Packets KAVO_GUARDED_BY(eventLoopRole) = nullptr;
-  FramePackets* m_Newest KAVO_GUARDED_BY(eventLoopRole) = nullptr;  // the last one, complete
-  Clock::duration m_LastInterval KAVO_GUARDED_BY(eventLoopRole){};  // between the last two
+  FramePackets* m_Following KAVO_GUARDED_BY(eventLoopRole) = nullptr;
+  bool m_SinkWaits KAVO_GUARDED_BY(eventLoopRole) = false;  // for frameSent()
   std::size_t m_NextPacket KAVO_GUARDED_BY(eventLoopRole) = 0;
   std::vector<InterleavedFrame> m_InterleavedFrames KAVO_GUARDED_BY(eventLoopRole);  // one a channel
+  std::vector<Viewer*> m_Playing KAVO_GUARDED_BY(eventLoopRole);                     // over UDP
   std::vector<UdpDestination*> m_Destinations KAVO_GUARDED_BY(eventLoopRole);
   UdpSender m_Sender KAVO_GUARDED_BY(eventLoopRole);
   // Pacing.

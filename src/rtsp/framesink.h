@@ -23,6 +23,8 @@ class LiveSink {
   virtual ~LiveSink() = default;
   // RTP time and wall clock of this moment, and what was sent so far.
   virtual SenderInfo senderInfo() KAVO_REQUIRES(eventLoopRole) = 0;
+  // RTP time of that moment.
+  virtual std::uint32_t rtpTimeAt(std::chrono::steady_clock::time_point time) KAVO_REQUIRES(eventLoopRole) = 0;
   // The frame for which Viewers::send() was false has left.
   virtual void frameSent() KAVO_REQUIRES(eventLoopRole) = 0;
 };
@@ -51,9 +53,13 @@ class FrameSink : public Base, public LiveSink {
     auto const fraction = (static_cast<std::uint64_t>((wall - seconds).count()) << 32) / 1000000;
     return {.ssrc = this->SSRC(),
             .ntpTime = (static_cast<std::uint64_t>(seconds.count()) + secondsFrom1900To1970) << 32 | fraction,
-            .rtpTime = this->convertToRTPTimestamp(presentationTime(std::chrono::steady_clock::now())),
+            .rtpTime = rtpTimeAt(std::chrono::steady_clock::now()),
             .packets = this->fPacketCount,
             .octets = this->fOctetCount};
+  }
+
+  std::uint32_t rtpTimeAt(std::chrono::steady_clock::time_point time) override {
+    return this->convertToRTPTimestamp(presentationTime(time));
   }
 
   void frameSent() override { continuePlaying(); }
@@ -71,17 +77,24 @@ class FrameSink : public Base, public LiveSink {
   Boolean sourceIsCompatibleWithUs(MediaSource& source) override {
     auto* const growing = dynamic_cast<GrowingSource*>(&source);
     if (growing != nullptr) {
-      growing->setBuffer(&m_Frame);
+      growing->setBuffers([this]() KAVO_REQUIRES(eventLoopRole) -> FrameBuffer& { return nextBuffer(); });
     }
     return growing != nullptr ? True : False;
   }
 
   Boolean continuePlaying() override {
     if (this->fSource != nullptr) {
-      this->fSource->getNextFrame(m_Frame.data(), static_cast<unsigned>(m_Frame.size()), afterGettingFrame, this,
-                                  MediaSink::onSourceClosure, this);
+      this->fSource->getNextFrame(nullptr, 0, afterGettingFrame, this, MediaSink::onSourceClosure, this);
     }
     return True;
+  }
+
+  // The newest frame may be on its way to somebody who has just joined.
+  FrameBuffer& nextBuffer() KAVO_REQUIRES(eventLoopRole) {
+    if (m_Viewers.isSending(m_Frame->packets)) {
+      m_Frame = m_Frame == &m_Frames[0] ? &m_Frames[1] : &m_Frames[0];
+    }
+    return m_Frame->bytes;
   }
 
   static void afterGettingFrame(void* sink, unsigned size, unsigned /*truncatedBytes*/, timeval presentationTime,
@@ -104,16 +117,17 @@ class FrameSink : public Base, public LiveSink {
   // False: the rest of the frame follows.
   bool send(unsigned size, timeval time) KAVO_REQUIRES(eventLoopRole) {
     std::uint32_t const rtpTime = rtpTimeOf(time);
+    FramePackets& packets = m_Frame->packets;
     m_Viewers.forgetNewestFrame();
-    m_Packets.begin(
+    packets.begin(
         {.payloadType = this->rtpPayloadType(), .sequence = this->fSeqNo, .timestamp = rtpTime, .ssrc = this->SSRC()});
-    bool const keyFrame = packetize({m_Frame.data(), size}, m_Viewers.maxPacket(), m_Packets);
+    bool const keyFrame = packetize({m_Frame->bytes.data(), size}, m_Viewers.maxPacket(), packets);
     // Do not number a frame that no viewer takes: the gap would look like loss.
-    if (m_Packets.count() == 0 || !m_Viewers.takes(keyFrame)) {
+    if (packets.count() == 0 || !m_Viewers.takes(keyFrame)) {
       return true;
     }
     count(rtpTime, size, time);
-    return m_Viewers.send(m_Packets, keyFrame);
+    return m_Viewers.send(packets, keyFrame);
   }
 
   // Frames of different times never share one.
@@ -130,15 +144,21 @@ class FrameSink : public Base, public LiveSink {
     }
     this->fMostRecentPresentationTime = time;
     this->fCurrentTimestamp = rtpTime;
-    this->fSeqNo = static_cast<u_int16_t>(this->fSeqNo + m_Packets.count());
-    this->fPacketCount += static_cast<unsigned>(m_Packets.count());
+    FramePackets const& packets = m_Frame->packets;
+    this->fSeqNo = static_cast<u_int16_t>(this->fSeqNo + packets.count());
+    this->fPacketCount += static_cast<unsigned>(packets.count());
     this->fOctetCount += size;
-    this->fTotalOctetCount += static_cast<unsigned>(m_Packets.bytes());
+    this->fTotalOctetCount += static_cast<unsigned>(packets.bytes());
   }
 
+  struct Frame {
+    FrameBuffer bytes;
+    FramePackets packets;
+  };
+
   Viewers& m_Viewers;
-  FrameBuffer m_Frame;
-  FramePackets m_Packets KAVO_GUARDED_BY(eventLoopRole);
+  Frame m_Frames[2] KAVO_GUARDED_BY(eventLoopRole);
+  Frame* m_Frame KAVO_GUARDED_BY(eventLoopRole) = &m_Frames[0];  // the newest
 };
 
 }  // namespace kavo::impl

@@ -3,10 +3,13 @@
 // sources that read from it. Any thread.
 #pragma once
 
+#include <time.h>
+
 #include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <optional>
 
 #include "base/statuspage.h"
 #include "base/threadannotations.h"
@@ -40,7 +43,8 @@ class FrameSourceHandler {
   FrameSourceHandler& operator=(FrameSourceHandler const&) = delete;
 
   // The queue takes ownership of the packet's bytes. The producer enforces the
-  // limit: it asks IsBufferFree() before it encodes.
+  // limit: it asks IsBufferFree() before it encodes. A frame that was submitted
+  // before the queue was cleared is stale, and released.
   void push(FrameData frame) KAVO_EXCLUDES(m_Mutex);
 
   // The oldest and the newest frame; the bytes stay the queue's and are valid
@@ -52,11 +56,26 @@ class FrameSourceHandler {
   void pop() KAVO_EXCLUDES(m_Mutex);
   // Removes and releases all of them.
   void clear() KAVO_EXCLUDES(m_Mutex);
+  // Queues the newest frame once more: for a stream whose host submits rarely, when somebody
+  // comes after everybody had left. Returns when it was submitted, or nothing if it is no
+  // key frame, not the last that the host has submitted, or no longer fresh.
+  std::optional<std::chrono::steady_clock::time_point> requeueNewest() KAVO_EXCLUDES(m_Mutex);
 
   bool empty() const KAVO_EXCLUDES(m_Mutex);
   std::uint32_t size() const KAVO_EXCLUDES(m_Mutex);
   // Whether one more frame may be encoded and pushed.
   bool IsBufferFree() const KAVO_EXCLUDES(m_Mutex);
+
+  // Host threads, one at a time: a frame is submitted, whether anybody watches or not.
+  void noteSubmit() {
+    auto const now = roughly();
+    auto const before = m_LastSubmit.load(std::memory_order_relaxed);
+    m_SubmitInterval.store(before == Time{} ? Time::duration{} : now - before, std::memory_order_relaxed);
+    m_LastSubmit.store(now, std::memory_order_relaxed);
+  }
+  // How old a frame may be and still be shown to whoever joins: as long as passed between
+  // the last two submits, at most a minute. 0 when there were not two, or the next one is late.
+  std::chrono::steady_clock::duration freshness() const;
 
   // Back channel: key-frame requests.
   KeyFrameRequest& keyFrameRequest() { return m_KeyFrameRequest; }
@@ -69,11 +88,28 @@ class FrameSourceHandler {
   void SetStreaming(bool streaming) { m_Streaming.store(streaming, std::memory_order_relaxed); }
 
  private:
+  using Time = std::chrono::steady_clock::time_point;
+
+  // The steady clock to a few milliseconds, at a fifth of the cost.
+  static Time roughly() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return Time(std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec));
+  }
+
+  static void release(AVPacket& packet);
+  void keep(AVPacket const& packet) KAVO_REQUIRES(m_Mutex);
   void removeFront() KAVO_REQUIRES(m_Mutex);
   void requireFrame() const KAVO_REQUIRES(m_Mutex);
 
   mutable Mutex m_Mutex;
   std::deque<FrameData> m_Frames KAVO_GUARDED_BY(m_Mutex);
+  Time m_Cleared KAVO_GUARDED_BY(m_Mutex){};
+  // The newest frame if it is a key frame, and m_LastSubmit when it was pushed.
+  AVPacket m_Newest KAVO_GUARDED_BY(m_Mutex){};
+  Time m_NewestSubmit KAVO_GUARDED_BY(m_Mutex){};
+  std::atomic<Time> m_LastSubmit{Time{}};
+  std::atomic<Time::duration> m_SubmitInterval{Time::duration{}};
   std::atomic<bool> m_Streaming = false;
   KeyFrameRequest m_KeyFrameRequest;
   status::StreamPlace m_Status;

@@ -21,6 +21,7 @@ LiveDemandSession::LiveDemandSession(UsageEnvironment& env, std::shared_ptr<Fram
                        wanted ? request.ask() : request.withdraw();
                      },
                  .frameSent = [this]() KAVO_REQUIRES(eventLoopRole) { m_Sink.live->frameSent(); },
+                 .freshness = [this] { return m_FrameSourceHandler->freshness(); },
                  .senderInfo = [this]() KAVO_REQUIRES(eventLoopRole) { return senderInfo(); }}) {}
 
 LiveDemandSession::~LiveDemandSession() {
@@ -138,24 +139,27 @@ void LiveDemandSession::startStream(unsigned /*clientSessionId*/, void* streamTo
   if (m_Sink.rtp == nullptr) {
     m_Sink = makeSink(AF_INET);
   }
+  auto const first = startSource(*viewer).value_or(std::chrono::steady_clock::now());
   // Of the first packet that it gets.
   FramePackets const* const newest = m_Viewers.newestFrameFor(*viewer);
   rtpSeqNum = newest != nullptr ? newest->header().sequence : m_Sink.rtp->currentSeqNo();
-  rtpTimestamp = newest != nullptr ? newest->header().timestamp : m_Sink.live->senderInfo().rtpTime;
-  startSource();
+  rtpTimestamp = newest != nullptr ? newest->header().timestamp : m_Sink.live->rtpTimeAt(first);
   m_Viewers.play(*viewer);
 }
 
-void LiveDemandSession::startSource() {
+// When the frame was submitted that the source begins with, if that is a picture from before.
+std::optional<std::chrono::steady_clock::time_point> LiveDemandSession::startSource(Viewer const& viewer) {
   {
     MutexLock lock(m_Mutex);
     if (m_Source != nullptr) {
-      return;
+      return std::nullopt;
     }
   }
   unsigned bitrate = 0;
   FramedSource* const source = createNewStreamSource(0, bitrate);
+  auto const newest = viewer.hasPlayed() ? std::nullopt : m_FrameSourceHandler->requeueNewest();
   m_Sink.rtp->startPlaying(*source, nullptr, nullptr);
+  return newest;
 }
 
 void LiveDemandSession::pauseStream(unsigned /*clientSessionId*/, void* streamToken) {

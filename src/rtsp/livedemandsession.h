@@ -3,7 +3,9 @@
 #pragma once
 
 #include <OnDemandServerMediaSubsession.hh>
+#include <chrono>
 #include <memory>
+#include <optional>
 
 #include "base/threadannotations.h"
 #include "delivery/viewers.h"
@@ -76,7 +78,7 @@ class LiveDemandSession : public OnDemandServerMediaSubsession {
 
   Sink makeSink(int addressFamily) KAVO_REQUIRES(eventLoopRole);
   void closeSource() KAVO_REQUIRES(eventLoopRole) KAVO_EXCLUDES(m_Mutex);
-  void startSource() KAVO_REQUIRES(eventLoopRole);
+  std::optional<std::chrono::steady_clock::time_point> startSource(Viewer const& viewer) KAVO_REQUIRES(eventLoopRole);
   void stopSourceIfUnused() KAVO_REQUIRES(eventLoopRole);
   SenderInfo senderInfo() KAVO_REQUIRES(eventLoopRole);
 

@@ -5,7 +5,7 @@
 
 #include <FramedSource.hh>
 #include <algorithm>
-#include <chrono>
+#include <functional>
 #include <memory>
 #include <utility>
 
@@ -17,14 +17,15 @@
 
 namespace kavo::impl {
 
-// A source that lets its sink's buffer grow with the frames, instead of truncating them.
+// A source that asks its sink for a buffer when it has a frame, and lets it grow with the
+// frames instead of truncating them.
 class GrowingSource {
  public:
-  void setBuffer(FrameBuffer* buffer) { m_Buffer = buffer; }
+  void setBuffers(std::function<FrameBuffer&()> next) { m_NextBuffer = std::move(next); }
 
  protected:
   ~GrowingSource() = default;
-  FrameBuffer* m_Buffer = nullptr;
+  std::function<FrameBuffer&()> m_NextBuffer;
 };
 
 // Base is the source class of live555 that the sink wants.
@@ -73,9 +74,8 @@ class QueuedSource : public Base, public GrowingSource {
   void deliverFrame() KAVO_REQUIRES(eventLoopRole) {
     while (this->isCurrentlyAwaitingData() && !m_FrameSourceHandler->empty()) {
       AVPacket const packet = m_FrameSourceHandler->front().packet;
-      // So is one submitted before and encoded until now.
-      bool const wanted = packet.data != nullptr && FrameSourceHandler::submitTime(packet) >= m_Created;
-      bool const delivered = wanted && contained([&]() KAVO_REQUIRES(eventLoopRole) { deliver(packet); });
+      bool const delivered =
+          packet.data != nullptr && contained([&]() KAVO_REQUIRES(eventLoopRole) { deliver(packet); });
       m_FrameSourceHandler->pop();
       if (delivered) {
         noteNewest(packet);
@@ -95,10 +95,11 @@ class QueuedSource : public Base, public GrowingSource {
 
   void deliver(AVPacket const& packet) KAVO_REQUIRES(eventLoopRole) {
     auto const size = static_cast<unsigned>(packet.size);
-    if (m_Buffer != nullptr && size > this->fMaxSize) {
-      m_Buffer->reserve(size);
-      this->fTo = m_Buffer->data();
-      this->fMaxSize = static_cast<unsigned>(m_Buffer->size());
+    if (m_NextBuffer) {
+      FrameBuffer& buffer = m_NextBuffer();
+      buffer.reserve(size);
+      this->fTo = buffer.data();
+      this->fMaxSize = static_cast<unsigned>(buffer.size());
     }
     unsigned const deliverable = std::min(size, this->fMaxSize);
     this->fNumTruncatedBytes = size - deliverable;
@@ -107,7 +108,6 @@ class QueuedSource : public Base, public GrowingSource {
   }
 
   std::shared_ptr<FrameSourceHandler> m_FrameSourceHandler;
-  std::chrono::steady_clock::time_point const m_Created = std::chrono::steady_clock::now();
   EventTrigger m_Trigger;
 };
 

@@ -43,6 +43,7 @@ class VideoSubSession : public ISubSession {
     }
     auto& status = m_FrameSourceHandler->status();
     status.add(&kv_status_stream::offered);
+    m_FrameSourceHandler->noteSubmit();
     if (!m_FrameSourceHandler->IsStreaming()) {
       status.add(&kv_status_stream::dropped_unwatched);
       return;

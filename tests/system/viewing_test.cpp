@@ -1,9 +1,13 @@
 // The life of a viewer: description, PLAY, PAUSE, and the stream's end.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
+#include <numeric>
+#include <random>
 #include <set>
 #include <thread>
+#include <tuple>
 
 #include "system/host.h"
 #include "system/rtspclient.h"
@@ -153,46 +157,96 @@ TEST_P(Viewing, TwoSessionsShareAConnectionOnChannelsOfTheirOwn) {
       << "another session's channel";
 }
 
-// On a stream whose host is slow, whoever joins sees its newest picture at once, and the
-// response to PLAY tells its number and time.
-TEST(ViewingSlowHost, WhoeverJoinsGetsTheNewestPicture) {
-  Host host;
-  host.serve();
-  auto record = host.publish("stream").record;
-  auto const frame = testFrame(KV_BGR24, 320, 240);
-  record.frame = frame.data();
-  RtspClient first(host.port());
-  ASSERT_TRUE(first.play(host.url("stream")));
-  auto const begin = std::chrono::steady_clock::now();
-  ASSERT_EQ(host.call(KV_SUBMIT_FRAME, record), KV_OK);
-  EXPECT_EQ(first.packet().channel, 0);
-  // The time between frames, for which the second one is the newest: as long as the rest takes.
-  while (std::chrono::steady_clock::now() - begin < std::chrono::seconds(2)) {
-    EXPECT_EQ(first.request("GET_PARAMETER", host.url("stream")).status, 200);
+// A stream whose host submits a picture every two seconds: frames that leave at once, and
+// some that have to be paced.
+class ViewingSlowHost : public ::testing::TestWithParam<std::tuple<int, int>> {
+ protected:
+  ViewingSlowHost() {
+    auto const [codec, size] = GetParam();
+    m_Host.serve();
+    m_Record = m_Host.publish("stream", KV_BGR24, codec, size, size, 40000000).record;
+    m_Noise.resize(static_cast<std::size_t>(size * size * 3));
+    std::generate(m_Noise.begin(), m_Noise.end(), std::minstd_rand(1));
+    m_Record.frame = m_Noise.data();
   }
-  ASSERT_EQ(host.call(KV_SUBMIT_FRAME, record), KV_OK);
-  for (bool const tcp : {true, false}) {
-    RtspClient later(host.port());
-    ASSERT_EQ((tcp ? later.request("SETUP", host.url("stream") + "/track1", RtspClient::overTcp)
-                   : later.setUpOverUdp(host.url("stream")))
-                  .status,
-              200);
-    auto const info = later.request("PLAY", host.url("stream")).header("RTP-Info");
-    auto packet = later.packet();
-    while (packet.channel == 1) {
-      packet = later.packet();
+
+  std::string url() const { return m_Host.url("stream"); }
+  void submit() { ASSERT_EQ(m_Host.call(KV_SUBMIT_FRAME, m_Record), KV_OK); }
+  void leave(RtspClient& viewer) { EXPECT_EQ(viewer.request("TEARDOWN", url()).status, 200); }
+
+  void pass(RtspClient& viewer, std::chrono::milliseconds time) {
+    auto const begin = std::chrono::steady_clock::now();
+    while (std::chrono::steady_clock::now() - begin < time) {
+      EXPECT_EQ(viewer.request("GET_PARAMETER", url()).status, 200);
     }
-    ASSERT_EQ(packet.channel, 0) << "tcp " << tcp;
-    auto const number = [&](std::size_t at, int size) {
-      std::uint32_t value = 0;
-      for (int i = 0; i < size; ++i) {
-        value = value << 8 | packet.bytes[at + static_cast<std::size_t>(i)];
-      }
-      return std::to_string(value);
-    };
-    EXPECT_NE((info + ";").find("seq=" + number(2, 2) + ";"), std::string::npos) << info;
-    EXPECT_NE(info.find("rtptime=" + number(4, 4)), std::string::npos) << info;
   }
+
+  // The response to PLAY.
+  std::string join(RtspClient& viewer, bool tcp) {
+    auto const transport =
+        tcp ? viewer.request("SETUP", url() + "/track1", RtspClient::overTcp) : viewer.setUpOverUdp(url());
+    EXPECT_EQ(transport.status, 200);
+    return viewer.request("PLAY", url()).header("RTP-Info") + ";";
+  }
+
+  // Whether a whole frame comes, of the number and the time that were announced.
+  static bool receives(RtspClient& viewer, std::string const& announced) {
+    std::size_t count = 0;
+    for (auto packet = viewer.packet(); packet.channel != -1; packet = viewer.packet()) {
+      if (packet.channel != 0) {
+        continue;
+      }
+      auto const number = [&](std::size_t at, std::size_t size) {
+        return std::accumulate(packet.bytes.begin() + static_cast<std::ptrdiff_t>(at),
+                               packet.bytes.begin() + static_cast<std::ptrdiff_t>(at + size), std::uint32_t{0},
+                               [](std::uint32_t value, std::uint8_t byte) { return value << 8 | byte; });
+      };
+      std::uint32_t const first = (number(2, 2) - count++) & 0xFFFF;
+      if (announced.find("seq=" + std::to_string(first) + ";") == std::string::npos ||
+          announced.find("rtptime=" + std::to_string(number(4, 4)) + ";") == std::string::npos) {
+        return false;
+      }
+      if ((packet.bytes[1] & 0x80) != 0) {
+        return true;
+      }
+    }
+    return false;
+  }
+
+  Host m_Host;
+  kv_frame_record m_Record{};
+  std::vector<std::uint8_t> m_Noise;
+};
+
+TEST_P(ViewingSlowHost, WhoeverJoinsGetsTheNewestPicture) {
+  RtspClient first(m_Host.port());
+  join(first, true);
+  submit();
+  EXPECT_EQ(first.packet().channel, 0);
+  RtspClient second(m_Host.port());  // for whom the next one is a key frame
+  join(second, true);
+  pass(second, std::chrono::seconds(2));
+  submit();
+  // It is the newest for as long as the rest takes.
+  for (bool const tcp : {true, false}) {
+    RtspClient later(m_Host.port());
+    EXPECT_TRUE(receives(later, join(later, tcp))) << "tcp " << tcp;
+    leave(later);
+  }
+  leave(first);
+  leave(second);
+  RtspClient afterAll(m_Host.port());
+  EXPECT_TRUE(receives(afterAll, join(afterAll, false)));
+  pass(afterAll, std::chrono::milliseconds(500));
+  leave(afterAll);
+  submit();
+  RtspClient last(m_Host.port());
+  auto const announced = join(last, false);
+  submit();
+  EXPECT_FALSE(receives(last, announced)) << "a picture that others have followed";
 }
 
+INSTANTIATE_TEST_SUITE_P(Codecs, ViewingSlowHost,
+                         ::testing::Values(std::tuple(KV_CODEC_MJPEG, 64), std::tuple(KV_CODEC_MJPEG, 480),
+                                           std::tuple(KV_CODEC_H264, 64)));
 INSTANTIATE_TEST_SUITE_P(Codecs, Viewing, ::testing::Values(KV_CODEC_MJPEG, KV_CODEC_H264));
