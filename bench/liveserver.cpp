@@ -109,6 +109,7 @@ class LiveServer : public BenchServer {
 
   void push(std::span<std::uint8_t const> image) override {
     for (auto const& [queue, signal] : m_Streams) {
+      queue->noteSubmit();
       if (!queue->IsStreaming() || !queue->IsBufferFree()) {
         continue;
       }

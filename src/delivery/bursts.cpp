@@ -96,7 +96,11 @@ void Viewers::dropShares() {
   m_Shares.clear();
 }
 
-bool Viewers::isPaced() const { return !m_Delivery.pacer->isOff() && m_Packets->bytes() > m_Delivery.pacer->burst(); }
+bool Viewers::isPaced() const {
+  return !m_Delivery.pacer->isOff() && std::any_of(m_Shares.begin(), m_Shares.end(), [this](Share const& share) {
+    return !share.path->takesAtOnce(m_Packets->bytes());
+  });
+}
 
 // All of a large frame at once would overflow the buffers along the path: what may
 // leave now is what the slowest path takes.

@@ -14,6 +14,9 @@ using namespace std::chrono_literals;
 constexpr int usualMbit = 100;
 // Switches queue 64 kB and more for a port, and sockets 208 kB.
 constexpr std::size_t usualBurst = 49152;
+// Half of what a socket of 208 kB takes in packets of 1400 bytes, as the kernel counts them.
+constexpr std::size_t localBurst = 65536;
+// Where the operator names a pace, queues are small.
 constexpr std::size_t smallBurst = 12288;
 // UDP, IP and Ethernet headers, which a link carries too.
 constexpr std::size_t headers = 46;
@@ -36,11 +39,13 @@ double microseconds(Pacer::Clock::duration duration) {
 }  // namespace
 
 Pacer::Pacer(std::optional<int> paceMbit)
-    : m_Rate(bytesPerMicrosecond(paceMbit.value_or(usualMbit))), m_Burst(paceMbit ? smallBurst : usualBurst) {}
+    : m_Rate(bytesPerMicrosecond(paceMbit.value_or(usualMbit))),
+      m_Burst(paceMbit ? smallBurst : usualBurst),
+      m_LocalBurst(paceMbit ? smallBurst : localBurst) {}
 
 std::shared_ptr<Pacer::Path> Pacer::pathTo(sockaddr_storage const& address) {
   if (isLoopback(address)) {
-    return std::make_shared<Path>(address, m_Rate, m_Burst);
+    return std::make_shared<Path>(address, m_Rate, m_LocalBurst);
   }
   std::erase_if(m_Paths, [](auto const& path) { return path.expired(); });
   for (auto const& known : m_Paths) {

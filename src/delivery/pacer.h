@@ -25,6 +25,8 @@ class Pacer {
     sockaddr_storage const& address() const { return m_Address; }
     // Whether nothing is on the way there.
     bool isIdle(Clock::time_point now) const { return backlog(now) == 0; }
+    // Whether a frame of this size leaves at once, since ordinary queues take it.
+    bool takesAtOnce(std::size_t bytes) const { return bytes <= m_Burst; }
     // Bytes that may leave now, and how long until so many may.
     std::size_t room(Clock::time_point now) const;
     std::chrono::microseconds until(std::size_t bytes, Clock::time_point now) const;
@@ -63,9 +65,6 @@ class Pacer {
   explicit Pacer(std::optional<int> paceMbit);
 
   bool isOff() const { return m_Rate == 0; }
-  // Frames of this size leave at once: ordinary queues take them. Where the operator
-  // names a pace, queues are small.
-  std::size_t burst() const { return m_Burst; }
   // The one of the host, whatever the port. On this machine there is no link to share, and
   // each viewer has its own: the bottleneck is its socket.
   std::shared_ptr<Path> pathTo(sockaddr_storage const& address);
@@ -73,6 +72,7 @@ class Pacer {
  private:
   double const m_Rate;  // bytes per microsecond
   std::size_t const m_Burst;
+  std::size_t const m_LocalBurst;
   std::vector<std::weak_ptr<Path>> m_Paths;
 };
 

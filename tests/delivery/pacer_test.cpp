@@ -24,14 +24,17 @@ TEST(Pacer, StreamsOfAHostShareWhatItsPathTakes) {
   auto const path = pacer.pathTo(host(1));
   EXPECT_EQ(pacer.pathTo(host(1)), path);
   EXPECT_NE(pacer.pathTo(host(2)), path);
+  constexpr std::size_t burst = 48 * 1024;
+  EXPECT_TRUE(path->takesAtOnce(burst));
+  EXPECT_FALSE(path->takesAtOnce(burst + 1));
   auto const begin = Pacer::Clock::now();
-  EXPECT_EQ(path->room(begin), pacer.burst());
-  path->noteSent(pacer.burst(), 35, begin);
+  EXPECT_EQ(path->room(begin), burst);
+  path->noteSent(burst, 35, begin);
   EXPECT_EQ(path->room(begin), 0U);
   auto const wait = path->until(16384, begin);
   EXPECT_NEAR(static_cast<double>(wait.count()), 2800, 300) << "at 100 Mbit/s";
   EXPECT_GE(path->room(begin + wait), 16384U);
-  EXPECT_EQ(path->room(begin + 10ms), pacer.burst());
+  EXPECT_EQ(path->room(begin + 10ms), burst);
 }
 
 TEST(Pacer, ThePaceFollowsWhatMostViewersReport) {
@@ -39,8 +42,8 @@ TEST(Pacer, ThePaceFollowsWhatMostViewersReport) {
   auto const path = pacer.pathTo(host(1));
   auto now = Pacer::Clock::now();
   auto const waitOf = [&] {
-    path->noteSent(pacer.burst(), 0, now);
-    auto const wait = path->until(pacer.burst(), now);
+    path->noteSent(12288, 0, now);
+    auto const wait = path->until(12288, now);
     now += wait + 1ms;
     return wait;
   };
