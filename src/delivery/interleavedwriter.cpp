@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "delivery/tcppath.h"
+
 namespace kavo::impl {
 
 namespace {
@@ -65,8 +67,8 @@ InterleavedBytes InterleavedFrame::copy() {
   return m_Copy;
 }
 
-InterleavedWriter::InterleavedWriter(int socket, std::function<void(bool)> setWriteInterest)
-    : m_Socket(socket), m_SetWriteInterest(std::move(setWriteInterest)) {
+InterleavedWriter::InterleavedWriter(TaskScheduler& scheduler, int socket, std::function<void(bool)> setWriteInterest)
+    : m_Socket(socket), m_SetWriteInterest(std::move(setWriteInterest)), m_NextTry(scheduler, [this] { flush(); }) {
   int const on = 1;
   // A frame's last packet would wait for the client's delayed acknowledgement, 40 ms.
   setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
@@ -78,6 +80,8 @@ void InterleavedWriter::close() {
   m_Waiting.clear();
   m_FrontOffset = 0;
   m_Blocked = false;
+  eventLoopRole.assertHeld();
+  m_NextTry.stop();
 }
 
 // live555 ignores how much of a response the socket took, so one is only made
@@ -101,7 +105,7 @@ bool InterleavedWriter::sendFrame(InterleavedFrame& frame, bool keyFrame) {
     }
   }
   if (m_Socket >= 0) {
-    std::size_t const sent = m_Blocked ? 0 : write(frame.pieces(), frame.channel());
+    std::size_t const sent = m_Blocked || !hasRoom() ? 0 : write(frame.pieces(), frame.channel());
     if (sent < frame.size()) {
       wait([&] { return frame.copy(); }, frame.channel(), sent);
     }
@@ -110,7 +114,9 @@ bool InterleavedWriter::sendFrame(InterleavedFrame& frame, bool keyFrame) {
 }
 
 void InterleavedWriter::sendReport(std::span<std::uint8_t const> report, std::uint8_t channel) {
-  if (m_Blocked || m_Socket < 0) {
+  bool const waits = std::any_of(m_Waiting.begin(), m_Waiting.end(),
+                                 [channel](Waiting const& waiting) { return waiting.channel == channel; });
+  if (waits || m_Socket < 0) {
     return;
   }
   auto const bytes = std::make_shared<std::vector<std::uint8_t>>();
@@ -118,7 +124,7 @@ void InterleavedWriter::sendReport(std::span<std::uint8_t const> report, std::ui
   *bytes = {'$', channel, static_cast<std::uint8_t>(report.size() >> 8), static_cast<std::uint8_t>(report.size())};
   bytes->insert(bytes->end(), report.begin(), report.end());
   iovec const piece{bytes->data(), bytes->size()};
-  std::size_t const sent = write({&piece, 1}, channel);
+  std::size_t const sent = m_Blocked ? 0 : write({&piece, 1}, channel);
   if (sent < bytes->size()) {
     wait([&]() -> InterleavedBytes { return bytes; }, channel, sent);
   }
@@ -139,12 +145,31 @@ void InterleavedWriter::wait(Bytes const& bytes, std::uint8_t channel, std::size
     return;
   }
   m_FrontOffset += sent;
-  waitForSocket();
+  if (!m_NextTry.isPending()) {
+    waitForSocket();
+  }
+}
+
+// Whether a frame may be begun; if not, flush() is called when one may.
+bool InterleavedWriter::hasRoom() {
+  eventLoopRole.assertHeld();
+  auto const time = untilPathTakesMore(m_Socket);
+  if (time > time.zero()) {
+    m_Blocked = true;
+    setWriteInterest(false);  // the socket would take more
+    m_NextTry.start(time);
+  }
+  return time == time.zero();
 }
 
 void InterleavedWriter::waitForSocket() {
-  if (!std::exchange(m_Blocked, true)) {
-    m_SetWriteInterest(true);
+  m_Blocked = true;
+  setWriteInterest(true);
+}
+
+void InterleavedWriter::setWriteInterest(bool wanted) {
+  if (std::exchange(m_WriteInterest, wanted) != wanted) {
+    m_SetWriteInterest(wanted);
   }
 }
 
@@ -180,6 +205,9 @@ std::size_t InterleavedWriter::dropUnsent(std::uint8_t channel) {
 
 void InterleavedWriter::flush() {
   while (!m_Waiting.empty() && (m_FrontOffset > 0 || !m_ResponseWaits)) {
+    if (m_FrontOffset == 0 && !hasRoom()) {
+      return;
+    }
     Waiting const& front = m_Waiting.front();
     auto const rest = std::span(*front.bytes).subspan(m_FrontOffset);
     iovec const piece{const_cast<std::uint8_t*>(rest.data()), rest.size()};
@@ -189,6 +217,7 @@ void InterleavedWriter::flush() {
     }
     if (sent < rest.size()) {
       m_FrontOffset += sent;
+      waitForSocket();
       return;
     }
     m_Waiting.erase(m_Waiting.begin());
@@ -197,7 +226,7 @@ void InterleavedWriter::flush() {
   m_ResponseWaits = false;
   if (m_Waiting.empty()) {
     m_Blocked = false;
-    m_SetWriteInterest(false);
+    setWriteInterest(false);
   }
 }
 

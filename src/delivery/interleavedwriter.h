@@ -11,6 +11,7 @@
 #include <span>
 #include <vector>
 
+#include "eventloop/timer.h"
 #include "rtp/framepackets.h"
 
 namespace kavo::impl {
@@ -60,7 +61,7 @@ class InterleavedWriter {
 
   // The socket is the connection's. setWriteInterest says whether the owner is
   // to call flush() when the socket takes more.
-  InterleavedWriter(int socket, std::function<void(bool)> setWriteInterest);
+  InterleavedWriter(TaskScheduler& scheduler, int socket, std::function<void(bool)> setWriteInterest);
   InterleavedWriter(InterleavedWriter const&) = delete;
   InterleavedWriter& operator=(InterleavedWriter const&) = delete;
 
@@ -69,7 +70,7 @@ class InterleavedWriter {
   bool sendFrame(InterleavedFrame& frame, bool keyFrame);
   // How many frames the last sendFrame() dropped that it had accepted before.
   std::size_t dropped() const { return m_Dropped; }
-  // Skipped while the viewer is behind.
+  // Comes after what waits; skipped if another one waits.
   void sendReport(std::span<std::uint8_t const> report, std::uint8_t channel);
   // Stops sending on the channel, except the rest of a frame partly sent.
   void cancel(std::uint8_t channel);
@@ -82,7 +83,7 @@ class InterleavedWriter {
   // The connection is gone: whatever is sent from now on is dropped.
   void close();
 
-  // Whether something waits for the socket to take it.
+  // Whether something waits until the socket, or the path, takes it.
   bool isBlocked() const { return m_Blocked; }
   bool isStalled(Clock::time_point now) const;
   // Whether the channel's viewer has taken anything since the last call.
@@ -101,7 +102,9 @@ class InterleavedWriter {
   std::size_t dropUnsent(std::uint8_t channel);
   template <class Bytes>
   void wait(Bytes const& bytes, std::uint8_t channel, std::size_t sent);
+  bool hasRoom();
   void waitForSocket();
+  void setWriteInterest(bool wanted);
   std::size_t write(std::span<iovec const> pieces, std::uint8_t channel);
 
   int m_Socket;
@@ -110,6 +113,8 @@ class InterleavedWriter {
   std::size_t m_Dropped = 0;
   std::size_t m_FrontOffset = 0;  // bytes of the first that were sent
   std::function<void(bool)> m_SetWriteInterest;
+  bool m_WriteInterest = false;
+  Timer m_NextTry;  // when the path takes more
   bool m_ResponseWaits = false;
   Clock::time_point m_LastProgress = Clock::now();  // of what waits
   std::bitset<256> m_Progress;                      // channels

@@ -22,8 +22,6 @@ constexpr std::chrono::milliseconds shortestReportInterval{50};
 // A viewer that has not reported for this time may do so from another port of its host.
 constexpr std::chrono::seconds reportPortTimeout{10};
 
-// Of key frames on behalf of one viewer.
-constexpr std::chrono::seconds shortestRepairInterval{2};
 // In 1/256: less is the ordinary noise of wireless links.
 constexpr std::uint8_t noticeableLoss = 3;
 
@@ -137,20 +135,15 @@ Viewer* Viewers::reporterAt(sockaddr_storage const& from, Clock::time_point now)
   return found;
 }
 
-// A viewer that has lost packets sees damage until the next key frame: it gets one soon.
-// One that loses all the time must not ruin the picture of the others.
-void Viewers::repair(Viewer& viewer, Clock::time_point now) {
-  bool const due = now - viewer.m_LastRepair >= shortestRepairInterval;
-  if (viewer.m_NeedsRepair && due && m_HasDeltaFrames && viewer.m_State == Viewer::State::Playing) {
-    viewer.m_LastRepair = now;
-    m_Callbacks.wantKeyFrame(true);
-  }
+bool Viewers::needsRepair(Viewer& viewer) const {
+  return m_HasDeltaFrames && viewer.m_State == Viewer::State::Playing && viewer.m_Repair.isDue(Clock::now());
 }
 
 void Viewers::note(Viewer& viewer, ReceiverReport const& report, Clock::time_point now) {
-  bool const lost = report.block && report.block->packetsLost > viewer.m_Reception.packetsLost;
-  viewer.m_NeedsRepair = viewer.m_NeedsRepair || report.wantsKeyFrame || (lost && viewer.isOverUdp());
-  repair(viewer, now);
+  viewer.m_Repair.noteReport(report, viewer.isOverUdp());
+  if (needsRepair(viewer)) {
+    m_Callbacks.wantKeyFrame(true);
+  }
   if (report.block && viewer.m_Path) {
     viewer.m_Path->noteReport(report.block->fractionLost >= noticeableLoss, now);
   }

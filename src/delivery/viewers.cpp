@@ -194,7 +194,9 @@ bool Viewers::send(FramePackets& packets, bool keyFrame) {
     if (keyFrame && viewer->m_State == Viewer::State::AwaitingKeyFrame) {
       viewer->enter(Viewer::State::Playing);
     }
-    viewer->m_NeedsRepair = viewer->m_NeedsRepair && !keyFrame;
+    if (keyFrame) {
+      viewer->m_Repair.noteKeyFrame(packets.header().sequence, Clock::now());
+    }
     if (viewer->m_State == Viewer::State::Playing) {
       if (!viewer->isOverUdp() && viewer->m_Writer) {
         sendInterleaved(*viewer, packets, keyFrame);
@@ -203,9 +205,9 @@ bool Viewers::send(FramePackets& packets, bool keyFrame) {
       viewer->noteDropped(1);
     }
     // A key frame is large for everybody: a viewer over TCP asks when it can take one.
-    if (viewer->m_State == Viewer::State::AwaitingKeyFrame) {
-      keyFrameWanted = keyFrameWanted || !(viewer->m_Writer && viewer->m_Writer->isBlocked());
-    }
+    keyFrameWanted = keyFrameWanted || (viewer->m_State == Viewer::State::AwaitingKeyFrame
+                                            ? !(viewer->m_Writer && viewer->m_Writer->isBlocked())
+                                            : needsRepair(*viewer));
   }
   m_Stream.add(&kv_status_stream::sent);
   if (keyFrame || keyFrameWanted) {

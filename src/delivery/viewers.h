@@ -16,6 +16,7 @@
 #include "base/statuspage.h"
 #include "base/uniquefd.h"
 #include "delivery/interleavedwriter.h"
+#include "delivery/lossrepair.h"
 #include "delivery/pacer.h"
 #include "delivery/udpports.h"
 #include "delivery/udpsender.h"
@@ -113,8 +114,7 @@ class Viewer {
   Clock::time_point m_LastReport{};
   Reception m_Reception;
   bool m_HasPlayed = false;
-  bool m_NeedsRepair = false;  // it has lost packets since the last key frame
-  Clock::time_point m_LastRepair{};
+  LossRepair m_Repair;
   std::function<void()> m_OnSignOfLife;
 };
 
@@ -219,7 +219,7 @@ class Viewers {
   void sendReport(Viewer& viewer, std::span<std::uint8_t const> report) KAVO_REQUIRES(eventLoopRole);
   void receiveReports(int socket) KAVO_REQUIRES(eventLoopRole);
   Viewer* reporterAt(sockaddr_storage const& from, Clock::time_point now) KAVO_REQUIRES(eventLoopRole);
-  void repair(Viewer& viewer, Clock::time_point now) KAVO_REQUIRES(eventLoopRole);
+  bool needsRepair(Viewer& viewer) const KAVO_REQUIRES(eventLoopRole);
   void note(Viewer& viewer, ReceiverReport const& report, Clock::time_point now) KAVO_REQUIRES(eventLoopRole);
 
   TaskScheduler& m_Scheduler;

@@ -41,9 +41,10 @@ RtspConnection::RtspConnection(RtspServer& server, UniqueFd clientSocket, sockad
                   delete this;
                 }
               }),
-      m_Writer(std::make_shared<InterleavedWriter>(fOurSocket, [this](bool wanted) KAVO_REQUIRES(eventLoopRole) {
-        m_Watch.start(wanted ? SOCKET_READABLE | SOCKET_WRITABLE : SOCKET_READABLE);
-      })) {
+      m_Writer(std::make_shared<InterleavedWriter>(
+          envir().taskScheduler(), fOurSocket, [this](bool wanted) KAVO_REQUIRES(eventLoopRole) {
+            m_Watch.start(wanted ? SOCKET_READABLE | SOCKET_WRITABLE : SOCKET_READABLE);
+          })) {
   // In place of live555's handler, which would also ask for urgent data and never read it.
   m_Watch.start(SOCKET_READABLE);
 }

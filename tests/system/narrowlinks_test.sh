@@ -5,6 +5,7 @@
 # Exit status 77 (skipped) where namespaces are not allowed.
 set -euo pipefail
 publish=$1
+bench=$2
 
 if [ -z "${KAVO_IN_NAMESPACE:-}" ]; then
   unshare -n true 2>/dev/null || {
@@ -188,5 +189,15 @@ KAVO_STREAM_CONFIG=$work/policy.toml watch far "${film[@]}"
 tc qdisc del dev near root
 KAVO_STREAM_CONFIG=$work/policy.toml start "${film[@]}"
 play_all 10 kavo kavo kavo kavo kavo kavo kavo kavo kavo kavo
+stop
+
+# Over TCP the newest whole frames come, as many as a slow and long link carries.
+python3 "$bench/slowlink.py" $far --delay 150 --mbit 2 >"$work/link" &
+until grep -q up "$work/link"; do sleep 0.05; done
+start --codec jpeg --size 640x480 --bitrate 8M
+seen=$(on_far python3 "$bench/linkviewer.py" tcp "rtsp://10.78.0.1:$port/kavo" 10)
+python3 -c 'import json, sys
+seen = json.loads(sys.argv[1])
+sys.exit(seen["damaged"] > 0 or seen["mbit"] < 1 or seen["oldest"] > 1.5)' "$seen" || die "over a slow link: $seen"
 stop
 echo passed

@@ -1,0 +1,178 @@
+#!/usr/bin/env python3
+"""A viewer that says what came through a link.
+
+linkviewer.py tcp RTSP_URL SECONDS: watches a JPEG stream over TCP, and prints as JSON whole
+and damaged frames, Mbit/s, and how old the frames were, in seconds since their submit, when
+their last byte was there. Server and viewer have the same clock.
+
+linkviewer.py udp RTSP_URL SECONDS FILE: writes an H.264 stream that comes over UDP to the
+file, without the NAL units that lack a packet. It asks for a key frame when it misses one,
+by a report and a picture loss indication (RFC 4585)."""
+import json
+import re
+import select
+import socket
+import statistics
+import struct
+import sys
+import time
+import urllib.parse
+
+
+class Connection:
+    def __init__(self, url):
+        self.url = url
+        target = urllib.parse.urlparse(url)
+        self.host = target.hostname
+        self.socket = socket.create_connection((target.hostname, target.port), 20)
+        self.buffer = b""
+        self.sequence = 0
+        self.early = []  # packets that came before a response
+
+    def need(self, size):
+        while len(self.buffer) < size:
+            data = self.socket.recv(65536)
+            if not data:
+                sys.exit("the server closed the connection")
+            self.buffer += data
+
+    def take(self, size):
+        self.need(size)
+        data, self.buffer = self.buffer[:size], self.buffer[size:]
+        return data
+
+    def interleaved(self):
+        """Channel and packet."""
+        head = self.take(4)
+        return head[1], self.take(head[2] << 8 | head[3])
+
+    def request(self, method, url, headers=""):
+        self.sequence += 1
+        self.socket.sendall(f"{method} {url} RTSP/1.0\r\nCSeq: {self.sequence}\r\n{headers}\r\n".encode())
+        self.need(4)
+        while self.buffer[:1] == b"$":
+            self.early.append(self.interleaved())
+            self.need(4)
+        while b"\r\n\r\n" not in self.buffer:
+            self.need(len(self.buffer) + 1)
+        head, self.buffer = self.buffer.split(b"\r\n\r\n", 1)
+        head = head.decode()
+        if not head.startswith("RTSP/1.0 200"):
+            sys.exit(f"{method}: {head}")
+        length = re.search(r"Content-Length: *(\d+)", head, re.I)
+        return head + self.take(int(length[1])).decode() if length else head
+
+    def play(self, transport):
+        """The response to SETUP."""
+        description = self.request("DESCRIBE", self.url)
+        track = re.search(r"m=video.*?a=control:(\S+)", description, re.S)[1]
+        track = track if "://" in track else f"{self.url}/{track}"
+        setup = self.request("SETUP", track, f"Transport: {transport}\r\n")
+        self.request("PLAY", self.url, "Session: " + re.search(r"Session: *([^;\s]+)", setup)[1] + "\r\n")
+        return setup
+
+
+class JpegFrames:
+    def __init__(self):
+        self.offset = None  # of RTP time / 90000 to the wall clock
+        self.expected = None
+        self.whole = True
+        self.frames = self.damaged = self.bytes = 0
+        self.arrivals = []  # wall clock less RTP time, in seconds
+
+    def report(self, packet):
+        if packet[1] == 200:  # sender report
+            ntp = int.from_bytes(packet[8:16], "big") / 2**32 - 2208988800
+            self.offset = ntp - int.from_bytes(packet[16:20], "big") / 90000
+
+    def add(self, packet):
+        sequence = int.from_bytes(packet[2:4], "big")
+        first = int.from_bytes(packet[13:16], "big") == 0  # fragment; frames may be left out before it
+        self.whole = first or (self.whole and sequence == self.expected)
+        self.expected = (sequence + 1) & 0xFFFF
+        self.bytes += len(packet) + 4
+        if packet[1] & 0x80:
+            self.frames += self.whole
+            self.damaged += not self.whole
+            if self.whole:
+                self.arrivals.append(time.time() - int.from_bytes(packet[4:8], "big") / 90000)
+
+
+def watch_tcp(url, seconds):
+    connection = Connection(url)
+    connection.play("RTP/AVP/TCP;unicast;interleaved=0-1")
+    frames = JpegFrames()
+    begin = time.monotonic()
+    while (now := time.monotonic()) < begin + seconds:
+        channel, packet = connection.early.pop(0) if connection.early else connection.interleaved()
+        (frames.report if channel == 1 else frames.add)(packet)
+    if frames.offset is None or not frames.arrivals:
+        sys.exit("no whole frame, or no report that tells its time")
+    ages = [arrival - frames.offset for arrival in frames.arrivals]
+    print(json.dumps({"frames": frames.frames, "damaged": frames.damaged, "mbit": 8e-6 * frames.bytes / (now - begin),
+                      "age": statistics.median(ages), "oldest": max(ages)}))
+
+
+class H264Units:
+    def __init__(self, file):
+        self.file = file
+        self.expected = None
+        self.fragments = None  # of a NAL unit that is not complete
+        self.ssrc = b"\0\0\0\0"
+        self.highest = self.lost = 0
+
+    def add(self, packet):
+        """Whether packets are missing before this one."""
+        sequence = int.from_bytes(packet[2:4], "big")
+        self.ssrc = packet[8:12]
+        missing = 0 if self.expected is None else (sequence - self.expected) & 0xFFFF
+        self.expected = (sequence + 1) & 0xFFFF
+        self.lost += missing
+        self.highest = sequence
+        payload = packet[12:]
+        if missing:
+            self.fragments = None
+        if payload[0] & 31 != 28:
+            self.write(payload)
+        elif payload[1] & 0x80:  # first fragment
+            self.fragments = bytes([payload[0] & 0xE0 | payload[1] & 31]) + payload[2:]
+        elif self.fragments is not None:
+            self.fragments += payload[2:]
+            if payload[1] & 0x40:
+                self.write(self.fragments)
+                self.fragments = None
+        return missing > 0
+
+    def write(self, unit):
+        self.file.write(b"\0\0\0\1" + unit)
+
+    def wish(self):
+        """Receiver report and picture loss indication."""
+        block = self.ssrc + struct.pack(">IIIII", self.lost & 0xFFFFFF, self.highest, 0, 0, 0)
+        return struct.pack(">BBHI", 0x81, 201, 7, 9) + block + struct.pack(">BBHI", 0x81, 206, 2, 9) + self.ssrc
+
+
+def watch_udp(url, seconds, file):
+    rtp, rtcp = (socket.socket(socket.AF_INET, socket.SOCK_DGRAM) for _ in range(2))
+    for one in (rtp, rtcp):
+        one.bind(("", 0))
+    connection = Connection(url)
+    setup = connection.play(f"RTP/AVP;unicast;client_port={rtp.getsockname()[1]}-{rtcp.getsockname()[1]}")
+    server = (connection.host, int(re.search(r"server_port=\d+-(\d+)", setup)[1]))
+    units = H264Units(file)
+    end = time.monotonic() + seconds
+    wished = 0
+    wants = False
+    while (now := time.monotonic()) < end:
+        if select.select([rtp], [], [], 1)[0]:
+            wants = units.add(rtp.recv(65536)) or wants
+        if wants and now - wished > 0.1:
+            rtcp.sendto(units.wish(), server)
+            wished, wants = now, False
+
+
+if sys.argv[1] == "tcp":
+    watch_tcp(sys.argv[2], float(sys.argv[3]))
+else:
+    with open(sys.argv[4], "wb") as output:
+        watch_udp(sys.argv[2], float(sys.argv[3]), output)

@@ -1,0 +1,13 @@
+// What TCP has found out about the path of a connection. Event-loop thread.
+#pragma once
+
+#include <chrono>
+
+namespace kavo::impl {
+
+// How long until the path takes another frame; 0: now. More than it holds and can send
+// in a moment would only queue on the way, where nobody can take it back: the
+// viewer would see old frames, and a small queue would lose some.
+std::chrono::microseconds untilPathTakesMore(int socket);
+
+}  // namespace kavo::impl

@@ -1,0 +1,65 @@
+#include "delivery/lossrepair.h"
+
+#include <gtest/gtest.h>
+
+using namespace kavo::impl;
+using namespace std::chrono_literals;
+
+namespace {
+
+// A viewer that reports ten times a second, of a hundred packets a second.
+struct Viewer {
+  LossRepair repair;
+  ReportBlock block;
+  LossRepair::Clock::time_point now = LossRepair::Clock::now();
+  int keyFrames = 0;
+
+  void report(int lost) {
+    now += 100ms;
+    block.highestSequence += 10;
+    block.packetsLost += lost;
+    repair.noteReport({.block = block}, true);
+  }
+  bool getsKeyFrame() {
+    bool const due = repair.isDue(now);
+    if (due) {
+      repair.noteKeyFrame(static_cast<std::uint16_t>(block.highestSequence + 1), now);
+      ++keyFrames;
+    }
+    return due;
+  }
+};
+
+}  // namespace
+
+TEST(LossRepair, EachLossIsRepairedOnceHalfASecondApart) {
+  Viewer viewer;
+  viewer.report(0);
+  EXPECT_FALSE(viewer.getsKeyFrame());
+  viewer.report(1);
+  EXPECT_TRUE(viewer.getsKeyFrame());
+  viewer.report(0);
+  EXPECT_FALSE(viewer.getsKeyFrame());
+  viewer.report(1);
+  EXPECT_FALSE(viewer.getsKeyFrame()) << "too soon";
+  viewer.now += 400ms;
+  EXPECT_TRUE(viewer.getsKeyFrame()) << "without another report";
+  // A report that was on its way while a key frame was.
+  viewer.report(0);
+  viewer.now += 1s;
+  viewer.repair.noteKeyFrame(static_cast<std::uint16_t>(viewer.block.highestSequence + 20), viewer.now);
+  viewer.report(1);
+  EXPECT_FALSE(viewer.getsKeyFrame());
+  viewer.repair.noteReport({.block = {}, .wantsKeyFrame = true}, false);
+  EXPECT_TRUE(viewer.getsKeyFrame());
+}
+
+TEST(LossRepair, WhoLosesAllTheTimeGetsOneInTwoSeconds) {
+  Viewer viewer;
+  for (int i = 0; i < 300; ++i) {
+    viewer.report(3);
+    viewer.getsKeyFrame();
+  }
+  EXPECT_GE(viewer.keyFrames, 15);
+  EXPECT_LE(viewer.keyFrames, 15 + 2) << "until it was known";
+}
