@@ -68,7 +68,8 @@ class Connection:
         track = re.search(r"m=video.*?a=control:(\S+)", description, re.S)[1]
         track = track if "://" in track else f"{self.url}/{track}"
         setup = self.request("SETUP", track, f"Transport: {transport}\r\n")
-        self.request("PLAY", self.url, "Session: " + re.search(r"Session: *([^;\s]+)", setup)[1] + "\r\n")
+        self.session = "Session: " + re.search(r"Session: *([^;\s]+)", setup)[1] + "\r\n"
+        self.request("PLAY", self.url, self.session)
         return setup
 
 
@@ -171,8 +172,9 @@ def watch_udp(url, seconds, file):
             wished, wants = now, False
 
 
-if sys.argv[1] == "tcp":
-    watch_tcp(sys.argv[2], float(sys.argv[3]))
-else:
-    with open(sys.argv[4], "wb") as output:
-        watch_udp(sys.argv[2], float(sys.argv[3]), output)
+if __name__ == "__main__":
+    if sys.argv[1] == "tcp":
+        watch_tcp(sys.argv[2], float(sys.argv[3]))
+    else:
+        with open(sys.argv[4], "wb") as output:
+            watch_udp(sys.argv[2], float(sys.argv[3]), output)

@@ -1,0 +1,193 @@
+#include "fuzz/rtspscript.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <string_view>
+#include <utility>
+
+namespace {
+
+constexpr std::size_t mostSteps = 24;
+constexpr unsigned connections = 4;
+constexpr std::string_view kinds = "sdcfrhmx";
+// By how often they are chosen: what clients say matters most.
+constexpr std::string_view weightedKinds = "ssssssssddccfrrhhhhmx";
+
+constexpr char const* messages[] = {
+    "OPTIONS {U} RTSP/1.0\r\nCSeq: 1\r\n\r\n",
+    "DESCRIBE {U} RTSP/1.0\r\nCSeq: 2\r\nAccept: application/sdp\r\n\r\n",
+    "SETUP {U}/track1 RTSP/1.0\r\nCSeq: 3\r\nTransport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n\r\n",
+    "SETUP {U}/track1 RTSP/1.0\r\nCSeq: 3\r\nTransport: RTP/AVP;unicast;client_port={P}\r\n\r\n",
+    "SETUP {V}/track1 RTSP/1.0\r\nCSeq: 3\r\nSession: {S}\r\nTransport: RTP/AVP/TCP;unicast;interleaved=2-3\r\n\r\n",
+    "PLAY {U} RTSP/1.0\r\nCSeq: 4\r\nSession: {S}\r\nRange: npt=0.000-\r\n\r\n",
+    "PAUSE {U} RTSP/1.0\r\nCSeq: 5\r\nSession: {S}\r\n\r\n",
+    "GET_PARAMETER {U} RTSP/1.0\r\nCSeq: 6\r\nSession: {S}\r\n\r\n",
+    "SET_PARAMETER {U} RTSP/1.0\r\nCSeq: 6\r\nSession: {S}\r\nContent-Length: 5\r\n\r\nabcd\n",
+    "TEARDOWN {U} RTSP/1.0\r\nCSeq: 7\r\nSession: {S}\r\n\r\n",
+};
+
+constexpr char const* headers[] = {
+    "Session: {S}",
+    "Session: {O}",
+    "Session: 00000000",
+    "CSeq: 99999999999",
+    "Content-Length: 10",
+    "Content-Length: -1",
+    "Content-Length: 4294967297",
+    "Transport: RTP/AVP;unicast;client_port={P},RTP/AVP/TCP;interleaved=0-1",
+    "Transport: RTP/AVP/TCP;interleaved=254-255",
+    "Transport: RTP/AVP;multicast;destination=239.1.1.1;port=4000-4001",
+    "Transport: RTP/AVP;unicast;destination=127.0.0.2;client_port=1-65535",
+    "Require: implicit-play",
+    "Range: npt=now-",
+    "Scale: -1e308",
+    "Accept: application/sdp",
+    "x-sessioncookie: a",
+    "Authorization: Digest username=\"a\", realm=\"b\", nonce=\"c\", uri=\"d\", response=\"e\"",
+};
+
+// Receiver report, goodbye, picture loss indication.
+constexpr std::string_view reports[] = {
+    {"\x81\xc9\x00\x07\x00\x00\x00\x09\x00\x00\x00\x09\x10\x00\x00\x05\x00\x00\x10\x00\x00\x00\x00\x01\x00\x00\x00\x00"
+     "\x00\x00\x00\x00",
+     32},
+    {"\x80\xc9\x00\x01\x00\x00\x00\x09\x81\xcb\x00\x01\x00\x00\x00\x09", 16},
+    {"\x80\xc9\x00\x01\x00\x00\x00\x09\x81\xce\x00\x02\x00\x00\x00\x09\x00\x00\x00\x09", 20},
+};
+
+std::size_t below(std::mt19937& random, std::size_t limit) { return limit == 0 ? 0 : random() % limit; }
+
+template <class Range>
+auto const& anyOf(Range const& range, std::mt19937& random) {
+  return *(std::begin(range) + static_cast<std::ptrdiff_t>(below(random, std::size(range))));
+}
+
+std::string interleaved(std::string_view report, std::mt19937& random) {
+  return std::string{'$', static_cast<char>(below(random, 4)), static_cast<char>(report.size() >> 8),
+                     static_cast<char>(report.size())}
+      .append(report);
+}
+
+Step newStep(std::mt19937& random) {
+  Step step{
+      static_cast<Step::Kind>(anyOf(weightedKinds, random)), static_cast<unsigned>(below(random, connections)), {}};
+  if (step.kind == Step::Kind::Send) {
+    step.bytes = below(random, 8) == 0 ? interleaved(anyOf(reports, random), random) : anyOf(messages, random);
+  } else if (step.kind == Step::Kind::Datagram) {
+    step.bytes = anyOf(reports, random);
+  }
+  return step;
+}
+
+// A line is taken out, doubled, moved, put in or put in the place of another.
+void mutateLines(std::string& bytes, std::mt19937& random) {
+  std::vector<std::string> lines;
+  for (std::size_t at = 0; at < bytes.size();) {
+    std::size_t const end =
+        std::min(bytes.size(), bytes.find('\n', at) == std::string::npos ? bytes.size() : bytes.find('\n', at) + 1);
+    lines.push_back(bytes.substr(at, end - at));
+    at = end;
+  }
+  auto const place = [&] { return lines.begin() + static_cast<std::ptrdiff_t>(below(random, lines.size() + 1)); };
+  auto const at = lines.empty() ? 0 : below(random, lines.size());
+  std::string const line = lines.empty() ? std::string() : lines[at];
+  switch (below(random, 4)) {
+    case 0:
+      lines.erase(lines.begin() + static_cast<std::ptrdiff_t>(at),
+                  lines.begin() + static_cast<std::ptrdiff_t>(std::min(at + 1, lines.size())));
+      break;
+    case 1:
+      lines.insert(place(), line);
+      break;
+    case 2:
+      lines.insert(place(), std::string(anyOf(headers, random)) + "\r\n");
+      break;
+    default:
+      std::shuffle(lines.begin(), lines.end(), random);
+  }
+  bytes.clear();
+  for (auto const& each : lines) {
+    bytes += each;
+  }
+}
+
+}  // namespace
+
+Script parseScript(std::string const& text) {
+  Script script;
+  for (std::size_t at = 0; at < text.size() && script.size() < mostSteps;) {
+    char kind = 0;
+    unsigned connection = 0;
+    std::size_t size = 0;
+    int head = 0;
+    if (std::sscanf(text.c_str() + at, "@%c %u %zu%n", &kind, &connection, &size, &head) != 3 ||
+        kinds.find(kind) == std::string_view::npos) {
+      break;
+    }
+    at += static_cast<std::size_t>(head) + 1;
+    if (at > text.size() || size > text.size() - at) {
+      break;
+    }
+    script.push_back({static_cast<Step::Kind>(kind), connection % connections, text.substr(at, size)});
+    at += size + 1;
+  }
+  return script;
+}
+
+std::string textOf(Script const& script) {
+  std::string text;
+  for (Step const& step : script) {
+    text += std::string("@") + static_cast<char>(step.kind) + ' ' + std::to_string(step.connection) + ' ' +
+            std::to_string(step.bytes.size()) + '\n' + step.bytes + '\n';
+  }
+  return text;
+}
+
+void mutate(Script& script, std::mt19937& random, std::size_t (*mutateBytes)(std::uint8_t*, std::size_t, std::size_t)) {
+  auto const place = [&](std::size_t size) {
+    return script.begin() + static_cast<std::ptrdiff_t>(below(random, size));
+  };
+  std::size_t const change = script.empty() ? 0 : below(random, 8);
+  if (change == 0) {
+    script.insert(place(script.size() + 1), newStep(random));
+    return;
+  }
+  Step& step = *place(script.size());
+  switch (change) {
+    case 1:
+      script.erase(place(script.size()));
+      break;
+    case 2:
+      script.insert(place(script.size() + 1), Step(step));
+      break;
+    case 3:
+      std::swap(step, *place(script.size()));
+      break;
+    case 4:
+      step.connection = static_cast<unsigned>(below(random, connections));
+      break;
+    case 5: {  // a message that comes in two pieces, or two as one
+      Step rest = step;
+      std::size_t const cut = below(random, step.bytes.size() + 1);
+      rest.bytes.erase(0, cut);
+      step.bytes.erase(cut);
+      script.insert(script.begin() + (&step - script.data()) + 1, std::move(rest));
+      break;
+    }
+    case 6:
+      mutateLines(step.bytes, random);
+      break;
+    default: {
+      std::size_t const size = step.bytes.size();
+      step.bytes.resize(size + 64);
+      step.bytes.resize(mutateBytes(reinterpret_cast<std::uint8_t*>(step.bytes.data()), size, size + 64));
+    }
+  }
+}
+
+Script crossOver(Script const& one, Script const& other, std::mt19937& random) {
+  Script script(one.begin(), one.begin() + static_cast<std::ptrdiff_t>(below(random, one.size() + 1)));
+  auto const from = static_cast<std::ptrdiff_t>(below(random, other.size() + 1));
+  script.insert(script.end(), other.begin() + from, other.end());
+  return script;
+}
