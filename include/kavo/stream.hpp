@@ -85,6 +85,19 @@ enum class PixelFormat : std::int32_t {
 /// What streams are encoded as.
 enum class Codec : std::int32_t { Jpeg = KV_CODEC_MJPEG, H264 = KV_CODEC_H264 };
 
+/// The sizes of encoded frames that a codec takes, in pixels.
+struct SizeLimits {
+  int step;           ///< both are multiples of it
+  int smallest;       ///< width and height
+  int largestWidth;   ///< of any height
+  int largestHeight;  ///< of any width
+};
+
+/// The limits of the codec. JPEG: in the steps that RTP can express.
+constexpr SizeLimits sizeLimits(Codec codec) {
+  return codec == Codec::Jpeg ? SizeLimits{8, 16, 2040, 2040} : SizeLimits{2, 16, 4096, 2304};
+}
+
 /// The bytes of one frame, without padding.
 constexpr std::size_t frameSize(PixelFormat format, int width, int height) {
   auto const pixels = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
@@ -237,17 +250,18 @@ class Session {
   /// The usual causes of a refusal, and the nearest size that would do.
   static std::string adviceFor(Codec codec, kv_video_record const& video) {
     bool const jpeg = codec == Codec::Jpeg;
-    auto const nearest = [](int length, int step, int largest) {
-      int const rounded = length / step * step;
-      return std::to_string(rounded < 16 ? 16 : rounded > largest ? largest : rounded);
+    SizeLimits const limits = sizeLimits(codec);
+    auto const textOf = [](int width, int height) { return std::to_string(width) + "x" + std::to_string(height); };
+    auto const nearest = [&](int length, int largest) {
+      int const rounded = length / limits.step * limits.step;
+      return rounded < limits.smallest ? limits.smallest : rounded > largest ? largest : rounded;
     };
-    int const step = jpeg ? 8 : 2;
-    std::string const size = std::to_string(video.dst_width) + "x" + std::to_string(video.dst_height);
+    std::string const size = textOf(video.dst_width, video.dst_height);
     std::string const fitting =
-        nearest(video.dst_width, step, jpeg ? 2040 : 4096) + "x" + nearest(video.dst_height, step, jpeg ? 2040 : 2304);
+        textOf(nearest(video.dst_width, limits.largestWidth), nearest(video.dst_height, limits.largestHeight));
     if (size != fitting) {
-      return std::string(jpeg ? "JPEG takes sizes up to 2040x2040 in steps of 8"
-                              : "H.264 takes even sizes up to 4096x2304") +
+      return std::string(jpeg ? "JPEG" : "H.264") + " takes sizes up to " +
+             textOf(limits.largestWidth, limits.largestHeight) + " in steps of " + std::to_string(limits.step) +
              "; nearest to " + size + " is " + fitting;
     }
     return jpeg ? "try another bitrate" : "is OpenH264 2.6 installed (libopenh264.so)? if so, try another bitrate";

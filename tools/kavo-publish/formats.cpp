@@ -7,13 +7,10 @@
 
 namespace {
 
-// JPEG in the steps of 8 that RTP can express.
 constexpr CodecInfo known[] = {
-    {kavo::Codec::H264, "H.264", {4096, 2304}, 2, 0.1, "rtph264depay ! h264parse ! avdec_h264"},
-    {kavo::Codec::Jpeg, "JPEG", {2040, 2040}, 8, 1.2, "rtpjpegdepay ! jpegdec"},
+    {kavo::Codec::H264, "H.264", kavo::sizeLimits(kavo::Codec::H264), 0.1, "rtph264depay ! h264parse ! avdec_h264"},
+    {kavo::Codec::Jpeg, "JPEG", kavo::sizeLimits(kavo::Codec::Jpeg), 1.2, "rtpjpegdepay ! jpegdec"},
 };
-
-constexpr int smallest = 16;
 
 }  // namespace
 
@@ -22,10 +19,11 @@ std::span<CodecInfo const> codecs() { return known; }
 std::string textOf(Size size) { return std::to_string(size.width) + "x" + std::to_string(size.height); }
 
 Size nearestSize(CodecInfo const& codec, Size size) {
+  auto const& limits = codec.limits;
   double const scale =
-      std::min({1.0, double(codec.largest.width) / size.width, double(codec.largest.height) / size.height});
+      std::min({1.0, double(limits.largestWidth) / size.width, double(limits.largestHeight) / size.height});
   auto const fit = [&](int length) {
-    return std::max(smallest, static_cast<int>(length * scale) / codec.step * codec.step);
+    return std::max(limits.smallest, static_cast<int>(length * scale) / limits.step * limits.step);
   };
   return {fit(size.width), fit(size.height)};
 }
@@ -33,8 +31,9 @@ Size nearestSize(CodecInfo const& codec, Size size) {
 void printFormats() {
   std::printf("Codecs:\n");
   for (CodecInfo const& codec : known) {
-    std::printf("  %-6s %dx%d to %s, in steps of %d\n", codec.name, smallest, smallest, textOf(codec.largest).c_str(),
-                codec.step);
+    auto const& limits = codec.limits;
+    std::printf("  %-6s %dx%d to %dx%d, in steps of %d\n", codec.name, limits.smallest, limits.smallest,
+                limits.largestWidth, limits.largestHeight, limits.step);
   }
   std::printf(
       "Pixel formats that are taken as they are (others are converted to yuv420p):\n"

@@ -10,8 +10,7 @@
 struct CodecInfo {
   kavo::Codec codec;
   char const* name;
-  Size largest;
-  int step;               // sizes are multiples of it
+  kavo::SizeLimits limits;
   double bitsPerPixel;    // of each frame, without --bitrate
   char const* gstreamer;  // the elements that decode it
 };
