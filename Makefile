@@ -1,6 +1,6 @@
 # The everyday commands. Each sets up what it needs (see scripts/run).
 .DEFAULT_GOAL := help
-.PHONY: help package package-check scale-out-check docs players bench soak build demo test fuzz format lint shell clean
+.PHONY: help package package-check scale-out-check docs players bench soak build demo test test-arm64 fuzz format lint shell clean
 
 RUN := scripts/run
 PRESET ?= release
@@ -17,6 +17,9 @@ demo: ## publish a moving test pattern (INPUT=file or camera, SECONDS=limit, ARG
 
 test: ## build and run all tests: release, asan+ubsan, tsan, fuzz
 	@$(RUN) scripts/test
+
+test-arm64: ## build for arm64 and run the unit tests and a smoke test under QEMU
+	@scripts/test-arm64
 
 fuzz: ## run the fuzz drivers for long (SECONDS=600)
 	@$(RUN) sh -c 'cmake --preset fuzz -DKAVO_FUZZ_SECONDS=$(or $(SECONDS),600) >/dev/null && cmake --build --preset fuzz && ctest --test-dir build/fuzz --output-on-failure --timeout 100000; status=$$?; cmake --preset fuzz -UKAVO_FUZZ_SECONDS >/dev/null; exit $$status'
