@@ -28,7 +28,7 @@ bench: ## measure: ours beside live555 as it comes and gst-rtsp-server (TABLES="
 	@$(RUN) sh -c 'cmake --preset bench >/dev/null && cmake --build --preset bench >/dev/null && scripts/bench $(TABLES)'
 
 soak: ## publish for long while viewers come and go; fails where memory, descriptors or latency grow (SECONDS=600)
-	@$(RUN) sh -c 'cmake --preset release >/dev/null && cmake --build --preset release >/dev/null && scripts/soak $(or $(SECONDS),600)'
+	@$(RUN) sh -c 'cmake --preset release >/dev/null && cmake --build --preset release >/dev/null && bench/soak.py $(or $(SECONDS),600)'
 
 format: ## bring the sources into shape with clang-format
 	@$(RUN) sh -c 'find include src tools tests bench examples -name "*.h" -o -name "*.c" -o -name "*.cpp" -o -name "*.hpp" | xargs clang-format -i'

@@ -64,27 +64,6 @@ class EpollSchedulerTest : public ::testing::Test {
 
 }  // namespace
 
-// A timer, a trigger or a socket's handler that throws ends alone.
-TEST_F(EpollSchedulerTest, AnExceptionEndsItsHandlerOnly) {
-  Pair pair;
-  pair.send();
-  int calls = 0;
-  Callback throwing = [&] {
-    ++calls;
-    throw std::bad_alloc();
-  };
-  Callback last = [&] { ++calls; };
-  auto const throwingTrigger = scheduler().createEventTrigger(call);
-  auto const lastTrigger = scheduler().createEventTrigger(call);
-  watch(pair.near.get(), throwing);
-  scheduler().triggerEvent(throwingTrigger, &throwing);
-  scheduler().triggerEvent(lastTrigger, &last);
-  scheduler().scheduleDelayedTask(0, call, &throwing);
-  scheduler().scheduleDelayedTask(0, call, &last);
-  EXPECT_NO_THROW(runUntil([&] { return calls >= 5; }));
-  unwatch(pair.near.get());
-}
-
 TEST_F(EpollSchedulerTest, RunsTriggersFromManyThreadsWithoutALimit) {
   constexpr int triggers = 200;
   constexpr int firings = 500;
@@ -252,15 +231,4 @@ TEST_F(EpollSchedulerTest, ATimerThatGoesOnForeverLeavesSocketsTheirTurn) {
   watch(pair.near.get(), onData);
   pair.send();
   runUntil([&] { return heard > 0; });
-}
-
-TEST_F(EpollSchedulerTest, CannotBeMadeWithoutDescriptors) {
-  rlimit before{};
-  getrlimit(RLIMIT_NOFILE, &before);
-  rlimit none = before;
-  none.rlim_cur = 0;
-  setrlimit(RLIMIT_NOFILE, &none);
-  std::unique_ptr<EpollScheduler> const made(EpollScheduler::createNew(10000));
-  setrlimit(RLIMIT_NOFILE, &before);
-  EXPECT_EQ(made, nullptr);
 }

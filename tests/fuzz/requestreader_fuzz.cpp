@@ -23,7 +23,8 @@ void check(kavo::impl::Request const& request) {
       count(text, "\r\n\r\n") == 1 && text.ends_with("\r\n\r\n") && count(text, " RTSP/1.0\r\n") == 1;
   auto const behindLine = text.substr(text.find("\r\n"));
   if (!oneRequest || text.size() > 1000 || count(behindLine, "CSeq:") != 1 || count(behindLine, "Session:") > 1 ||
-      count(behindLine, "Content-Length:") != 0 || count(text, "RTSP/") != 1 || text.find('\0') != std::string::npos) {
+      count(behindLine, "Content-Length:") != 0 || count(text, "RTSP/") != 1 || text.find('\0') != std::string::npos ||
+      request.cseq.find_first_not_of("0123456789") != std::string::npos) {
     std::abort();
   }
 }

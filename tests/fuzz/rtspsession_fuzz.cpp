@@ -18,12 +18,12 @@
 #include <cstring>
 #include <filesystem>
 #include <iterator>
+#include <kavo/stream.hpp>
 #include <optional>
 #include <string>
 
 #include "base/uniquefd.h"
 #include "fuzz/rtspscript.h"
-#include "kavo_stream.h"
 #include "system/rtspclient.h"
 
 extern "C" std::size_t LLVMFuzzerMutate(std::uint8_t* data, std::size_t size, std::size_t maxSize);
@@ -52,22 +52,17 @@ class Host {
   }
 
   void submit() {
-    for (Stream const& stream : m_Streams) {
-      kv_frame_record record{};
-      record.handle = stream.session;
-      record.stream = stream.stream;
-      record.frame = m_Picture.data();
-      expect(kv_Stream(KV_SUBMIT_FRAME, &record, sizeof record), "submit");
+    for (auto& stream : m_Streams) {
+      stream->submit(m_Picture.data(), m_Picture.size());
     }
   }
 
-  void remove(std::size_t stream) {
-    expect(kv_Stream(KV_REMOVE_SESSION, m_Streams[stream % streams].session, 8), "remove");
-    create(stream % streams);
-  }
+  void remove(std::size_t stream) { create(stream % streams); }
 
   void restart() {
-    expect(kv_Stream(KV_EXIT, nullptr, 0), "exit");
+    m_Streams = {};
+    m_Sessions = {};
+    m_Server.reset();
     start();
   }
 
@@ -75,51 +70,37 @@ class Host {
   static constexpr int size = 64;  // pixels
   static constexpr std::size_t streams = 2;
   static constexpr char const* names[] = {"one", "two"};
-  struct Stream {
-    void* session = nullptr;
-    void* stream = nullptr;
-  };
-
-  static void expect(int result, char const* what) {
-    if (result != KV_OK) {
-      fail(what);
-    }
-  }
 
   void start() {
-    int result = -1;
-    for (int attempt = 0; attempt < 20 && result != KV_OK; ++attempt) {
+    for (int attempt = 0; !m_Server; ++attempt) {
       m_Port = freePort();
-      result = kv_Stream(KV_INIT, &m_Port, sizeof m_Port);
+      try {
+        m_Server.emplace(static_cast<std::uint16_t>(m_Port));
+      } catch (kavo::Error const&) {
+        if (attempt == 20) {
+          throw;
+        }
+      }
     }
-    expect(result, "init");
     create(0);
     create(1);
   }
 
   void create(std::size_t at) {
-    kv_session_record session{};
-    std::snprintf(session.name, sizeof session.name, "%s", names[at]);
-    std::snprintf(session.info, sizeof session.info, "i");
-    std::snprintf(session.description, sizeof session.description, "d");
-    expect(kv_Stream(KV_CREATE_SESSION, &session, sizeof session), "create session");
-    kv_video_record video{};
-    video.src_width = video.dst_width = size;
-    video.src_height = video.dst_height = size;
-    video.src_pixel_format = KV_YUV420P;
-    video.src_codec = KV_CODEC_RAW;
-    video.dst_codec = at == 0 ? KV_CODEC_MJPEG : KV_CODEC_H264;
-    video.bitrate = 100000;
-    video.frame_rate = 25;
-    kv_stream_record stream{};
-    stream.handle = session.handle;
-    stream.video = &video;
-    expect(kv_Stream(KV_CREATE_STREAM, &stream, sizeof stream), "create stream");
-    m_Streams[at] = {session.handle, stream.stream};
+    m_Streams.at(at).reset();
+    m_Sessions.at(at).reset();
+    m_Sessions.at(at).emplace(m_Server->createSession(names[at]));
+    kavo::VideoOptions video;
+    video.width = video.height = size;
+    video.format = kavo::PixelFormat::Yuv420p;
+    video.codec = at == 0 ? kavo::Codec::Jpeg : kavo::Codec::H264;
+    m_Streams.at(at).emplace(m_Sessions.at(at)->createStream(video));
   }
 
   std::uint32_t m_Port = 0;
-  std::array<Stream, streams> m_Streams;
+  std::optional<kavo::Server> m_Server;
+  std::array<std::optional<kavo::Session>, streams> m_Sessions;
+  std::array<std::optional<kavo::Stream>, streams> m_Streams;
   std::array<std::uint8_t, std::size_t{size} * size * 3 / 2> m_Picture{};
 };
 

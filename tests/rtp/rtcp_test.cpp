@@ -76,18 +76,3 @@ TEST(Rtcp, AReceiverReportIsReadWhereverItsBlockIs) {
     EXPECT_FALSE(read->block);
   }
 }
-
-TEST(Rtcp, WhatIsNoReportIsNone) {
-  Bytes cut = packet(201, {block});
-  cut.pop_back();
-  Bytes version1 = packet(201, {block});
-  version1[0] = 0x41;
-  Bytes blocksMissing = packet(201, {});
-  blocksMissing[0] = 0x9F;
-  for (Bytes const& bytes : {Bytes{}, Bytes{0x80, 201, 0, 0}, Bytes(8, 0), cut, version1, packet(203, {}),
-                             packet(204, {Bytes(4)}), packet(202, {Bytes{1, 1, 'x', 0}}) + packet(201, {block})}) {
-    EXPECT_FALSE(readReceiverReport(bytes, ssrc)) << ::testing::PrintToString(bytes);
-  }
-  auto const read = readReceiverReport(blocksMissing, ssrc);
-  EXPECT_TRUE(read && !read->block);
-}

@@ -95,39 +95,6 @@ TEST(Connections, ALoopOutOfDescriptorsRestsAndComesBack) {
 }
 
 #if !defined(__SANITIZE_ADDRESS__)  // ubsan, which comes along, needs descriptors itself
-TEST(Connections, WithoutDescriptorsASetupIsRefusedAndTheLoopGoesOn) {
-  Host host;
-  host.serve();
-  host.publish("watched");
-  auto session = sessionRecord("info");
-  host.publish("other");
-  ASSERT_EQ(host.call(KV_CREATE_SESSION, session), KV_OK);
-  host.startSubmitting();
-  RtspClient viewer(host.port());
-  RtspClient client(host.port());
-  ASSERT_TRUE(viewer.play(host.url("watched")));
-  EXPECT_EQ(client.request("OPTIONS", host.url("other")).status, 200);
-  allowFiles(64);
-  std::vector<int> files;
-  for (int file; (file = dup(0)) >= 0;) {
-    files.push_back(file);
-  }
-  auto const setUp = [&] {
-    return client
-        .request("SETUP", host.url("other") + "/track1", "Transport: RTP/AVP;unicast;client_port=40000-40001\r\n")
-        .status;
-  };
-  EXPECT_EQ(setUp(), 503);
-  close(files.back());
-  files.pop_back();
-  EXPECT_EQ(setUp(), 503) << "for want of the second socket";
-  EXPECT_TRUE(viewer.receivesAFrame());
-  EXPECT_EQ(host.call(KV_GET_INFO, session), KV_OK);
-  for (int const file : files) {
-    close(file);
-  }
-  EXPECT_EQ(setUp(), 200);
-}
 #endif
 
 TEST(Connections, RequestsThatAreNotOfferedAreAnsweredWithAnError) {

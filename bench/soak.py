@@ -18,14 +18,16 @@ import sys
 import threading
 import time
 
+import linkviewer
+
 PROJECT = pathlib.Path(__file__).resolve().parent.parent
 BUILD = PROJECT / "build" / "release"
-sys.path.insert(0, str(PROJECT / "bench"))
-import linkviewer  # noqa: E402  the folder comes first
 
 SIZE = 64  # pixels
 INIT, CREATE_SESSION, REMOVE_SESSION, CREATE_STREAM, SUBMIT = 0, 2, 3, 4, 5
+WARM_UP = 120  # seconds
 MEMORY_GROWTH = 2000  # kB
+MEMORY_FOR_VIEWERS = 20000  # kB: what a few of them may take, one that stands still among them
 LATENCY_GROWTH = 5  # ms, and twice
 
 
@@ -150,15 +152,18 @@ def curves(samples, file):
 
 def verdict(samples):
     """What has grown between the end of the warm-up and the last quarter."""
-    warm = min(120, len(samples) // 3)
+    warm = min(WARM_UP, len(samples) // 3)
     before, after = samples[warm:warm + max(10, len(samples) // 8)], samples[-len(samples) // 4:]
 
     def middle(part, key):
         return statistics.median(s[key] for s in part if s[key] == s[key])
 
     grown = []
-    if middle(after, "kilobytes") > middle(before, "kilobytes") + MEMORY_GROWTH:
+    settled = len(samples) >= 2 * WARM_UP  # until then every kind of work has not been done often enough
+    if settled and middle(after, "kilobytes") > middle(before, "kilobytes") + MEMORY_GROWTH:
         grown.append("memory")
+    if max(s["kilobytes"] for s in samples) > samples[0]["kilobytes"] + MEMORY_FOR_VIEWERS:
+        grown.append("memory for viewers")
     if max(s["descriptors"] for s in after) > max(s["descriptors"] for s in before) + 2:
         grown.append("descriptors")
     if middle(after, "latency") > 2 * middle(before, "latency") + LATENCY_GROWTH:
