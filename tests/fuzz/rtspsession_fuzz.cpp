@@ -34,7 +34,7 @@ using kavo::impl::UniqueFd;
 using Clock = std::chrono::steady_clock;
 
 constexpr int batch = 200;  // sequences
-constexpr std::chrono::seconds patience{20};
+constexpr std::chrono::seconds longestWait{20};
 
 [[noreturn]] void fail(char const* what) {
   std::fprintf(stderr, "rtspsession: %s\n", what);
@@ -261,7 +261,7 @@ void watch(Host& host) {
       fail("a good viewer was not let in");
     }
     do {
-      if (Clock::now() - begin > patience) {
+      if (Clock::now() - begin > longestWait) {
         fail("a good viewer got no frame");
       }
       for (int frames = 0; frames < 3; ++frames) {  // a whole one lies between two
@@ -275,7 +275,7 @@ void watch(Host& host) {
 void checkDescriptors(std::size_t atMost) {
   auto const begin = Clock::now();
   while (descriptors() > atMost) {
-    if (Clock::now() - begin > patience) {
+    if (Clock::now() - begin > longestWait) {
       fail("descriptors are left open");
     }
     usleep(1000);
