@@ -97,9 +97,8 @@ void Viewers::dropShares() {
 }
 
 bool Viewers::isPaced() const {
-  return !m_Delivery.pacer->isOff() && std::any_of(m_Shares.begin(), m_Shares.end(), [this](Share const& share) {
-    return !share.path->takesAtOnce(m_Packets->bytes());
-  });
+  auto const isTooMuch = [bytes = m_Packets->bytes()](Share const& share) { return !share.path->takesAtOnce(bytes); };
+  return !m_Delivery.pacer->isOff() && std::any_of(m_Shares.begin(), m_Shares.end(), isTooMuch);
 }
 
 // All of a large frame at once would overflow the buffers along the path: what may

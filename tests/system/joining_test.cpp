@@ -64,20 +64,21 @@ TEST_F(Joining, ALaterViewerDoesNotWaitForTheRegularKeyFrame) {
 TEST_F(Joining, AViewerThatLosesPacketsGetsAKeyFrame) {
   using Bytes = std::vector<std::uint8_t>;
   Bytes const report = {0x81, 201, 0, 7, 0, 0, 0, 9};
-  std::function<Bytes(Bytes const&)> const wishes[] = {
-      [&](Bytes const& ssrc) {
+  std::function<Bytes(Bytes const&, Bytes const&)> const wishes[] = {
+      [&](Bytes const& ssrc, Bytes const& highest) {
         Bytes bytes = report;
         bytes.insert(bytes.end(), ssrc.begin(), ssrc.end());
-        bytes.insert(bytes.end(), {12, 0, 0, 3});
+        bytes.insert(bytes.end(), {12, 0, 0, 3, 0, 0});
+        bytes.insert(bytes.end(), highest.begin(), highest.end());
         bytes.resize(32);
         return bytes;
       },
-      [&](Bytes const& ssrc) {
+      [&](Bytes const& ssrc, Bytes const&) {
         Bytes bytes = {0x80, 201, 0, 1, 0, 0, 0, 9, 0x81, 206, 0, 2, 0, 0, 0, 9};
         bytes.insert(bytes.end(), ssrc.begin(), ssrc.end());
         return bytes;
       },
-      [&](Bytes const& ssrc) {
+      [&](Bytes const& ssrc, Bytes const&) {
         Bytes bytes = {0x80, 201, 0, 1, 0, 0, 0, 9, 0x84, 206, 0, 4, 0, 0, 0, 9, 0, 0, 0, 0};
         bytes.insert(bytes.end(), ssrc.begin(), ssrc.end());
         bytes.insert(bytes.end(), {1, 0, 0, 0});
@@ -93,7 +94,8 @@ TEST_F(Joining, AViewerThatLosesPacketsGetsAKeyFrame) {
     }
     waitForFrames(18);
     int const asked = m_Host.submitted();
-    viewer.sendRtcp(wish(Bytes(packet.bytes.begin() + 8, packet.bytes.begin() + 12)));
+    auto const at = packet.bytes.begin();
+    viewer.sendRtcp(wish(Bytes(at + 8, at + 12), Bytes(at + 2, at + 4)));
     while (viewer.nextNalType() != sps) {
       ASSERT_LT(m_Host.submitted() - asked, 25);
     }
