@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "delivery/tcppath.h"
+#include "eventloop/contained.h"
 
 namespace kavo::impl {
 
@@ -68,7 +69,11 @@ InterleavedBytes InterleavedFrame::copy() {
 }
 
 InterleavedWriter::InterleavedWriter(TaskScheduler& scheduler, int socket, std::function<void(bool)> setWriteInterest)
-    : m_Socket(socket), m_SetWriteInterest(std::move(setWriteInterest)), m_NextTry(scheduler, [this] { flush(); }) {
+    : m_Socket(socket), m_SetWriteInterest(std::move(setWriteInterest)), m_NextTry(scheduler, [this] {
+        if (!contained([this] { flush(); })) {
+          giveUp();
+        }
+      }) {
   int const on = 1;
   // A frame's last packet would wait for the client's delayed acknowledgement, 40 ms.
   setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
@@ -131,6 +136,11 @@ void InterleavedWriter::sendReport(std::span<std::uint8_t const> report, std::ui
 }
 
 // Without memory for the rest of what was begun, the connection is of no use.
+void InterleavedWriter::giveUp() {
+  shutdown(m_Socket, SHUT_RDWR);  // which its owner will read
+  close();
+}
+
 template <class Bytes>
 void InterleavedWriter::wait(Bytes const& bytes, std::uint8_t channel, std::size_t sent) {
   auto const now = Clock::now();
@@ -140,8 +150,7 @@ void InterleavedWriter::wait(Bytes const& bytes, std::uint8_t channel, std::size
   try {
     m_Waiting.push_back({bytes(), channel, now});
   } catch (...) {
-    shutdown(m_Socket, SHUT_RDWR);  // which its owner will read
-    close();
+    giveUp();
     return;
   }
   m_FrontOffset += sent;

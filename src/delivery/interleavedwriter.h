@@ -102,6 +102,7 @@ class InterleavedWriter {
   std::size_t dropUnsent(std::uint8_t channel);
   template <class Bytes>
   void wait(Bytes const& bytes, std::uint8_t channel, std::size_t sent);
+  void giveUp();
   bool hasRoom();
   void waitForSocket();
   void setWriteInterest(bool wanted);

@@ -151,10 +151,10 @@ bool RtspServer::maySpeakFor(std::string const& sessionId, sockaddr_storage cons
 }
 
 bool RtspServer::hasRoomForSession(sockaddr_storage const& clientAddress) {
-  if (m_Policy->maxViewersPerAddress) {
+  if (auto const most = m_Policy->maxViewersPerAddress) {
     std::size_t ofHost = 0;
     forEachSession([&](impl::ClientSession& session) { ofHost += session.isOfHost(clientAddress) ? 1 : 0; });
-    if (ofHost >= *m_Policy->maxViewersPerAddress) {
+    if (ofHost >= *most) {
       return false;
     }
   }
