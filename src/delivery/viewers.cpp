@@ -118,11 +118,14 @@ FramePackets* Viewers::newestFrameFor(Viewer const& viewer) const {
 }
 
 void Viewers::welcome() {
+  FramePackets* const frame = m_Newest;
+  if (frame == nullptr) {
+    return;
+  }
   auto& overUdp = m_Playing;
   overUdp.clear();
   for (auto const& viewer : m_Viewers) {
-    FramePackets* const frame = newestFrameFor(*viewer);
-    if (viewer->m_State != Viewer::State::AwaitingKeyFrame || frame == nullptr) {
+    if (viewer->m_State != Viewer::State::AwaitingKeyFrame || newestFrameFor(*viewer) == nullptr) {
       continue;
     }
     viewer->enter(Viewer::State::Playing);
@@ -132,7 +135,7 @@ void Viewers::welcome() {
       sendInterleaved(*viewer, *frame, true);
     }
   }
-  auto const begin = [&]() KAVO_REQUIRES(eventLoopRole) { beginFrame(*m_Newest, overUdp); };
+  auto const begin = [&]() KAVO_REQUIRES(eventLoopRole) { beginFrame(*frame, overUdp); };
   if (!overUdp.empty() && !contained(begin)) {
     abandonFrame();
   }
