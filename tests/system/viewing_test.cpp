@@ -165,11 +165,12 @@ class ViewingSlowHost : public ::testing::TestWithParam<std::tuple<int, int>> {
     auto const [codec, size] = GetParam();
     m_Host.serve();
     m_Record = m_Host.publish("stream", KV_BGR24, codec, size, size, 40000000).record;
-    m_Noise.resize(static_cast<std::size_t>(size * size * 3));
+    m_Noise.resize(frameSize(size));
     std::generate(m_Noise.begin(), m_Noise.end(), std::minstd_rand(1));
     m_Record.frame = m_Noise.data();
   }
 
+  static std::size_t frameSize(int size) { return 3 * static_cast<std::size_t>(size) * static_cast<std::size_t>(size); }
   std::string url() const { return m_Host.url("stream"); }
   void submit() { ASSERT_EQ(m_Host.call(KV_SUBMIT_FRAME, m_Record), KV_OK); }
   void leave(RtspClient& viewer) { EXPECT_EQ(viewer.request("TEARDOWN", url()).status, 200); }
