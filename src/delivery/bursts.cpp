@@ -37,8 +37,9 @@ bool Viewers::beginFrame(FramePackets& packets, std::span<Viewer* const> takers)
     addShare(*viewer->m_Path);
     viewer->noteSent(packets.bytes());
   }
+  bool const paced = isPaced();
   for (Share& share : m_Shares) {
-    share.need = isPaced() ? share.path->needOf(m_Packets->bytes() * share.viewers, m_FrameInterval) : 0;
+    share.need = paced ? share.path->needOf(m_Packets->bytes() * share.viewers, m_FrameInterval) : 0;
     share.path->addNeed(share.need, now);
   }
   return sendBurst();
@@ -86,14 +87,6 @@ void Viewers::leaveShare(Pacer::Path& path) {
     path.addNeed(-share->need, Clock::now());
     m_Shares.erase(share);
   }
-}
-
-void Viewers::dropShares() {
-  auto const now = Clock::now();
-  for (Share const& share : m_Shares) {
-    share.path->addNeed(-share.need, now);
-  }
-  m_Shares.clear();
 }
 
 bool Viewers::isPaced() const {
@@ -161,7 +154,11 @@ void Viewers::endFrame() {
   }
   m_Packets = nullptr;
   m_NextBurst.stop();
-  dropShares();
+  auto const now = Clock::now();
+  for (Share const& share : m_Shares) {
+    share.path->addNeed(-share.need, now);
+  }
+  m_Shares.clear();
   for (auto const& family : m_Families) {
     if (family) {
       family->takers.clear();

@@ -50,7 +50,7 @@ void LossRepair::noteKeyFrame(std::uint16_t sequence, Clock::time_point now) {
   m_LastKeyFrame = now;
 }
 
-bool LossRepair::isDue(Clock::time_point now) {
+bool LossRepair::take(Clock::time_point now) {
   bool const isLossy = m_RecentLost > lossyShare * (m_RecentPackets + fewPackets);
   if (!m_Needed || now - m_LastAsked < shortestInterval || (isLossy && now - m_LastKeyFrame < lossyInterval)) {
     return false;

@@ -17,9 +17,9 @@ class LossRepair {
   void noteReport(ReceiverReport const& report, bool overUdp);
   // A key frame that begins with this packet is on its way to it.
   void noteKeyFrame(std::uint16_t sequence, Clock::time_point now);
-  // True when it is to have one now. One that loses all the time gets few of them: they
-  // cost all viewers' quality, and it would lose them too.
-  bool isDue(Clock::time_point now);
+  // True when it is to have one now; the next must wait then. One that loses all the time
+  // gets few of them: they cost all viewers' quality, and it would lose them too.
+  bool take(Clock::time_point now);
 
  private:
   void noteBlock(ReportBlock const& block);

@@ -135,13 +135,13 @@ Viewer* Viewers::reporterAt(sockaddr_storage const& from, Clock::time_point now)
   return found;
 }
 
-bool Viewers::needsRepair(Viewer& viewer) const {
-  return m_HasDeltaFrames && viewer.m_State == Viewer::State::Playing && viewer.m_Repair.isDue(Clock::now());
+bool Viewers::needsRepair(Viewer& viewer, Clock::time_point now) const {
+  return m_HasDeltaFrames && viewer.m_State == Viewer::State::Playing && viewer.m_Repair.take(now);
 }
 
 void Viewers::note(Viewer& viewer, ReceiverReport const& report, Clock::time_point now) {
   viewer.m_Repair.noteReport(report, viewer.isOverUdp());
-  if (needsRepair(viewer)) {
+  if (needsRepair(viewer, now)) {
     m_Callbacks.wantKeyFrame(true);
   }
   if (report.block && viewer.m_Path) {

@@ -109,12 +109,14 @@ void Viewers::play(Viewer& viewer) {
   }
 }
 
-// Not one that the viewer may have had before it paused, nor while another is on its way:
-// the next comes as soon.
+// Not one that the viewer may have had before it paused; over UDP none while another is on
+// its way, since the next comes as soon, and none in packets that its path does not take.
 FramePackets* Viewers::newestFrameFor(Viewer const& viewer) const {
-  bool const fresh = Clock::now() - m_FrameBegin <= m_Callbacks.freshness();
-  bool const possible = !viewer.m_HasPlayed && !(viewer.isOverUdp() && m_Packets != nullptr);
-  return fresh && possible ? m_Newest : nullptr;
+  if (m_Newest == nullptr || viewer.m_HasPlayed || Clock::now() - m_FrameBegin > m_Callbacks.freshness()) {
+    return nullptr;
+  }
+  bool const possible = m_Packets == nullptr && m_Newest->largest() <= viewer.m_MaxPacket;
+  return possible || !viewer.isOverUdp() ? m_Newest : nullptr;
 }
 
 void Viewers::welcome() {
@@ -187,6 +189,7 @@ bool Viewers::takes(bool keyFrame) const {
 }
 
 bool Viewers::send(FramePackets& packets, bool keyFrame) {
+  auto const now = Clock::now();
   bool keyFrameWanted = false;
   m_HasDeltaFrames = m_HasDeltaFrames || !keyFrame;
   m_IsKeyFrame = keyFrame;
@@ -198,19 +201,17 @@ bool Viewers::send(FramePackets& packets, bool keyFrame) {
       viewer->enter(Viewer::State::Playing);
     }
     if (keyFrame) {
-      viewer->m_Repair.noteKeyFrame(packets.header().sequence, Clock::now());
+      viewer->m_Repair.noteKeyFrame(packets.header().sequence, now);
     }
-    if (viewer->m_State == Viewer::State::Playing) {
-      if (!viewer->isOverUdp() && viewer->m_Writer) {
-        sendInterleaved(*viewer, packets, keyFrame);
-      }
-    } else if (viewer->isActive()) {
+    if (viewer->m_State == Viewer::State::AwaitingKeyFrame) {
       viewer->noteDropped(1);
+    } else if (viewer->m_State == Viewer::State::Playing && viewer->m_Writer) {
+      sendInterleaved(*viewer, packets, keyFrame);
     }
     // A key frame is large for everybody: a viewer over TCP asks when it can take one.
     keyFrameWanted = keyFrameWanted || (viewer->m_State == Viewer::State::AwaitingKeyFrame
                                             ? !(viewer->m_Writer && viewer->m_Writer->isBlocked())
-                                            : needsRepair(*viewer));
+                                            : needsRepair(*viewer, now));
   }
   m_Stream.add(&kv_status_stream::sent);
   if (keyFrame || keyFrameWanted) {

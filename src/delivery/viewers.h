@@ -150,6 +150,7 @@ class Viewers {
   // Its first frame is the next key frame, or newestFrameFor() it if there is one.
   void play(Viewer& viewer) KAVO_REQUIRES(eventLoopRole);
   // The newest frame, where the viewer can begin with it and it is fresh; null otherwise.
+  // Once it plays, since only then its path is known.
   FramePackets* newestFrameFor(Viewer const& viewer) const KAVO_REQUIRES(eventLoopRole);
   void pause(Viewer& viewer) KAVO_REQUIRES(eventLoopRole);
 
@@ -208,7 +209,6 @@ class Viewers {
   void endFrame() KAVO_REQUIRES(eventLoopRole);
   void drop() KAVO_REQUIRES(eventLoopRole);
   void addShare(Pacer::Path& path) KAVO_REQUIRES(eventLoopRole);
-  void dropShares() KAVO_REQUIRES(eventLoopRole);
   void leaveShare(Pacer::Path& path) KAVO_REQUIRES(eventLoopRole);
   bool isPaced() const KAVO_REQUIRES(eventLoopRole);
   std::size_t allowance(Clock::time_point now) const KAVO_REQUIRES(eventLoopRole);
@@ -219,7 +219,7 @@ class Viewers {
   void sendReport(Viewer& viewer, std::span<std::uint8_t const> report) KAVO_REQUIRES(eventLoopRole);
   void receiveReports(int socket) KAVO_REQUIRES(eventLoopRole);
   Viewer* reporterAt(sockaddr_storage const& from, Clock::time_point now) KAVO_REQUIRES(eventLoopRole);
-  bool needsRepair(Viewer& viewer) const KAVO_REQUIRES(eventLoopRole);
+  bool needsRepair(Viewer& viewer, Clock::time_point now) const KAVO_REQUIRES(eventLoopRole);
   void note(Viewer& viewer, ReceiverReport const& report, Clock::time_point now) KAVO_REQUIRES(eventLoopRole);
 
   TaskScheduler& m_Scheduler;

@@ -1,5 +1,7 @@
 #include "rtp/framepackets.h"
 
+#include <algorithm>
+
 namespace kavo::impl {
 
 namespace {
@@ -17,7 +19,7 @@ iovec piece(std::uint8_t const* bytes, std::size_t size) { return {const_cast<st
 
 void FramePackets::begin(RtpHeader const& header) {
   m_Header = header;
-  m_Bytes = 0;
+  m_Bytes = m_Largest = 0;
   m_Headers.clear();
   m_Packets.clear();
   m_Datagrams.clear();
@@ -42,6 +44,7 @@ void FramePackets::add(std::span<std::uint8_t const> payloadHeader, std::span<st
   append(m_Headers, m_Header.ssrc, 4);
   m_Headers.insert(m_Headers.end(), payloadHeader.begin(), payloadHeader.end());
   m_Bytes += size;
+  m_Largest = std::max(m_Largest, size);
 }
 
 std::span<iovec const> FramePackets::datagrams() {

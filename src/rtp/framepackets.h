@@ -32,9 +32,10 @@ class FramePackets {
 
   RtpHeader const& header() const { return m_Header; }
   std::size_t count() const { return m_Packets.size(); }
-  // Bytes of one RTP packet, and of all of them.
+  // Bytes of one RTP packet, of all of them, and of the largest.
   std::size_t size(std::size_t packet) const { return m_Packets[packet].size; }
   std::size_t bytes() const { return m_Bytes; }
+  std::size_t largest() const { return m_Largest; }
 
   // Two pieces a packet, header and payload; valid until the next begin().
   std::span<iovec const> datagrams();
@@ -52,6 +53,7 @@ class FramePackets {
 
   RtpHeader m_Header{};
   std::size_t m_Bytes = 0;
+  std::size_t m_Largest = 0;
   std::vector<std::uint8_t> m_Headers;
   std::vector<Packet> m_Packets;
   std::vector<iovec> m_Datagrams;

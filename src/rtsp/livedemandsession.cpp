@@ -140,11 +140,11 @@ void LiveDemandSession::startStream(unsigned /*clientSessionId*/, void* streamTo
     m_Sink = makeSink(AF_INET);
   }
   auto const first = startSource(*viewer).value_or(std::chrono::steady_clock::now());
+  m_Viewers.play(*viewer);
   // Of the first packet that it gets.
   FramePackets const* const newest = m_Viewers.newestFrameFor(*viewer);
   rtpSeqNum = newest != nullptr ? newest->header().sequence : m_Sink.rtp->currentSeqNo();
   rtpTimestamp = newest != nullptr ? newest->header().timestamp : m_Sink.live->rtpTimeAt(first);
-  m_Viewers.play(*viewer);
 }
 
 // When the frame was submitted that the source begins with, if that is a picture from before.

@@ -21,7 +21,7 @@ struct Viewer {
     repair.noteReport({.block = block}, true);
   }
   bool getsKeyFrame() {
-    bool const due = repair.isDue(now);
+    bool const due = repair.take(now);
     if (due) {
       repair.noteKeyFrame(static_cast<std::uint16_t>(block.highestSequence + 1), now);
       ++keyFrames;

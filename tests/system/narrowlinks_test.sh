@@ -111,8 +111,8 @@ regrow() {
   shared=$(packet_size)
   wait $far_player
   alone=$(packet_size)
-  [ "$alone" -gt $((shared + 50)) ] ||
-    die "packets of $alone bytes, and $shared beside a narrow path"
+  [ "$alone" -gt $((shared + 50)) ] && [ "$shared" -gt 1100 ] ||
+    die "packets of $alone bytes, and $shared beside a path of 1280"
   wait $near
   stop
 }

@@ -190,28 +190,53 @@ class ViewingSlowHost : public ::testing::TestWithParam<std::tuple<int, int>> {
     return viewer.request("PLAY", url()).header("RTP-Info") + ";";
   }
 
-  // Whether a whole frame comes, of the number and the time that were announced.
-  static bool receives(RtspClient& viewer, std::string const& announced) {
-    std::size_t count = 0;
+  // Two pictures; viewers that come between them have the second made a key frame.
+  void submitTwo(RtspClient& first, RtspClient& second) {
+    join(first, true);
+    submit();
+    EXPECT_EQ(first.packet().channel, 0);
+    join(second, true);
+    pass(second, std::chrono::seconds(2));
+    submit();
+  }
+
+  struct Frame {
+    std::uint32_t first = 0;  // packet
+    std::uint32_t time = 0;
+    std::uint32_t packets = 0;
+    std::uint16_t behind() const { return static_cast<std::uint16_t>(first + packets); }
+  };
+
+  // The frame that comes next; without packets if not all of its own come.
+  static Frame frameOf(RtspClient& viewer) {
+    Frame frame;
     for (auto packet = viewer.packet(); packet.channel != -1; packet = viewer.packet()) {
       if (packet.channel != 0) {
         continue;
       }
-      auto const number = [&](std::size_t at, std::size_t size) {
-        return std::accumulate(packet.bytes.begin() + static_cast<std::ptrdiff_t>(at),
-                               packet.bytes.begin() + static_cast<std::ptrdiff_t>(at + size), std::uint32_t{0},
+      auto const number = [&](std::ptrdiff_t at, std::ptrdiff_t size) {
+        return std::accumulate(packet.bytes.begin() + at, packet.bytes.begin() + at + size, std::uint32_t{0},
                                [](std::uint32_t value, std::uint8_t byte) { return value << 8 | byte; });
       };
-      std::uint32_t const first = (number(2, 2) - count++) & 0xFFFF;
-      if (announced.find("seq=" + std::to_string(first) + ";") == std::string::npos ||
-          announced.find("rtptime=" + std::to_string(number(4, 4)) + ";") == std::string::npos) {
-        return false;
+      if (frame.packets == 0) {
+        frame = {number(2, 2), number(4, 4)};
       }
+      if (number(2, 2) != frame.behind() || number(4, 4) != frame.time) {
+        return {};
+      }
+      ++frame.packets;
       if ((packet.bytes[1] & 0x80) != 0) {
-        return true;
+        return frame;
       }
     }
-    return false;
+    return {};
+  }
+
+  // Whether it comes, of the number and the time that were announced.
+  static bool receives(RtspClient& viewer, std::string const& announced) {
+    auto const frame = frameOf(viewer);
+    return frame.packets > 0 && announced.find("seq=" + std::to_string(frame.first) + ";") != std::string::npos &&
+           announced.find("rtptime=" + std::to_string(frame.time) + ";") != std::string::npos;
   }
 
   Host m_Host;
@@ -221,13 +246,8 @@ class ViewingSlowHost : public ::testing::TestWithParam<std::tuple<int, int>> {
 
 TEST_P(ViewingSlowHost, WhoeverJoinsGetsTheNewestPicture) {
   RtspClient first(m_Host.port());
-  join(first, true);
-  submit();
-  EXPECT_EQ(first.packet().channel, 0);
-  RtspClient second(m_Host.port());  // for whom the next one is a key frame
-  join(second, true);
-  pass(second, std::chrono::seconds(2));
-  submit();
+  RtspClient second(m_Host.port());
+  submitTwo(first, second);
   // It is the newest for as long as the rest takes.
   for (bool const tcp : {true, false}) {
     RtspClient later(m_Host.port());
@@ -245,6 +265,21 @@ TEST_P(ViewingSlowHost, WhoeverJoinsGetsTheNewestPicture) {
   auto const announced = join(last, false);
   submit();
   EXPECT_FALSE(receives(last, announced)) << "a picture that others have followed";
+}
+
+// A large one may still be on its way to whoever has joined.
+TEST_P(ViewingSlowHost, TheNextPictureFollowsTheNewest) {
+  RtspClient first(m_Host.port());
+  RtspClient second(m_Host.port());
+  submitTwo(first, second);
+  RtspClient later(m_Host.port());
+  join(later, false);
+  submit();
+  auto const newest = frameOf(later);
+  auto const next = frameOf(later);
+  EXPECT_GT(newest.packets, 0U);
+  EXPECT_GT(next.packets, 0U);
+  EXPECT_EQ(next.first, newest.behind());
 }
 
 INSTANTIATE_TEST_SUITE_P(Codecs, ViewingSlowHost,
