@@ -6,7 +6,6 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
-#include <sstream>
 #include <toml++/toml.hpp>
 #include <utility>
 
@@ -122,15 +121,16 @@ class Value {
 };
 
 std::string contentOf(std::string const& file) {
-  errno = 0;
   std::ifstream stream(file, std::ios::binary);
-  std::ostringstream content;
-  // An empty file sets the stream's failbit, and no error.
-  content << stream.rdbuf();
-  if (!stream.is_open() || errno != 0) {
+  std::string content;
+  char block[4096];
+  while (stream.read(block, sizeof block) || stream.gcount() > 0) {
+    content.append(block, static_cast<std::size_t>(stream.gcount()));
+  }
+  if (!stream.is_open() || stream.bad()) {
     throw PolicyError(file + ": cannot be read: " + std::strerror(errno));
   }
-  return content.str();
+  return content;
 }
 
 std::string addressIn(Value const& value) {
