@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <numeric>
+#include <sstream>
 #include <string_view>
 #include <utility>
 
@@ -9,7 +11,6 @@ namespace {
 
 constexpr std::size_t mostSteps = 24;
 constexpr unsigned connections = 4;
-constexpr std::string_view kinds = "sdcfrhmx";
 // By how often they are chosen: what clients say matters most.
 constexpr std::string_view weightedKinds = "ssssssssddccfrrhhhhmx";
 
@@ -79,36 +80,25 @@ Step newStep(std::mt19937& random) {
   return step;
 }
 
-// A line is taken out, doubled, moved, put in or put in the place of another.
+// A line is taken out, doubled or put in, or all are mixed.
 void mutateLines(std::string& bytes, std::mt19937& random) {
   std::vector<std::string> lines;
-  for (std::size_t at = 0; at < bytes.size();) {
-    std::size_t const end =
-        std::min(bytes.size(), bytes.find('\n', at) == std::string::npos ? bytes.size() : bytes.find('\n', at) + 1);
-    lines.push_back(bytes.substr(at, end - at));
-    at = end;
+  std::istringstream text(bytes);
+  for (std::string line; std::getline(text, line);) {
+    lines.push_back(line + '\n');
   }
-  auto const place = [&] { return lines.begin() + static_cast<std::ptrdiff_t>(below(random, lines.size() + 1)); };
-  auto const at = lines.empty() ? 0 : below(random, lines.size());
-  std::string const line = lines.empty() ? std::string() : lines[at];
-  switch (below(random, 4)) {
-    case 0:
-      lines.erase(lines.begin() + static_cast<std::ptrdiff_t>(at),
-                  lines.begin() + static_cast<std::ptrdiff_t>(std::min(at + 1, lines.size())));
-      break;
-    case 1:
-      lines.insert(place(), line);
-      break;
-    case 2:
-      lines.insert(place(), std::string(anyOf(headers, random)) + "\r\n");
-      break;
-    default:
-      std::shuffle(lines.begin(), lines.end(), random);
+  auto const place = [&](std::size_t size) { return lines.begin() + static_cast<std::ptrdiff_t>(below(random, size)); };
+  std::size_t const change = lines.empty() ? 0 : below(random, 4);
+  if (change == 0) {
+    lines.insert(place(lines.size() + 1), std::string(anyOf(headers, random)) + "\r\n");
+  } else if (change == 1) {
+    lines.erase(place(lines.size()));
+  } else if (change == 2) {
+    lines.insert(place(lines.size() + 1), std::string(*place(lines.size())));
+  } else {
+    std::shuffle(lines.begin(), lines.end(), random);
   }
-  bytes.clear();
-  for (auto const& each : lines) {
-    bytes += each;
-  }
+  bytes = std::accumulate(lines.begin(), lines.end(), std::string());
 }
 
 }  // namespace
@@ -121,7 +111,7 @@ Script parseScript(std::string const& text) {
     std::size_t size = 0;
     int head = 0;
     if (std::sscanf(text.c_str() + at, "@%c %u %zu%n", &kind, &connection, &size, &head) != 3 ||
-        kinds.find(kind) == std::string_view::npos) {
+        weightedKinds.find(kind) == std::string_view::npos) {
       break;
     }
     at += static_cast<std::size_t>(head) + 1;

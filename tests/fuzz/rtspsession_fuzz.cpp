@@ -7,9 +7,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sanitizer/lsan_interface.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <array>
 #include <chrono>
@@ -251,36 +249,32 @@ std::size_t descriptors() {
       std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator{}));
 }
 
+template <class Condition>
+void insist(Condition const& condition, char const* fault) {
+  for (auto const begin = Clock::now(); !condition();) {
+    if (Clock::now() - begin > longestWait) {
+      fail(fault);
+    }
+  }
+}
+
 // A viewer of each stream and transport that does everything right.
 void watch(Host& host) {
   for (std::size_t i = 0; i < 4; ++i) {
     std::optional<RtspClient> viewer;
-    auto const begin = Clock::now();
-    do {
-      if (Clock::now() - begin > longestWait) {
-        fail("a good viewer was not let in");
-      }
+    auto const joins = [&] {
       viewer.emplace(host.port(), false, 0, 50);
-    } while (!(i < 2 ? viewer->play(host.url(i)) : viewer->playOverUdp(host.url(i))));
-    do {
-      if (Clock::now() - begin > longestWait) {
-        fail("a good viewer got no frame");
-      }
+      return i < 2 ? viewer->play(host.url(i)) : viewer->playOverUdp(host.url(i));
+    };
+    auto const sees = [&] {
       for (int frames = 0; frames < 3; ++frames) {  // a whole one lies between two
         host.submit();
       }
-    } while (!viewer->receivesAFrame());
+      return viewer->receivesAFrame();
+    };
+    insist(joins, "a good viewer was not let in");
+    insist(sees, "a good viewer got no frame");
     viewer->request("TEARDOWN", host.url(i));
-  }
-}
-
-void checkDescriptors(std::size_t atMost) {
-  auto const begin = Clock::now();
-  while (descriptors() > atMost) {
-    if (Clock::now() - begin > longestWait) {
-      fail("descriptors are left open");
-    }
-    usleep(1000);
   }
 }
 
@@ -298,7 +292,7 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
   if (++sequences % batch == 0) {
     watch(host);
     host.restart();  // what is still set up over UDP would time out in a minute
-    checkDescriptors(fewest + 2);
+    insist([] { return descriptors() <= fewest + 2; }, "descriptors are left open");
     if (__lsan_do_recoverable_leak_check() != 0) {
       fail("memory is leaked");
     }
@@ -310,7 +304,7 @@ extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t s
                                                unsigned seed) {
   std::mt19937 random(seed);
   auto script = parseScript(std::string(data, data + size));
-  for (unsigned i = 0; i <= random() % 4; ++i) {
+  for (auto changes = 1 + random() % 4; changes > 0; --changes) {
     mutate(script, random, LLVMFuzzerMutate);
   }
   auto const text = textOf(script);
