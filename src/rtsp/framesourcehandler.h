@@ -90,7 +90,7 @@ class FrameSourceHandler {
  private:
   using Time = std::chrono::steady_clock::time_point;
 
-  // The steady clock to a few milliseconds, at a fifth of the cost.
+  // The steady clock to a few milliseconds: submits that nobody waits for pay for it.
   static Time roughly() {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC_COARSE, &now);

@@ -38,11 +38,11 @@ kavo::VideoOptions Publication::videoFor(CodecInfo const& codec, Options const& 
   Size const wanted = options.size.value_or(m_Input.size());
   Size const nearest = nearestSize(codec, wanted);
   if (options.size && nearest != wanted) {
-    throw Failure(std::string(codec.name) + " takes sizes from 16x16 to " +
-                      textOf({codec.limits.largestWidth, codec.limits.largestHeight}) + " in steps of " +
-                      std::to_string(codec.limits.step) + ": the nearest to --size " + textOf(wanted) + " is " +
-                      textOf(nearest),
-                  2);
+    throw Failure(
+        std::string(codec.name) + " takes sizes from " + textOf({codec.limits.smallest, codec.limits.smallest}) +
+            " to " + textOf({codec.limits.largestWidth, codec.limits.largestHeight}) + " in steps of " +
+            std::to_string(codec.limits.step) + ": the nearest to --size " + textOf(wanted) + " is " + textOf(nearest),
+        2);
   }
   kavo::VideoOptions video;
   video.width = m_Input.size().width;
