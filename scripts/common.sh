@@ -10,7 +10,8 @@ fail() {
   exit 1
 }
 
-packages() { sed -e 's/#.*//' -e '/^[[:space:]]*$/d' "$scripts/packages.txt"; }
+# packages [-KIND]: what a root of the kind has, one a line.
+packages() { sed -e 's/#.*//' -e '/^[[:space:]]*$/d' "$scripts/packages${1:-}.txt"; }
 
 # The Debian mirror that this machine uses itself; its address is nobody's to guess.
 debian_mirror() {
