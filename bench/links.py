@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""links.py SECONDS: the two rows of "make bench TABLES=links": a JPEG stream over TCP
+"""links.py SECONDS: the two tables of "make bench TABLES=links": a JPEG stream over TCP
 through slow links, beside gst-rtsp-server, and an H.264 stream over UDP through a link that
 loses packets, with and without the reports that tell the server. Takes root, for network
 namespaces and TUN devices of its own."""
@@ -18,6 +18,7 @@ BUILD = PROJECT / "build" / "bench"
 NEAR = "10.78.0.1"
 WIDTH, HEIGHT, FPS, FRAMES = 320, 240, 25, 250
 BITS, CODE_ROWS = 8, 16
+LARGEST_DIFFERENCE = 20  # of a block of 16 x 16; what the encoder leaves out is less
 
 
 def free_port():
@@ -96,12 +97,9 @@ def right(decoded, frames):
         number = sum(1 << bit for bit, value in enumerate(middles) if value > 128)
         if number < FRAMES:
             difference = numpy.abs(frame.astype(int) - frames[number])
-            blocks = difference[:, :].reshape(HEIGHT // 16, 16, WIDTH // 16, 16).mean(axis=(1, 3))
+            blocks = difference.reshape(HEIGHT // 16, 16, WIDTH // 16, 16).mean(axis=(1, 3))
             count += blocks.max() < LARGEST_DIFFERENCE
     return count
-
-
-LARGEST_DIFFERENCE = 20  # of a block of 16 x 16; what the encoder leaves out is less
 
 
 def lossy_udp(far, frames, input_file, seconds, *options):

@@ -78,6 +78,7 @@ class JpegFrames:
         self.offset = None  # of RTP time / 90000 to the wall clock
         self.expected = None
         self.whole = True
+        self.begun = False  # a frame, whose end has not come
         self.frames = self.damaged = self.bytes = 0
         self.arrivals = []  # wall clock less RTP time, in seconds
 
@@ -89,10 +90,13 @@ class JpegFrames:
     def add(self, packet):
         sequence = int.from_bytes(packet[2:4], "big")
         first = int.from_bytes(packet[13:16], "big") == 0  # fragment; frames may be left out before it
+        self.damaged += first and self.begun
+        self.begun = True
         self.whole = first or (self.whole and sequence == self.expected)
         self.expected = (sequence + 1) & 0xFFFF
         self.bytes += len(packet) + 4
         if packet[1] & 0x80:
+            self.begun = False
             self.frames += self.whole
             self.damaged += not self.whole
             if self.whole:
