@@ -2,6 +2,8 @@
 # roots. They put what goes along, and the program "inside", into $work.
 # shellcheck shell=bash disable=SC2154
 
+set -E
+trap 'say "$BASH_SOURCE:$LINENO ended with $?: $BASH_COMMAND"' ERR
 [ -d "$project/build/packages" ] || fail "there are no packages: run 'make package' first"
 "$scripts/make-root" >/dev/null # brings mmdebstrap and bubblewrap
 work=$(mktemp -d)
@@ -29,7 +31,7 @@ fresh() {
     --customize-hook="chroot \"\$1\" /root/inside prepare $1" \
     trixie - "$work/sources/debian.sources" </dev/null |
     tar -x -C "$root" --exclude='./dev/*' --no-same-owner
-  bwrap --die-with-parent --unshare-net --cap-add CAP_NET_ADMIN --bind "$root" / --proc /proc --dev /dev --tmpfs /tmp \
+  bwrap --die-with-parent --unshare-pid --unshare-net --cap-add CAP_NET_ADMIN --bind "$root" / --proc /proc --dev /dev --tmpfs /tmp \
     --bind "$work/results" /tmp/results --setenv PATH /usr/sbin:/usr/bin:/sbin:/bin --setenv HOME /root --chdir /root /root/inside check "$1"
   rm -rf "$root"
 }
