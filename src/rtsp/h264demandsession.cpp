@@ -8,7 +8,7 @@
 namespace kavo::impl {
 
 namespace {
-constexpr unsigned estimatedKilobits = 1048576;
+constexpr unsigned h264Kilobits = 1048576;
 }
 
 H264DemandSession* H264DemandSession::createNew(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler,
@@ -18,7 +18,7 @@ H264DemandSession* H264DemandSession::createNew(UsageEnvironment& env, std::shar
 
 H264DemandSession::H264DemandSession(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler,
                                      std::span<std::uint8_t const> parameterSets, Delivery const& delivery)
-    : LiveDemandSession(env, std::move(handler), true, estimatedKilobits, delivery),
+    : LiveDemandSession(env, std::move(handler), true, h264Kilobits, delivery),
       m_ParameterSets(parameterSets.begin(), parameterSets.end()) {}
 
 FramedSource* H264DemandSession::openSource(std::shared_ptr<FrameSourceHandler> handler) {

@@ -8,7 +8,7 @@
 namespace kavo::impl {
 
 namespace {
-constexpr unsigned estimatedKilobits = 64;
+constexpr unsigned jpegKilobits = 64;
 }
 
 JpegDemandSession* JpegDemandSession::createNew(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler,
@@ -19,7 +19,7 @@ JpegDemandSession* JpegDemandSession::createNew(UsageEnvironment& env, std::shar
 
 JpegDemandSession::JpegDemandSession(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler,
                                      Delivery const& delivery)
-    : LiveDemandSession(env, std::move(handler), true, estimatedKilobits, delivery) {}
+    : LiveDemandSession(env, std::move(handler), true, jpegKilobits, delivery) {}
 
 FramedSource* JpegDemandSession::openSource(std::shared_ptr<FrameSourceHandler> handler) {
   eventLoopRole.assertHeld();

@@ -27,7 +27,7 @@ constexpr char const* messages[] = {
     "TEARDOWN {U} RTSP/1.0\r\nCSeq: 7\r\nSession: {S}\r\n\r\n",
 };
 
-constexpr char const* headers[] = {
+constexpr char const* headerLines[] = {
     "Session: {S}",
     "Session: {O}",
     "Session: 00000000",
@@ -90,7 +90,7 @@ void mutateLines(std::string& bytes, std::mt19937& random) {
   auto const place = [&](std::size_t size) { return lines.begin() + static_cast<std::ptrdiff_t>(below(random, size)); };
   std::size_t const change = lines.empty() ? 0 : below(random, 4);
   if (change == 0) {
-    lines.insert(place(lines.size() + 1), std::string(anyOf(headers, random)) + "\r\n");
+    lines.insert(place(lines.size() + 1), std::string(anyOf(headerLines, random)) + "\r\n");
   } else if (change == 1) {
     lines.erase(place(lines.size()));
   } else if (change == 2) {

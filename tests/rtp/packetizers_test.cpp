@@ -14,7 +14,7 @@ using namespace reassembly;
 
 namespace {
 
-constexpr RtpHeader header{.payloadType = 96, .sequence = 65530, .timestamp = 0xFFFFFFF0, .ssrc = 0x12345678};
+constexpr RtpHeader rtpHeader{.payloadType = 96, .sequence = 65530, .timestamp = 0xFFFFFFF0, .ssrc = 0x12345678};
 constexpr std::size_t megabyte = 1000000;
 
 // Frame sizes around those at which a packet more is needed, some at random, and
@@ -63,9 +63,9 @@ TEST(Packetizers, OfH264KeepEveryNalUnit) {
                           accessUnit.empty() ? startCode.begin() : startCode.end());
         accessUnit.insert(accessUnit.end(), unit.begin(), unit.end());
       }
-      packets.begin(header);
+      packets.begin(rtpHeader);
       ASSERT_EQ(packetizeH264(accessUnit, maxPacket, packets), idr);
-      auto const payloads = payloadsOf(packetsOf(packets), header, maxPacket);
+      auto const payloads = payloadsOf(packetsOf(packets), rtpHeader, maxPacket);
       ASSERT_EQ(nalUnitsOf(payloads), expected) << maxPacket << ", " << size;
     }
   }
@@ -79,10 +79,10 @@ TEST(Packetizers, OfJpegKeepTheImage) {
   for (std::size_t maxPacket = 200; maxPacket <= 1400; ++maxPacket) {
     for (std::size_t const size : sizesFor(maxPacket, random)) {
       Bytes const scan = nalUnit(1, size, random);
-      packets.begin(header);
+      packets.begin(rtpHeader);
       packetizeJpeg({.type = 1, .q = 195, .width = 80, .height = 60, .precision = 8, .tables = tables, .scan = scan},
                     maxPacket, packets);
-      auto const image = jpegOf(payloadsOf(packetsOf(packets), header, maxPacket));
+      auto const image = jpegOf(payloadsOf(packetsOf(packets), rtpHeader, maxPacket));
       ASSERT_EQ(image.header, (Bytes{1, 195, 80, 60}));
       ASSERT_EQ(image.tables, tables);
       ASSERT_EQ(image.scan, scan) << maxPacket << ", " << size;
@@ -92,7 +92,7 @@ TEST(Packetizers, OfJpegKeepTheImage) {
 
 TEST(Packetizers, NothingComesOfNothing) {
   FramePackets packets;
-  packets.begin(header);
+  packets.begin(rtpHeader);
   EXPECT_FALSE(packetizeH264({}, 1400, packets));
   Bytes const zeros(10, 0);
   EXPECT_FALSE(packetizeH264(zeros, 1400, packets));
@@ -105,7 +105,7 @@ TEST(Packetizers, TheSamePacketsAreInterleavedOnAnyChannel) {
   std::minstd_rand random(3);
   FramePackets packets;
   Bytes const unit = nalUnit(1, 5000, random);
-  packets.begin(header);
+  packets.begin(rtpHeader);
   packetizeH264(unit, 1400, packets);
   auto const datagrams = packetsOf(packets);
   for (std::uint8_t const channel : Bytes{0, 7, 0}) {

@@ -23,7 +23,7 @@ bool isLive(AVFormatContext const& format, std::string const& url) {
                            (format.duration == AV_NOPTS_VALUE || format.duration <= 0));
 }
 
-std::string nameOf(std::string const& source) { return source.empty() ? "the test pattern" : "'" + source + "'"; }
+std::string titleOf(std::string const& source) { return source.empty() ? "the test pattern" : "'" + source + "'"; }
 
 }  // namespace
 
@@ -68,14 +68,14 @@ void Input::openDecoder() {
   bool const known = avformat_find_stream_info(m_Format.get(), nullptr) >= 0;
   m_Stream = known ? av_find_best_stream(m_Format.get(), AVMEDIA_TYPE_VIDEO, -1, -1, &codec, 0) : -1;
   if (m_Stream < 0) {
-    throw Failure("there is no video that FFmpeg can decode in " + nameOf(m_Source) + ": choose another input");
+    throw Failure("there is no video that FFmpeg can decode in " + titleOf(m_Source) + ": choose another input");
   }
   AVStream const& stream = *m_Format->streams[m_Stream];
   m_Decoder.reset(avcodec_alloc_context3(codec));
   avcodec_parameters_to_context(m_Decoder.get(), stream.codecpar);
   m_Decoder->thread_count = 0;
   if (avcodec_open2(m_Decoder.get(), codec, nullptr) < 0 || m_Decoder->width <= 0) {
-    throw Failure("FFmpeg cannot decode the video of " + nameOf(m_Source) + ": choose another input");
+    throw Failure("FFmpeg cannot decode the video of " + titleOf(m_Source) + ": choose another input");
   }
   m_Frames.setUp(stream, *m_Decoder);
 }
@@ -86,7 +86,7 @@ void Input::guessFrameRate() {
   bool const tells = told >= 1 && told <= 240;
   m_FrameRate = tells ? told : m_Options.frameRate.value_or(25);
   if (tells && m_Options.frameRate && !m_Source.empty()) {
-    m_Note(nameOf(m_Source) + " tells its own frame rate, so --fps does not change it");
+    m_Note(titleOf(m_Source) + " tells its own frame rate, so --fps does not change it");
   }
 }
 
@@ -127,7 +127,7 @@ bool Input::decode() {
 // After the end: false if it is one.
 bool Input::goOn() {
   if (m_IsLive) {
-    std::string const lost = nameOf(m_Source) + " is lost" +
+    std::string const lost = titleOf(m_Source) + " is lost" +
                              (m_ReadError == AVERROR_EOF ? std::string() : " (" + reasonOf(m_ReadError) + ")");
     if (!m_Options.reconnect) {
       throw Failure(lost + "; with --reconnect it is opened again");
@@ -139,7 +139,7 @@ bool Input::goOn() {
     return rewind();
   }
   if (m_Count == 1) {
-    m_Note(nameOf(m_Source) + " has one frame; --loop publishes it on and on");
+    m_Note(titleOf(m_Source) + " has one frame; --loop publishes it on and on");
   }
   return false;
 }
@@ -156,7 +156,7 @@ bool Input::reconnect() {
   while (!m_Stop) {
     try {
       open();
-      m_Note(nameOf(m_Source) + " is back");
+      m_Note(titleOf(m_Source) + " is back");
       return true;
     } catch (Failure const&) {
       auto const again = std::chrono::steady_clock::now() + std::chrono::seconds(1);
