@@ -177,7 +177,8 @@ void Viewers::sendOverUdp(Family& family, std::size_t first, std::size_t last) {
       narrow(*viewer);
     }
   }
-  std::erase_if(family.takers, [](Viewer const* viewer) { return viewer->m_State != Viewer::State::Playing; });
+  std::erase_if(family.takers, [](Viewer const* viewer)
+                                   KAVO_REQUIRES(eventLoopRole) { return viewer->m_State != Viewer::State::Playing; });
 }
 
 // This viewer lost the frame, so frames that reference it would be damaged.

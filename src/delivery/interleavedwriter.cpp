@@ -69,8 +69,10 @@ InterleavedBytes InterleavedFrame::copy() {
 }
 
 InterleavedWriter::InterleavedWriter(TaskScheduler& scheduler, int socket, std::function<void(bool)> setWriteInterest)
-    : m_Socket(socket), m_SetWriteInterest(std::move(setWriteInterest)), m_NextTry(scheduler, [this] {
-        if (!contained([this] { flush(); })) {
+    : m_Socket(socket),
+      m_SetWriteInterest(std::move(setWriteInterest)),
+      m_NextTry(scheduler, [this]() KAVO_REQUIRES(eventLoopRole) {
+        if (!contained([this]() KAVO_REQUIRES(eventLoopRole) { flush(); })) {
           giveUp();
         }
       }) {

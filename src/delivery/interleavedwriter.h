@@ -11,6 +11,7 @@
 #include <span>
 #include <vector>
 
+#include "eventloop/eventlooprole.h"
 #include "eventloop/timer.h"
 #include "rtp/framepackets.h"
 
@@ -67,27 +68,27 @@ class InterleavedWriter {
 
   // False when the viewer is too far behind: what waits on the channel is dropped,
   // and the viewer needs a key frame to continue. A key frame is always accepted.
-  bool sendFrame(InterleavedFrame& frame, bool keyFrame);
+  bool sendFrame(InterleavedFrame& frame, bool keyFrame) KAVO_REQUIRES(eventLoopRole);
   // How many frames the last sendFrame() dropped that it had accepted before.
-  std::size_t dropped() const { return m_Dropped; }
+  std::size_t dropped() const KAVO_REQUIRES(eventLoopRole) { return m_Dropped; }
   // Comes after what waits; skipped if another one waits.
-  void sendReport(std::span<std::uint8_t const> report, std::uint8_t channel);
+  void sendReport(std::span<std::uint8_t const> report, std::uint8_t channel) KAVO_REQUIRES(eventLoopRole);
   // Stops sending on the channel, except the rest of a frame partly sent.
-  void cancel(std::uint8_t channel);
+  void cancel(std::uint8_t channel) KAVO_REQUIRES(eventLoopRole);
 
   // True when a response can be sent now: no frame is sent in part, and the
   // socket has room for the whole response. Otherwise holds frames back until it has.
-  bool prepareForResponse();
+  bool prepareForResponse() KAVO_REQUIRES(eventLoopRole);
 
-  void flush();
+  void flush() KAVO_REQUIRES(eventLoopRole);
   // The connection is gone: whatever is sent from now on is dropped.
-  void close();
+  void close() KAVO_REQUIRES(eventLoopRole);
 
   // Whether something waits until the socket, or the path, takes it.
-  bool isBlocked() const { return m_Blocked; }
-  bool isStalled(Clock::time_point now) const;
+  bool isBlocked() const KAVO_REQUIRES(eventLoopRole) { return m_Blocked; }
+  bool isStalled(Clock::time_point now) const KAVO_REQUIRES(eventLoopRole);
   // Whether the channel's viewer has taken anything since the last call.
-  bool takeProgress(std::uint8_t channel);
+  bool takeProgress(std::uint8_t channel) KAVO_REQUIRES(eventLoopRole);
 
  private:
   struct Waiting {
@@ -97,28 +98,28 @@ class InterleavedWriter {
     bool cancelled = false;
   };
 
-  std::size_t firstUnsent() const { return m_FrontOffset > 0 ? 1 : 0; }
-  bool isBehind(InterleavedFrame const& next) const;
-  std::size_t dropUnsent(std::uint8_t channel);
+  std::size_t firstUnsent() const KAVO_REQUIRES(eventLoopRole) { return m_FrontOffset > 0 ? 1 : 0; }
+  bool isBehind(InterleavedFrame const& next) const KAVO_REQUIRES(eventLoopRole);
+  std::size_t dropUnsent(std::uint8_t channel) KAVO_REQUIRES(eventLoopRole);
   template <class Bytes>
-  void wait(Bytes const& bytes, std::uint8_t channel, std::size_t sent);
-  void giveUp();
-  bool hasRoom();
-  void waitForSocket();
-  void setWriteInterest(bool wanted);
-  std::size_t write(std::span<iovec const> pieces, std::uint8_t channel);
+  void wait(Bytes const& bytes, std::uint8_t channel, std::size_t sent) KAVO_REQUIRES(eventLoopRole);
+  void giveUp() KAVO_REQUIRES(eventLoopRole);
+  bool hasRoom() KAVO_REQUIRES(eventLoopRole);
+  void waitForSocket() KAVO_REQUIRES(eventLoopRole);
+  void setWriteInterest(bool wanted) KAVO_REQUIRES(eventLoopRole);
+  std::size_t write(std::span<iovec const> pieces, std::uint8_t channel) KAVO_REQUIRES(eventLoopRole);
 
-  int m_Socket;
-  bool m_Blocked = false;
-  std::vector<Waiting> m_Waiting;
-  std::size_t m_Dropped = 0;
-  std::size_t m_FrontOffset = 0;  // bytes of the first that were sent
-  std::function<void(bool)> m_SetWriteInterest;
-  bool m_WriteInterest = false;
-  Timer m_NextTry;  // when the path takes more
-  bool m_ResponseWaits = false;
-  Clock::time_point m_LastProgress = Clock::now();  // of what waits
-  std::bitset<256> m_Progress;                      // channels
+  int m_Socket KAVO_GUARDED_BY(eventLoopRole);
+  bool m_Blocked KAVO_GUARDED_BY(eventLoopRole) = false;
+  std::vector<Waiting> m_Waiting KAVO_GUARDED_BY(eventLoopRole);
+  std::size_t m_Dropped KAVO_GUARDED_BY(eventLoopRole) = 0;
+  std::size_t m_FrontOffset KAVO_GUARDED_BY(eventLoopRole) = 0;  // bytes of the first that were sent
+  std::function<void(bool)> m_SetWriteInterest KAVO_GUARDED_BY(eventLoopRole);
+  bool m_WriteInterest KAVO_GUARDED_BY(eventLoopRole) = false;
+  Timer m_NextTry KAVO_GUARDED_BY(eventLoopRole);  // when the path takes more
+  bool m_ResponseWaits KAVO_GUARDED_BY(eventLoopRole) = false;
+  Clock::time_point m_LastProgress KAVO_GUARDED_BY(eventLoopRole) = Clock::now();  // of what waits
+  std::bitset<256> m_Progress KAVO_GUARDED_BY(eventLoopRole);                      // channels
 };
 
 }  // namespace kavo::impl

@@ -170,7 +170,8 @@ void Viewers::stopSending(Viewer& viewer) {
 }
 
 bool Viewers::anyActive() const {
-  return std::any_of(m_Viewers.begin(), m_Viewers.end(), [](auto const& viewer) { return viewer->isActive(); });
+  return std::any_of(m_Viewers.begin(), m_Viewers.end(),
+                     [](auto const& viewer) KAVO_REQUIRES(eventLoopRole) { return viewer->isActive(); });
 }
 
 void Viewers::fitPackets() {
@@ -183,7 +184,7 @@ void Viewers::fitPackets() {
 }
 
 bool Viewers::takes(bool keyFrame) const {
-  return std::any_of(m_Viewers.begin(), m_Viewers.end(), [=](auto const& viewer) {
+  return std::any_of(m_Viewers.begin(), m_Viewers.end(), [=](auto const& viewer) KAVO_REQUIRES(eventLoopRole) {
     return viewer->m_State == Viewer::State::Playing || (keyFrame && viewer->isActive());
   });
 }

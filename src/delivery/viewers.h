@@ -54,26 +54,34 @@ class Viewer {
     std::optional<std::chrono::microseconds> roundTrip;
   };
 
-  State state() const { return m_State; }
-  bool isOverUdp() const { return m_Udp.address.ss_family != AF_UNSPEC; }
+  State state() const KAVO_REQUIRES(eventLoopRole) { return m_State; }
+  bool isOverUdp() const KAVO_REQUIRES(eventLoopRole) { return m_Udp.address.ss_family != AF_UNSPEC; }
   // Wants frames, now or from the next key frame on.
-  bool isActive() const { return m_State == State::AwaitingKeyFrame || m_State == State::Playing; }
-  bool hasPlayed() const { return m_HasPlayed; }
-  Reception const& reception() const { return m_Reception; }
+  bool isActive() const KAVO_REQUIRES(eventLoopRole) {
+    return m_State == State::AwaitingKeyFrame || m_State == State::Playing;
+  }
+  bool hasPlayed() const KAVO_REQUIRES(eventLoopRole) { return m_HasPlayed; }
+  Reception const& reception() const KAVO_REQUIRES(eventLoopRole) { return m_Reception; }
 
   // The connection that a viewer over TCP sends on, and its other end; it gets nothing before.
-  void attach(std::shared_ptr<InterleavedWriter> writer, sockaddr_storage const& peer);
+  void attach(std::shared_ptr<InterleavedWriter> writer, sockaddr_storage const& peer) KAVO_REQUIRES(eventLoopRole);
   // Why it is about to go, for the status page. A literal.
-  void setReasonToLeave(char const* why) { m_WhyLeft = why; }
-  bool isAttachedTo(InterleavedWriter const& writer) const { return m_Writer.get() == &writer; }
-  bool usesChannel(int channel) const { return !isOverUdp() && (channel == m_RtpChannel || channel == m_RtcpChannel); }
+  void setReasonToLeave(char const* why) KAVO_REQUIRES(eventLoopRole) { m_WhyLeft = why; }
+  bool isAttachedTo(InterleavedWriter const& writer) const KAVO_REQUIRES(eventLoopRole) {
+    return m_Writer.get() == &writer;
+  }
+  bool usesChannel(int channel) const KAVO_REQUIRES(eventLoopRole) {
+    return !isOverUdp() && (channel == m_RtpChannel || channel == m_RtcpChannel);
+  }
 
   // Calls the function whenever a report of the viewer has come.
-  void onSignOfLife(std::function<void()> function) { m_OnSignOfLife = std::move(function); }
+  void onSignOfLife(std::function<void()> function) KAVO_REQUIRES(eventLoopRole) {
+    m_OnSignOfLife = std::move(function);
+  }
   // RTCP that arrived on its channels.
   void handleReport(std::span<std::uint8_t const> packet) KAVO_REQUIRES(eventLoopRole);
   // Whether it has taken anything over TCP since the last call: it is alive, even if it is silent.
-  bool takeProgress() { return m_Writer && m_Writer->takeProgress(m_RtpChannel); }
+  bool takeProgress() KAVO_REQUIRES(eventLoopRole) { return m_Writer && m_Writer->takeProgress(m_RtpChannel); }
   // Sends it a report from a socket of its own, which hears when nobody listens
   // there. True after two such answers.
   bool isUnreachable() KAVO_REQUIRES(eventLoopRole);
@@ -84,38 +92,39 @@ class Viewer {
   friend class Viewers;
   Viewer(Viewers& table, kv_status_transport transport);
 
-  void enter(State state);
-  void setAddress(sockaddr_storage const& address);
+  void enter(State state) KAVO_REQUIRES(eventLoopRole);
+  void setAddress(sockaddr_storage const& address) KAVO_REQUIRES(eventLoopRole);
   void noteSent(std::size_t bytes) KAVO_REQUIRES(eventLoopRole);
   void noteDropped(std::size_t frames) KAVO_REQUIRES(eventLoopRole);
-  void noteReport(std::uint64_t time);
-  void noteEvent(kv_status_event_kind kind, std::string_view more) const noexcept;
+  void noteReport(std::uint64_t time) KAVO_REQUIRES(eventLoopRole);
+  void noteEvent(kv_status_event_kind kind, std::string_view more) const noexcept KAVO_REQUIRES(eventLoopRole);
 
   Viewers& m_Table;
-  State m_State = State::SetUp;
+  State m_State KAVO_GUARDED_BY(eventLoopRole) = State::SetUp;
   // For the status page.
-  status::ViewerPlace m_Place;
-  bool m_IsBehind = false;
-  char const* m_WhyLeft = "timed out";
-  std::string m_Address;
+  status::ViewerPlace m_Place KAVO_GUARDED_BY(eventLoopRole);
+  bool m_IsBehind KAVO_GUARDED_BY(eventLoopRole) = false;
+  char const* m_WhyLeft KAVO_GUARDED_BY(eventLoopRole) = "timed out";
+  std::string m_Address KAVO_GUARDED_BY(eventLoopRole);
   // Over TCP.
-  std::uint8_t m_RtpChannel = 0;
-  std::uint8_t m_RtcpChannel = 0;
-  std::shared_ptr<InterleavedWriter> m_Writer;
+  std::uint8_t m_RtpChannel KAVO_GUARDED_BY(eventLoopRole) = 0;
+  std::uint8_t m_RtcpChannel KAVO_GUARDED_BY(eventLoopRole) = 0;
+  std::shared_ptr<InterleavedWriter> m_Writer KAVO_GUARDED_BY(eventLoopRole);
   // Over UDP.
-  UdpDestination m_Udp;
-  std::shared_ptr<Pacer::Path> m_Path;
-  std::size_t m_MaxPacket = 0;
-  sockaddr_storage m_RtcpAddress{};
-  in_port_t m_ReportPort = 0;  // where its reports come from, if not from there (behind NAT); network byte order
-  UniqueFd m_Probe;
-  int m_Refusals = 0;
+  UdpDestination m_Udp KAVO_GUARDED_BY(eventLoopRole);
+  std::shared_ptr<Pacer::Path> m_Path KAVO_GUARDED_BY(eventLoopRole);
+  std::size_t m_MaxPacket KAVO_GUARDED_BY(eventLoopRole) = 0;
+  sockaddr_storage m_RtcpAddress KAVO_GUARDED_BY(eventLoopRole){};
+  // Where its reports come from, if not from there (behind NAT); network byte order.
+  in_port_t m_ReportPort KAVO_GUARDED_BY(eventLoopRole) = 0;
+  UniqueFd m_Probe KAVO_GUARDED_BY(eventLoopRole);
+  int m_Refusals KAVO_GUARDED_BY(eventLoopRole) = 0;
   // What its reports say.
-  Clock::time_point m_LastReport{};
-  Reception m_Reception;
-  bool m_HasPlayed = false;
-  LossRepair m_Repair;
-  std::function<void()> m_OnSignOfLife;
+  Clock::time_point m_LastReport KAVO_GUARDED_BY(eventLoopRole){};
+  Reception m_Reception KAVO_GUARDED_BY(eventLoopRole);
+  bool m_HasPlayed KAVO_GUARDED_BY(eventLoopRole) = false;
+  LossRepair m_Repair KAVO_GUARDED_BY(eventLoopRole);
+  std::function<void()> m_OnSignOfLife KAVO_GUARDED_BY(eventLoopRole);
 };
 
 class Viewers {
@@ -227,8 +236,8 @@ class Viewers {
   status::StreamPlace const& m_Stream;
   Callbacks m_Callbacks;
   std::vector<std::unique_ptr<Viewer>> m_Viewers KAVO_GUARDED_BY(eventLoopRole);
-  std::unique_ptr<Family> m_Families[2] KAVO_GUARDED_BY(
-      eventLoopRole);  // IPv4 and IPv6, opened for the first viewer that needs it
+  // IPv4 and IPv6, opened for the first viewer that needs it.
+  std::unique_ptr<Family> m_Families[2] KAVO_GUARDED_BY(eventLoopRole);
 
   std::size_t m_MaxPacket KAVO_GUARDED_BY(eventLoopRole) = m_Delivery.policy.maxPacket;
 

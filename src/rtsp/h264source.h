@@ -14,7 +14,7 @@ class H264Source : public QueuedSource<FramedSource> {
  protected:
   H264Source(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler) KAVO_REQUIRES(eventLoopRole);
 
-  void copyFrame(AVPacket const& packet, unsigned deliverable) override;
+  void copyFrame(AVPacket const& packet, unsigned deliverable) override KAVO_REQUIRES(eventLoopRole);
 };
 
 }  // namespace kavo::impl

@@ -20,11 +20,18 @@ u_int8_t JpegSource::type() { return 1; }
 // 128 and more: the tables travel with the frame.
 u_int8_t JpegSource::qFactor() { return 195; }
 
-u_int8_t JpegSource::width() { return m_Size.width; }
+u_int8_t JpegSource::width() {
+  eventLoopRole.assertHeld();
+  return m_Size.width;
+}
 
-u_int8_t JpegSource::height() { return m_Size.height; }
+u_int8_t JpegSource::height() {
+  eventLoopRole.assertHeld();
+  return m_Size.height;
+}
 
 u_int8_t const* JpegSource::quantizationTables(u_int8_t& precision, u_int16_t& length) {
+  eventLoopRole.assertHeld();
   if (!m_QuantizationTables) {
     precision = 0;
     length = 0;

@@ -26,13 +26,13 @@ class JpegSource : public QueuedSource<JPEGVideoSource> {
  protected:
   JpegSource(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler) KAVO_REQUIRES(eventLoopRole);
 
-  void copyFrame(AVPacket const& packet, unsigned deliverable) override;
+  void copyFrame(AVPacket const& packet, unsigned deliverable) override KAVO_REQUIRES(eventLoopRole);
 
  private:
-  std::size_t setParamsFromHeader(std::span<std::uint8_t const> image);
+  std::size_t setParamsFromHeader(std::span<std::uint8_t const> image) KAVO_REQUIRES(eventLoopRole);
 
-  JpegHeader::Size m_Size{.width = 0, .height = 0};
-  std::optional<JpegHeader::QuantizationTables> m_QuantizationTables;
+  JpegHeader::Size m_Size KAVO_GUARDED_BY(eventLoopRole){.width = 0, .height = 0};
+  std::optional<JpegHeader::QuantizationTables> m_QuantizationTables KAVO_GUARDED_BY(eventLoopRole);
 };
 
 }  // namespace kavo::impl

@@ -23,20 +23,24 @@ class ClientSession : public RTSPServer::RTSPClientSession {
   u_int32_t id() const { return fOurSessionId; }
   bool isOf(ServerMediaSession const* session) const { return fOurServerMediaSession == session; }
   // The connection that it was set up on, or last used from; null once that is gone.
-  RtspConnection* connection() const { return m_Connection; }
-  void leaveConnection();
+  RtspConnection* connection() const KAVO_REQUIRES(eventLoopRole) { return m_Connection; }
+  void leaveConnection() KAVO_REQUIRES(eventLoopRole);
   // Why its viewer is about to go, for the status page: the first reason counts. A literal.
-  void setReasonToLeave(char const* why);
+  void setReasonToLeave(char const* why) KAVO_REQUIRES(eventLoopRole);
 
   // Whether requests from the address may use it: those of the host that made it.
-  bool isOfHost(sockaddr_storage const& address) const { return isSameHost(m_ClientAddress, address); }
+  bool isOfHost(sockaddr_storage const& address) const KAVO_REQUIRES(eventLoopRole) {
+    return isSameHost(m_ClientAddress, address);
+  }
   // Whether it has lost its connection, and its viewer's port answers that nobody
   // listens there any more. To be asked every second.
   bool isAbandoned() KAVO_REQUIRES(eventLoopRole);
 
   // Whether anything is set up: only then is the session worth keeping.
-  bool hasStream() const { return viewer() != nullptr; }
-  bool usesChannel(int channel) const { return viewer() != nullptr && viewer()->usesChannel(channel); }
+  bool hasStream() const KAVO_REQUIRES(eventLoopRole) { return viewer() != nullptr; }
+  bool usesChannel(int channel) const KAVO_REQUIRES(eventLoopRole) {
+    return viewer() != nullptr && viewer()->usesChannel(channel);
+  }
 
   // A receiver's report that came on one of its channels.
   void handleReport(std::span<std::uint8_t const> packet) KAVO_REQUIRES(eventLoopRole);
@@ -53,12 +57,12 @@ class ClientSession : public RTSPServer::RTSPClientSession {
 
  private:
   // A stream has one track, so a session has one viewer.
-  Viewer* viewer() const;
+  Viewer* viewer() const KAVO_REQUIRES(eventLoopRole);
   void joinConnection(RtspConnection& connection) KAVO_REQUIRES(eventLoopRole);
 
-  RtspConnection* m_Connection = nullptr;
-  bool m_HasReason = false;
-  sockaddr_storage m_ClientAddress{};
+  RtspConnection* m_Connection KAVO_GUARDED_BY(eventLoopRole) = nullptr;
+  bool m_HasReason KAVO_GUARDED_BY(eventLoopRole) = false;
+  sockaddr_storage m_ClientAddress KAVO_GUARDED_BY(eventLoopRole){};
 };
 
 }  // namespace kavo::impl

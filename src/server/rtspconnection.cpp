@@ -60,7 +60,8 @@ RtspConnection::~RtspConnection() {
 }
 
 bool RtspConnection::hasStream() const {
-  return std::any_of(m_Sessions.begin(), m_Sessions.end(), [](auto const* session) { return session->hasStream(); });
+  return std::any_of(m_Sessions.begin(), m_Sessions.end(),
+                     [](auto const* session) KAVO_REQUIRES(eventLoopRole) { return session->hasStream(); });
 }
 
 bool RtspConnection::hasAccepted() const {
@@ -68,9 +69,10 @@ bool RtspConnection::hasAccepted() const {
 }
 
 std::optional<Transport> RtspConnection::transportFor(std::optional<Transport> transport) const {
-  auto const isFree = [this](int channel) {
-    return std::none_of(m_Sessions.begin(), m_Sessions.end(),
-                        [=](auto const* session) { return session->usesChannel(channel); });
+  auto const isFree = [this](int channel) KAVO_REQUIRES(eventLoopRole) {
+    return std::none_of(m_Sessions.begin(), m_Sessions.end(), [=](auto const* session) KAVO_REQUIRES(eventLoopRole) {
+      return session->usesChannel(channel);
+    });
   };
   if (!transport || !transport->interleaved) {
     return transport;
@@ -145,8 +147,9 @@ RtspConnection::Next RtspConnection::handleNext() {
 }
 
 void RtspConnection::handleInterleaved() {
-  auto const session = std::find_if(m_Sessions.begin(), m_Sessions.end(),
-                                    [this](auto const* entry) { return entry->usesChannel(m_Reader.channel()); });
+  auto const session = std::find_if(
+      m_Sessions.begin(), m_Sessions.end(),
+      [this](auto const* entry) KAVO_REQUIRES(eventLoopRole) { return entry->usesChannel(m_Reader.channel()); });
   if (session != m_Sessions.end()) {
     (*session)->handleReport(m_Reader.packet());
   }

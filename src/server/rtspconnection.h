@@ -32,25 +32,25 @@ class RtspConnection : public RTSPServer::RTSPClientConnection {
   ~RtspConnection() override;
 
   // Whether the client has sent anything yet.
-  bool hasSentAnything() const { return m_HasSentAnything; }
-  Clock::time_point lastActivity() const { return m_LastActivity; }
+  bool hasSentAnything() const KAVO_REQUIRES(eventLoopRole) { return m_HasSentAnything; }
+  Clock::time_point lastActivity() const KAVO_REQUIRES(eventLoopRole) { return m_LastActivity; }
   // Its place in the server's list.
-  void setPlace(std::list<RtspConnection*>::iterator place) { m_Place = place; }
+  void setPlace(std::list<RtspConnection*>::iterator place) KAVO_REQUIRES(eventLoopRole) { m_Place = place; }
   // Whether one of its sessions has a stream; if so, the idle timeout does not apply.
-  bool hasStream() const;
-  bool isStalled(Clock::time_point now) const { return m_Writer->isStalled(now); }
+  bool hasStream() const KAVO_REQUIRES(eventLoopRole);
+  bool isStalled(Clock::time_point now) const KAVO_REQUIRES(eventLoopRole) { return m_Writer->isStalled(now); }
 
-  void addSession(ClientSession& session) { m_Sessions.push_back(&session); }
-  void removeSession(ClientSession const& session) { std::erase(m_Sessions, &session); }
-  std::vector<ClientSession*> const& sessions() const { return m_Sessions; }
+  void addSession(ClientSession& session) KAVO_REQUIRES(eventLoopRole) { m_Sessions.push_back(&session); }
+  void removeSession(ClientSession const& session) KAVO_REQUIRES(eventLoopRole) { std::erase(m_Sessions, &session); }
+  std::vector<ClientSession*> const& sessions() const KAVO_REQUIRES(eventLoopRole) { return m_Sessions; }
 
   sockaddr_storage const& clientAddress() const { return fClientAddr; }
   // The request that is being answered.
-  Request const& request() const { return m_Reader.request(); }
-  std::shared_ptr<InterleavedWriter> const& writer() const { return m_Writer; }
+  Request const& request() const KAVO_REQUIRES(eventLoopRole) { return m_Reader.request(); }
+  std::shared_ptr<InterleavedWriter> const& writer() const KAVO_REQUIRES(eventLoopRole) { return m_Writer; }
   // The transport with channels that no other session of the connection uses;
   // nothing if the client insists on such.
-  std::optional<Transport> transportFor(std::optional<Transport> transport) const;
+  std::optional<Transport> transportFor(std::optional<Transport> transport) const KAVO_REQUIRES(eventLoopRole);
   // Makes this the response.
   void refuse(char const* status) { setRTSPResponse(status); }
   // Whether the response so far is a success.
@@ -82,15 +82,15 @@ class RtspConnection : public RTSPServer::RTSPClientConnection {
   void answer(std::string_view status) KAVO_REQUIRES(eventLoopRole);
 
   RtspServer& m_Server;
-  std::list<RtspConnection*>::iterator m_Place;
-  Clock::time_point m_LastActivity = Clock::now();
-  bool m_HasSentAnything = false;
-  std::vector<ClientSession*> m_Sessions;
-  RequestReader m_Reader;
-  SocketWatch m_Watch;
-  std::shared_ptr<InterleavedWriter> m_Writer;
+  std::list<RtspConnection*>::iterator m_Place KAVO_GUARDED_BY(eventLoopRole);
+  Clock::time_point m_LastActivity KAVO_GUARDED_BY(eventLoopRole) = Clock::now();
+  bool m_HasSentAnything KAVO_GUARDED_BY(eventLoopRole) = false;
+  std::vector<ClientSession*> m_Sessions KAVO_GUARDED_BY(eventLoopRole);
+  RequestReader m_Reader KAVO_GUARDED_BY(eventLoopRole);
+  SocketWatch m_Watch KAVO_GUARDED_BY(eventLoopRole);
+  std::shared_ptr<InterleavedWriter> m_Writer KAVO_GUARDED_BY(eventLoopRole);
   // live555 may delete this object inside its handlers; callers that continue keep a copy.
-  std::shared_ptr<bool> m_Alive = std::make_shared<bool>(true);
+  std::shared_ptr<bool> m_Alive KAVO_GUARDED_BY(eventLoopRole) = std::make_shared<bool>(true);
 };
 
 }  // namespace kavo::impl

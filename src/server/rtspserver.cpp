@@ -153,7 +153,8 @@ bool RtspServer::maySpeakFor(std::string const& sessionId, sockaddr_storage cons
 bool RtspServer::hasRoomForSession(sockaddr_storage const& clientAddress) {
   if (auto const most = m_Policy->maxViewersPerAddress) {
     std::size_t ofHost = 0;
-    forEachSession([&](impl::ClientSession& session) { ofHost += session.isOfHost(clientAddress) ? 1 : 0; });
+    forEachSession([&](impl::ClientSession& session)
+                       KAVO_REQUIRES(eventLoopRole) { ofHost += session.isOfHost(clientAddress) ? 1 : 0; });
     if (ofHost >= *most) {
       return false;
     }
@@ -162,7 +163,8 @@ bool RtspServer::hasRoomForSession(sockaddr_storage const& clientAddress) {
     return true;
   }
   impl::ClientSession* lost = nullptr;
-  forEachSession([&](impl::ClientSession& session) { lost = session.connection() == nullptr ? &session : lost; });
+  forEachSession([&](impl::ClientSession& session)
+                     KAVO_REQUIRES(eventLoopRole) { lost = session.connection() == nullptr ? &session : lost; });
   delete lost;
   return lost != nullptr;
 }
@@ -246,8 +248,10 @@ bool RtspServer::evictConnection() {
     }
     return false;
   };
-  return close(m_Connections, [](RtspConnection const* connection) { return !connection->hasSentAnything(); }) ||
-         close(m_Connections, [](RtspConnection const* connection) { return !connection->hasStream(); });
+  return close(m_Connections, [](RtspConnection const* connection)
+                                  KAVO_REQUIRES(eventLoopRole) { return !connection->hasSentAnything(); }) ||
+         close(m_Connections,
+               [](RtspConnection const* connection) KAVO_REQUIRES(eventLoopRole) { return !connection->hasStream(); });
 }
 
 void RtspServer::closeIdleAndStalled() {

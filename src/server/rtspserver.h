@@ -78,13 +78,13 @@ class RtspServer : public RTSPServer {
   std::shared_ptr<Policy const> const m_Policy;
   std::unique_ptr<UserAuthenticationDatabase> const m_Users;  // null: everybody
   ListeningSockets const m_Listening;
-  SocketWatch m_WatchIpv4;
-  SocketWatch m_WatchIpv6;
+  SocketWatch m_WatchIpv4 KAVO_GUARDED_BY(eventLoopRole);
+  SocketWatch m_WatchIpv6 KAVO_GUARDED_BY(eventLoopRole);
   std::size_t const m_MaxConnections;
   Connections m_Connections KAVO_GUARDED_BY(eventLoopRole);  // the least recently active first
   u_int32_t m_NewSession KAVO_GUARDED_BY(eventLoopRole) = 0;
-  Timer m_AcceptAgain;
-  Timer m_CloseIdle;
+  Timer m_AcceptAgain KAVO_GUARDED_BY(eventLoopRole);
+  Timer m_CloseIdle KAVO_GUARDED_BY(eventLoopRole);
 };
 
 }  // namespace kavo::impl
