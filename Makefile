@@ -39,8 +39,8 @@ format: ## bring the sources into shape with clang-format
 lint: ## check format, thread annotations (as errors) and clang-tidy
 	@$(RUN) scripts/lint
 
-package: ## make Debian packages and a relocatable archive in build/packages
-	@$(RUN) scripts/package
+package: ## make Debian packages and a relocatable archive in build/packages (ARCH=arm64 for arm64)
+	@$(if $(filter arm64,$(ARCH)),KAVO_ROOT_KIND=arm64 KAVO_ROOT=always) $(RUN) scripts/package $(ARCH)
 
 package-check: package ## install them into fresh roots, build and run hosts there
 	@scripts/check-packages

@@ -11,7 +11,8 @@ trap 'rm -rf "$work"' EXIT
 mkdir "$work/sources"
 debian_sources "$(debian_mirror)" >"$work/sources/debian.sources"
 live555_preferences >"$work/sources/live555"
-cp -r "$project/build/packages" "$work/packages"
+mkdir "$work/packages"
+cp "$project"/build/packages/*[_-]"$(dpkg --print-architecture)".* "$work/packages"
 
 # fresh NAME PACKAGES: a root with these packages and everything of $work in
 # /root. There "inside prepare NAME" runs while it is made, and then "inside
