@@ -49,8 +49,8 @@ scale-out-check: package ## try docs/operating.md and scale-out.md in fresh root
 	@scripts/check-operating
 	@scripts/check-scale-out
 
-players: build ## play with every player there is, and write docs/players.md
-	@$(RUN) sh -c 'scripts/players >build/players.md && { sed "/^| player/,\$$d" docs/players.md; cat build/players.md; } >build/page.md && cp build/page.md docs/players.md'
+players: build ## play with every player there is, in a root of their own, and write docs/players.md
+	@KAVO_ROOT_KIND=players KAVO_ROOT=always $(RUN) sh -c 'scripts/players >build/players.md && { sed "/^| player/,\$$d" docs/players.md; cat build/players.md; } >build/page.md && cp build/page.md docs/players.md'
 
 docs: ## make the API reference in build/docs (Doxygen)
 	@$(RUN) sh -c 'mkdir -p build && doxygen docs/Doxyfile'
