@@ -85,9 +85,9 @@ void Viewers::takePortsFromOthers(Viewer const& viewer) {
   }
 }
 
-void Viewers::play(Viewer& viewer) {
+FramePackets const* Viewers::play(Viewer& viewer) {
   if (viewer.isActive()) {
-    return;
+    return m_Welcome.isPending() && viewer.m_IsWelcome ? m_Newest : nullptr;
   }
   if (viewer.isOverUdp()) {
     takePortsFromOthers(viewer);
@@ -97,7 +97,8 @@ void Viewers::play(Viewer& viewer) {
   viewer.enter(Viewer::State::AwaitingKeyFrame);
   viewer.noteEvent(KV_STATUS_JOINED, viewer.isOverUdp() ? "udp" : "tcp");
   fitPackets();
-  if (newestFrameFor(viewer) != nullptr) {
+  viewer.m_IsWelcome = canBeginWithNewest(viewer);
+  if (viewer.m_IsWelcome) {
     m_Welcome.start(std::chrono::microseconds(0));  // after the response, which is on its way
   } else {
     m_Callbacks.wantKeyFrame(true);
@@ -107,16 +108,23 @@ void Viewers::play(Viewer& viewer) {
   if (!m_NextReport.isPending()) {
     m_NextReport.start(reportInterval);
   }
+  return viewer.m_IsWelcome ? m_Newest : nullptr;
 }
 
 // Not one that the viewer may have had before it paused; over UDP none while another is on
 // its way, since the next comes as soon, and none in packets that its path does not take.
-FramePackets* Viewers::newestFrameFor(Viewer const& viewer) const {
+bool Viewers::canBeginWithNewest(Viewer const& viewer) const {
   if (m_Newest == nullptr || viewer.m_HasPlayed || Clock::now() - m_FrameBegin > m_Callbacks.freshness()) {
-    return nullptr;
+    return false;
   }
-  bool const possible = m_Packets == nullptr && m_Newest->largest() <= viewer.m_MaxPacket;
-  return possible || !viewer.isOverUdp() ? m_Newest : nullptr;
+  return !viewer.isOverUdp() || (m_Packets == nullptr && m_Newest->largest() <= viewer.m_MaxPacket);
+}
+
+void Viewers::finishWelcome() {
+  if (m_Welcome.isPending()) {
+    m_Welcome.stop();
+    contained([this]() KAVO_REQUIRES(eventLoopRole) { welcome(); });
+  }
 }
 
 void Viewers::welcome() {
@@ -127,7 +135,8 @@ void Viewers::welcome() {
   auto& overUdp = m_Playing;
   overUdp.clear();
   for (auto const& viewer : m_Viewers) {
-    if (viewer->m_State != Viewer::State::AwaitingKeyFrame || newestFrameFor(*viewer) == nullptr) {
+    // What PLAY announced holds, even if the next frame has made it old.
+    if (!std::exchange(viewer->m_IsWelcome, false) || viewer->m_State != Viewer::State::AwaitingKeyFrame) {
       continue;
     }
     viewer->enter(Viewer::State::Playing);

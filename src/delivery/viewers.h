@@ -119,6 +119,7 @@ class Viewer {
   in_port_t m_ReportPort KAVO_GUARDED_BY(eventLoopRole) = 0;
   UniqueFd m_Probe KAVO_GUARDED_BY(eventLoopRole);
   int m_Refusals KAVO_GUARDED_BY(eventLoopRole) = 0;
+  bool m_IsWelcome KAVO_GUARDED_BY(eventLoopRole) = false;  // to the newest frame
   // What its reports say.
   Clock::time_point m_LastReport KAVO_GUARDED_BY(eventLoopRole){};
   Reception m_Reception KAVO_GUARDED_BY(eventLoopRole);
@@ -156,11 +157,9 @@ class Viewers {
     return m_Families[indexOf(family)]->ports.port();
   }
 
-  // Its first frame is the next key frame, or newestFrameFor() it if there is one.
-  void play(Viewer& viewer) KAVO_REQUIRES(eventLoopRole);
-  // The newest frame, where the viewer can begin with it and it is fresh; null otherwise.
-  // Once it plays, since only then its path is known.
-  FramePackets* newestFrameFor(Viewer const& viewer) const KAVO_REQUIRES(eventLoopRole);
+  // Its first frame is the one returned: the newest, where the viewer can begin with it and
+  // it is fresh. Null: it is the next key frame.
+  FramePackets const* play(Viewer& viewer) KAVO_REQUIRES(eventLoopRole);
   void pause(Viewer& viewer) KAVO_REQUIRES(eventLoopRole);
 
   bool empty() const KAVO_REQUIRES(eventLoopRole) { return m_Viewers.empty(); }
@@ -174,6 +173,8 @@ class Viewers {
   // The rest of a large one follows at a pace; until frameSent() is called, packets
   // and payload stay as they are. So they do while isSending().
   bool send(FramePackets& packets, bool keyFrame) KAVO_REQUIRES(eventLoopRole);
+  // Whoever is about to get the newest frame gets it now: the next one has come.
+  void finishWelcome() KAVO_REQUIRES(eventLoopRole);
   // The packets of the newest frame are about to change, or to go.
   void forgetNewestFrame() KAVO_REQUIRES(eventLoopRole) { m_Newest = nullptr; }
   // Whether the packets are on their way: to everybody, or to somebody who has just joined.
@@ -202,6 +203,7 @@ class Viewers {
   static std::size_t indexOf(int family) { return family == AF_INET6 ? 1 : 0; }
 
   bool openPorts(int family) KAVO_REQUIRES(eventLoopRole);
+  bool canBeginWithNewest(Viewer const& viewer) const KAVO_REQUIRES(eventLoopRole);
   void takePortsFromOthers(Viewer const& viewer) KAVO_REQUIRES(eventLoopRole);
   void stopSending(Viewer& viewer) KAVO_REQUIRES(eventLoopRole);
   InterleavedFrame& frameOn(std::uint8_t channel, FramePackets& packets) KAVO_REQUIRES(eventLoopRole);

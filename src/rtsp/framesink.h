@@ -91,6 +91,7 @@ class FrameSink : public Base, public LiveSink {
 
   // The newest frame may be on its way to somebody who has just joined.
   FrameBuffer& nextBuffer() KAVO_REQUIRES(eventLoopRole) {
+    m_Viewers.finishWelcome();
     if (m_Viewers.isSending(m_Frame->packets)) {
       m_Frame = m_Frame == &m_Frames[0] ? &m_Frames[1] : &m_Frames[0];
     }

@@ -140,9 +140,8 @@ void LiveDemandSession::startStream(unsigned /*clientSessionId*/, void* streamTo
     m_Sink = makeSink(AF_INET);
   }
   auto const first = startSource(*viewer).value_or(std::chrono::steady_clock::now());
-  m_Viewers.play(*viewer);
   // Of the first packet that it gets.
-  FramePackets const* const newest = m_Viewers.newestFrameFor(*viewer);
+  FramePackets const* const newest = m_Viewers.play(*viewer);
   rtpSeqNum = newest != nullptr ? newest->header().sequence : m_Sink.rtp->currentSeqNo();
   rtpTimestamp = newest != nullptr ? newest->header().timestamp : m_Sink.live->rtpTimeAt(first);
 }
