@@ -305,6 +305,6 @@ TEST_P(ViewingSlowHost, ThePictureThatPlayAnnouncesComesFirst) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Codecs, ViewingSlowHost,
-                         ::testing::Values(std::tuple(KV_CODEC_MJPEG, 64), std::tuple(KV_CODEC_MJPEG, 480),
+                         ::testing::Values(std::tuple(KV_CODEC_MJPEG, 64), std::tuple(KV_CODEC_MJPEG, 336),
                                            std::tuple(KV_CODEC_H264, 64)));
 INSTANTIATE_TEST_SUITE_P(Codecs, Viewing, ::testing::Values(KV_CODEC_MJPEG, KV_CODEC_H264));
