@@ -11,6 +11,7 @@ help: ## list the commands
 build: ## build the library and the tools into build/release (PRESET=debug, asan, tsan)
 	@$(RUN) sh -c 'cmake --preset $(PRESET) >/dev/null && cmake --build --preset $(PRESET)'
 
+demo: PRESET := demo
 demo: ## publish a moving test pattern (INPUT=file or camera, SECONDS=limit, ARGS=options)
 	@$(RUN) sh -c 'cmake --preset $(PRESET) >/dev/null && cmake --build --preset $(PRESET) --target kavo-publish'
 	@$(RUN) build/$(PRESET)/tools/kavo-publish $(if $(SECONDS),--duration $(SECONDS)) $(ARGS) $(INPUT)
