@@ -83,7 +83,6 @@ InterleavedWriter::InterleavedWriter(TaskScheduler& scheduler, int socket, std::
 }
 
 void InterleavedWriter::close() {
-  eventLoopRole.assertHeld();
   m_Socket = -1;  // the number may be another connection's soon
   m_Waiting.clear();
   m_FrontOffset = 0;

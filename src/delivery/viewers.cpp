@@ -129,14 +129,12 @@ void Viewers::finishWelcome() {
 
 void Viewers::welcome() {
   FramePackets* const frame = m_Newest;
-  if (frame == nullptr) {
-    return;
-  }
   auto& overUdp = m_Playing;
   overUdp.clear();
   for (auto const& viewer : m_Viewers) {
     // What PLAY announced holds, even if the next frame has made it old.
-    if (!std::exchange(viewer->m_IsWelcome, false) || viewer->m_State != Viewer::State::AwaitingKeyFrame) {
+    bool const isWelcome = std::exchange(viewer->m_IsWelcome, false) && frame != nullptr;
+    if (!isWelcome || viewer->m_State != Viewer::State::AwaitingKeyFrame) {
       continue;
     }
     viewer->enter(Viewer::State::Playing);

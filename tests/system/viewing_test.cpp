@@ -282,11 +282,11 @@ TEST_P(ViewingSlowHost, TheNextPictureFollowsTheNewest) {
   EXPECT_EQ(next.first, newest.behind());
 }
 
+// A picture that leaves at once: a receive buffer takes it, whatever the test does meanwhile.
+class ViewingSmallPictures : public ViewingSlowHost {};
+
 // Also where the next one is submitted while the response is on its way.
-TEST_P(ViewingSlowHost, ThePictureThatPlayAnnouncesComesFirst) {
-  if (GetParam() != std::tuple(KV_CODEC_MJPEG, 64)) {
-    GTEST_SKIP() << "H.264's next one is no key frame, and takes the newest's place; a large one may be lost here";
-  }
+TEST_P(ViewingSmallPictures, ThePictureThatPlayAnnouncesComesFirst) {
   RtspClient first(m_Host.port());
   RtspClient second(m_Host.port());
   submitTwo(first, second);
@@ -307,4 +307,5 @@ TEST_P(ViewingSlowHost, ThePictureThatPlayAnnouncesComesFirst) {
 INSTANTIATE_TEST_SUITE_P(Codecs, ViewingSlowHost,
                          ::testing::Values(std::tuple(KV_CODEC_MJPEG, 64), std::tuple(KV_CODEC_MJPEG, 336),
                                            std::tuple(KV_CODEC_H264, 64)));
+INSTANTIATE_TEST_SUITE_P(Jpeg, ViewingSmallPictures, ::testing::Values(std::tuple(KV_CODEC_MJPEG, 64)));
 INSTANTIATE_TEST_SUITE_P(Codecs, Viewing, ::testing::Values(KV_CODEC_MJPEG, KV_CODEC_H264));
