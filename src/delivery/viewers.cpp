@@ -144,8 +144,10 @@ void Viewers::welcome() {
       sendInterleaved(*viewer, *frame, true);
     }
   }
-  auto const begin = [&]() KAVO_REQUIRES(eventLoopRole) { beginFrame(*frame, overUdp); };
-  if (!overUdp.empty() && !contained(begin)) {
+  if (frame == nullptr || overUdp.empty()) {
+    return;
+  }
+  if (!contained([&]() KAVO_REQUIRES(eventLoopRole) { beginFrame(*frame, overUdp); })) {
     abandonFrame();
   }
 }
