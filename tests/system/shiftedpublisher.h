@@ -19,8 +19,9 @@ class ShiftedPublisher {
   explicit ShiftedPublisher(std::string const& codec) : m_Port(freePort()) {
     setClocks(0, 0);
     m_Process = std::make_unique<Process>(
-        std::vector<std::string>{"env", "LD_PRELOAD=" KAVO_CLOCK_SHIM, "KAVO_CLOCK_FILE=" + m_Folder.file("clock"),
-                                 KAVO_PUBLISH, "--port", std::to_string(m_Port), "--size", "320x240", "--codec", codec},
+        std::vector<std::string>{"env", std::string("LD_PRELOAD=") + KAVO_CLOCK_SHIM,
+                                 "KAVO_CLOCK_FILE=" + m_Folder.file("clock"), KAVO_PUBLISH, "--port",
+                                 std::to_string(m_Port), "--size", "320x240", "--codec", codec},
         m_Folder.file("output"));
     while (contentOf(m_Folder.file("output")).find("Ctrl-C") == std::string::npos) {
       if (!m_Process->runs()) {
