@@ -98,6 +98,8 @@ FramePackets const* Viewers::play(Viewer& viewer) {
   viewer.noteEvent(KV_STATUS_JOINED, viewer.isOverUdp() ? "udp" : "tcp");
   fitPackets();
   viewer.m_IsWelcome = canBeginWithNewest(viewer);
+  // The key frame that it waits for may come behind frames that it does not get.
+  viewer.m_IsAnnounced = viewer.m_IsWelcome || !m_HasDeltaFrames || m_FrameBegin == Clock::time_point{};
   if (viewer.m_IsWelcome) {
     m_Welcome.start(std::chrono::microseconds(0));  // after the response, which is on its way
   } else {

@@ -61,6 +61,8 @@ class Viewer {
     return m_State == State::AwaitingKeyFrame || m_State == State::Playing;
   }
   bool hasPlayed() const KAVO_REQUIRES(eventLoopRole) { return m_HasPlayed; }
+  // Whether the first packet that it gets was known when it began to play.
+  bool isAnnounced() const KAVO_REQUIRES(eventLoopRole) { return m_IsAnnounced; }
   Reception const& reception() const KAVO_REQUIRES(eventLoopRole) { return m_Reception; }
 
   // The connection that a viewer over TCP sends on, and its other end; it gets nothing before.
@@ -120,6 +122,7 @@ class Viewer {
   UniqueFd m_Probe KAVO_GUARDED_BY(eventLoopRole);
   int m_Refusals KAVO_GUARDED_BY(eventLoopRole) = 0;
   bool m_IsWelcome KAVO_GUARDED_BY(eventLoopRole) = false;  // to the newest frame
+  bool m_IsAnnounced KAVO_GUARDED_BY(eventLoopRole) = true;
   // What its reports say.
   Clock::time_point m_LastReport KAVO_GUARDED_BY(eventLoopRole){};
   Reception m_Reception KAVO_GUARDED_BY(eventLoopRole);

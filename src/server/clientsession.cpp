@@ -117,6 +117,9 @@ void ClientSession::handleCmd_withinSession(RTSPServer::RTSPClientConnection* co
   }
   RTSPClientSession::handleCmd_withinSession(connection, cmdName, urlPreSuffix, urlSuffix,
                                              ours.request().headers().c_str());
+  if (cmdName == std::string_view("PLAY") && viewer() != nullptr && !viewer()->isAnnounced()) {
+    ours.withdrawSequence();
+  }
 }
 
 }  // namespace kavo::impl

@@ -199,6 +199,14 @@ Boolean RtspConnection::authenticationOK(char const* method, char const* urlSuff
   return False;
 }
 
+// Receivers count the packets between the number that RTP-Info gives and their first one as lost.
+void RtspConnection::withdrawSequence() {
+  if (char* const sequence = std::strstr(reinterpret_cast<char*>(fResponseBuffer), ";seq=")) {
+    char const* const rest = sequence + 1 + std::strcspn(sequence + 1, ";\r");
+    std::memmove(sequence, rest, std::strlen(rest) + 1);
+  }
+}
+
 // Our own response to a request that live555 never sees.
 void RtspConnection::answer(std::string_view status) {
   std::string response = "RTSP/1.0 " + std::string(status) + "\r\n";

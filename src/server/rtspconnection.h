@@ -53,6 +53,8 @@ class RtspConnection : public RTSPServer::RTSPClientConnection {
   std::optional<Transport> transportFor(std::optional<Transport> transport) const KAVO_REQUIRES(eventLoopRole);
   // Makes this the response.
   void refuse(char const* status) { setRTSPResponse(status); }
+  // Takes the number of the first packet out of the response.
+  void withdrawSequence();
   // Whether the response so far is a success.
   bool hasAccepted() const;
   // Whether the request comes with what the policy asks for; if not, the response says so.

@@ -18,18 +18,6 @@
 
 namespace {
 
-// A variable of the environment, for as long as the object lives.
-class Variable {
- public:
-  Variable(char const* name, std::string const& value) : m_Name(name) { setenv(name, value.c_str(), 1); }
-  ~Variable() { unsetenv(m_Name); }
-  Variable(Variable const&) = delete;
-  Variable& operator=(Variable const&) = delete;
-
- private:
-  char const* m_Name;
-};
-
 class Operating : public ::testing::Test {
  protected:
   void usePolicy(std::string const& text) { std::ofstream(m_PolicyFile) << text; }

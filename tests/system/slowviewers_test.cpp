@@ -87,7 +87,8 @@ TEST_P(SlowViewers, OneThatStallsHoldsUpNobodyAndComesBackToWholeFrames) {
     return checker.frames() >= older + 40;
   });
   EXPECT_GT(gaps, 0) << "it was never behind";
-  EXPECT_LE(older, 1) << "others came first than the end of the one that was begun";
+  // The one that was begun, and one that may have come along with PLAY's response.
+  EXPECT_LE(older, 2) << "others came first";
   EXPECT_EQ(stalled.request("GET_PARAMETER", url()).status, 200);
   expectWholeFrames(stalled, 5, true);
   EXPECT_EQ(m_Host.failedSubmits(), 0);
