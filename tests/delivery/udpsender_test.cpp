@@ -107,15 +107,3 @@ TEST(UdpSender, ARefusedDestinationDisturbsNoOther) {
   EXPECT_FALSE(refused.segmentation);
   EXPECT_FALSE(refused.tooNarrow);
 }
-
-TEST(UdpSender, ANarrowPathIsReportedAndSparedTheRest) {
-  UniqueFd const sender(socket(AF_INET, SOCK_DGRAM, 0));
-  Receiver receiver;
-  UdpDestination narrow{.address = receiver.address};
-  Frame tooLarge({1400, 1400, 100});
-  UdpSender udp;
-  narrow.tooNarrow = true;
-  tooLarge.send(udp, sender.get(), {&narrow});
-  EXPECT_TRUE(receiver.packets().empty());
-  EXPECT_EQ(narrow.lost, 3U);
-}
