@@ -61,8 +61,8 @@ class Viewer {
     return m_State == State::AwaitingKeyFrame || m_State == State::Playing;
   }
   bool hasPlayed() const KAVO_REQUIRES(eventLoopRole) { return m_HasPlayed; }
-  // Whether the first packet that it gets was known when it began to play.
-  bool isAnnounced() const KAVO_REQUIRES(eventLoopRole) { return m_IsAnnounced; }
+  // Whether the packet that it gets next is known: not where it waits for a key frame behind others.
+  bool isAnnounced() const KAVO_REQUIRES(eventLoopRole) { return m_State == State::Playing || m_IsAnnounced; }
   Reception const& reception() const KAVO_REQUIRES(eventLoopRole) { return m_Reception; }
 
   // The connection that a viewer over TCP sends on, and its other end; it gets nothing before.

@@ -201,9 +201,12 @@ Boolean RtspConnection::authenticationOK(char const* method, char const* urlSuff
 
 // Receivers count the packets between the number that RTP-Info gives and their first one as lost.
 void RtspConnection::withdrawSequence() {
-  if (char* const sequence = std::strstr(reinterpret_cast<char*>(fResponseBuffer), ";seq=")) {
-    char const* const rest = sequence + 1 + std::strcspn(sequence + 1, ";\r");
-    std::memmove(sequence, rest, std::strlen(rest) + 1);
+  auto* const text = reinterpret_cast<char*>(fResponseBuffer);
+  std::string_view const response = text;
+  auto const sequence = response.rfind(";seq=");  // the last: a stream may be called so
+  if (sequence != std::string_view::npos) {
+    auto const rest = response.substr(response.find_first_of(";\r", sequence + 1));
+    std::memmove(text + sequence, rest.data(), rest.size() + 1);
   }
 }
 
