@@ -14,6 +14,15 @@ live555_preferences >"$work/sources/live555"
 mkdir "$work/packages"
 cp "$project"/build/packages/*[_-]"$(dpkg --print-architecture)".* "$work/packages"
 
+fill_root() {
+  mmdebstrap --quiet --variant=apt --aptopt='Acquire::Retries "5"' --include="$3" \
+    --setup-hook="mkdir -p \"\$1/etc/apt/preferences.d\" && cp '$work/sources/live555' \"\$1/etc/apt/preferences.d/live555\"" \
+    --customize-hook="cp -r '$work'/* \"\$1/root/\"" \
+    --customize-hook="chroot \"\$1\" /root/inside prepare $2" \
+    trixie - "$work/sources/debian.sources" </dev/null |
+    tar -x -C "$1" --exclude='./dev/*' --no-same-owner
+}
+
 # fresh NAME PACKAGES: a root with these packages and everything of $work in
 # /root. There "inside prepare NAME" runs while it is made, and then "inside
 # check NAME" on a network of its own; what that leaves in /tmp/results is in
@@ -26,12 +35,12 @@ fresh() {
   mkdir "$root"
   # shellcheck disable=SC2064  # the root's name as it is now
   trap "rm -rf '$work' '$root'" EXIT
-  mmdebstrap --quiet --variant=apt --aptopt='Acquire::Retries "5"' --include="$2" \
-    --setup-hook="mkdir -p \"\$1/etc/apt/preferences.d\" && cp '$work/sources/live555' \"\$1/etc/apt/preferences.d/live555\"" \
-    --customize-hook="cp -r '$work'/* \"\$1/root/\"" \
-    --customize-hook="chroot \"\$1\" /root/inside prepare $1" \
-    trixie - "$work/sources/debian.sources" </dev/null |
-    tar -x -C "$root" --exclude='./dev/*' --no-same-owner
+  fill_root "$root" "$@" || {
+    say "that failed (above): once more, in case the mirror was not to be reached"
+    rm -rf "$root"
+    mkdir "$root"
+    fill_root "$root" "$@"
+  }
   bwrap --die-with-parent --unshare-pid --unshare-net --cap-add CAP_NET_ADMIN --bind "$root" / --proc /proc --dev /dev --tmpfs /tmp \
     --bind "$work/results" /tmp/results --setenv PATH /usr/sbin:/usr/bin:/sbin:/bin --setenv HOME /root --chdir /root /root/inside check "$1"
   rm -rf "$root"
