@@ -14,6 +14,7 @@ live555_preferences >"$work/sources/live555"
 mkdir "$work/packages"
 cp "$project"/build/packages/*[_-]"$(dpkg --print-architecture)".* "$work/packages"
 
+# fill_root ROOT NAME PACKAGES
 fill_root() {
   mmdebstrap --quiet --variant=apt --aptopt='Acquire::Retries "5"' --include="$3" \
     --setup-hook="mkdir -p \"\$1/etc/apt/preferences.d\" && cp '$work/sources/live555' \"\$1/etc/apt/preferences.d/live555\"" \

@@ -74,24 +74,18 @@ TEST_F(EpollSchedulerTest, RunsTriggersFromManyThreadsWithoutALimit) {
     ids.push_back(scheduler().createEventTrigger([](void* count) { ++*static_cast<std::atomic<int>*>(count); }));
     ASSERT_NE(ids.back(), 0U);
   }
-  std::atomic<bool> done = false;
-  std::vector<std::thread> threads;
+  std::atomic<int> finished = 0;
+  std::vector<std::jthread> threads;
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([&, t] {
       for (int i = 0; i < firings * triggers / 4; ++i) {
         auto const at = static_cast<std::size_t>((i * 4 + t) % triggers);
         scheduler().triggerEvent(ids[at], runs[at].get());
       }
+      ++finished;
     });
   }
-  std::thread joiner([&] {
-    for (auto& thread : threads) {
-      thread.join();
-    }
-    done = true;
-  });
-  runUntil([&] { return done.load(); });
-  joiner.join();
+  runUntil([&] { return finished == 4; });
   passes(3);
   // Merged, but none is lost: every trigger that is fired now runs once more, and only once.
   std::vector<int> before;

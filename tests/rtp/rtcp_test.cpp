@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::uint32_t ssrc = 0xCAFE0001;
 
-Bytes const reportBlock = {0xCA, 0xFE, 0, 1, 64, 0xFF, 0xFF, 0xFE, 0, 1, 0, 9, 0, 0, 1, 2, 1, 2, 3, 4, 0, 1, 0, 0};
+Bytes const ours = {0xCA, 0xFE, 0, 1, 64, 0xFF, 0xFF, 0xFE, 0, 1, 0, 9, 0, 0, 1, 2, 1, 2, 3, 4, 0, 1, 0, 0};
 Bytes const foreign = {1, 1, 1, 1, 9, 0, 0, 9, 0, 0, 0, 9, 0, 0, 0, 9, 0, 0, 0, 9, 0, 0, 0, 9};
 
 Bytes packet(std::uint8_t type, std::initializer_list<Bytes> blocks, std::size_t head = 4) {
@@ -59,9 +59,8 @@ TEST(Rtcp, ASenderReportTellsTimeAndName) {
 
 TEST(Rtcp, AReceiverReportIsReadWhereverItsBlockIs) {
   Bytes const description = packet(202, {Bytes{1, 1, 'x', 0}});
-  for (Bytes const& report :
-       {packet(201, {reportBlock}), packet(201, {foreign, reportBlock}), packet(200, {reportBlock}, 24),
-        packet(201, {}) + packet(201, {foreign, reportBlock}) + description}) {
+  for (Bytes const& report : {packet(201, {ours}), packet(201, {foreign, ours}), packet(200, {ours}, 24),
+                              packet(201, {}) + packet(201, {foreign, ours}) + description}) {
     auto const read = readReceiverReport(report, ssrc);
     ASSERT_TRUE(read && read->block) << ::testing::PrintToString(report);
     EXPECT_EQ(read->block->fractionLost, 64);

@@ -283,8 +283,7 @@ TEST_P(ViewingSlowHost, TheNextPictureFollowsTheNewest) {
   submit();
   auto const newest = frameOf(later);
   auto const next = frameOf(later);
-  EXPECT_GT(newest.packets, 0U);
-  EXPECT_GT(next.packets, 0U);
+  EXPECT_GT(std::min(newest.packets, next.packets), 0U);
   EXPECT_EQ(next.first, newest.behind());
 }
 
@@ -323,8 +322,7 @@ TEST_P(ViewingDeltaFrames, WhoeverWaitsForAKeyFrameIsToldNoFirstPacket) {
   }
   pass(first, std::chrono::milliseconds(500));  // a join has no key frame made sooner
   auto const announced = join(later, false);
-  EXPECT_EQ(announced.find("seq="), std::string::npos) << announced;
-  EXPECT_NE(announced.find(";rtptime="), std::string::npos) << announced;
+  EXPECT_EQ(announced.substr(announced.find(';'), 9), ";rtptime=") << announced;
   submit();
   EXPECT_GT(frameOf(later).packets, 0U);
 }
