@@ -13,7 +13,7 @@
 #include <thread>
 #include <vector>
 
-#include "base/statuspage.h"
+#include "operate/statuspage.h"
 #include "eventloop/epollscheduler.h"
 #include "eventloop/quietusageenvironment.h"
 #include "kavo_stream.h"

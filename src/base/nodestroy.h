@@ -6,18 +6,18 @@
 #include <new>
 #include <utility>
 
+#include "base/noncopyable.h"
+
 namespace kavo::impl {
 
 // An object whose destructor never runs.
 template <class T>
-class NoDestroy {
+class NoDestroy : NonCopyable {
  public:
   template <class... Arguments>
   explicit NoDestroy(Arguments&&... arguments) {
     new (m_Bytes) T(std::forward<Arguments>(arguments)...);
   }
-  NoDestroy(NoDestroy const&) = delete;
-  NoDestroy& operator=(NoDestroy const&) = delete;
 
   T& operator*() const { return *std::launder(reinterpret_cast<T*>(m_Bytes)); }
   T* operator->() const { return &**this; }

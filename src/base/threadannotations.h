@@ -10,12 +10,13 @@
 //   1. SessionManager::m_Mutex   (host threads only; not by submits that run in parallel)
 //   2. Session::m_Mutex          (host threads only)
 //   3. LiveDemandSession's m_Mutex
-//   4. SessionManager::m_RegistryMutex, FrameSourceHandler::m_Mutex,
-//      EventLoopTasks::m_Mutex, EventTriggers::m_Mutex and the status page's of stream
-//      records (innermost; none is held while another is taken)
+//   4. SessionManager::m_RegistryMutex, FrameSourceHandler::m_Mutex and the status page's
+//      of stream records (innermost; none is held while another is taken)
 #pragma once
 
 #include <mutex>
+
+#include "base/noncopyable.h"
 
 #if defined(__clang__)
 #define KAVO_THREAD_ATTRIBUTE(x) __attribute__((x))
@@ -51,12 +52,10 @@ using RecursiveMutex = AnnotatedMutex<std::recursive_mutex>;
 
 // Holds a mutex until the end of its scope.
 template <class Lockable>
-class KAVO_SCOPED_CAPABILITY MutexLock {
+class KAVO_SCOPED_CAPABILITY MutexLock : NonCopyable {
  public:
   explicit MutexLock(Lockable& mutex) KAVO_ACQUIRE(mutex) : m_Mutex(mutex) { m_Mutex.lock(); }
   ~MutexLock() KAVO_RELEASE() { m_Mutex.unlock(); }
-  MutexLock(MutexLock const&) = delete;
-  MutexLock& operator=(MutexLock const&) = delete;
 
  private:
   Lockable& m_Mutex;

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <iterator>
 
+#include "kavo_stream.h"
+
 namespace kavo::impl {
 
 namespace {
@@ -14,16 +16,16 @@ struct Row {
 };
 
 constexpr Row<AVPixelFormat> pixelFormats[] = {
-    {HostAbgr, AV_PIX_FMT_ABGR},         {HostBgra, AV_PIX_FMT_BGRA},         {HostRgba, AV_PIX_FMT_RGBA},
-    {HostArgb, AV_PIX_FMT_ARGB},         {HostRgb24, AV_PIX_FMT_RGB24},       {HostBgr24, AV_PIX_FMT_BGR24},
-    {HostYuvj422p, AV_PIX_FMT_YUVJ422P}, {HostYuvj420p, AV_PIX_FMT_YUVJ420P}, {HostYuv422p, AV_PIX_FMT_YUV422P},
-    {HostYuv420p, AV_PIX_FMT_YUV420P},
+    {KV_ABGR, AV_PIX_FMT_ABGR},         {KV_BGRA, AV_PIX_FMT_BGRA},         {KV_RGBA, AV_PIX_FMT_RGBA},
+    {KV_ARGB, AV_PIX_FMT_ARGB},         {KV_RGB24, AV_PIX_FMT_RGB24},       {KV_BGR24, AV_PIX_FMT_BGR24},
+    {KV_YUVJ422P, AV_PIX_FMT_YUVJ422P}, {KV_YUVJ420P, AV_PIX_FMT_YUVJ420P}, {KV_YUV422P, AV_PIX_FMT_YUV422P},
+    {KV_YUV420P, AV_PIX_FMT_YUV420P},
 };
 
 constexpr Row<AVCodecID> codecs[] = {
-    {HostCodecNone, AV_CODEC_ID_NONE},
-    {HostCodecMjpeg, AV_CODEC_ID_MJPEG},
-    {HostCodecH264, AV_CODEC_ID_H264},
+    {KV_CODEC_RAW, AV_CODEC_ID_NONE},
+    {KV_CODEC_MJPEG, AV_CODEC_ID_MJPEG},
+    {KV_CODEC_H264, AV_CODEC_ID_H264},
 };
 
 template <class Rows, class Value>

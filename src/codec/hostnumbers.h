@@ -13,25 +13,6 @@ extern "C" {
 
 namespace kavo::impl {
 
-enum HostPixelFormat : std::int32_t {
-  HostYuv420p = 0,
-  HostRgb24 = 2,
-  HostBgr24 = 3,
-  HostYuv422p = 4,
-  HostYuvj420p = 12,
-  HostYuvj422p = 13,
-  HostArgb = 27,
-  HostRgba = 28,
-  HostAbgr = 29,
-  HostBgra = 30,
-};
-
-enum HostCodecId : std::int32_t {
-  HostCodecNone = 0,
-  HostCodecMjpeg = 8,
-  HostCodecH264 = 28,
-};
-
 // The linked FFmpeg's value for the host's number; AV_PIX_FMT_NONE for a number
 // that is none of the ten formats a host may submit.
 AVPixelFormat pixelFormatOf(std::int32_t hostNumber);

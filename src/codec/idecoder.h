@@ -2,6 +2,7 @@
 #pragma once
 
 #include "base/cptr.h"
+#include "base/noncopyable.h"
 #include "codec/codecparameter.h"
 
 extern "C" {
@@ -10,11 +11,9 @@ extern "C" {
 
 namespace kavo::impl {
 
-class IDecoder {
+class IDecoder : NonCopyable {
  public:
   virtual ~IDecoder() = default;
-  IDecoder(IDecoder const&) = delete;
-  IDecoder& operator=(IDecoder const&) = delete;
 
   // Called before the encoder for every frame.
   virtual void decode(unsigned char const* frame, AVPacket& packet) = 0;

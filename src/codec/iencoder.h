@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "base/cptr.h"
+#include "base/noncopyable.h"
 #include "codec/codecparameter.h"
 #include "codec/scaler.h"
 
@@ -17,11 +18,9 @@ extern "C" {
 
 namespace kavo::impl {
 
-class IEncoder {
+class IEncoder : NonCopyable {
  public:
   virtual ~IEncoder() = default;
-  IEncoder(IEncoder const&) = delete;
-  IEncoder& operator=(IEncoder const&) = delete;
 
   // Encodes one raw frame, tightly packed in the layout the parameters give. It is
   // read during the call only. The packet arrives zeroed; its payload, if

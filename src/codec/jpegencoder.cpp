@@ -2,6 +2,7 @@
 
 #include "base/streamexception.h"
 #include "codec/hostnumbers.h"
+#include "kavo_stream.h"
 
 extern "C" {
 #include <libavutil/dict.h>
@@ -21,7 +22,7 @@ JpegEncoder::JpegEncoder(VideoCodecParameter const& parameter) : IEncoder(parame
       ((m_Parameter.m_DstWidth | m_Parameter.m_DstHeight) & 3) != 0) {
     throw StreamException("AVCodec invalid frame size", ErrorCodec);
   }
-  m_Parameter.m_DstPixelFmt = HostYuvj420p;
+  m_Parameter.m_DstPixelFmt = KV_YUVJ420P;
   openCodec();
   allocFrame();
 }

@@ -6,6 +6,7 @@
 
 #include "base/streamexception.h"
 #include "codec/hostnumbers.h"
+#include "kavo_stream.h"
 
 namespace kavo::impl {
 
@@ -25,7 +26,7 @@ OpenH264Library libraryFor(VideoCodecParameter const& parameter) {
 
 OpenH264Encoder::OpenH264Encoder(VideoCodecParameter const& parameter)
     : IEncoder(parameter), m_Encoder(libraryFor(parameter).createEncoder()) {
-  m_Parameter.m_DstPixelFmt = HostYuv420p;
+  m_Parameter.m_DstPixelFmt = KV_YUV420P;
   setOption(ENCODER_OPTION_TRACE_LEVEL, WELS_LOG_QUIET);
   initialize();
   setOption(ENCODER_OPTION_DATAFORMAT, videoFormatI420);

@@ -5,6 +5,7 @@
 #include "codec/jpegdecoder.h"
 #include "codec/jpegencoder.h"
 #include "codec/openh264encoder.h"
+#include "kavo_stream.h"
 
 namespace kavo::impl {
 
@@ -12,9 +13,9 @@ namespace {
 
 std::shared_ptr<IDecoder> makeDecoder(VideoCodecParameter const& parameter) {
   switch (parameter.m_SrcCodecId) {
-    case HostCodecNone:
+    case KV_CODEC_RAW:
       return nullptr;
-    case HostCodecMjpeg:
+    case KV_CODEC_MJPEG:
       return std::make_shared<JpegDecoder>(parameter);
     default:
       throw StreamException("Invalid codec parameter", ErrorInvalidParameter);
@@ -23,9 +24,9 @@ std::shared_ptr<IDecoder> makeDecoder(VideoCodecParameter const& parameter) {
 
 std::shared_ptr<IEncoder> makeEncoder(VideoCodecParameter const& parameter) {
   switch (parameter.m_DstCodecId) {
-    case HostCodecMjpeg:
+    case KV_CODEC_MJPEG:
       return std::make_shared<JpegEncoder>(parameter);
-    case HostCodecH264:
+    case KV_CODEC_H264:
       return std::make_shared<OpenH264Encoder>(parameter);
     default:
       throw StreamException("Invalid codec parameter", ErrorInvalidParameter);

@@ -6,19 +6,18 @@
 #include <memory>
 #include <vector>
 
+#include "base/noncopyable.h"
 #include "codec/idecoder.h"
 #include "codec/iencoder.h"
 
 namespace kavo::impl {
 
-class Transcoder {
+class Transcoder : NonCopyable {
  public:
   // Builds the stages for the parameters' codec ids, or throws what they throw;
   // "Invalid codec parameter" for ids that there is no stage for.
   explicit Transcoder(VideoCodecParameter const* parameter);
   virtual ~Transcoder() = default;
-  Transcoder(Transcoder const&) = delete;
-  Transcoder& operator=(Transcoder const&) = delete;
 
   // See IEncoder::encode. A failure leaves the transcoder usable.
   void transcode(unsigned char const* frame, AVPacket& packet);

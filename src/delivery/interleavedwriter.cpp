@@ -1,7 +1,7 @@
 #include "delivery/interleavedwriter.h"
 
+#include <linux/tcp.h>
 #include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -31,42 +31,7 @@ std::size_t sizeOf(std::span<iovec const> pieces) {
   return size;
 }
 
-ssize_t send(int socket, std::span<iovec const> pieces, int flags) {
-  if (pieces.size() == 1) {
-    return ::send(socket, pieces[0].iov_base, pieces[0].iov_len, flags);
-  }
-  msghdr message{};
-  message.msg_iov = const_cast<iovec*>(pieces.data());
-  message.msg_iovlen = pieces.size();
-  return sendmsg(socket, &message, flags);
-}
-
 }  // namespace
-
-std::span<iovec const> InterleavedFrame::pieces() {
-  if (++m_Viewers > fewViewers) {
-    copy();
-  }
-  return m_IsCopied ? std::span<iovec const>(&m_CopyPiece, 1) : m_Packets->interleaved(m_Channel);
-}
-
-InterleavedBytes InterleavedFrame::copy() {
-  if (m_IsCopied) {
-    return m_Copy;
-  }
-  if (m_Copy.use_count() != 1) {
-    m_Copy = std::make_shared<std::vector<std::uint8_t>>();
-  }
-  m_Copy->clear();
-  m_Copy->reserve(size());
-  for (iovec const& piece : m_Packets->interleaved(m_Channel)) {
-    auto const* const begin = static_cast<std::uint8_t const*>(piece.iov_base);
-    m_Copy->insert(m_Copy->end(), begin, begin + piece.iov_len);
-  }
-  m_CopyPiece = {m_Copy->data(), m_Copy->size()};
-  m_IsCopied = true;
-  return m_Copy;
-}
 
 InterleavedWriter::InterleavedWriter(TaskScheduler& scheduler, int socket, std::function<void(bool)> setWriteInterest)
     : m_Socket(socket),
@@ -102,37 +67,31 @@ bool InterleavedWriter::prepareForResponse() {
   return false;
 }
 
-bool InterleavedWriter::sendFrame(InterleavedFrame& frame, bool keyFrame) {
-  m_Dropped = 0;
-  if (!m_Waiting.empty() && (keyFrame || isBehind(frame))) {
-    m_Dropped = dropUnsent(frame.channel());  // a key frame makes older frames needless
-    if (!keyFrame) {
-      return false;
+Transport::Outcome InterleavedWriter::sendFrame(FramePtr const& frame, std::uint8_t channel, Clock::time_point now) {
+  Transport::Outcome outcome;
+  if (!m_Waiting.empty() && (frame->isKeyFrame || isBehind(*frame, channel, now))) {
+    outcome = {.accepted = frame->isKeyFrame, .dropped = dropUnsent(channel)};  // which a key frame makes needless
+  }
+  if (m_Socket >= 0 && outcome.accepted) {
+    std::size_t const sent = m_Blocked || !hasRoom() ? 0 : write(frame->packets.interleaved(channel), 0, channel);
+    if (sent < frame->packets.interleavedBytes()) {
+      wait({.frame = frame, .report = {}, .channel = channel, .since = now}, sent);
     }
   }
-  if (m_Socket >= 0) {
-    std::size_t const sent = m_Blocked || !hasRoom() ? 0 : write(frame.pieces(), frame.channel());
-    if (sent < frame.size()) {
-      wait([&] { return frame.copy(); }, frame.channel(), sent);
-    }
-  }
-  return true;
+  return outcome;
 }
 
 void InterleavedWriter::sendReport(std::span<std::uint8_t const> report, std::uint8_t channel) {
-  bool const waits = std::any_of(m_Waiting.begin(), m_Waiting.end(),
-                                 [channel](Waiting const& waiting) { return waiting.channel == channel; });
-  if (waits || m_Socket < 0) {
+  if (m_Socket < 0 || std::ranges::find(m_Waiting, channel, &Waiting::channel) != m_Waiting.end()) {
     return;
   }
-  auto const bytes = std::make_shared<std::vector<std::uint8_t>>();
-  bytes->reserve(FramePackets::interleavedHeaderSize + report.size());
-  *bytes = {'$', channel, static_cast<std::uint8_t>(report.size() >> 8), static_cast<std::uint8_t>(report.size())};
-  bytes->insert(bytes->end(), report.begin(), report.end());
-  iovec const piece{bytes->data(), bytes->size()};
-  std::size_t const sent = m_Blocked ? 0 : write({&piece, 1}, channel);
-  if (sent < bytes->size()) {
-    wait([&]() -> InterleavedBytes { return bytes; }, channel, sent);
+  std::vector<std::uint8_t> bytes = {'$', channel, static_cast<std::uint8_t>(report.size() >> 8),
+                                     static_cast<std::uint8_t>(report.size())};
+  bytes.insert(bytes.end(), report.begin(), report.end());
+  iovec const piece{bytes.data(), bytes.size()};
+  std::size_t const sent = m_Blocked ? 0 : write({&piece, 1}, 0, channel);
+  if (sent < bytes.size()) {
+    wait({.frame = nullptr, .report = std::move(bytes), .channel = channel, .since = Clock::now()}, sent);
   }
 }
 
@@ -142,14 +101,12 @@ void InterleavedWriter::giveUp() {
   close();
 }
 
-template <class Bytes>
-void InterleavedWriter::wait(Bytes const& bytes, std::uint8_t channel, std::size_t sent) {
-  auto const now = Clock::now();
-  if (std::all_of(m_Waiting.begin(), m_Waiting.end(), [](Waiting const& waiting) { return waiting.cancelled; })) {
-    m_LastProgress = now;  // nobody was waiting until now
+void InterleavedWriter::wait(Waiting waiting, std::size_t sent) {
+  if (std::ranges::all_of(m_Waiting, &Waiting::cancelled)) {
+    m_LastProgress = waiting.since;  // nobody was waiting until now
   }
   try {
-    m_Waiting.push_back({bytes(), channel, now});
+    m_Waiting.push_back(std::move(waiting));
   } catch (...) {
     giveUp();
     return;
@@ -191,17 +148,16 @@ void InterleavedWriter::cancel(std::uint8_t channel) {
 }
 
 // Whether what waits would come too late with the next frame, or be too much.
-bool InterleavedWriter::isBehind(InterleavedFrame const& next) const {
-  auto const now = Clock::now();
+bool InterleavedWriter::isBehind(Frame const& next, std::uint8_t channel, Clock::time_point now) const {
   std::size_t bytes = 0;
   bool late = false;
   for (std::size_t i = firstUnsent(); i < m_Waiting.size(); ++i) {
-    if (m_Waiting[i].channel == next.channel()) {
-      bytes += m_Waiting[i].bytes->size();
+    if (m_Waiting[i].channel == channel) {
+      bytes += m_Waiting[i].size();
       late = late || now - m_Waiting[i].since > maxAge;
     }
   }
-  return late || (bytes > 0 && bytes + next.size() > maxWaiting);
+  return late || (bytes > 0 && bytes + next.packets.interleavedBytes() > maxWaiting);
 }
 
 std::size_t InterleavedWriter::dropUnsent(std::uint8_t channel) {
@@ -218,14 +174,14 @@ void InterleavedWriter::flush() {
     if (m_FrontOffset == 0 && !hasRoom()) {
       return;
     }
-    Waiting const& front = m_Waiting.front();
-    auto const rest = std::span(*front.bytes).subspan(m_FrontOffset);
-    iovec const piece{const_cast<std::uint8_t*>(rest.data()), rest.size()};
-    std::size_t const sent = write({&piece, 1}, front.channel);
+    Waiting& front = m_Waiting.front();
+    iovec const report{front.report.data(), front.report.size()};
+    auto const pieces = front.frame ? front.frame->packets.interleaved(front.channel) : std::span(&report, 1);
+    std::size_t const sent = write(pieces, m_FrontOffset, front.channel);
     if (sent > 0) {
       m_LastProgress = Clock::now();
     }
-    if (sent < rest.size()) {
+    if (m_FrontOffset + sent < front.size()) {
       m_FrontOffset += sent;
       waitForSocket();
       return;
@@ -240,14 +196,26 @@ void InterleavedWriter::flush() {
   }
 }
 
-// How much the socket took. A broken one takes nothing more; its connection
-// finds out when it reads.
-std::size_t InterleavedWriter::write(std::span<iovec const> pieces, std::uint8_t channel) {
+// How much the socket took of what is behind the bytes to skip. A broken one takes nothing
+// more; its connection finds out when it reads.
+std::size_t InterleavedWriter::write(std::span<iovec const> pieces, std::size_t skip, std::uint8_t channel) {
+  for (; !pieces.empty() && skip >= pieces[0].iov_len; pieces = pieces.subspan(1)) {
+    skip -= pieces[0].iov_len;
+  }
+  if (skip > 0) {
+    m_Rest.assign(pieces.begin(), pieces.end());
+    m_Rest[0] = {static_cast<std::uint8_t*>(m_Rest[0].iov_base) + skip, m_Rest[0].iov_len - skip};
+    pieces = m_Rest;
+  }
   std::size_t total = 0;
   while (!pieces.empty()) {
     auto const part = pieces.first(std::min(pieces.size(), maxPieces));
     pieces = pieces.subspan(part.size());
-    ssize_t const sent = send(m_Socket, part, MSG_DONTWAIT | MSG_NOSIGNAL | (pieces.empty() ? MSG_EOR : MSG_MORE));
+    msghdr message{};
+    message.msg_iov = const_cast<iovec*>(part.data());
+    message.msg_iovlen = part.size();
+    ssize_t const sent =
+        sendmsg(m_Socket, &message, MSG_DONTWAIT | MSG_NOSIGNAL | (pieces.empty() ? MSG_EOR : MSG_MORE));
     if (sent <= 0) {
       break;
     }
@@ -262,8 +230,7 @@ std::size_t InterleavedWriter::write(std::span<iovec const> pieces, std::uint8_t
 
 // Whoever has nothing to wait for is not stalled, a paused viewer above all.
 bool InterleavedWriter::isStalled(Clock::time_point now) const {
-  return now - m_LastProgress > stallTimeout &&
-         std::any_of(m_Waiting.begin(), m_Waiting.end(), [](Waiting const& waiting) { return !waiting.cancelled; });
+  return now - m_LastProgress > stallTimeout && !std::ranges::all_of(m_Waiting, &Waiting::cancelled);
 }
 
 bool InterleavedWriter::takeProgress(std::uint8_t channel) {

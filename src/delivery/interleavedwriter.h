@@ -11,47 +11,16 @@
 #include <span>
 #include <vector>
 
+#include "delivery/frame.h"
+#include "delivery/transport.h"
 #include "eventloop/eventlooprole.h"
-#include "eventloop/timer.h"
-#include "rtp/framepackets.h"
+#include "eventloop/loophandles.h"
 
 namespace kavo::impl {
 
-// Packets as they go over the wire, all on one channel.
-using InterleavedBytes = std::shared_ptr<std::vector<std::uint8_t> const>;
-
-// One frame on one channel. It is sent from where its packets lie, until a viewer
-// has to wait for it, or many want it: they share one copy. The kernel takes one
-// piece in a microsecond less than the two of each packet.
-class InterleavedFrame {
+class InterleavedWriter : NonCopyable {
  public:
-  static constexpr int fewViewers = 4;
-
-  InterleavedFrame(FramePackets& packets, std::uint8_t channel) : m_Packets(&packets), m_Channel(channel) {}
-  // The next frame on the channel. The copy's room is used again, unless somebody still waits for it.
-  void begin(FramePackets& packets) {
-    m_Packets = &packets;
-    m_Viewers = 0;
-    m_IsCopied = false;
-  }
-
-  std::uint8_t channel() const { return m_Channel; }
-  std::span<iovec const> pieces();
-  std::size_t size() const { return m_Packets->bytes() + m_Packets->count() * FramePackets::interleavedHeaderSize; }
-  InterleavedBytes copy();
-
- private:
-  FramePackets* m_Packets;
-  std::uint8_t m_Channel;
-  int m_Viewers = 0;
-  bool m_IsCopied = false;
-  std::shared_ptr<std::vector<std::uint8_t>> m_Copy;
-  iovec m_CopyPiece{};
-};
-
-class InterleavedWriter {
- public:
-  using Clock = std::chrono::steady_clock;
+  using Clock = Transport::Clock;
 
   // A viewer that takes nothing for this time while something waits for it is stalled.
   static constexpr std::chrono::seconds stallTimeout{10};
@@ -63,15 +32,11 @@ class InterleavedWriter {
   // The socket is the connection's. setWriteInterest says whether the owner is
   // to call flush() when the socket takes more.
   InterleavedWriter(TaskScheduler& scheduler, int socket, std::function<void(bool)> setWriteInterest);
-  InterleavedWriter(InterleavedWriter const&) = delete;
-  InterleavedWriter& operator=(InterleavedWriter const&) = delete;
 
-  // False when the viewer is too far behind: what waits on the channel is dropped,
-  // and the viewer needs a key frame to continue. A key frame is always accepted.
-  bool sendFrame(InterleavedFrame& frame, bool keyFrame) KAVO_REQUIRES(eventLoopRole);
-  // How many frames the last sendFrame() dropped that it had accepted before.
-  std::size_t dropped() const KAVO_REQUIRES(eventLoopRole) { return m_Dropped; }
-  // Comes after what waits; skipped if another one waits.
+  // See Transport::send(). Where the viewer is too far behind, what waits on the channel is dropped.
+  Transport::Outcome sendFrame(FramePtr const& frame, std::uint8_t channel, Clock::time_point now)
+      KAVO_REQUIRES(eventLoopRole);
+  // Queued behind pending frames; dropped if one is queued already.
   void sendReport(std::span<std::uint8_t const> report, std::uint8_t channel) KAVO_REQUIRES(eventLoopRole);
   // Stops sending on the channel, except the rest of a frame partly sent.
   void cancel(std::uint8_t channel) KAVO_REQUIRES(eventLoopRole);
@@ -91,28 +56,30 @@ class InterleavedWriter {
   bool takeProgress(std::uint8_t channel) KAVO_REQUIRES(eventLoopRole);
 
  private:
+  // A frame, or a report with its interleaved header.
   struct Waiting {
-    InterleavedBytes bytes;
+    FramePtr frame;
+    std::vector<std::uint8_t> report;
     std::uint8_t channel;
     Clock::time_point since;
     bool cancelled = false;
+
+    std::size_t size() const { return frame ? frame->packets.interleavedBytes() : report.size(); }
   };
 
   std::size_t firstUnsent() const KAVO_REQUIRES(eventLoopRole) { return m_FrontOffset > 0 ? 1 : 0; }
-  bool isBehind(InterleavedFrame const& next) const KAVO_REQUIRES(eventLoopRole);
+  bool isBehind(Frame const& next, std::uint8_t channel, Clock::time_point now) const KAVO_REQUIRES(eventLoopRole);
   std::size_t dropUnsent(std::uint8_t channel) KAVO_REQUIRES(eventLoopRole);
-  template <class Bytes>
-  void wait(Bytes const& bytes, std::uint8_t channel, std::size_t sent) KAVO_REQUIRES(eventLoopRole);
+  void wait(Waiting waiting, std::size_t sent) KAVO_REQUIRES(eventLoopRole);
   void giveUp() KAVO_REQUIRES(eventLoopRole);
   bool hasRoom() KAVO_REQUIRES(eventLoopRole);
   void waitForSocket() KAVO_REQUIRES(eventLoopRole);
   void setWriteInterest(bool wanted) KAVO_REQUIRES(eventLoopRole);
-  std::size_t write(std::span<iovec const> pieces, std::uint8_t channel) KAVO_REQUIRES(eventLoopRole);
+  std::size_t write(std::span<iovec const> pieces, std::size_t skip, std::uint8_t channel) KAVO_REQUIRES(eventLoopRole);
 
   int m_Socket KAVO_GUARDED_BY(eventLoopRole);
   bool m_Blocked KAVO_GUARDED_BY(eventLoopRole) = false;
   std::vector<Waiting> m_Waiting KAVO_GUARDED_BY(eventLoopRole);
-  std::size_t m_Dropped KAVO_GUARDED_BY(eventLoopRole) = 0;
   std::size_t m_FrontOffset KAVO_GUARDED_BY(eventLoopRole) = 0;  // bytes of the first that were sent
   std::function<void(bool)> m_SetWriteInterest KAVO_GUARDED_BY(eventLoopRole);
   bool m_WriteInterest KAVO_GUARDED_BY(eventLoopRole) = false;
@@ -120,6 +87,7 @@ class InterleavedWriter {
   bool m_ResponseWaits KAVO_GUARDED_BY(eventLoopRole) = false;
   Clock::time_point m_LastProgress KAVO_GUARDED_BY(eventLoopRole) = Clock::now();  // of what waits
   std::bitset<256> m_Progress KAVO_GUARDED_BY(eventLoopRole);                      // channels
+  std::vector<iovec> m_Rest KAVO_GUARDED_BY(eventLoopRole);                        // used within write() alone
 };
 
 }  // namespace kavo::impl

@@ -2,8 +2,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 
-#include "delivery/address.h"
+#include "base/address.h"
 
 namespace kavo::impl {
 
@@ -21,27 +22,29 @@ constexpr std::size_t smallBurst = 12288;
 // UDP, IP and Ethernet headers, which a link carries too.
 constexpr std::size_t headers = 46;
 
-// Frames of several streams are to be through a little before the next ones come.
-constexpr double marginOfAll = 1.1;
-
-constexpr auto window = 5s;
-// A path never gets less than the streams' own rate with some room.
-constexpr double leastShare = 1.2;
-constexpr double fall = 0.7;
-constexpr double rise = 1.15;
+// Of the demand: frames are to be through a little before the next ones come.
+constexpr double margin = 1.1;
+// A single large frame is no demand: it may take longer than until the next one.
+constexpr auto demandPeriod = 1s;
 
 double bytesPerMicrosecond(int mbit) { return mbit / 8.0; }
+
+std::size_t burstFor(std::optional<int> paceMbit, std::size_t usual) {
+  return !paceMbit ? usual : *paceMbit == 0 ? SIZE_MAX : smallBurst;
+}
 
 double microseconds(Pacer::Clock::duration duration) {
   return std::chrono::duration<double, std::micro>(duration).count();
 }
 
+double onLink(std::size_t bytes, std::size_t packets) { return static_cast<double>(bytes + packets * headers); }
+
 }  // namespace
 
 Pacer::Pacer(std::optional<int> paceMbit)
-    : m_Rate(bytesPerMicrosecond(paceMbit.value_or(usualMbit))),
-      m_Burst(paceMbit ? smallBurst : usualBurst),
-      m_LocalBurst(paceMbit ? smallBurst : localBurst) {}
+    : m_Rate(bytesPerMicrosecond(std::max(1, paceMbit.value_or(usualMbit)))),
+      m_Burst(burstFor(paceMbit, usualBurst)),
+      m_LocalBurst(burstFor(paceMbit, localBurst)) {}
 
 std::shared_ptr<Pacer::Path> Pacer::pathTo(sockaddr_storage const& address) {
   if (isLoopback(address)) {
@@ -49,7 +52,7 @@ std::shared_ptr<Pacer::Path> Pacer::pathTo(sockaddr_storage const& address) {
   }
   std::erase_if(m_Paths, [](auto const& path) { return path.expired(); });
   for (auto const& known : m_Paths) {
-    auto const path = known.lock();
+    auto path = known.lock();
     if (path && isSameHost(path->address(), address)) {
       return path;
     }
@@ -59,64 +62,41 @@ std::shared_ptr<Pacer::Path> Pacer::pathTo(sockaddr_storage const& address) {
   return path;
 }
 
-double Pacer::Path::backlog(Clock::time_point now) const {
-  return std::max(0.0, m_Backlog - microseconds(now - m_Updated) * currentRate());
+double Pacer::Path::rate() const { return std::max(m_UsualRate, margin * m_Demand); }
+
+double Pacer::Path::burst() const { return static_cast<double>(m_UsualBurst) * rate() / m_UsualRate; }
+
+double Pacer::Path::queued(Clock::time_point now) const {
+  return std::max(0.0, m_Queued - rate() * microseconds(now - m_Updated));
 }
 
-// A link that carries more than the usual rate, as the frames demand, queues as much more.
-std::size_t Pacer::Path::burst() const {
-  return static_cast<std::size_t>(static_cast<double>(m_Burst) * std::max(1.0, currentRate() / m_MaxRate));
-}
-
-// A queue that is empty takes a whole burst; one that drains is kept shorter, since
-// nothing tells how late it began.
 std::size_t Pacer::Path::room(Clock::time_point now) const {
-  auto const held = static_cast<std::size_t>(std::ceil(backlog(now)));
-  std::size_t const limit = held == 0 ? burst() : steadyBacklog();
-  return held < limit ? limit - held : 0;
+  double const queue = queued(now);
+  return static_cast<std::size_t>(queue == 0 ? burst() : std::max(0.0, burst() * 2 / 3 - queue));
 }
 
 std::chrono::microseconds Pacer::Path::until(std::size_t bytes, Clock::time_point now) const {
-  auto const wanted = static_cast<double>(std::min(bytes, steadyBacklog()));
-  double const excess = backlog(now) + wanted - static_cast<double>(steadyBacklog());
-  return std::chrono::microseconds(static_cast<std::int64_t>(std::ceil(std::max(0.0, excess) / currentRate())));
+  double const limit = burst() * 2 / 3;
+  double const excess = queued(now) + std::min(static_cast<double>(bytes), limit) - limit;
+  return std::chrono::microseconds(static_cast<std::int64_t>(std::ceil(std::max(0.0, excess) / rate())));
 }
 
-double Pacer::Path::needOf(std::size_t bytes, std::chrono::microseconds frameInterval) const {
-  double const all = static_cast<double>(bytes) / static_cast<double>(frameInterval.count());
-  return 2 * all > m_Rate ? 2 * all : all * marginOfAll;
-}
-
-void Pacer::Path::addNeed(double rate, Clock::time_point now) {
-  m_Backlog = backlog(now);  // at the rate until now
-  m_Updated = now;
-  m_Needed += rate;
-}
-
-void Pacer::Path::noteSent(std::size_t bytes, std::size_t packets, Clock::time_point now) {
-  double const onLink = static_cast<double>(bytes + packets * headers);
-  m_Backlog = backlog(now) + onLink;
-  m_Updated = now;
-  m_BytesInWindow += onLink;
-}
-
-void Pacer::Path::noteReport(bool loss, Clock::time_point now) {
-  ++m_Reports;
-  m_LossReports += loss ? 1 : 0;
-  auto const since = now - m_WindowBegin;
-  if (since < window) {
-    return;
+void Pacer::Path::offer(std::size_t bytes, std::size_t packets, Clock::time_point now) {
+  auto const since = now - m_OfferedSince;
+  if (since >= demandPeriod) {
+    double const queue = queued(now);  // at the rate until now
+    m_Demand = m_Offered / microseconds(since);
+    m_Offered = 0;
+    m_OfferedSince = now;
+    m_Queued = queue;
+    m_Updated = now;
   }
-  bool const known = m_WindowBegin != Clock::time_point{};
-  if (known && 2 * m_LossReports > m_Reports) {
-    double const needed = m_BytesInWindow / microseconds(since) * leastShare;
-    m_Rate = std::min(m_MaxRate, std::max(m_Rate * fall, needed));
-  } else if (known && m_LossReports == 0) {
-    m_Rate = std::min(m_MaxRate, m_Rate * rise);
-  }
-  m_WindowBegin = now;
-  m_BytesInWindow = 0;
-  m_Reports = m_LossReports = 0;
+  m_Offered += onLink(bytes, packets);
+}
+
+void Pacer::Path::sent(std::size_t bytes, std::size_t packets, Clock::time_point now) {
+  m_Queued = std::min(queued(now) + onLink(bytes, packets), 2 * burst());
+  m_Updated = now;
 }
 
 }  // namespace kavo::impl

@@ -1,7 +1,7 @@
 #include "delivery/pathmtu.h"
 
+#include "base/address.h"
 #include "base/uniquefd.h"
-#include "delivery/address.h"
 
 namespace kavo::impl {
 

@@ -5,7 +5,7 @@
 
 #include <cerrno>
 
-#include "delivery/address.h"
+#include "base/address.h"
 #include "delivery/pathmtu.h"
 
 namespace kavo::impl {
@@ -26,6 +26,13 @@ UniqueFd openSocket(int family) {
   setsockopt(socket.get(), SOL_SOCKET, SO_SNDBUF, &sendBuffer, sizeof sendBuffer);
   setDontFragment(socket.get(), family);
   return socket;
+}
+
+// That nobody listens where a report was sent to comes with the address, through the error queue.
+void setReceiveErrors(UniqueFd const& socket, int family) {
+  int const on = 1;
+  setsockopt(socket.get(), family == AF_INET6 ? IPPROTO_IPV6 : IPPROTO_IP,
+             family == AF_INET6 ? IPV6_RECVERR : IP_RECVERR, &on, sizeof on);
 }
 
 // 0, or the error.
@@ -53,6 +60,7 @@ std::optional<UdpPorts> UdpPorts::open(int family, std::string const& address) {
     error = bindTo(*local, port, rtp);
     error = error == 0 ? bindTo(*local, port + 1, rtcp) : error;
     if (error == 0) {
+      setReceiveErrors(rtcp, family);
       return UdpPorts(std::move(rtp), std::move(rtcp), static_cast<std::uint16_t>(port));
     }
   }

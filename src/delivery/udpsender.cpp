@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "delivery/address.h"
+#include "base/address.h"
 
 namespace kavo::impl {
 
@@ -25,7 +25,7 @@ bool isWithoutSegmentation(int error) {
 
 }  // namespace
 
-void UdpSender::formTrains(FramePackets& packets, std::size_t first, std::size_t last) {
+void UdpSender::formTrains(FramePackets const& packets, std::size_t first, std::size_t last) {
   auto const pieces = packets.datagrams();
   m_Trains.clear();
   for (std::size_t begin = first; begin < last;) {
@@ -49,7 +49,7 @@ void UdpSender::formTrains(FramePackets& packets, std::size_t first, std::size_t
   }
 }
 
-void UdpSender::send(int socket, FramePackets& packets, std::size_t first, std::size_t last,
+void UdpSender::send(int socket, FramePackets const& packets, std::size_t first, std::size_t last,
                      std::span<UdpDestination* const> destinations) {
   m_Socket = socket;
   formTrains(packets, first, last);
@@ -87,7 +87,7 @@ void UdpSender::add(UdpDestination& destination, std::span<iovec const> pieces, 
 void UdpSender::flush() {
   for (std::size_t at = 0; at < m_Count;) {
     UdpDestination& next = *m_Targets[at];
-    if (next.tooNarrow) {
+    if (next.exceedsMtu) {
       next.lost += m_Messages[at++].msg_hdr.msg_iovlen / piecesPerPacket;
       continue;
     }
@@ -107,19 +107,19 @@ void UdpSender::retry(mmsghdr const& message, UdpDestination& destination, int e
   std::span<iovec const> pieces(message.msg_hdr.msg_iov, message.msg_hdr.msg_iovlen);
   if (message.msg_hdr.msg_controllen > 0 && isWithoutSegmentation(error)) {
     destination.segmentation = false;
-    for (; !pieces.empty() && !destination.tooNarrow; pieces = pieces.subspan(piecesPerPacket)) {
+    for (; !pieces.empty() && !destination.exceedsMtu; pieces = pieces.subspan(piecesPerPacket)) {
       msghdr single = message.msg_hdr;
       single.msg_control = nullptr;
       single.msg_controllen = 0;
       single.msg_iov = const_cast<iovec*>(pieces.data());
       single.msg_iovlen = piecesPerPacket;
       if (sendmsg(m_Socket, &single, MSG_DONTWAIT) < 0) {
-        destination.tooNarrow = errno == EMSGSIZE;
+        destination.exceedsMtu = errno == EMSGSIZE;
         ++destination.lost;
       }
     }
   }
-  destination.tooNarrow = destination.tooNarrow || error == EMSGSIZE;
+  destination.exceedsMtu = destination.exceedsMtu || error == EMSGSIZE;
   destination.lost += pieces.size() / piecesPerPacket;
 }
 

@@ -17,7 +17,7 @@ namespace kavo::impl {
 struct UdpDestination {
   sockaddr_storage address{};
   bool segmentation = true;  // off once its path has refused segmentation offload
-  bool tooNarrow = false;    // a packet exceeded its path MTU; nothing is sent to it until this is reset
+  bool exceedsMtu = false;   // a packet exceeded its path MTU; nothing is sent to it until this is reset
   std::uint64_t lost = 0;    // packets the kernel refused
 };
 
@@ -25,7 +25,7 @@ class UdpSender {
  public:
   // Packets [first, last) of the frame, in order. A failing destination does not
   // affect the others.
-  void send(int socket, FramePackets& packets, std::size_t first, std::size_t last,
+  void send(int socket, FramePackets const& packets, std::size_t first, std::size_t last,
             std::span<UdpDestination* const> destinations);
 
  private:
@@ -43,7 +43,7 @@ class UdpSender {
     bool segmented;
   };
 
-  void formTrains(FramePackets& packets, std::size_t first, std::size_t last);
+  void formTrains(FramePackets const& packets, std::size_t first, std::size_t last);
   void add(UdpDestination& destination, std::span<iovec const> pieces, Train* train);
   void flush();
   void retry(mmsghdr const& message, UdpDestination& destination, int error);

@@ -1,76 +1,51 @@
 #include "delivery/viewers.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <utility>
 
-#include "delivery/address.h"
-#include "delivery/pathmtu.h"
+#include "delivery/interleavedtransport.h"
+#include "delivery/udptransport.h"
 #include "eventloop/contained.h"
 
 namespace kavo::impl {
 
-Viewers::Viewers(TaskScheduler& scheduler, Delivery delivery, status::StreamPlace const& stream, Callbacks callbacks)
-    : m_Scheduler(scheduler),
-      m_Delivery(std::move(delivery)),
+Viewers::Viewers(TaskScheduler& scheduler, DeliveryContext const& context, Stream& stream, StreamObserver& observer)
+    : m_Policy(context.policy),
       m_Stream(stream),
-      m_Callbacks(std::move(callbacks)),
-      m_NextBurst(scheduler, [this]() KAVO_REQUIRES(eventLoopRole) { continueFrame(); }),
-      m_Welcome(scheduler, [this]() KAVO_REQUIRES(eventLoopRole) { welcome(); }),
-      m_NextReport(scheduler, [this]() KAVO_REQUIRES(eventLoopRole) { sendReports(); }) {
-  char host[100] = {};
-  gethostname(host, sizeof host - 1);
-  m_Cname = host;
-}
-
-bool Viewers::openPorts(int family) {
-  auto& place = m_Families[indexOf(family)];
-  if (!place) {
-    auto ports = UdpPorts::open(family, m_Delivery.policy.address);
-    if (!ports) {
-      return false;
-    }
-    int const rtcp = ports->rtcpSocket();
-    auto const receive = [this, rtcp](int) KAVO_REQUIRES(eventLoopRole) { receiveReports(rtcp); };
-    place = std::make_unique<Family>(m_Scheduler, std::move(*ports), receive);
-    place->rtcp.start(SOCKET_READABLE);
-  }
-  return true;
-}
+      m_Observer(observer),
+      m_Udp(scheduler, context.pacer, context.policy.address, *this),
+      m_Reporter(scheduler, stream, m_Viewers) {}
 
 Viewer* Viewers::addUdp(sockaddr_storage const& address, std::uint16_t rtpPort, std::uint16_t rtcpPort) {
-  if (!openPorts(address.ss_family)) {
+  auto const onReport = [this](int socket) KAVO_REQUIRES(eventLoopRole) { m_Reporter.receive(socket); };
+  if (!m_Udp.open(address.ss_family, onReport)) {
     return nullptr;
   }
-  std::unique_ptr<Viewer> viewer(new Viewer(*this, KV_STATUS_UDP));
-  viewer->m_Udp.address = viewer->m_RtcpAddress = address;
-  portOf(viewer->m_Udp.address) = htons(rtpPort);
-  viewer->m_Path = m_Delivery.pacer->pathTo(address);
-  viewer->setAddress(viewer->m_Udp.address);
-  portOf(viewer->m_RtcpAddress) = htons(rtcpPort);
-  takePortsFromOthers(*viewer);
-  return m_Viewers.emplace_back(std::move(viewer)).get();
+  auto transport = std::make_unique<UdpTransport>(m_Udp, address, rtpPort, rtcpPort);
+  auto const to = transport->address();
+  Viewer& viewer = add(std::move(transport));
+  viewer.observer().setAddress(to);
+  takePortsFromOthers(viewer);
+  return &viewer;
 }
 
 Viewer* Viewers::addInterleaved(std::uint8_t rtpChannel, std::uint8_t rtcpChannel) {
-  std::unique_ptr<Viewer> viewer(new Viewer(*this, KV_STATUS_TCP));
-  viewer->m_RtpChannel = rtpChannel;
-  viewer->m_RtcpChannel = rtcpChannel;
-  return m_Viewers.emplace_back(std::move(viewer)).get();
+  return &add(std::make_unique<InterleavedTransport>(rtpChannel, rtcpChannel));
+}
+
+Viewer& Viewers::add(std::unique_ptr<Transport> transport) {
+  return *m_Viewers.emplace_back(std::make_unique<Viewer>(*this, std::move(transport), m_Observer));
 }
 
 void Viewers::remove(Viewer& viewer) {
-  viewer.noteEvent(KV_STATUS_LEFT, viewer.m_WhyLeft);
-  stopSending(viewer);
+  viewer.observer().left(viewer.departure());
+  viewer.transport().cancel();
   std::erase_if(m_Viewers, [&](auto const& entry) { return entry.get() == &viewer; });
   fitPackets();
   if (m_Viewers.empty()) {
-    m_InterleavedFrames.clear();
-    m_Families[0].reset();
-    m_Families[1].reset();
+    m_Udp.close();
     m_Newest = nullptr;
-    m_NextReport.stop();
+    m_Reporter.stop();
   }
 }
 
@@ -78,196 +53,114 @@ void Viewers::remove(Viewer& viewer) {
 // until its old session times out.
 void Viewers::takePortsFromOthers(Viewer const& viewer) {
   for (auto const& other : m_Viewers) {
-    if (other.get() != &viewer && other->isActive() && isSameHost(other->m_Udp.address, viewer.m_Udp.address) &&
-        portOf(other->m_Udp.address) == portOf(viewer.m_Udp.address)) {
+    UdpTransport const* const udp = other->transport().udp();
+    if (other.get() != &viewer && udp != nullptr && udp->hasPortsOf(*viewer.transport().udp())) {
       pause(*other);
     }
   }
 }
 
-FramePackets const* Viewers::play(Viewer& viewer) {
-  if (viewer.isActive()) {
-    return m_Welcome.isPending() && viewer.m_IsWelcome ? m_Newest : nullptr;
+Frame const* Viewers::play(Viewer& viewer) {
+  if (!viewer.play()) {
+    return viewer.firstFrame();
   }
-  if (viewer.isOverUdp()) {
+  if (UdpTransport* const udp = viewer.transport().udp()) {
     takePortsFromOthers(viewer);
-    viewer.m_MaxPacket = std::min<std::size_t>(
-        m_Delivery.policy.maxPacket, maxUdpPayload(viewer.m_Udp.address).value_or(m_Delivery.policy.maxPacket));
+    udp->measureMaxPacket(m_Policy.maxPacket);
+    fitPackets();
   }
-  viewer.enter(Viewer::State::AwaitingKeyFrame);
-  viewer.noteEvent(KV_STATUS_JOINED, viewer.isOverUdp() ? "udp" : "tcp");
-  fitPackets();
-  viewer.m_IsWelcome = canBeginWithNewest(viewer);
+  FramePtr first = canBeginWithNewest(viewer) ? m_Newest : nullptr;
   // The key frame that it waits for may come behind frames that it does not get.
-  viewer.m_IsAnnounced = viewer.m_IsWelcome || !m_HasDeltaFrames || m_FrameBegin == Clock::time_point{};
-  if (viewer.m_IsWelcome) {
-    m_Welcome.start(std::chrono::microseconds(0));  // after the response, which is on its way
-  } else {
-    m_Callbacks.wantKeyFrame(true);
-  }
-  // Ahead of the first frame, so that receivers know its time.
-  sendReport(viewer, makeReport(false));
-  if (!m_NextReport.isPending()) {
-    m_NextReport.start(reportInterval);
-  }
-  return viewer.m_IsWelcome ? m_Newest : nullptr;
+  viewer.setSequenceKnown(first || m_Stream.hasKeyFramesOnly() || m_LastSent == Clock::time_point{});
+  viewer.setFirstFrame(std::move(first));
+  return viewer.firstFrame();
 }
 
-// Not one that the viewer may have had before it paused; over UDP none while another is on
-// its way, since the next comes as soon, and none in packets that its path does not take.
+// Not one that the viewer may have had before it paused, and none behind others, or in
+// packets that its path does not take.
 bool Viewers::canBeginWithNewest(Viewer const& viewer) const {
-  if (m_Newest == nullptr || viewer.m_HasPlayed || Clock::now() - m_FrameBegin > m_Callbacks.freshness()) {
-    return false;
-  }
-  return !viewer.isOverUdp() || (m_Packets == nullptr && m_Newest->largest() <= viewer.m_MaxPacket);
+  UdpTransport const* const udp = viewer.transport().udp();
+  return m_Newest != nullptr && !viewer.hasPlayed() && !viewer.transport().isBusy() &&
+         Clock::now() - m_LastSent <= m_Stream.freshness() &&
+         (udp == nullptr || m_Newest->packets.largest() <= udp->maxPacket());
 }
 
-void Viewers::finishWelcome() {
-  if (m_Welcome.isPending()) {
-    m_Welcome.stop();
-    contained([this]() KAVO_REQUIRES(eventLoopRole) { welcome(); });
-  }
-}
-
-void Viewers::welcome() {
-  FramePackets* const frame = m_Newest;
-  auto& overUdp = m_Playing;
-  overUdp.clear();
-  for (auto const& viewer : m_Viewers) {
-    // What PLAY announced holds, even if the next frame has made it old.
-    bool const isWelcome = std::exchange(viewer->m_IsWelcome, false) && frame != nullptr;
-    if (!isWelcome || viewer->m_State != Viewer::State::AwaitingKeyFrame) {
-      continue;
-    }
-    viewer->enter(Viewer::State::Playing);
-    if (viewer->isOverUdp()) {
-      overUdp.push_back(viewer.get());
-    } else if (viewer->m_Writer) {
-      sendInterleaved(*viewer, *frame, true);
-    }
-  }
-  if (frame == nullptr || overUdp.empty()) {
+void Viewers::begin(Viewer& viewer) {
+  if (viewer.state() != Viewer::State::Joining) {
     return;
   }
-  if (!contained([&]() KAVO_REQUIRES(eventLoopRole) { beginFrame(*frame, overUdp); })) {
-    abandonFrame();
+  m_Reporter.start(viewer);
+  if (auto const first = viewer.takeFirstFrame()) {
+    viewer.send(first, Clock::now());
+    m_Udp.flush();
+  } else {
+    m_Stream.wantKeyFrame(true);
   }
-}
-
-void Viewers::forgetFrames() {
-  drop();
-  m_FrameBegin = {};
 }
 
 void Viewers::pause(Viewer& viewer) {
-  if (viewer.isActive()) {
-    viewer.enter(Viewer::State::Paused);
-    viewer.noteEvent(KV_STATUS_PAUSE, "");
-    stopSending(viewer);
-    fitPackets();
-  }
+  viewer.pause();
+  fitPackets();
 }
 
-void Viewers::stopSending(Viewer& viewer) {
-  if (viewer.m_Writer) {
-    viewer.m_Writer->cancel(viewer.m_RtpChannel);
-    viewer.m_Writer->cancel(viewer.m_RtcpChannel);
-  }
-  for (auto const& family : m_Families) {
-    if (family && std::erase(family->takers, &viewer) > 0) {
-      leaveShare(*viewer.m_Path);
-    }
-  }
-}
+bool Viewers::anyActive() const { return takes(true); }
 
-bool Viewers::anyActive() const {
-  return std::any_of(m_Viewers.begin(), m_Viewers.end(),
-                     [](auto const& viewer) KAVO_REQUIRES(eventLoopRole) { return viewer->isActive(); });
+bool Viewers::takes(bool keyFrame) const {
+  return std::ranges::any_of(m_Viewers, [=](auto const& viewer) { return viewer->takes(keyFrame); });
 }
 
 void Viewers::fitPackets() {
-  m_MaxPacket = m_Delivery.policy.maxPacket;
+  m_MaxPacket = m_Policy.maxPacket;
   for (auto const& viewer : m_Viewers) {
-    if (viewer->isActive() && viewer->isOverUdp()) {
-      m_MaxPacket = std::min(m_MaxPacket, viewer->m_MaxPacket);
+    if (UdpTransport const* const udp = viewer->transport().udp(); udp != nullptr && viewer->isActive()) {
+      m_MaxPacket = std::min(m_MaxPacket, udp->maxPacket());
     }
   }
 }
 
-bool Viewers::takes(bool keyFrame) const {
-  return std::any_of(m_Viewers.begin(), m_Viewers.end(), [=](auto const& viewer) KAVO_REQUIRES(eventLoopRole) {
-    return viewer->m_State == Viewer::State::Playing || (keyFrame && viewer->isActive());
-  });
-}
-
-bool Viewers::send(FramePackets& packets, bool keyFrame) {
+void Viewers::send(FramePtr const& frame) {
   auto const now = Clock::now();
-  bool keyFrameWanted = false;
-  m_HasDeltaFrames = m_HasDeltaFrames || !keyFrame;
-  m_IsKeyFrame = keyFrame;
-  for (InterleavedFrame& frame : m_InterleavedFrames) {
-    frame.begin(packets);
-  }
+  bool isKeyFrameWanted = false;
   for (auto const& viewer : m_Viewers) {
-    if (keyFrame && viewer->m_State == Viewer::State::AwaitingKeyFrame) {
-      viewer->enter(Viewer::State::Playing);
-    }
-    if (keyFrame) {
-      viewer->m_Repair.noteKeyFrame(packets.header().sequence, now);
-    }
-    if (viewer->m_State == Viewer::State::AwaitingKeyFrame) {
-      viewer->noteDropped(1);
-    } else if (viewer->m_State == Viewer::State::Playing && viewer->m_Writer) {
-      sendInterleaved(*viewer, packets, keyFrame);
-    }
-    // A key frame is large for everybody: a viewer over TCP asks when it can take one.
-    keyFrameWanted = keyFrameWanted || (viewer->m_State == Viewer::State::AwaitingKeyFrame
-                                            ? !(viewer->m_Writer && viewer->m_Writer->isBlocked())
-                                            : needsRepair(*viewer, now));
+    isKeyFrameWanted = viewer->send(frame, now) || isKeyFrameWanted;
   }
-  m_Stream.add(&kv_status_stream::sent);
-  if (keyFrame || keyFrameWanted) {
-    m_Callbacks.wantKeyFrame(keyFrameWanted);
+  m_Newest = frame->isKeyFrame ? frame : nullptr;
+  m_LastSent = now;
+  m_Observer.sent();
+  if (frame->isKeyFrame || isKeyFrameWanted) {
+    m_Stream.wantKeyFrame(isKeyFrameWanted);
   }
-  noteInterval();
-  m_Following = &packets;
-  m_SinkWaits = m_Packets != nullptr || !beginFollowing();
-  return !m_SinkWaits;
+  m_Udp.flush();
 }
 
-void Viewers::sendInterleaved(Viewer& viewer, FramePackets& packets, bool keyFrame) {
-  bool const accepted = viewer.m_Writer->sendFrame(frameOn(viewer.m_RtpChannel, packets), keyFrame);
-  if (viewer.m_Writer->dropped() > 0) {
-    viewer.noteDropped(viewer.m_Writer->dropped());
-  }
-  if (accepted) {
-    viewer.noteSent(packets.bytes());
-  } else {
-    viewer.noteDropped(1);
-    viewer.enter(Viewer::State::AwaitingKeyFrame);
-  }
+void Viewers::forgetFrames() {
+  m_Udp.cancelAll();
+  m_Newest = nullptr;
+  m_LastSent = {};
 }
 
-void Viewers::drop() {
-  endFrame();
-  m_Newest = m_Following = nullptr;
-  m_SinkWaits = false;
-}
-
-void Viewers::abandonFrame() {
-  drop();
+void Viewers::failed() {
+  eventLoopRole.assertHeld();
+  m_Udp.cancelAll();
+  m_Newest = nullptr;
   for (auto const& viewer : m_Viewers) {
-    if (viewer->m_State == Viewer::State::Playing) {
-      viewer->enter(Viewer::State::AwaitingKeyFrame);
+    if (viewer->state() == Viewer::State::Playing) {
+      viewer->awaitKeyFrame();
     }
   }
-  m_Callbacks.wantKeyFrame(true);
+  m_Stream.wantKeyFrame(true);
 }
 
-InterleavedFrame& Viewers::frameOn(std::uint8_t channel, FramePackets& packets) {
-  auto const found = std::find_if(m_InterleavedFrames.begin(), m_InterleavedFrames.end(),
-                                  [=](InterleavedFrame const& frame) { return frame.channel() == channel; });
-  return found != m_InterleavedFrames.end() ? *found : m_InterleavedFrames.emplace_back(packets, channel);
+// This viewer lost the frame, so frames that reference it would be damaged.
+void Viewers::exceedsMtu(UdpTransport& transport) {
+  eventLoopRole.assertHeld();
+  transport.reduceMaxPacket(m_Policy.maxPacket);
+  auto const viewer =
+      std::ranges::find_if(m_Viewers, [&](auto const& entry) { return &entry->transport() == &transport; });
+  (*viewer)->observer().pathNarrowed(transport.maxPacket());
+  (*viewer)->awaitKeyFrame();
+  fitPackets();
+  m_Stream.wantKeyFrame(true);
 }
 
 }  // namespace kavo::impl

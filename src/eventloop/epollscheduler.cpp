@@ -84,12 +84,8 @@ void EpollScheduler::unscheduleDelayedTask(TaskToken& task) {
   task = nullptr;
 }
 
-EventTriggerId EpollScheduler::createEventTrigger(TaskFunc* handler) { return m_Triggers.create(handler); }
-
-void EpollScheduler::deleteEventTrigger(EventTriggerId id) { m_Triggers.remove(id); }
-
-void EpollScheduler::triggerEvent(EventTriggerId id, void* clientData) {
-  if (m_Triggers.fire(id, clientData)) {
+void EpollScheduler::request(LoopCall& call) {
+  if (m_Calls.request(call)) {
     std::uint64_t const one = 1;
     // It can only fail when the counter is saturated, and then a wake-up is pending.
     (void)!write(m_WakeUp.get(), &one, sizeof one);
@@ -110,7 +106,7 @@ void EpollScheduler::SingleStep(unsigned maxDelayTime) {
 void EpollScheduler::handle(std::uint64_t key, std::uint32_t events) {
   if (key == wakeUpKey) {
     drainWakeUp();
-    m_Triggers.runFired();
+    m_Calls.runAll();
     return;
   }
   // A handler that ran earlier in this pass may have closed the socket, and

@@ -1,5 +1,6 @@
-// live555's task scheduler on epoll: sockets of any number, event triggers of any
-// number that wake the loop at once, and timers unaffected by clock changes.
+// live555's task scheduler on epoll: sockets of any number, calls from other threads that
+// wake the loop at once, and timers unaffected by clock changes. live555's event triggers,
+// which would wake it up to 10 ms later, are not served.
 #pragma once
 
 #include <sys/epoll.h>
@@ -10,12 +11,12 @@
 #include <unordered_map>
 
 #include "base/uniquefd.h"
-#include "eventloop/eventtriggers.h"
+#include "eventloop/loopcalls.h"
 #include "eventloop/timers.h"
 
 namespace kavo::impl {
 
-// Event-loop thread, but for triggerEvent(), which any thread may call.
+// Event-loop thread, but for request(), which any thread may call.
 class EpollScheduler : public BasicTaskScheduler {
  public:
   // The loop iterates at least every maxGranularity microseconds. Null
@@ -29,15 +30,18 @@ class EpollScheduler : public BasicTaskScheduler {
   // or the user out of watches.
   bool isWatched(int socket) const { return m_Handlers.contains(socket); }
 
-  EventTriggerId createEventTrigger(TaskFunc* handler) override;
-  void deleteEventTrigger(EventTriggerId id) override;
-  void triggerEvent(EventTriggerId id, void* clientData) override;
+  // Any thread. The call runs in the loop's next pass.
+  void request(LoopCall& call);
+  void withdraw(LoopCall& call) { m_Calls.withdraw(call); }
+  // When the loop cannot go on: whoever waits for a call is told.
+  void closeCalls() { m_Calls.close(); }
+
+  void setBackgroundHandling(int socket, int conditions, BackgroundHandlerProc* handler, void* clientData) override;
 
  protected:
   EpollScheduler(unsigned maxGranularity, UniqueFd epoll, UniqueFd wakeUp);
 
   void SingleStep(unsigned maxDelayTime) override;
-  void setBackgroundHandling(int socket, int conditions, BackgroundHandlerProc* handler, void* clientData) override;
   void moveSocketHandling(int oldSocket, int newSocket) override;
 
  private:
@@ -55,7 +59,7 @@ class EpollScheduler : public BasicTaskScheduler {
   bool m_HasPwait2 = true;
   UniqueFd m_Epoll;
   UniqueFd m_WakeUp;
-  EventTriggers m_Triggers;
+  LoopCalls m_Calls;
   Timers m_Timers;
   std::unordered_map<int, Handler> m_Handlers;
   std::uint32_t m_LastVersion = 0;

@@ -2,6 +2,7 @@
 // loop, and by a host thread while no loop runs and it does loop work itself.
 #pragma once
 
+#include "base/noncopyable.h"
 #include "base/threadannotations.h"
 
 namespace kavo::impl {
@@ -9,12 +10,10 @@ namespace kavo::impl {
 class KAVO_CAPABILITY("role") EventLoopRole {
  public:
   // Takes the role for the calling thread until the end of the scope.
-  class KAVO_SCOPED_CAPABILITY Holder {
+  class KAVO_SCOPED_CAPABILITY Holder : NonCopyable {
    public:
     explicit Holder(EventLoopRole& role) KAVO_ACQUIRE(role);
     ~Holder() KAVO_RELEASE();
-    Holder(Holder const&) = delete;
-    Holder& operator=(Holder const&) = delete;
 
    private:
     bool m_Before;

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 
+#include "base/noncopyable.h"
 #include "base/threadannotations.h"
 #include "eventloop/eventlooprole.h"
 
@@ -13,13 +14,11 @@ namespace kavo::impl {
 
 // One at a time. Installs a new handler, which passes allocations of other threads
 // on to the handler installed before.
-class MemoryReserve {
+class MemoryReserve : NonCopyable {
  public:
   // Throws std::bad_alloc when there is no memory for it.
   MemoryReserve();
   ~MemoryReserve();
-  MemoryReserve(MemoryReserve const&) = delete;
-  MemoryReserve& operator=(MemoryReserve const&) = delete;
 
   // Replenishes what was used; false while there is no memory for it.
   static bool refill() KAVO_REQUIRES(eventLoopRole);

@@ -8,9 +8,9 @@
 #include <initializer_list>
 #include <string>
 
-#include "base/statuspage.h"
 #include "codec/codecparameter.h"
 #include "kavo_stream.h"
+#include "operate/statuspage.h"
 #include "session/sessionmanager.h"
 
 namespace kavo::impl {
@@ -29,7 +29,7 @@ NoDestroy<SessionManager> g_SessionManager;
 std::atomic<bool> g_InChild = false;
 
 // When the library is unloaded, or the process ends.
-struct ExitAtUnload {
+struct ExitAtUnload : NonCopyable {
   ExitAtUnload() {
     pthread_atfork(nullptr, nullptr, [] { g_InChild = g_InChild || g_SessionManager->mayServe(); });
   }
@@ -39,8 +39,6 @@ struct ExitAtUnload {
       status::close();
     }
   }
-  ExitAtUnload(ExitAtUnload const&) = delete;
-  ExitAtUnload& operator=(ExitAtUnload const&) = delete;
 } const g_ExitAtUnload;
 
 template <class Record>

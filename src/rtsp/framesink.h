@@ -1,51 +1,52 @@
-// What the sinks of both payload formats share: they take one whole encoded frame
+// What the sinks of all payload formats share: they take one whole encoded frame
 // from their source, and its packets go to all viewers in one call. live555's
 // classes keep counters, time stamps and SDP. Event-loop thread.
 #pragma once
 
 #include <MediaSink.hh>
 #include <RTPSink.hh>
+#include <algorithm>
 #include <chrono>
-#include <span>
+#include <cstdint>
+#include <limits>
 #include <utility>
 
 #include "delivery/viewers.h"
 #include "eventloop/contained.h"
-#include "rtsp/framebuffer.h"
 #include "rtsp/presentationclock.h"
-#include "rtsp/queuedsource.h"
 
 namespace kavo::impl {
 
-// What a demand session sees of both sinks.
+// What a demand session sees of its sink.
 class LiveSink {
  public:
-  virtual ~LiveSink() = default;
+  virtual RTPSink& rtp() = 0;
   // RTP time and wall clock of this moment, and what was sent so far.
   virtual SenderInfo senderInfo() KAVO_REQUIRES(eventLoopRole) = 0;
   // RTP time of that moment.
   virtual std::uint32_t rtpTimeAt(std::chrono::steady_clock::time_point time) KAVO_REQUIRES(eventLoopRole) = 0;
-  // The frame for which Viewers::send() was false has left.
-  virtual void frameSent() KAVO_REQUIRES(eventLoopRole) = 0;
+
+ protected:
+  ~LiveSink() = default;
 };
 
 // While it exists, live555's sinks are made with a buffer of one packet instead
 // of one for the largest frame: theirs is not used.
-class SmallOutPacketBuffer {
+class SmallOutPacketBuffer : NonCopyable {
  public:
   SmallOutPacketBuffer() { OutPacketBuffer::maxSize = 2000; }
   ~SmallOutPacketBuffer() { OutPacketBuffer::maxSize = m_Before; }
-  SmallOutPacketBuffer(SmallOutPacketBuffer const&) = delete;
-  SmallOutPacketBuffer& operator=(SmallOutPacketBuffer const&) = delete;
 
  private:
   unsigned const m_Before = OutPacketBuffer::maxSize;
 };
 
-// Base is live555's sink of the payload format.
-template <class Base>
+// Base is live555's sink of the payload format, Source a QueuedSource.
+template <class Base, class Source>
 class FrameSink : public Base, public LiveSink {
  public:
+  RTPSink& rtp() override { return *this; }
+
   SenderInfo senderInfo() override {
     constexpr std::uint64_t secondsFrom1900To1970 = 2208988800;
     auto const wall = wallClock();
@@ -62,25 +63,18 @@ class FrameSink : public Base, public LiveSink {
     return this->convertToRTPTimestamp(presentationTime(time));
   }
 
-  void frameSent() override { continuePlaying(); }
-
  protected:
   template <class... Arguments>
   FrameSink(UsageEnvironment& env, Groupsock* rtpGroupsock, Viewers& viewers, Arguments&&... arguments)
       : Base(env, rtpGroupsock, std::forward<Arguments>(arguments)...), m_Viewers(viewers) {}
 
-  // Whether the frame is a key frame.
-  virtual bool packetize(std::span<std::uint8_t const> frame, std::size_t maxPacket, FramePackets& packets)
-      KAVO_REQUIRES(eventLoopRole) = 0;
+  // Cuts the frame's bytes, which the source has just given, into packets, and says whether it is a key frame.
+  virtual bool packetize(Source& source, std::span<std::uint8_t const> bytes, std::size_t maxPacket,
+                         FramePackets& packets) KAVO_REQUIRES(eventLoopRole) = 0;
 
  private:
-  Boolean sourceIsCompatibleWithUs(MediaSource& source) override {
-    auto* const growing = dynamic_cast<GrowingSource*>(&source);
-    if (growing != nullptr) {
-      growing->setBuffers([this]() KAVO_REQUIRES(eventLoopRole) -> FrameBuffer& { return nextBuffer(); });
-    }
-    return growing != nullptr ? True : False;
-  }
+  // Only the demand session starts it, with a source of its own.
+  Boolean sourceIsCompatibleWithUs(MediaSource& /*source*/) override { return True; }
 
   Boolean continuePlaying() override {
     if (this->fSource != nullptr) {
@@ -89,77 +83,62 @@ class FrameSink : public Base, public LiveSink {
     return True;
   }
 
-  // The newest frame may be on its way to somebody who has just joined.
-  FrameBuffer& nextBuffer() KAVO_REQUIRES(eventLoopRole) {
-    m_Viewers.finishWelcome();
-    if (m_Viewers.isSending(m_Frame->packets)) {
-      m_Frame = m_Frame == &m_Frames[0] ? &m_Frames[1] : &m_Frames[0];
-    }
-    return m_Frame->bytes;
-  }
-
   static void afterGettingFrame(void* sink, unsigned size, unsigned /*truncatedBytes*/, timeval presentationTime,
                                 unsigned /*durationInMicroseconds*/) {
     eventLoopRole.assertHeld();
-    static_cast<FrameSink*>(sink)->sendFrame(size, presentationTime);
+    auto& self = *static_cast<FrameSink*>(sink);
+    bool const done = contained([&]() KAVO_REQUIRES(eventLoopRole) {
+      if (auto const frame = self.takeFrame(size, presentationTime)) {
+        self.m_Viewers.send(frame);
+      }
+    });
+    if (!done) {
+      self.m_Viewers.failed();
+    }
+    self.continuePlaying();
   }
 
-  void sendFrame(unsigned size, timeval time) KAVO_REQUIRES(eventLoopRole) {
-    bool left = true;
-    if (!contained([&]() KAVO_REQUIRES(eventLoopRole) { left = send(size, time); })) {
-      m_Viewers.abandonFrame();
-      left = true;
-    }
-    if (left) {
-      continuePlaying();
-    }
-  }
-
-  // False: the rest of the frame follows.
-  bool send(unsigned size, timeval time) KAVO_REQUIRES(eventLoopRole) {
-    std::uint32_t const rtpTime = rtpTimeOf(time);
-    FramePackets& packets = m_Frame->packets;
-    m_Viewers.forgetNewestFrame();
+  // The frame in packets; null where no viewer takes it: numbering it would look like loss.
+  FramePtr takeFrame(unsigned size, timeval time) KAVO_REQUIRES(eventLoopRole) {
+    auto& source = static_cast<Source&>(*this->fSource);
+    FramePtr frame = source.takeFrame();
+    std::int64_t const ticks = std::max(ticksOf(time), m_LastTicks + 1);
+    auto const rtpTime = static_cast<std::uint32_t>(this->convertToRTPTimestamp(time) +
+                                                    static_cast<std::uint64_t>(ticks - ticksOf(time)));
+    FramePackets& packets = frame->packets;
     packets.begin(
         {.payloadType = this->rtpPayloadType(), .sequence = this->fSeqNo, .timestamp = rtpTime, .ssrc = this->SSRC()});
-    bool const keyFrame = packetize({m_Frame->bytes.data(), size}, m_Viewers.maxPacket(), packets);
-    // Do not number a frame that no viewer takes: the gap would look like loss.
-    if (packets.count() == 0 || !m_Viewers.takes(keyFrame)) {
-      return true;
+    frame->isKeyFrame = packetize(source, {frame->data(), size}, m_Viewers.maxPacket(), packets);
+    packets.end();
+    if (packets.count() == 0 || !m_Viewers.takes(frame->isKeyFrame)) {
+      return nullptr;
     }
-    count(rtpTime, size, time);
-    return m_Viewers.send(packets, keyFrame);
+    m_LastTicks = ticks;
+    count(packets, time);
+    return frame;
   }
 
-  // Frames of different times never share one.
-  std::uint32_t rtpTimeOf(timeval time) {
-    std::uint32_t const rtpTime = this->convertToRTPTimestamp(time);
-    bool const advances = static_cast<std::int32_t>(rtpTime - this->fCurrentTimestamp) > 0;
-    return this->fPacketCount == 0 || advances ? rtpTime : this->fCurrentTimestamp + 1;
+  // RTP time counted from 1970, as live555 rounds it. Frames of different times never share one.
+  static std::int64_t ticksOf(timeval time) {
+    constexpr std::int64_t frequency = 90000;
+    return frequency * time.tv_sec + (2 * frequency * time.tv_usec + 1000000) / 2000000;
   }
 
   // For live555's PLAY responses and our sender reports.
-  void count(std::uint32_t rtpTime, unsigned size, timeval time) KAVO_REQUIRES(eventLoopRole) {
+  void count(FramePackets const& packets, timeval time) KAVO_REQUIRES(eventLoopRole) {
     if (this->fInitialPresentationTime.tv_sec == 0) {
       this->fInitialPresentationTime = time;
     }
     this->fMostRecentPresentationTime = time;
-    this->fCurrentTimestamp = rtpTime;
-    FramePackets const& packets = m_Frame->packets;
+    this->fCurrentTimestamp = packets.header().timestamp;
     this->fSeqNo = static_cast<u_int16_t>(this->fSeqNo + packets.count());
     this->fPacketCount += static_cast<unsigned>(packets.count());
-    this->fOctetCount += size;
+    this->fOctetCount += static_cast<unsigned>(packets.bytes() - packets.count() * FramePackets::rtpHeaderSize);
     this->fTotalOctetCount += static_cast<unsigned>(packets.bytes());
   }
 
-  struct Frame {
-    FrameBuffer bytes;
-    FramePackets packets;
-  };
-
   Viewers& m_Viewers;
-  Frame m_Frames[2] KAVO_GUARDED_BY(eventLoopRole);
-  Frame* m_Frame KAVO_GUARDED_BY(eventLoopRole) = &m_Frames[0];  // the newest
+  std::int64_t m_LastTicks KAVO_GUARDED_BY(eventLoopRole) = std::numeric_limits<std::int64_t>::min() + 1;
 };
 
 }  // namespace kavo::impl

@@ -11,8 +11,9 @@
 #include <deque>
 #include <optional>
 
-#include "base/statuspage.h"
+#include "base/noncopyable.h"
 #include "base/threadannotations.h"
+#include "operate/observer.h"
 #include "rtsp/keyframerequest.h"
 
 extern "C" {
@@ -21,7 +22,7 @@ extern "C" {
 
 namespace kavo::impl {
 
-class FrameSourceHandler {
+class FrameSourceHandler : NonCopyable {
  public:
   // One encoded frame. A packet without data is a frame for which the encoder
   // produced nothing. Its pts is the time of the submit (see submitTime()).
@@ -39,8 +40,6 @@ class FrameSourceHandler {
 
   FrameSourceHandler() = default;
   ~FrameSourceHandler();
-  FrameSourceHandler(FrameSourceHandler const&) = delete;
-  FrameSourceHandler& operator=(FrameSourceHandler const&) = delete;
 
   // The queue takes ownership of the packet's bytes. The producer enforces the
   // limit: it asks IsBufferFree() before it encodes. A frame that was submitted
@@ -61,10 +60,11 @@ class FrameSourceHandler {
   // key frame, not the last that the host has submitted, or no longer fresh.
   std::optional<std::chrono::steady_clock::time_point> requeueNewest() KAVO_EXCLUDES(m_Mutex);
 
-  bool empty() const KAVO_EXCLUDES(m_Mutex);
-  std::uint32_t size() const KAVO_EXCLUDES(m_Mutex);
+  // Without the lock: one thread adds frames, and one removes them.
+  bool empty() const { return size() == 0; }
+  std::uint32_t size() const { return m_Size.load(std::memory_order_acquire); }
   // Whether one more frame may be encoded and pushed.
-  bool IsBufferFree() const KAVO_EXCLUDES(m_Mutex);
+  bool IsBufferFree() const;
 
   // Host threads, one at a time: a frame is submitted, whether anybody watches or not.
   void noteSubmit() {
@@ -80,8 +80,7 @@ class FrameSourceHandler {
   // Back channel: key-frame requests.
   KeyFrameRequest& keyFrameRequest() { return m_KeyFrameRequest; }
 
-  // The stream's record on the status page.
-  status::StreamPlace& status() { return m_Status; }
+  StreamObserver& observer() { return m_Observer; }
 
   // Whether a source exists that will take frames out; set on the event-loop thread.
   bool IsStreaming() const { return m_Streaming.load(std::memory_order_relaxed); }
@@ -99,11 +98,13 @@ class FrameSourceHandler {
 
   static void release(AVPacket& packet);
   void keep(AVPacket const& packet) KAVO_REQUIRES(m_Mutex);
+  void add(FrameData const& frame) KAVO_REQUIRES(m_Mutex);
   void removeFront() KAVO_REQUIRES(m_Mutex);
   void requireFrame() const KAVO_REQUIRES(m_Mutex);
 
   mutable Mutex m_Mutex;
   std::deque<FrameData> m_Frames KAVO_GUARDED_BY(m_Mutex);
+  std::atomic<std::uint32_t> m_Size = 0;  // of m_Frames; changed under the lock
   Time m_Cleared KAVO_GUARDED_BY(m_Mutex){};
   // The newest frame if it is a key frame, and m_LastSubmit when it was pushed.
   AVPacket m_Newest KAVO_GUARDED_BY(m_Mutex){};
@@ -112,7 +113,7 @@ class FrameSourceHandler {
   std::atomic<Time::duration> m_SubmitInterval{Time::duration{}};
   std::atomic<bool> m_Streaming = false;
   KeyFrameRequest m_KeyFrameRequest;
-  status::StreamPlace m_Status;
+  StreamObserver m_Observer;
 };
 
 }  // namespace kavo::impl

@@ -2,14 +2,16 @@
 #pragma once
 
 #include <H264VideoRTPSink.hh>
+#include <span>
 
 #include "rtp/h264packetizer.h"
 #include "rtp/nalunits.h"
 #include "rtsp/framesink.h"
+#include "rtsp/h264source.h"
 
 namespace kavo::impl {
 
-class H264Sink : public FrameSink<H264VideoRTPSink> {
+class H264Sink : public FrameSink<H264VideoRTPSink, H264Source> {
  public:
   // The parameter sets (SPS and PPS in Annex B form, or nothing) are for the SDP.
   static H264Sink* createNew(UsageEnvironment& env, Groupsock* rtpGroupsock, unsigned char payloadType,
@@ -24,8 +26,9 @@ class H264Sink : public FrameSink<H264VideoRTPSink> {
  private:
   using FrameSink::FrameSink;
 
-  bool packetize(std::span<std::uint8_t const> frame, std::size_t maxPacket, FramePackets& packets) override {
-    return packetizeH264(frame, maxPacket, packets);
+  bool packetize(H264Source& /*source*/, std::span<std::uint8_t const> bytes, std::size_t maxPacket,
+                 FramePackets& packets) override {
+    return packetizeH264(bytes, maxPacket, packets);
   }
 };
 

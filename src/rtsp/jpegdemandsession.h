@@ -1,28 +1,18 @@
 // A JPEG stream as live555 serves it (RFC 2435, payload type 26).
 #pragma once
 
-#include <cstdint>
-#include <span>
-
-#include "rtsp/livedemandsession.h"
+#include "rtsp/jpegsink.h"
+#include "rtsp/mediademandsession.h"
 
 namespace kavo::impl {
 
-class JpegDemandSession : public LiveDemandSession {
- public:
-  // JPEG has no parameter sets.
-  static JpegDemandSession* createNew(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler,
-                                      std::span<std::uint8_t const> parameterSets = {}, Delivery const& delivery = {})
-      KAVO_REQUIRES(eventLoopRole);
-
- protected:
-  JpegDemandSession(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler, Delivery const& delivery)
-      KAVO_REQUIRES(eventLoopRole);
-
-  FramedSource* openSource(std::shared_ptr<FrameSourceHandler> handler) override;
-  void wakeSource(TaskScheduler* scheduler, FramedSource* source) override;
-  RTPSink* createNewRTPSink(Groupsock* rtpGroupsock, unsigned char rtpPayloadTypeIfDynamic,
-                            FramedSource* inputSource) override;
+struct Jpeg {
+  using Source = JpegSource;
+  using Sink = JpegSink;
+  static constexpr unsigned kilobits = 64;
+  static constexpr bool keyFramesOnly = true;
 };
+
+using JpegDemandSession = MediaDemandSession<Jpeg>;
 
 }  // namespace kavo::impl

@@ -2,16 +2,18 @@
 #pragma once
 
 #include <JPEGVideoRTPSink.hh>
-#include <JPEGVideoSource.hh>
+#include <span>
 
 #include "rtp/jpegpacketizer.h"
 #include "rtsp/framesink.h"
+#include "rtsp/jpegsource.h"
 
 namespace kavo::impl {
 
-class JpegSink : public FrameSink<JPEGVideoRTPSink> {
+class JpegSink : public FrameSink<JPEGVideoRTPSink, JpegSource> {
  public:
-  static JpegSink* createNew(UsageEnvironment& env, Groupsock* rtpGroupsock, Viewers& viewers) {
+  static JpegSink* createNew(UsageEnvironment& env, Groupsock* rtpGroupsock, unsigned char /*payloadType*/,
+                             Viewers& viewers, std::span<std::uint8_t const> /*parameterSets*/) {
     SmallOutPacketBuffer const small;
     return new JpegSink(env, rtpGroupsock, viewers);
   }
@@ -20,15 +22,15 @@ class JpegSink : public FrameSink<JPEGVideoRTPSink> {
   using FrameSink::FrameSink;
 
   // Every JPEG image is a key frame. What its header said, the source knows.
-  bool packetize(std::span<std::uint8_t const> frame, std::size_t maxPacket, FramePackets& packets) override {
-    auto& source = static_cast<JPEGVideoSource&>(*fSource);
+  bool packetize(JpegSource& source, std::span<std::uint8_t const> bytes, std::size_t maxPacket,
+                 FramePackets& packets) override {
     JpegFrame image{.type = source.type(),
                     .q = source.qFactor(),
                     .width = source.width(),
                     .height = source.height(),
                     .precision = 0,
                     .tables = {},
-                    .scan = frame};
+                    .scan = bytes};
     u_int16_t length = 0;
     auto const* const tables = source.quantizationTables(image.precision, length);
     image.tables = {tables, length};

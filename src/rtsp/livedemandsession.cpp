@@ -10,24 +10,30 @@ constexpr portNumBits firstServerPort = 6970;
 }
 
 LiveDemandSession::LiveDemandSession(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler,
-                                     bool reuseFirstSource, unsigned estimatedBitrate, Delivery const& delivery)
+                                     bool reuseFirstSource, unsigned estimatedBitrate, DeliveryContext const& context)
     : OnDemandServerMediaSubsession(env, reuseFirstSource ? True : False, firstServerPort, False),
       m_FrameSourceHandler(std::move(handler)),
       m_EstimatedBitrate(estimatedBitrate),
-      m_Viewers(env.taskScheduler(), delivery, m_FrameSourceHandler->status(),
-                {.wantKeyFrame =
-                     [this](bool wanted) {
-                       auto& request = m_FrameSourceHandler->keyFrameRequest();
-                       wanted ? request.ask() : request.withdraw();
-                     },
-                 .frameSent = [this]() KAVO_REQUIRES(eventLoopRole) { m_Sink.live->frameSent(); },
-                 .freshness = [this] { return m_FrameSourceHandler->freshness(); },
-                 .senderInfo = [this]() KAVO_REQUIRES(eventLoopRole) { return senderInfo(); }}) {}
+      m_Viewers(env.taskScheduler(), context, *this, m_FrameSourceHandler->observer()) {}
 
 LiveDemandSession::~LiveDemandSession() {
   eventLoopRole.assertHeld();
   closeSource();
-  Medium::close(m_Sink.rtp);
+  m_Sink.close();
+}
+
+void LiveDemandSession::Sink::close() {
+  if (live != nullptr) {
+    Medium::close(&std::exchange(live, nullptr)->rtp());
+  }
+  groupsock.reset();
+}
+
+void LiveDemandSession::wantKeyFrame(bool wanted) {
+  auto& request = m_FrameSourceHandler->keyFrameRequest();
+  if (!hasKeyFramesOnly()) {
+    wanted ? request.ask() : request.withdraw();
+  }
 }
 
 void LiveDemandSession::signalNewFrame(TaskScheduler* scheduler) {
@@ -46,7 +52,7 @@ void LiveDemandSession::closeSource() {
     source = m_Source;
   }
   if (source != nullptr) {
-    m_Sink.rtp->stopPlaying();
+    m_Sink.live->rtp().stopPlaying();
     m_Viewers.forgetFrames();
     LiveDemandSession::closeStreamSource(source);
   }
@@ -77,10 +83,15 @@ LiveDemandSession::Sink LiveDemandSession::makeSink(int addressFamily) {
   Sink sink;
   sink.groupsock = std::make_unique<Groupsock>(envir(), nullAddress(addressFamily), Port(0), 255);
   auto const payloadType = static_cast<unsigned char>(firstDynamicPayloadType + trackNumber() - 1);
-  sink.rtp = createNewRTPSink(sink.groupsock.get(), payloadType, nullptr);
-  sink.live = dynamic_cast<LiveSink*>(sink.rtp);
+  sink.live = newSink(sink.groupsock.get(), payloadType);
   sink.groupsock->reset();
   return sink;
+}
+
+RTPSink* LiveDemandSession::createNewRTPSink(Groupsock* rtpGroupsock, unsigned char rtpPayloadTypeIfDynamic,
+                                             FramedSource* /*inputSource*/) {
+  eventLoopRole.assertHeld();
+  return &newSink(rtpGroupsock, rtpPayloadTypeIfDynamic)->rtp();
 }
 
 // Described without a source, so it triggers no encoding and takes no frame from
@@ -89,15 +100,15 @@ char const* LiveDemandSession::sdpLines(int addressFamily) {
   eventLoopRole.assertHeld();
   if (addressFamily != m_DescribedFamily) {
     m_DescribedFamily = AF_UNSPEC;
-    Sink const sink = makeSink(addressFamily);
+    Sink sink = makeSink(addressFamily);
     try {
-      setSDPLinesFromRTPSink(sink.rtp, nullptr, m_EstimatedBitrate);
+      setSDPLinesFromRTPSink(&sink.live->rtp(), nullptr, m_EstimatedBitrate);
     } catch (...) {
       fSDPLines = nullptr;  // live555 frees it before it has memory for the next
-      Medium::close(sink.rtp);
+      sink.close();
       throw;
     }
-    Medium::close(sink.rtp);
+    sink.close();
     m_DescribedFamily = addressFamily;
   }
   return fSDPLines;
@@ -136,17 +147,17 @@ void LiveDemandSession::startStream(unsigned /*clientSessionId*/, void* streamTo
   if (viewer == nullptr) {
     return;
   }
-  if (m_Sink.rtp == nullptr) {
+  if (m_Sink.live == nullptr) {
     m_Sink = makeSink(AF_INET);
   }
   auto const first = startSource(*viewer).value_or(std::chrono::steady_clock::now());
   // Of the first packet that it gets.
-  FramePackets const* const newest = m_Viewers.play(*viewer);
-  rtpSeqNum = newest != nullptr ? newest->header().sequence : m_Sink.rtp->currentSeqNo();
-  rtpTimestamp = newest != nullptr ? newest->header().timestamp : m_Sink.live->rtpTimeAt(first);
+  Frame const* const newest = m_Viewers.play(*viewer);
+  rtpSeqNum = newest != nullptr ? newest->packets.header().sequence : m_Sink.live->rtp().currentSeqNo();
+  rtpTimestamp = newest != nullptr ? newest->packets.header().timestamp : m_Sink.live->rtpTimeAt(first);
 }
 
-// When the frame was submitted that the source begins with, if that is a picture from before.
+// Submit time of the requeued frame that the source starts with, if any.
 std::optional<std::chrono::steady_clock::time_point> LiveDemandSession::startSource(Viewer const& viewer) {
   {
     MutexLock lock(m_Mutex);
@@ -157,7 +168,7 @@ std::optional<std::chrono::steady_clock::time_point> LiveDemandSession::startSou
   unsigned bitrate = 0;
   FramedSource* const source = createNewStreamSource(0, bitrate);
   auto const newest = viewer.hasPlayed() ? std::nullopt : m_FrameSourceHandler->requeueNewest();
-  m_Sink.rtp->startPlaying(*source, nullptr, nullptr);
+  m_Sink.live->rtp().startPlaying(*source, nullptr, nullptr);
   return newest;
 }
 
@@ -177,8 +188,7 @@ void LiveDemandSession::deleteStream(unsigned /*clientSessionId*/, void*& stream
   m_Viewers.remove(*static_cast<Viewer*>(std::exchange(streamToken, nullptr)));
   stopSourceIfUnused();
   if (m_Viewers.empty()) {
-    Medium::close(m_Sink.rtp);
-    m_Sink = {};
+    m_Sink.close();
   }
 }
 
@@ -208,11 +218,11 @@ void LiveDemandSession::setStreamScale(unsigned /*clientSessionId*/, void* /*str
 
 float LiveDemandSession::getCurrentNPT(void* /*streamToken*/) {
   eventLoopRole.assertHeld();
-  if (m_Sink.rtp == nullptr) {
+  if (m_Sink.live == nullptr) {
     return 0;
   }
-  timeval const& first = m_Sink.rtp->initialPresentationTime();
-  timeval const& last = m_Sink.rtp->mostRecentPresentationTime();
+  timeval const& first = m_Sink.live->rtp().initialPresentationTime();
+  timeval const& last = m_Sink.live->rtp().mostRecentPresentationTime();
   return static_cast<float>(last.tv_sec - first.tv_sec) + static_cast<float>(last.tv_usec - first.tv_usec) / 1e6F;
 }
 
@@ -223,7 +233,7 @@ FramedSource* LiveDemandSession::getStreamSource(void* /*streamToken*/) {
 
 void LiveDemandSession::getRTPSinkandRTCP(void* /*streamToken*/, RTPSink*& rtpSink, RTCPInstance*& rtcp) {
   eventLoopRole.assertHeld();
-  rtpSink = m_Sink.rtp;
+  rtpSink = m_Sink.live != nullptr ? &m_Sink.live->rtp() : nullptr;
   rtcp = nullptr;
 }
 

@@ -21,7 +21,7 @@ namespace kavo::impl {
 // stream token of a client session is its Viewer. The sink exists from the first
 // PLAY until the last viewer has gone; the source, and with it the encoding, only
 // while somebody plays.
-class LiveDemandSession : public OnDemandServerMediaSubsession {
+class LiveDemandSession : public OnDemandServerMediaSubsession, public Stream {
  public:
   // Any thread, after a frame was queued: wakes the open source.
   virtual void signalNewFrame(TaskScheduler* scheduler) KAVO_EXCLUDES(m_Mutex);
@@ -29,10 +29,16 @@ class LiveDemandSession : public OnDemandServerMediaSubsession {
   // Closes the open source.
   virtual void closeSession() KAVO_REQUIRES(eventLoopRole) KAVO_EXCLUDES(m_Mutex);
 
+  Viewers& viewers() KAVO_REQUIRES(eventLoopRole) { return m_Viewers; }
+
+  void wantKeyFrame(bool wanted) override;
+  std::chrono::steady_clock::duration freshness() const override { return m_FrameSourceHandler->freshness(); }
+  SenderInfo senderInfo() override;
+
  protected:
   // estimatedBitrate in kbit/s: for the SDP's bandwidth line.
   LiveDemandSession(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler, bool reuseFirstSource,
-                    unsigned estimatedBitrate, Delivery const& delivery) KAVO_REQUIRES(eventLoopRole);
+                    unsigned estimatedBitrate, DeliveryContext const& context) KAVO_REQUIRES(eventLoopRole);
   ~LiveDemandSession() override;
 
   char const* sdpLines(int addressFamily) override;
@@ -61,26 +67,28 @@ class LiveDemandSession : public OnDemandServerMediaSubsession {
   FramedSource* createNewStreamSource(unsigned clientSessionId, unsigned& estBitrate) override;
   void closeStreamSource(FramedSource* inputSource) override;
 
-  Viewers& viewers() KAVO_REQUIRES(eventLoopRole) { return m_Viewers; }
-
   virtual FramedSource* openSource(std::shared_ptr<FrameSourceHandler> handler) KAVO_REQUIRES(eventLoopRole) = 0;
   // Any thread, with m_Mutex held, so that the source is not being closed.
   virtual void wakeSource(TaskScheduler* scheduler, FramedSource* source) = 0;
+  virtual LiveSink* newSink(Groupsock* groupsock, unsigned char payloadType) KAVO_REQUIRES(eventLoopRole) = 0;
+
+  RTPSink* createNewRTPSink(Groupsock* rtpGroupsock, unsigned char rtpPayloadTypeIfDynamic,
+                            FramedSource* inputSource) override;
 
  private:
   // The groupsock that live555's sinks want. Packets do not go through it, so it
   // has no socket once the sink is made.
   struct Sink {
     std::unique_ptr<Groupsock> groupsock;
-    RTPSink* rtp = nullptr;
-    LiveSink* live = nullptr;
+    LiveSink* live = nullptr;  // closed with close()
+
+    void close();
   };
 
   Sink makeSink(int addressFamily) KAVO_REQUIRES(eventLoopRole);
   void closeSource() KAVO_REQUIRES(eventLoopRole) KAVO_EXCLUDES(m_Mutex);
   std::optional<std::chrono::steady_clock::time_point> startSource(Viewer const& viewer) KAVO_REQUIRES(eventLoopRole);
   void stopSourceIfUnused() KAVO_REQUIRES(eventLoopRole);
-  SenderInfo senderInfo() KAVO_REQUIRES(eventLoopRole);
 
   std::shared_ptr<FrameSourceHandler> m_FrameSourceHandler;
   unsigned const m_EstimatedBitrate;

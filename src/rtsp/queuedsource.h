@@ -5,32 +5,21 @@
 
 #include <FramedSource.hh>
 #include <algorithm>
-#include <functional>
 #include <memory>
 #include <utility>
 
+#include "delivery/frame.h"
 #include "eventloop/contained.h"
-#include "eventloop/eventtrigger.h"
-#include "rtsp/framebuffer.h"
+#include "eventloop/loophandles.h"
 #include "rtsp/framesourcehandler.h"
 #include "rtsp/presentationclock.h"
 
 namespace kavo::impl {
 
-// A source that asks its sink for a buffer when it has a frame, and lets it grow with the
-// frames instead of truncating them.
-class GrowingSource {
- public:
-  void setBuffers(std::function<FrameBuffer&()> next) { m_NextBuffer = std::move(next); }
-
- protected:
-  ~GrowingSource() = default;
-  std::function<FrameBuffer&()> m_NextBuffer;
-};
-
-// Base is the source class of live555 that the sink wants.
+// Base is the source class of live555 that the sink wants. In place of live555's buffer it
+// fills a Frame, which grows with the frames of the stream and is the sink's from then on.
 template <class Base>
-class QueuedSource : public Base, public GrowingSource {
+class QueuedSource : public Base {
  public:
   // Any thread: wakes the event loop for a frame. Nothing happens for a null
   // pointer or a source of another type.
@@ -40,6 +29,9 @@ class QueuedSource : public Base, public GrowingSource {
       queued->m_Trigger.fire();
     }
   }
+
+  // What was delivered last; once for each frame.
+  FramePtr takeFrame() KAVO_REQUIRES(eventLoopRole) { return std::move(m_Frame); }
 
  protected:
   // Frames queued before this source existed are stale.
@@ -78,37 +70,30 @@ class QueuedSource : public Base, public GrowingSource {
           packet.data != nullptr && contained([&]() KAVO_REQUIRES(eventLoopRole) { deliver(packet); });
       m_FrameSourceHandler->pop();
       if (delivered) {
-        noteNewest(packet);
+        m_FrameSourceHandler->observer().delivered(m_Frame->submitted);
         FramedSource::afterGetting(this);
         return;
       }
     }
   }
 
-  void noteNewest(AVPacket const& packet) {
-    if (auto const& status = m_FrameSourceHandler->status()) {
-      auto const age = std::chrono::steady_clock::now() - FrameSourceHandler::submitTime(packet);
-      auto const microseconds = std::chrono::duration_cast<std::chrono::microseconds>(age).count();
-      status::put(status->newest, status::now() - static_cast<std::uint64_t>(microseconds));
-    }
-  }
-
   void deliver(AVPacket const& packet) KAVO_REQUIRES(eventLoopRole) {
+    m_Frame = m_Pool.take();
+    m_Frame->submitted = FrameSourceHandler::submitTime(packet);
     auto const size = static_cast<unsigned>(packet.size);
-    if (m_NextBuffer) {
-      FrameBuffer& buffer = m_NextBuffer();
-      buffer.reserve(size);
-      this->fTo = buffer.data();
-      this->fMaxSize = static_cast<unsigned>(buffer.size());
-    }
+    auto const room = m_Frame->reserve(size);
+    this->fTo = room.data();
+    this->fMaxSize = static_cast<unsigned>(room.size());
     unsigned const deliverable = std::min(size, this->fMaxSize);
     this->fNumTruncatedBytes = size - deliverable;
-    this->fPresentationTime = presentationTime(FrameSourceHandler::submitTime(packet));
+    this->fPresentationTime = presentationTime(m_Frame->submitted);
     copyFrame(packet, deliverable);
   }
 
   std::shared_ptr<FrameSourceHandler> m_FrameSourceHandler;
   EventTrigger m_Trigger;
+  FramePool m_Pool KAVO_GUARDED_BY(eventLoopRole);
+  FramePtr m_Frame KAVO_GUARDED_BY(eventLoopRole);
 };
 
 }  // namespace kavo::impl

@@ -2,7 +2,6 @@
 
 #include <string>
 #include <string_view>
-#include <utility>
 
 #include "server/rtspconnection.h"
 #include "server/rtspserver.h"
@@ -28,6 +27,10 @@ Viewer* ClientSession::viewer() const {
   return nullptr;
 }
 
+InterleavedTransport* ClientSession::interleaved() const {
+  return viewer() != nullptr ? viewer()->transport().interleaved() : nullptr;
+}
+
 void ClientSession::joinConnection(RtspConnection& connection) {
   if (m_Connection == nullptr) {
     m_Connection = &connection;
@@ -37,34 +40,46 @@ void ClientSession::joinConnection(RtspConnection& connection) {
 
 void ClientSession::leaveConnection() {
   m_Connection = nullptr;
-  if (viewer() != nullptr && !viewer()->isOverUdp()) {
-    setReasonToLeave("its connection ended");
+  if (interleaved() != nullptr) {
+    setDeparture(Departure::ConnectionClosed);
   }
 }
 
-void ClientSession::setReasonToLeave(char const* why) {
-  if (viewer() != nullptr && !std::exchange(m_HasReason, true)) {
-    viewer()->setReasonToLeave(why);
+void ClientSession::setDeparture(Departure departure) {
+  if (viewer() != nullptr) {
+    viewer()->setDeparture(departure);
   }
 }
 
-void ClientSession::handleReport(std::span<std::uint8_t const> packet) { viewer()->handleReport(packet); }
+void ClientSession::handleReport(std::span<std::uint8_t const> packet) {
+  viewer()->viewers().reporter().handle(*viewer(), packet);
+}
 
 void ClientSession::noteProgress() {
-  if (Viewer* const watching = viewer(); watching != nullptr && watching->takeProgress()) {
+  if (interleaved() != nullptr && interleaved()->takeProgress()) {
     noteLiveness();
   }
 }
 
-bool ClientSession::isAbandoned() {
+bool ClientSession::probe() {
   Viewer* const watching = viewer();
-  return m_Connection == nullptr && watching != nullptr && watching->isUnreachable();
+  if (m_Connection != nullptr || watching == nullptr) {
+    return false;
+  }
+  watching->viewers().reporter().probe(*watching);
+  return watching->probesRefused() >= 2;
+}
+
+void ClientSession::begin() {
+  if (Viewer* const watching = viewer()) {
+    watching->viewers().begin(*watching);
+  }
 }
 
 void ClientSession::sayGoodbye() {
   if (Viewer* const watching = viewer()) {
-    setReasonToLeave("the host ended the session");
-    watching->sayGoodbye();
+    setDeparture(Departure::SessionRemoved);
+    watching->viewers().reporter().sayGoodbye(*watching);
   }
 }
 
@@ -92,11 +107,12 @@ void ClientSession::handleCmd_SETUP(RTSPServer::RTSPClientConnection* connection
     throw;
   }
   if (Viewer* const watching = viewer()) {
-    if (transport->interleaved) {
-      watching->attach(ours.writer(), ours.clientAddress());
+    if (interleaved() != nullptr) {
+      interleaved()->attach(ours.writer());
+      watching->observer().setAddress(ours.clientAddress());
     }
     m_ClientAddress = ours.clientAddress();
-    watching->onSignOfLife([this] { noteLiveness(); });
+    watching->onReport([this] { noteLiveness(); });
     joinConnection(ours);
   } else if (ours.hasAccepted()) {
     ours.refuse("503 Service Unavailable");  // no socket to send from
@@ -113,11 +129,11 @@ void ClientSession::handleCmd_withinSession(RTSPServer::RTSPClientConnection* co
   }
   joinConnection(ours);
   if (cmdName == std::string_view("TEARDOWN")) {
-    setReasonToLeave("TEARDOWN");
+    setDeparture(Departure::Teardown);
   }
   RTSPClientSession::handleCmd_withinSession(connection, cmdName, urlPreSuffix, urlSuffix,
                                              ours.request().headers().c_str());
-  if (cmdName == std::string_view("PLAY") && viewer() != nullptr && !viewer()->isAnnounced()) {
+  if (cmdName == std::string_view("PLAY") && viewer() != nullptr && !viewer()->isSequenceKnown()) {
     ours.withdrawSequence();
   }
 }

@@ -5,7 +5,8 @@
 #include <cstdint>
 #include <span>
 
-#include "delivery/address.h"
+#include "base/address.h"
+#include "delivery/interleavedtransport.h"
 #include "delivery/viewers.h"
 #include "eventloop/eventlooprole.h"
 
@@ -13,7 +14,7 @@ namespace kavo::impl {
 
 class RtspConnection;
 class RtspServer;
-struct Transport;
+struct RequestedTransport;
 
 class ClientSession : public RTSPServer::RTSPClientSession {
  public:
@@ -25,22 +26,25 @@ class ClientSession : public RTSPServer::RTSPClientSession {
   // The connection that it was set up on, or last used from; null once that is gone.
   RtspConnection* connection() const KAVO_REQUIRES(eventLoopRole) { return m_Connection; }
   void leaveConnection() KAVO_REQUIRES(eventLoopRole);
-  // Why its viewer is about to go, for the status page: the first reason counts. A literal.
-  void setReasonToLeave(char const* why) KAVO_REQUIRES(eventLoopRole);
+  // Why its viewer is about to leave: the first reason counts.
+  void setDeparture(Departure departure) KAVO_REQUIRES(eventLoopRole);
 
   // Whether requests from the address may use it: those of the host that made it.
   bool isOfHost(sockaddr_storage const& address) const KAVO_REQUIRES(eventLoopRole) {
     return isSameHost(m_ClientAddress, address);
   }
-  // Whether it has lost its connection, and its viewer's port answers that nobody
-  // listens there any more. To be asked every second.
-  bool isAbandoned() KAVO_REQUIRES(eventLoopRole);
+  // Once a second. True where it has lost its connection, and its viewer's port answers that
+  // nobody listens there any more.
+  bool probe() KAVO_REQUIRES(eventLoopRole);
 
   // Whether anything is set up: only then is the session worth keeping.
   bool hasStream() const KAVO_REQUIRES(eventLoopRole) { return viewer() != nullptr; }
   bool usesChannel(int channel) const KAVO_REQUIRES(eventLoopRole) {
-    return viewer() != nullptr && viewer()->usesChannel(channel);
+    return interleaved() != nullptr && interleaved()->usesChannel(channel);
   }
+
+  // The response to PLAY is on its way: what it announced follows.
+  void begin() KAVO_REQUIRES(eventLoopRole);
 
   // A receiver's report that came on one of its channels.
   void handleReport(std::span<std::uint8_t const> packet) KAVO_REQUIRES(eventLoopRole);
@@ -58,10 +62,10 @@ class ClientSession : public RTSPServer::RTSPClientSession {
  private:
   // A stream has one track, so a session has one viewer.
   Viewer* viewer() const KAVO_REQUIRES(eventLoopRole);
+  InterleavedTransport* interleaved() const KAVO_REQUIRES(eventLoopRole);
   void joinConnection(RtspConnection& connection) KAVO_REQUIRES(eventLoopRole);
 
   RtspConnection* m_Connection KAVO_GUARDED_BY(eventLoopRole) = nullptr;
-  bool m_HasReason KAVO_GUARDED_BY(eventLoopRole) = false;
   sockaddr_storage m_ClientAddress KAVO_GUARDED_BY(eventLoopRole){};
 };
 

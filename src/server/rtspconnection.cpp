@@ -10,6 +10,7 @@
 
 #include "eventloop/contained.h"
 #include "eventloop/memoryreserve.h"
+#include "operate/observer.h"
 #include "server/clientsession.h"
 #include "server/rtspserver.h"
 
@@ -68,7 +69,7 @@ bool RtspConnection::hasAccepted() const {
   return std::strncmp(reinterpret_cast<char const*>(fResponseBuffer), "RTSP/1.0 200", 12) == 0;
 }
 
-std::optional<Transport> RtspConnection::transportFor(std::optional<Transport> transport) const {
+std::optional<RequestedTransport> RtspConnection::transportFor(std::optional<RequestedTransport> transport) const {
   auto const isFree = [this](int channel) KAVO_REQUIRES(eventLoopRole) {
     return std::none_of(m_Sessions.begin(), m_Sessions.end(), [=](auto const* session) KAVO_REQUIRES(eventLoopRole) {
       return session->usesChannel(channel);
@@ -161,23 +162,28 @@ void RtspConnection::handleRequest() {
     answer("405 Method Not Allowed");
   } else if (request().cseq.empty()) {
     answer("400 Bad Request");
-  } else if (!request().session.empty() && !m_Server.maySpeakFor(request().session, fClientAddr)) {
+  } else if (!request().session.empty() && m_Server.sessionOf(request().session, fClientAddr) == nullptr) {
     answer("454 Session Not Found");
   } else if ((request().method == "SETUP" || request().method == "DESCRIBE") && !MemoryReserve::refill()) {
-    m_Server.noteRefusal(&kv_status_process::refused_limit, fClientAddr, "out of memory");
+    observeRefusal(Refusal::Limit, fClientAddr, "out of memory");
     answer("503 Service Unavailable");
   } else if (request().method == "SETUP" && request().session.empty() &&
-             (m_Sessions.size() >= maxSessions || !m_Server.hasRoomForSession(fClientAddr))) {
-    m_Server.noteRefusal(&kv_status_process::refused_limit, fClientAddr, "too many sessions");
+             (m_Sessions.size() >= maxSessions || !m_Server.makeRoomForSession(fClientAddr))) {
+    observeRefusal(Refusal::Limit, fClientAddr, "too many sessions");
     answer("453 Not Enough Bandwidth");
   } else {
     auto const text = request().text();
     resetRequestBuffer();
     std::memcpy(fRequestBuffer, text.data(), text.size());
     auto& server = m_Server;
+    auto const session = request().method == "PLAY" ? request().session : "";
+    auto const address = fClientAddr;
     handleRequestBytes(static_cast<int>(text.size()));
     server.removeFailedSession();
     server.noteCounts();
+    if (auto* const playing = server.sessionOf(session, address)) {
+      playing->begin();
+    }
   }
 }
 
@@ -194,7 +200,7 @@ Boolean RtspConnection::authenticationOK(char const* method, char const* urlSuff
   }
   // Without credentials it is the usual way to learn that they are wanted.
   if (!request().authorization.empty() || !request().session.empty()) {
-    m_Server.noteRefusal(&kv_status_process::refused_user, fClientAddr, "no valid user and password");
+    observeRefusal(Refusal::User, fClientAddr, "no valid user and password");
   }
   return False;
 }

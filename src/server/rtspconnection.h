@@ -13,7 +13,7 @@
 #include "base/uniquefd.h"
 #include "delivery/interleavedwriter.h"
 #include "eventloop/eventlooprole.h"
-#include "eventloop/socketwatch.h"
+#include "eventloop/loophandles.h"
 #include "server/requestreader.h"
 #include "server/transport.h"
 
@@ -50,7 +50,8 @@ class RtspConnection : public RTSPServer::RTSPClientConnection {
   std::shared_ptr<InterleavedWriter> const& writer() const KAVO_REQUIRES(eventLoopRole) { return m_Writer; }
   // The transport with channels that no other session of the connection uses;
   // nothing if the client insists on such.
-  std::optional<Transport> transportFor(std::optional<Transport> transport) const KAVO_REQUIRES(eventLoopRole);
+  std::optional<RequestedTransport> transportFor(std::optional<RequestedTransport> transport) const
+      KAVO_REQUIRES(eventLoopRole);
   // Makes this the response.
   void refuse(char const* status) { setRTSPResponse(status); }
   // Takes the number of the first packet out of the response.

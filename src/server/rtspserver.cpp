@@ -8,10 +8,9 @@
 #include <utility>
 #include <vector>
 
-#include "base/statuspage.h"
-#include "delivery/address.h"
-#include "eventloop/contained.h"
+#include "base/address.h"
 #include "eventloop/memoryreserve.h"
+#include "operate/observer.h"
 #include "server/clientsession.h"
 #include "server/rtspconnection.h"
 
@@ -145,12 +144,12 @@ void RtspServer::removeFailedSession() {
   }
 }
 
-bool RtspServer::maySpeakFor(std::string const& sessionId, sockaddr_storage const& clientAddress) {
-  auto const* const session = static_cast<impl::ClientSession*>(lookupClientSession(sessionId.c_str()));
-  return session != nullptr && session->isOfHost(clientAddress);
+impl::ClientSession* RtspServer::sessionOf(std::string const& sessionId, sockaddr_storage const& clientAddress) {
+  auto* const session = static_cast<impl::ClientSession*>(lookupClientSession(sessionId.c_str()));
+  return session != nullptr && session->isOfHost(clientAddress) ? session : nullptr;
 }
 
-bool RtspServer::hasRoomForSession(sockaddr_storage const& clientAddress) {
+bool RtspServer::makeRoomForSession(sockaddr_storage const& clientAddress) {
   if (auto const most = m_Policy->maxViewersPerAddress) {
     std::size_t ofHost = 0;
     forEachSession([&](impl::ClientSession& session)
@@ -184,14 +183,6 @@ void RtspServer::noteActivity(Connections::iterator place) {
   m_Connections.splice(m_Connections.end(), m_Connections, place);
 }
 
-void RtspServer::noteRefusal(std::uint64_t kv_status_process::* counter, sockaddr_storage const& address,
-                             char const* why) noexcept {
-  status::increaseProcess(counter);
-  if (status::page() != nullptr) {
-    contained([&] { status::note(KV_STATUS_REFUSED, "", textOf(address), why); });
-  }
-}
-
 void RtspServer::startAccepting() {
   m_WatchIpv4.start(SOCKET_READABLE);
   m_WatchIpv6.start(SOCKET_READABLE);
@@ -214,11 +205,11 @@ bool RtspServer::acceptOne(int listeningSocket) {
   UniqueFd client(accept4(listeningSocket, reinterpret_cast<sockaddr*>(&address), &size, SOCK_NONBLOCK | SOCK_CLOEXEC));
   if (client.get() >= 0) {
     if (!m_Policy->allows(address)) {
-      noteRefusal(&kv_status_process::refused_address, address, "not allowed from there");
+      observeRefusal(Refusal::Address, address, "not allowed from there");
     } else if (MemoryReserve::refill() && (m_Connections.size() < m_MaxConnections || evictConnection())) {
       addConnection(std::move(client), address);
     } else {
-      noteRefusal(&kv_status_process::refused_limit, address, "too many connections");
+      observeRefusal(Refusal::Limit, address, "too many connections");
     }
     return true;
   }
@@ -267,7 +258,7 @@ void RtspServer::closeIdleAndStalled() {
     bool const idle = now - connection->lastActivity() > idleTimeout && !connection->hasStream();
     if (idle || connection->isStalled(now)) {
       for (impl::ClientSession* const session : connection->sessions()) {
-        session->setReasonToLeave("took nothing for 10 s");
+        session->setDeparture(Departure::Stalled);
       }
       delete connection;
     } else {
@@ -279,8 +270,8 @@ void RtspServer::closeIdleAndStalled() {
   std::vector<impl::ClientSession*> abandoned;
   forEachSession([&](impl::ClientSession& session) {
     eventLoopRole.assertHeld();
-    if (session.isAbandoned()) {
-      session.setReasonToLeave("nobody listens on its port");
+    if (session.probe()) {
+      session.setDeparture(Departure::Unreachable);
       abandoned.push_back(&session);
     }
   });

@@ -10,11 +10,9 @@
 #include <optional>
 #include <string>
 
-#include "base/policy.h"
-#include "base/statuspage.h"
 #include "eventloop/eventlooprole.h"
-#include "eventloop/socketwatch.h"
-#include "eventloop/timer.h"
+#include "eventloop/loophandles.h"
+#include "operate/policy.h"
 #include "server/listeningsockets.h"
 
 namespace kavo::impl {
@@ -53,19 +51,18 @@ class RtspServer : public RTSPServer {
   void removeConnection(Connections::iterator place) KAVO_REQUIRES(eventLoopRole);
   void noteActivity(Connections::iterator place) KAVO_REQUIRES(eventLoopRole);
 
-  // Whether the session exists and is of the client's host: ids can be guessed.
-  bool maySpeakFor(std::string const& sessionId, sockaddr_storage const& clientAddress) KAVO_REQUIRES(eventLoopRole);
-  // Whether another client session may be created from the address; one without a
-  // connection is evicted.
-  bool hasRoomForSession(sockaddr_storage const& clientAddress) KAVO_REQUIRES(eventLoopRole);
+  // The session of the id; null unless it is of the client's address: ids can be guessed.
+  impl::ClientSession* sessionOf(std::string const& sessionId, sockaddr_storage const& clientAddress)
+      KAVO_REQUIRES(eventLoopRole);
+  // False where no other client session may be created from the address. One without a
+  // connection gives way.
+  bool makeRoomForSession(sockaddr_storage const& clientAddress) KAVO_REQUIRES(eventLoopRole);
   // Deletes the session that was made for the last request, unless that set up a stream.
   void removeFailedSession() KAVO_REQUIRES(eventLoopRole);
   template <class Function>
   void forEachSession(Function const& function) KAVO_REQUIRES(eventLoopRole);
 
   // For the status page.
-  void noteRefusal(std::uint64_t kv_status_process::* counter, sockaddr_storage const& address,
-                   char const* why) noexcept KAVO_REQUIRES(eventLoopRole);
   void noteCounts() KAVO_REQUIRES(eventLoopRole);
 
   void startAccepting() KAVO_REQUIRES(eventLoopRole);

@@ -44,7 +44,7 @@ std::optional<Range> parameterRange(std::vector<std::string_view> const& fields,
   return std::nullopt;
 }
 
-std::optional<Transport> acceptable(std::string_view transport) {
+std::optional<RequestedTransport> acceptable(std::string_view transport) {
   auto const fields = split(transport, ';');
   auto const has = [&](std::string_view word) {
     return std::any_of(fields.begin(), fields.end(), [&](auto field) { return equalsIgnoringCase(field, word); });
@@ -55,25 +55,26 @@ std::optional<Transport> acceptable(std::string_view transport) {
   if (equalsIgnoringCase(fields[0], "RTP/AVP/TCP")) {
     // live555 takes channel 255 for none.
     auto const channels = parameterRange(fields, "interleaved", 0, 254);
-    return channels && channels->first != channels->second ? Transport{true, true, channels->first, channels->second}
-                                                           : Transport{true, false};
+    return channels && channels->first != channels->second
+               ? RequestedTransport{true, true, channels->first, channels->second}
+               : RequestedTransport{true, false};
   }
   // RFC 2326: "RTP/AVP" is short for "RTP/AVP/UDP".
   if (equalsIgnoringCase(fields[0], "RTP/AVP") || equalsIgnoringCase(fields[0], "RTP/AVP/UDP")) {
     auto const ports = parameterRange(fields, "client_port", 1, 65535);
-    return ports ? std::optional(Transport{false, true, ports->first, ports->second}) : std::nullopt;
+    return ports ? std::optional(RequestedTransport{false, true, ports->first, ports->second}) : std::nullopt;
   }
   return std::nullopt;
 }
 
 }  // namespace
 
-std::string Transport::text() const {
+std::string RequestedTransport::text() const {
   return std::string(interleaved ? "RTP/AVP/TCP;unicast;interleaved=" : "RTP/AVP;unicast;client_port=") +
          std::to_string(rtp) + "-" + std::to_string(rtcp);
 }
 
-std::optional<Transport> acceptableTransport(std::string_view header) {
+std::optional<RequestedTransport> acceptableTransport(std::string_view header) {
   for (auto const transport : split(header, ',')) {
     if (auto const accepted = acceptable(transport)) {
       return accepted;

@@ -8,7 +8,7 @@
 
 namespace kavo::impl {
 
-struct Transport {
+struct RequestedTransport {
   bool interleaved = false;  // on the RTSP connection, otherwise over unicast UDP
   bool chosen = true;        // false: the server is to choose the channels
   std::uint16_t rtp = 0;     // channel or client port
@@ -19,6 +19,6 @@ struct Transport {
 };
 
 // The first transport of a Transport header that we serve; nothing if there is none.
-std::optional<Transport> acceptableTransport(std::string_view header);
+std::optional<RequestedTransport> acceptableTransport(std::string_view header);
 
 }  // namespace kavo::impl

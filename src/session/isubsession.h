@@ -2,17 +2,17 @@
 // the session's lock.
 #pragma once
 
+#include "base/noncopyable.h"
+
 namespace kavo::impl {
 
 class LiveDemandSession;
 class StreamEnvironment;
 
-class ISubSession {
+class ISubSession : NonCopyable {
  public:
   explicit ISubSession(StreamEnvironment const& env) : m_Environment(env) {}
   virtual ~ISubSession() = default;
-  ISubSession(ISubSession const&) = delete;
-  ISubSession& operator=(ISubSession const&) = delete;
 
   // Encodes and queues one raw frame, or drops it unencoded while nobody waits
   // for it or the queue is full. Throws.

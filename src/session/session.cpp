@@ -5,6 +5,7 @@
 
 #include "base/streamexception.h"
 #include "codec/hostnumbers.h"
+#include "kavo_stream.h"
 #include "rtsp/h264demandsession.h"
 #include "rtsp/jpegdemandsession.h"
 #include "session/streamenvironment.h"
@@ -17,9 +18,9 @@ namespace {
 std::shared_ptr<ISubSession> makeStream(StreamEnvironment const& env, ServerMediaSession& media,
                                         std::string const& name, VideoCodecParameter const& parameter) {
   switch (parameter.m_DstCodecId) {
-    case HostCodecMjpeg:
+    case KV_CODEC_MJPEG:
       return std::make_shared<VideoSubSession<JpegDemandSession>>(env, media, name, &parameter);
-    case HostCodecH264:
+    case KV_CODEC_H264:
       return std::make_shared<VideoSubSession<H264DemandSession>>(env, media, name, &parameter);
     default:
       throw StreamException("Invalid codec parameter", ErrorInvalidParameter);

@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 
+#include "base/noncopyable.h"
 #include "base/threadannotations.h"
 #include "codec/codecparameter.h"
 #include "session/isubsession.h"
@@ -15,15 +16,13 @@ namespace kavo::impl {
 
 class StreamEnvironment;
 
-class Session {
+class Session : NonCopyable {
  public:
   // Creates the media session. Throws "Invalid session parameter" for an empty string.
   Session(StreamEnvironment const& env, std::string const& name, std::string const& info,
           std::string const& description);
   // Closes the media session, unless it was registered.
   virtual ~Session();
-  Session(Session const&) = delete;
-  Session& operator=(Session const&) = delete;
 
   virtual std::string streamName() { return m_StreamName; }
   virtual std::string streamInfo() { return m_StreamInfo; }

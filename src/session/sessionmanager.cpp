@@ -1,7 +1,7 @@
 #include "session/sessionmanager.h"
 
-#include "base/statuspage.h"
 #include "base/streamexception.h"
+#include "operate/statuspage.h"
 
 namespace kavo::impl {
 

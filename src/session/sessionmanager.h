@@ -9,6 +9,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "base/noncopyable.h"
 #include "base/threadannotations.h"
 #include "codec/codecparameter.h"
 #include "session/session.h"
@@ -18,7 +19,7 @@ namespace kavo::impl {
 
 // A handle is the address of a Session. One that names no live session throws
 // std::out_of_range.
-class SessionManager {
+class SessionManager : NonCopyable {
  public:
   struct SessionInformation {
     void* handle = nullptr;
@@ -30,8 +31,6 @@ class SessionManager {
 
   SessionManager() = default;
   virtual ~SessionManager() = default;
-  SessionManager(SessionManager const&) = delete;
-  SessionManager& operator=(SessionManager const&) = delete;
 
   // Starts serving on the port. Throws what StreamEnvironment::start throws.
   void init(unsigned int port) KAVO_EXCLUDES(m_Mutex);

@@ -12,10 +12,9 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "base/statuspage.h"
-#include "eventloop/epollscheduler.h"
+#include "delivery/frame.h"
 #include "eventloop/quietusageenvironment.h"
-#include "rtsp/framebuffer.h"
+#include "operate/statuspage.h"
 
 namespace kavo::impl {
 
@@ -26,12 +25,10 @@ constexpr unsigned reclamationSeconds = 65;
 
 // Restores a signal's disposition: live555's server makes the process ignore
 // SIGPIPE, which is for the host to decide. Our sends never raise it.
-class KeptDisposition {
+class KeptDisposition : NonCopyable {
  public:
   explicit KeptDisposition(int signal) : m_Signal(signal) { sigaction(signal, nullptr, &m_Before); }
   ~KeptDisposition() { sigaction(m_Signal, &m_Before, nullptr); }
-  KeptDisposition(KeptDisposition const&) = delete;
-  KeptDisposition& operator=(KeptDisposition const&) = delete;
 
  private:
   int m_Signal;
@@ -40,7 +37,7 @@ class KeptDisposition {
 
 // Blocks all signals in the calling thread and the threads it starts: the host's
 // signals are for its own threads.
-class BlockedSignals {
+class BlockedSignals : NonCopyable {
  public:
   BlockedSignals() {
     sigset_t all;
@@ -48,8 +45,6 @@ class BlockedSignals {
     pthread_sigmask(SIG_BLOCK, &all, &m_Before);
   }
   ~BlockedSignals() { pthread_sigmask(SIG_SETMASK, &m_Before, nullptr); }
-  BlockedSignals(BlockedSignals const&) = delete;
-  BlockedSignals& operator=(BlockedSignals const&) = delete;
 
  private:
   sigset_t m_Before{};
@@ -57,7 +52,7 @@ class BlockedSignals {
 
 // The "C" locale for the calling thread: live555 prints numbers for the wire with
 // what may be the host's decimal comma.
-class NeutralLocale {
+class NeutralLocale : NonCopyable {
  public:
   NeutralLocale() : m_Locale(newlocale(LC_ALL_MASK, "C", nullptr)), m_Before(uselocale(m_Locale)) {}
   ~NeutralLocale() {
@@ -66,8 +61,6 @@ class NeutralLocale {
       freelocale(m_Locale);
     }
   }
-  NeutralLocale(NeutralLocale const&) = delete;
-  NeutralLocale& operator=(NeutralLocale const&) = delete;
 
  private:
   locale_t m_Locale;
@@ -136,7 +129,7 @@ void StreamEnvironment::start(unsigned int port) {
   }
   try {
     m_Policy = policyFromEnvironment();
-    m_Delivery = std::make_unique<Delivery>(Delivery{.policy = m_Policy->delivery});
+    m_Delivery = std::make_unique<DeliveryContext>(DeliveryContext{.policy = m_Policy->delivery});
     makeServer(port);
     startThread();
   } catch (...) {
@@ -158,8 +151,7 @@ void StreamEnvironment::makeServer(unsigned int port) {
     throw StreamException("BasicUsageEnvironment creation failed", ErrorResource);
   }
   // What a frame may have, for live555's own sinks too. Ours take no such buffer.
-  OutPacketBuffer::maxSize = FrameBuffer::largestFrame;
-  m_Tasks = std::make_unique<EventLoopTasks>(*m_TaskScheduler);
+  OutPacketBuffer::maxSize = Frame::largest;
   settleOwnAddress();
   seedSessionIds(*m_UsageEnvironment);
   KeptDisposition const kept(SIGPIPE);
@@ -192,7 +184,6 @@ void StreamEnvironment::release() {
   EventLoopRole::Holder const role(eventLoopRole);
   Medium::close(m_RTSPServer);
   m_RTSPServer = nullptr;
-  m_Tasks.reset();
   m_TaskScheduler.reset();
   m_UsageEnvironment.reset();
   m_Reserve.reset();
@@ -211,7 +202,7 @@ void StreamEnvironment::run() {
     m_TaskScheduler->doEventLoop(&m_WatchVariable);
   } catch (...) {
     m_Failed = true;
-    m_Tasks->cancel();
+    m_TaskScheduler->closeCalls();
   }
 }
 

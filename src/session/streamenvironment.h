@@ -10,11 +10,11 @@
 #include <thread>
 #include <type_traits>
 
-#include "base/policy.h"
 #include "base/streamexception.h"
+#include "eventloop/epollscheduler.h"
 #include "eventloop/eventlooprole.h"
-#include "eventloop/eventlooptasks.h"
 #include "eventloop/memoryreserve.h"
+#include "operate/policy.h"
 #include "rtsp/livedemandsession.h"
 #include "server/rtspserver.h"
 
@@ -23,12 +23,10 @@ namespace kavo::impl {
 // Host threads, one at a time (the session manager's lock); run() is the
 // event-loop thread. All of it is made by start() and gone after stop(), so
 // no failure outlives the server it happened to.
-class StreamEnvironment {
+class StreamEnvironment : NonCopyable {
  public:
   StreamEnvironment() = default;
   ~StreamEnvironment();
-  StreamEnvironment(StreamEnvironment const&) = delete;
-  StreamEnvironment& operator=(StreamEnvironment const&) = delete;
 
   // Starts the RTSP server on the port and the event loop, by the policy file that the
   // environment names, if any. Throws.
@@ -54,7 +52,7 @@ class StreamEnvironment {
 
   // Of the server, while started.
   Policy const& policy() const { return *m_Policy; }
-  Delivery const& delivery() const { return *m_Delivery; }
+  DeliveryContext const& delivery() const { return *m_Delivery; }
 
   // While started. GetRTSPServer() throws "RTSP server is not initialized", and what
   // requireHealth() throws.
@@ -73,12 +71,11 @@ class StreamEnvironment {
   void run();
 
   std::shared_ptr<Policy const> m_Policy;
-  std::unique_ptr<Delivery const> m_Delivery;
+  std::unique_ptr<DeliveryContext const> m_Delivery;
   std::unique_ptr<MemoryReserve> m_Reserve;
   // In this order: the environment is reclaimed after the scheduler is deleted.
   std::unique_ptr<UsageEnvironment, Reclaim> m_UsageEnvironment;
-  std::unique_ptr<TaskScheduler> m_TaskScheduler;
-  std::unique_ptr<EventLoopTasks> m_Tasks;
+  std::unique_ptr<EpollScheduler> m_TaskScheduler;
   RtspServer* m_RTSPServer = nullptr;  // closed with Medium::close
   std::thread m_Thread;
   char volatile m_WatchVariable = 0;  // not 0: the event loop returns
@@ -91,18 +88,30 @@ std::invoke_result_t<Function> StreamEnvironment::runOnLoop(Function function) c
     EventLoopRole::Holder const role(eventLoopRole);
     return function();
   }
-  bool runs = true;
-  std::packaged_task<std::invoke_result_t<Function>()> task([&] {
-    if (!runs) {
-      throw StreamException("RTSP server has failed", ErrorResource);
+  using Result = std::invoke_result_t<Function>;
+  class Call : public LoopCall {
+   public:
+    explicit Call(Function& function)
+        : m_Task([this, &function] {
+            if (!m_OnLoop) {
+              throw StreamException("RTSP server has failed", ErrorResource);
+            }
+            return function();
+          }) {}
+    std::future<Result> result() { return m_Task.get_future(); }
+
+   private:
+    void run(bool onLoop) override {
+      m_OnLoop = onLoop;
+      m_Task();
     }
-    return function();
-  });
-  auto result = task.get_future();
-  m_Tasks->add([&](bool onLoop) {
-    runs = onLoop;
-    task();
-  });
+
+    bool m_OnLoop = false;
+    std::packaged_task<Result()> m_Task;
+  };
+  Call call(function);
+  auto result = call.result();
+  m_TaskScheduler->request(call);
   return result.get();
 }
 

@@ -27,7 +27,7 @@ class VideoSubSession : public ISubSession {
         m_FrameSourceHandler(std::make_shared<FrameSourceHandler>()),
         m_Transcoder(std::make_shared<Transcoder>(parameter)) {
     auto const parameterSets = m_Transcoder->parameterSets();
-    m_FrameSourceHandler->status().take(name, descriptionOf(*parameter));
+    m_FrameSourceHandler->observer().take(name, descriptionOf(*parameter));
     m_MediaSession = env.runOnLoop([&] {
       eventLoopRole.assertHeld();
       auto* const session =
@@ -41,35 +41,31 @@ class VideoSubSession : public ISubSession {
     if (frame == nullptr) {
       throw StreamException("Invalid frame buffer", ErrorInvalidParameter);
     }
-    auto& status = m_FrameSourceHandler->status();
-    status.add(&kv_status_stream::offered);
+    auto& observer = m_FrameSourceHandler->observer();
+    observer.offered();
     m_FrameSourceHandler->noteSubmit();
     if (!m_FrameSourceHandler->IsStreaming()) {
-      status.add(&kv_status_stream::dropped_unwatched);
+      observer.unwatched();
       return;
     }
     if (!m_FrameSourceHandler->IsBufferFree()) {
-      status.add(&kv_status_stream::dropped_full);
+      observer.queueFull();
       return;
     }
     auto const submitted = KeyFrameRequest::Clock::now();
     if (m_FrameSourceHandler->keyFrameRequest().take(submitted)) {
       m_Transcoder->requestKeyFrame();
-      if (status && status->codec == KV_CODEC_H264) {
-        status.add(&kv_status_stream::key_frames_asked);
-        status::note(KV_STATUS_KEY_FRAME, status.name(), "", "");
-      }
+      observer.keyFrameRequested();
     }
     FrameSourceHandler::FrameData data{};
     try {
       m_Transcoder->transcode(frame, data.packet);
     } catch (...) {
-      status.add(&kv_status_stream::failed);
+      observer.failed();
       throw;
     }
-    if (status) {
-      noteEncoded(data.packet, submitted);
-    }
+    bool const isKeyFrame = data.packet.data != nullptr && (data.packet.flags & AV_PKT_FLAG_KEY) != 0;
+    observer.encoded(static_cast<std::size_t>(data.packet.size), isKeyFrame, KeyFrameRequest::Clock::now() - submitted);
     FrameSourceHandler::setSubmitTime(data.packet, submitted);
     try {
       m_FrameSourceHandler->push(data);
@@ -91,17 +87,6 @@ class VideoSubSession : public ISubSession {
     description.frame_rate = parameter.m_FrameRate;
     description.bitrate = parameter.m_Bitrate;
     return description;
-  }
-
-  void noteEncoded(AVPacket const& packet, KeyFrameRequest::Clock::time_point since) {
-    auto const& status = m_FrameSourceHandler->status();
-    bool const any = packet.data != nullptr;
-    bool const key = any && status->codec == KV_CODEC_H264 && (packet.flags & AV_PKT_FLAG_KEY) != 0;
-    status.add(any ? &kv_status_stream::encoded : &kv_status_stream::skipped);
-    status.add(&kv_status_stream::key_frames, key ? 1 : 0);
-    status.add(&kv_status_stream::bytes, static_cast<std::uint64_t>(packet.size));
-    auto const time = std::chrono::duration_cast<std::chrono::microseconds>(KeyFrameRequest::Clock::now() - since);
-    status.add(&kv_status_stream::encoding, static_cast<std::uint64_t>(time.count()));
   }
 
   std::shared_ptr<FrameSourceHandler> m_FrameSourceHandler;

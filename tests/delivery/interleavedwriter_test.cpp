@@ -28,14 +28,16 @@ class InterleavedWriterTest : public ::testing::Test {
   }
 
   bool frame(char letter, std::size_t packets, bool key = true, std::uint8_t channel = 0) {
-    std::vector<std::uint8_t> const payload(1000, static_cast<std::uint8_t>(letter));
-    FramePackets all;
-    all.begin({.payloadType = 96, .sequence = 1, .timestamp = 2, .ssrc = 3});
+    auto const frame = std::make_shared<Frame>();
+    auto const payload = frame->reserve(1000).first(1000);
+    std::ranges::fill(payload, static_cast<std::uint8_t>(letter));
+    frame->isKeyFrame = key;
+    frame->packets.begin({.payloadType = 96, .sequence = 1, .timestamp = 2, .ssrc = 3});
     for (std::size_t i = 0; i < packets; ++i) {
-      all.add({}, payload, false);
+      frame->packets.add({}, payload, false);
     }
-    InterleavedFrame interleaved(all, channel);
-    return m_Writer->sendFrame(interleaved, key);
+    frame->packets.end();
+    return m_Writer->sendFrame(frame, channel, Transport::Clock::now()).accepted;
   }
 
   void report() { m_Writer->sendReport(std::vector<std::uint8_t>(20, 'r'), 1); }

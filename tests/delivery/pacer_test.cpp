@@ -29,40 +29,10 @@ TEST(Pacer, StreamsOfAHostShareWhatItsPathTakes) {
   EXPECT_FALSE(path->takesAtOnce(burst + 1));
   auto const begin = Pacer::Clock::now();
   EXPECT_EQ(path->room(begin), burst);
-  path->noteSent(burst, 35, begin);
+  path->sent(burst, 35, begin);
   EXPECT_EQ(path->room(begin), 0U);
   auto const wait = path->until(16384, begin);
   EXPECT_NEAR(static_cast<double>(wait.count()), 2800, 300) << "at 100 Mbit/s";
   EXPECT_GE(path->room(begin + wait), 16384U);
   EXPECT_EQ(path->room(begin + 10ms), burst);
-}
-
-TEST(Pacer, ThePaceFollowsWhatMostViewersReport) {
-  Pacer pacer(60);
-  auto const path = pacer.pathTo(host(1));
-  auto now = Pacer::Clock::now();
-  auto const waitOf = [&] {
-    path->noteSent(12288, 0, now);
-    auto const wait = path->until(12288, now);
-    now += wait + 1ms;
-    return wait;
-  };
-  auto const reports = [&](bool loss) {
-    for (int i = 0; i < 4; ++i) {
-      path->noteReport(loss || i == 0, now);  // one viewer always loses
-      now += 2s;
-    }
-  };
-  auto const usual = waitOf();
-  reports(false);
-  reports(false);
-  EXPECT_EQ(waitOf(), usual) << "one viewer of four slowed the others down";
-  reports(true);
-  reports(true);
-  EXPECT_GT(waitOf(), usual * 13 / 10);
-  for (int i = 0; i < 40; ++i) {
-    path->noteReport(false, now);
-    now += 2s;
-  }
-  EXPECT_EQ(waitOf(), usual);
 }

@@ -40,9 +40,9 @@ struct Receiver {
 };
 
 // A frame of those packets; the first 12 bytes of each are the sender's.
-class Frame {
+class Packets {
  public:
-  explicit Frame(std::vector<std::size_t> const& sizes) : m_Payload(2000, 7) {
+  explicit Packets(std::vector<std::size_t> const& sizes) : m_Payload(2000, 7) {
     m_Packets.begin({.payloadType = 96, .sequence = 1, .timestamp = 2, .ssrc = 3});
     for (std::size_t const size : sizes) {
       m_Packets.add({}, std::span(m_Payload).first(size - FramePackets::rtpHeaderSize), false);
@@ -52,6 +52,7 @@ class Frame {
   std::vector<reassembly::Bytes> packets() { return reassembly::packetsOf(m_Packets); }
 
   void send(UdpSender& udp, int socket, std::initializer_list<UdpDestination*> destinations) {
+    m_Packets.end();
     udp.send(socket, m_Packets, 0, m_Packets.count(), std::vector(destinations));
   }
 
@@ -74,7 +75,7 @@ TEST(UdpSender, SendsEveryPacketToEveryDestination) {
   UniqueFd const sender(socket(AF_INET, SOCK_DGRAM, 0));
   UdpSender udp;
   for (auto const& sizes : frames) {
-    Frame frame(sizes);
+    Packets frame(sizes);
     Receiver receivers[3];
     UdpDestination a{.address = receivers[0].address};
     UdpDestination b{.address = receivers[1].address, .segmentation = false};
@@ -95,9 +96,9 @@ TEST(UdpSender, ARefusedDestinationDisturbsNoOther) {
   UdpDestination first{.address = receivers[0].address};
   UdpDestination refused{.address = receivers[0].address};
   reinterpret_cast<sockaddr_in&>(refused.address).sin_port = 0;  // EINVAL
-  UdpDestination narrow{.address = receivers[0].address, .tooNarrow = true};
+  UdpDestination narrow{.address = receivers[0].address, .exceedsMtu = true};
   UdpDestination last{.address = receivers[1].address};
-  Frame frame({1400, 1400, 500});
+  Packets frame({1400, 1400, 500});
   UdpSender udp;
   for (std::uint64_t round = 1; round <= 2; ++round) {
     frame.send(udp, sender.get(), {&first, &refused, &narrow, &last});
@@ -107,5 +108,5 @@ TEST(UdpSender, ARefusedDestinationDisturbsNoOther) {
     EXPECT_EQ(narrow.lost, 3 * round);
   }
   EXPECT_TRUE(first.segmentation && last.segmentation);
-  EXPECT_FALSE(refused.segmentation || refused.tooNarrow);
+  EXPECT_FALSE(refused.segmentation || refused.exceedsMtu);
 }

@@ -1,16 +1,17 @@
 #include "eventloop/epollscheduler.h"
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include <atomic>
 #include <chrono>
 #include <functional>
 #include <memory>
-#include <new>
+#include <string>
 #include <thread>
 #include <vector>
+
+#include "eventloop/loophandles.h"
 
 using namespace kavo::impl;
 using namespace std::chrono_literals;
@@ -59,28 +60,26 @@ class EpollSchedulerTest : public ::testing::Test {
 
   TaskScheduler& scheduler() { return *m_Scheduler; }
 
+  EventLoopRole::Holder const m_Role{eventLoopRole};
   std::unique_ptr<EpollScheduler> m_Scheduler{EpollScheduler::createNew(10000)};
 };
 
 }  // namespace
 
 TEST_F(EpollSchedulerTest, RunsTriggersFromManyThreadsWithoutALimit) {
-  constexpr int triggers = 200;
-  constexpr int firings = 500;
-  std::vector<std::unique_ptr<std::atomic<int>>> runs;
-  std::vector<EventTriggerId> ids;
-  for (int i = 0; i < triggers; ++i) {
-    runs.push_back(std::make_unique<std::atomic<int>>(0));
-    ids.push_back(scheduler().createEventTrigger([](void* count) { ++*static_cast<std::atomic<int>*>(count); }));
-    ASSERT_NE(ids.back(), 0U);
+  constexpr std::size_t triggers = 200;
+  constexpr std::size_t firings = 500;
+  std::vector<std::atomic<int>> runs(triggers);
+  std::vector<std::unique_ptr<EventTrigger>> all;
+  for (auto& count : runs) {
+    all.push_back(std::make_unique<EventTrigger>(scheduler(), [&count] { ++count; }));
   }
   std::atomic<int> finished = 0;
   std::vector<std::jthread> threads;
-  for (int t = 0; t < 4; ++t) {
+  for (std::size_t t = 0; t < 4; ++t) {
     threads.emplace_back([&, t] {
-      for (int i = 0; i < firings * triggers / 4; ++i) {
-        auto const at = static_cast<std::size_t>((i * 4 + t) % triggers);
-        scheduler().triggerEvent(ids[at], runs[at].get());
+      for (std::size_t i = 0; i < firings * triggers / 4; ++i) {
+        all[(i * 4 + t) % triggers]->fire();
       }
       ++finished;
     });
@@ -88,38 +87,57 @@ TEST_F(EpollSchedulerTest, RunsTriggersFromManyThreadsWithoutALimit) {
   runUntil([&] { return finished == 4; });
   passes(3);
   // Merged, but none is lost: every trigger that is fired now runs once more, and only once.
-  std::vector<int> before;
-  for (std::size_t i = 0; i < ids.size(); ++i) {
-    before.push_back(*runs[i]);
-    EXPECT_LE(before[i], firings);
-    scheduler().triggerEvent(ids[i], runs[i].get());
-    scheduler().triggerEvent(ids[i], runs[i].get());
+  std::vector<int> const before(runs.begin(), runs.end());
+  for (auto const& trigger : all) {
+    trigger->fire();
+    trigger->fire();
   }
   passes(3);
-  for (std::size_t i = 0; i < ids.size(); ++i) {
-    EXPECT_EQ(*runs[i] - before[i], 1);
+  for (std::size_t i = 0; i < triggers; ++i) {
+    EXPECT_GT(before[i], 0);
+    EXPECT_EQ(runs[i] - before[i], 1);
   }
 }
 
+// One that is deleted by an earlier one, one that deletes itself, and one made in a handler.
 TEST_F(EpollSchedulerTest, ADeletedTriggerDoesNotRun) {
-  int runs = 0;
-  Callback count = [&] { ++runs; };
-  EventTriggerId const second = scheduler().createEventTrigger(call);
-  Callback deleteSecond = [&] {
-    ++runs;
-    scheduler().deleteEventTrigger(second);
-    scheduler().triggerEvent(scheduler().createEventTrigger(call), &count);  // one made inside a handler
+  std::string runs;
+  auto const trigger = [&](char letter, Callback more) {
+    return std::make_unique<EventTrigger>(scheduler(), [&runs, letter, more = std::move(more)] {
+      runs += letter;
+      more();
+    });
   };
-  EventTriggerId const first = scheduler().createEventTrigger(call);
-  scheduler().triggerEvent(first, &deleteSecond);
-  scheduler().triggerEvent(second, &count);
-  runUntil([&] { return runs == 2; });
-  scheduler().deleteEventTrigger(first);
-  scheduler().triggerEvent(first, &count);
-  scheduler().triggerEvent(second, &count);
-  scheduler().triggerEvent(4711, &count);
+  std::unique_ptr<EventTrigger> last;
+  std::unique_ptr<EventTrigger> deleted = trigger('d', [] {});
+  std::unique_ptr<EventTrigger> first = trigger('f', [&] {
+    deleted.reset();
+    last = trigger('l', [] {});
+    last->fire();
+    first.reset();
+    runs += '.';  // what the handler holds is still there
+  });
+  first->fire();
+  deleted->fire();
+  runUntil([&] { return runs == "f.l"; });
+  last->fire();
+  last.reset();
   passes(3);
-  EXPECT_EQ(runs, 2);
+  EXPECT_EQ(runs, "f.l");
+}
+
+// Calls that wait when the loop ends, and those that come later, learn of it.
+TEST_F(EpollSchedulerTest, ACallIsAnsweredAfterTheLoopHasEnded) {
+  struct Call : LoopCall {
+    void run(bool onLoop) override { answers += onLoop ? 'y' : 'n'; }
+    std::string answers;
+  } calls[2];
+  m_Scheduler->request(calls[0]);
+  m_Scheduler->closeCalls();
+  m_Scheduler->request(calls[1]);
+  m_Scheduler->request(calls[1]);
+  passes(3);
+  EXPECT_EQ(calls[0].answers + "," + calls[1].answers, "n,nn");
 }
 
 // Both sockets are ready at once. Whichever handler runs first closes the other's

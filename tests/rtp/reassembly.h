@@ -23,6 +23,7 @@ inline void require(bool condition, char const* what) {
 // The packets as they leave over UDP.
 inline std::vector<Bytes> packetsOf(kavo::impl::FramePackets& packets) {
   std::vector<Bytes> result;
+  packets.end();
   auto const pieces = packets.datagrams();
   for (std::size_t at = 0; at < pieces.size(); at += 2) {
     Bytes packet;

@@ -198,7 +198,7 @@ class ViewingSlowHost : public ::testing::TestWithParam<std::tuple<int, int>> {
   void submitTwo(RtspClient& first, RtspClient& second) {
     join(first, true);
     submit();
-    EXPECT_EQ(first.packet().channel, 0);
+    EXPECT_GT(frameOf(first).packets, 0U);
     join(second, true);
     pass(second, std::chrono::seconds(2));
     submit();

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <utility>
 
-#include "base/policy.h"
+#include "operate/policy.h"
 #include "formats.h"
 
 namespace {

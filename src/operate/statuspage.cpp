@@ -1,4 +1,4 @@
-#include "base/statuspage.h"
+#include "operate/statuspage.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>

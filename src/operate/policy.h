@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "base/addressrange.h"
+#include "operate/addressrange.h"
 
 namespace kavo::impl {
 

@@ -1,4 +1,4 @@
-#include "base/policy.h"
+#include "operate/policy.h"
 
 #include <algorithm>
 #include <cerrno>

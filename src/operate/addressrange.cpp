@@ -1,4 +1,4 @@
-#include "base/addressrange.h"
+#include "operate/addressrange.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>

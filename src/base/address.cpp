@@ -1,4 +1,4 @@
-#include "delivery/address.h"
+#include "base/address.h"
 
 #include <arpa/inet.h>
 

@@ -1,4 +1,4 @@
-#include "delivery/lossrepair.h"
+#include "delivery/keyframedemand.h"
 
 #include <gtest/gtest.h>
 
@@ -9,21 +9,21 @@ namespace {
 
 // A viewer that reports ten times a second, of a hundred packets a second.
 struct Viewer {
-  LossRepair repair;
+  KeyFrameDemand demand;
   ReportBlock block;
-  LossRepair::Clock::time_point now = LossRepair::Clock::now();
+  KeyFrameDemand::Clock::time_point now = KeyFrameDemand::Clock::now();
   int keyFrames = 0;
 
   void report(int lost) {
     now += 100ms;
     block.highestSequence += 10;
     block.packetsLost += lost;
-    repair.noteReport({.block = block}, true);
+    demand.reported({.block = block}, true);
   }
   bool getsKeyFrame() {
-    bool const due = repair.take(now);
+    bool const due = demand.take(now);
     if (due) {
-      repair.noteKeyFrame(static_cast<std::uint16_t>(block.highestSequence + 1), now);
+      demand.keyFrameSent(static_cast<std::uint16_t>(block.highestSequence + 1), now);
       ++keyFrames;
     }
     return due;
@@ -32,7 +32,7 @@ struct Viewer {
 
 }  // namespace
 
-TEST(LossRepair, EachLossIsRepairedOnceHalfASecondApart) {
+TEST(KeyFrameDemand, EachLossIsRepairedOnceHalfASecondApart) {
   Viewer viewer;
   viewer.report(0);
   EXPECT_FALSE(viewer.getsKeyFrame());
@@ -47,14 +47,14 @@ TEST(LossRepair, EachLossIsRepairedOnceHalfASecondApart) {
   // A report that was on its way while a key frame was.
   viewer.report(0);
   viewer.now += 1s;
-  viewer.repair.noteKeyFrame(static_cast<std::uint16_t>(viewer.block.highestSequence + 20), viewer.now);
+  viewer.demand.keyFrameSent(static_cast<std::uint16_t>(viewer.block.highestSequence + 20), viewer.now);
   viewer.report(1);
   EXPECT_FALSE(viewer.getsKeyFrame());
-  viewer.repair.noteReport({.block = {}, .wantsKeyFrame = true}, false);
+  viewer.demand.reported({.block = {}, .wantsKeyFrame = true}, false);
   EXPECT_TRUE(viewer.getsKeyFrame());
 }
 
-TEST(LossRepair, WhoLosesAllTheTimeGetsOneInTwoSeconds) {
+TEST(KeyFrameDemand, WhoLosesAllTheTimeGetsOneInTwoSeconds) {
   Viewer viewer;
   for (int i = 0; i < 300; ++i) {
     viewer.report(3);

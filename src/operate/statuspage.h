@@ -9,6 +9,7 @@
 #include <string_view>
 #include <type_traits>
 
+#include "base/noncopyable.h"
 #include "kavo_status.h"
 
 namespace kavo::impl::status {
@@ -53,7 +54,7 @@ std::uint64_t now();  // microseconds since 1970
 
 // While it exists, readers leave the record alone.
 template <class Record>
-class Change {
+class Change : NonCopyable {
  public:
   explicit Change(Record& record) : m_Record(record) {
     // What is written next stays behind this.
@@ -62,8 +63,6 @@ class Change {
   ~Change() {
     std::atomic_ref<std::uint32_t>(m_Record.sequence).store(m_Record.sequence + 1, std::memory_order_release);
   }
-  Change(Change const&) = delete;
-  Change& operator=(Change const&) = delete;
 
  private:
   Record& m_Record;
@@ -90,11 +89,9 @@ void putNowAndMost(std::uint32_t kv_status_process::* now, std::uint32_t kv_stat
 
 // A stream's record, and a viewer's. They may have none.
 template <class Record>
-class Place {
+class Place : NonCopyable {
  public:
   Place() = default;
-  Place(Place const&) = delete;
-  Place& operator=(Place const&) = delete;
 
   explicit operator bool() const { return m_Record != nullptr; }
   Record* operator->() const { return m_Record; }

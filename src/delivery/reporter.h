@@ -1,0 +1,63 @@
+// RTCP of a stream: reports to its viewers and from them. Event-loop thread.
+#pragma once
+
+#include <array>
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "delivery/stream.h"
+#include "delivery/viewer.h"
+#include "eventloop/loophandles.h"
+
+namespace kavo::impl {
+
+class Reporter : NonCopyable {
+ public:
+  using Clock = Viewer::Clock;
+  using ViewerList = std::vector<std::unique_ptr<Viewer>>;
+
+  // The wall clock may be set at any time; the next report tells receivers.
+  static constexpr std::chrono::seconds interval{4};
+
+  Reporter(TaskScheduler& scheduler, Stream& stream, ViewerList const& viewers);
+
+  // The viewer gets a report now, and all active ones every few seconds until stop().
+  void start(Viewer& viewer) KAVO_REQUIRES(eventLoopRole);
+  void stop() KAVO_REQUIRES(eventLoopRole) { m_Next.stop(); }
+  // RTCP BYE, if there is memory for it.
+  void sayGoodbye(Viewer& viewer) noexcept KAVO_REQUIRES(eventLoopRole);
+  // A report to a viewer whose connection has closed: its answer, or an error, tells
+  // whether somebody listens there.
+  void probe(Viewer& viewer) KAVO_REQUIRES(eventLoopRole);
+
+  // RTCP has come for the viewer, or on one of our sockets.
+  void handle(Viewer& viewer, std::span<std::uint8_t const> packet) KAVO_REQUIRES(eventLoopRole);
+  void receive(int socket) KAVO_REQUIRES(eventLoopRole);
+
+ private:
+  struct SentReport {
+    std::uint32_t ntpMiddle = 0;
+    Clock::time_point time;
+  };
+
+  void sendToAll() KAVO_REQUIRES(eventLoopRole);
+  std::vector<std::uint8_t> makeReport() KAVO_REQUIRES(eventLoopRole);
+  void receiveErrors(int socket) KAVO_REQUIRES(eventLoopRole);
+  Viewer* reporterAt(sockaddr_storage const& from, Clock::time_point now) KAVO_REQUIRES(eventLoopRole);
+  std::optional<std::chrono::microseconds> roundTripOf(ReportBlock const& block, Clock::time_point now) const
+      KAVO_REQUIRES(eventLoopRole);
+
+  Stream& m_Stream;
+  ViewerList const& m_Viewers;
+  Timer m_Next;
+  std::string const m_Cname;
+  // Reports that receivers may refer to.
+  std::array<SentReport, 64> m_Sent KAVO_GUARDED_BY(eventLoopRole){};
+  std::size_t m_NextSent KAVO_GUARDED_BY(eventLoopRole) = 0;
+};
+
+}  // namespace kavo::impl

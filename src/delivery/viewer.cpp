@@ -1,0 +1,92 @@
+#include "delivery/viewer.h"
+
+namespace kavo::impl {
+
+namespace {
+
+// Reports that come faster are dropped.
+constexpr std::chrono::milliseconds shortestReportInterval{50};
+
+}  // namespace
+
+Viewer::Viewer(Viewers& viewers, std::unique_ptr<Transport> transport, StreamObserver const& stream)
+    : m_Viewers(viewers), m_Transport(std::move(transport)), m_Observer(stream, m_Transport->udp() != nullptr) {}
+
+void Viewer::enter(State state) {
+  m_State = state;
+  m_HasPlayed = m_HasPlayed || state == State::Playing;
+  m_Observer.entered(state);
+}
+
+bool Viewer::play() {
+  if (isActive()) {
+    return false;
+  }
+  enter(State::Joining);
+  m_Observer.joined();
+  return true;
+}
+
+void Viewer::pause() {
+  if (isActive()) {
+    enter(State::Paused);
+    m_Observer.paused();
+    m_Transport->cancel();
+  }
+}
+
+void Viewer::awaitKeyFrame() {
+  enter(State::AwaitingKeyFrame);
+  m_KeyFrames.fellBehind();
+}
+
+bool Viewer::send(FramePtr const& frame, Clock::time_point now) {
+  if (frame->isKeyFrame && isActive()) {
+    if (m_State != State::Playing) {
+      enter(State::Playing);
+    }
+    m_KeyFrames.keyFrameSent(frame->packets.header().sequence, now);
+  }
+  if (m_State == State::Playing) {
+    auto const outcome = m_Transport->send(frame, now);
+    m_Observer.dropped(outcome.dropped + (outcome.accepted ? 0 : 1));
+    if (outcome.accepted) {
+      m_Observer.sent(frame->packets.bytes(), m_Transport->isBusy());
+    } else {
+      awaitKeyFrame();
+    }
+  } else if (isActive()) {
+    m_Observer.dropped(1);
+  }
+  return wantsKeyFrame(now);
+}
+
+// A key frame is large for everybody: a viewer that was too slow asks when it can take one.
+bool Viewer::wantsKeyFrame(Clock::time_point now) {
+  return m_State == State::Joining ||
+         (isActive() && !(m_State == State::AwaitingKeyFrame && m_Transport->isBusy()) && m_KeyFrames.take(now));
+}
+
+bool Viewer::reported(ReceiverReport const& report, std::optional<std::chrono::microseconds> roundTrip,
+                      Clock::time_point now) {
+  m_KeyFrames.reported(report, m_Transport->udp() != nullptr);
+  bool const wantsKeyFrame = m_State == State::Playing && m_KeyFrames.take(now);
+  if (now - m_LastReport < shortestReportInterval) {
+    return wantsKeyFrame;
+  }
+  m_LastReport = now;
+  m_ProbesRefused = 0;
+  if (report.block) {
+    m_Reception.fractionLost = report.block->fractionLost;
+    m_Reception.packetsLost = report.block->packetsLost;
+    m_Reception.jitter = report.block->jitter;
+    m_Reception.roundTrip = roundTrip ? roundTrip : m_Reception.roundTrip;
+  }
+  m_Observer.reported(m_Reception);
+  if (m_OnReport) {
+    m_OnReport();
+  }
+  return wantsKeyFrame;
+}
+
+}  // namespace kavo::impl
