@@ -2,6 +2,8 @@
 #include <JPEGVideoRTPSink.hh>
 #include <OnDemandServerMediaSubsession.hh>
 #include <RTSPServer.hh>
+#include <JPEGVideoSource.hh>
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -13,12 +15,13 @@
 #include <thread>
 #include <vector>
 
-#include "operate/statuspage.h"
 #include "eventloop/epollscheduler.h"
 #include "eventloop/quietusageenvironment.h"
 #include "kavo_stream.h"
+#include "operate/statuspage.h"
+#include "rtp/jpegheader.h"
 #include "rtsp/jpegdemandsession.h"
-#include "rtsp/jpegsource.h"
+#include "rtsp/presentationclock.h"
 #include "server.h"
 #include "server/rtspserver.h"
 
@@ -30,22 +33,71 @@ using namespace kavo::impl;
 
 namespace {
 
-// Our source in live555's own on-demand session and sink.
+// Frames of our queue, as a source for live555's own on-demand session, sink and scheduler.
+class StockSource : public JPEGVideoSource {
+ public:
+  StockSource(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler)
+      : JPEGVideoSource(env), m_Handler(std::move(handler)), m_Trigger(env.taskScheduler().createEventTrigger(deliver)) {
+    m_Handler->clear();
+    m_Handler->SetStreaming(true);
+  }
+  ~StockSource() override {
+    m_Handler->SetStreaming(false);
+    envir().taskScheduler().deleteEventTrigger(m_Trigger);
+  }
+  // Any thread.
+  void signal(TaskScheduler* scheduler) { scheduler->triggerEvent(m_Trigger, this); }
+
+  u_int8_t type() override { return 1; }
+  u_int8_t qFactor() override { return 195; }
+  u_int8_t width() override { return m_Header.size->width; }
+  u_int8_t height() override { return m_Header.size->height; }
+  u_int8_t const* quantizationTables(u_int8_t& precision, u_int16_t& length) override {
+    precision = 8;
+    length = m_Header.tables ? static_cast<u_int16_t>(m_Header.tables->size()) : 0;
+    return m_Header.tables ? m_Header.tables->data() : nullptr;
+  }
+
+ private:
+  void doGetNextFrame() override { signal(&envir().taskScheduler()); }
+
+  static void deliver(void* source) {
+    auto& self = *static_cast<StockSource*>(source);
+    if (!self.isCurrentlyAwaitingData() || self.m_Handler->empty()) {
+      return;
+    }
+    AVPacket const packet = self.m_Handler->front().packet;
+    std::span const image(packet.data, static_cast<std::size_t>(packet.size));
+    self.m_Header = readJpegHeader(image);
+    auto const scan = image.subspan(self.m_Header.length);
+    self.fFrameSize = std::min(static_cast<unsigned>(scan.size()), self.fMaxSize);
+    std::memcpy(self.fTo, scan.data(), self.fFrameSize);
+    self.fPresentationTime = presentationTime(FrameSourceHandler::submitTime(packet));
+    self.m_Handler->pop();
+    FramedSource::afterGetting(&self);
+  }
+
+  std::shared_ptr<FrameSourceHandler> m_Handler;
+  EventTriggerId m_Trigger;
+  JpegHeader m_Header;
+};
+
 class StockSession : public OnDemandServerMediaSubsession {
  public:
   StockSession(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler)
       : OnDemandServerMediaSubsession(env, True), m_Handler(std::move(handler)) {}
 
   // Any thread.
-  void signalNewFrame(TaskScheduler* scheduler) { JpegSource::signalNewFrameData(scheduler, m_Source); }
+  void signalNewFrame(TaskScheduler* scheduler) {
+    if (StockSource* const source = m_Source) {
+      source->signal(scheduler);
+    }
+  }
 
  protected:
   FramedSource* createNewStreamSource(unsigned, unsigned& estBitrate) override {
-    eventLoopRole.assertHeld();
     estBitrate = 64;
-    FramedSource* const source = JpegSource::createNew(envir(), m_Handler);
-    m_Source = source;
-    return source;
+    return m_Source = new StockSource(envir(), m_Handler);
   }
   void closeStreamSource(FramedSource* source) override {
     m_Source = nullptr;
@@ -57,7 +109,7 @@ class StockSession : public OnDemandServerMediaSubsession {
 
  private:
   std::shared_ptr<FrameSourceHandler> m_Handler;
-  std::atomic<FramedSource*> m_Source = nullptr;  // not closed while frames are pushed
+  std::atomic<StockSource*> m_Source = nullptr;  // not closed while frames are pushed
 };
 
 class LiveServer : public BenchServer {
@@ -79,7 +131,7 @@ class LiveServer : public BenchServer {
       auto const queue = std::make_shared<FrameSourceHandler>();
       kv_status_stream description{};
       description.codec = KV_CODEC_MJPEG;
-      queue->status().take(std::to_string(i), description);
+      queue->observer().take(std::to_string(i), description);
       auto* const media = ServerMediaSession::createNew(*m_Environment, std::to_string(i).c_str(), "i", "d");
       m_Server->addServerMediaSession(media);
       if (stock) {

@@ -17,21 +17,21 @@ class InterleavedTransport : public Transport {
   // The connection that it sends on. Nothing is sent before.
   void attach(std::shared_ptr<InterleavedWriter> writer) { m_Writer = std::move(writer); }
 
-  Outcome send(FramePtr const& frame, Clock::time_point now) override {
+  Outcome send(FramePtr const& frame, Clock::time_point now) override KAVO_REQUIRES(eventLoopRole) {
     return m_Writer ? m_Writer->sendFrame(frame, m_RtpChannel, now) : Outcome{};
   }
-  void sendReport(std::span<std::uint8_t const> report) override {
+  void sendReport(std::span<std::uint8_t const> report) override KAVO_REQUIRES(eventLoopRole) {
     if (m_Writer) {
       m_Writer->sendReport(report, m_RtcpChannel);
     }
   }
-  void cancel() override {
+  void cancel() override KAVO_REQUIRES(eventLoopRole) {
     if (m_Writer) {
       m_Writer->cancel(m_RtpChannel);
       m_Writer->cancel(m_RtcpChannel);
     }
   }
-  bool isBusy() const override { return m_Writer && m_Writer->isBlocked(); }
+  bool isBusy() const override KAVO_REQUIRES(eventLoopRole) { return m_Writer && m_Writer->isBlocked(); }
   InterleavedTransport* interleaved() override { return this; }
 
   bool usesChannel(int channel) const { return channel == m_RtpChannel || channel == m_RtcpChannel; }

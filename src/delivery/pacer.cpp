@@ -20,7 +20,7 @@ constexpr std::size_t localBurst = 65536;
 // Where the operator names a pace, queues are small.
 constexpr std::size_t smallBurst = 12288;
 // UDP, IP and Ethernet headers, which a link carries too.
-constexpr std::size_t headers = 46;
+constexpr std::size_t headerSize = 46;
 
 // Of the demand: frames are to be through a little before the next ones come.
 constexpr double margin = 1.1;
@@ -37,7 +37,7 @@ double microseconds(Pacer::Clock::duration duration) {
   return std::chrono::duration<double, std::micro>(duration).count();
 }
 
-double onLink(std::size_t bytes, std::size_t packets) { return static_cast<double>(bytes + packets * headers); }
+double onLink(std::size_t bytes, std::size_t packets) { return static_cast<double>(bytes + packets * headerSize); }
 
 }  // namespace
 

@@ -61,6 +61,7 @@ class Viewer : NonCopyable {
   bool reported(ReceiverReport const& report, std::optional<std::chrono::microseconds> roundTrip, Clock::time_point now)
       KAVO_REQUIRES(eventLoopRole);
   Clock::time_point lastReport() const { return m_LastReport; }
+  Reception const& reception() const { return m_Reception; }
   // Called whenever a report has come.
   void onReport(std::function<void()> function) { m_OnReport = std::move(function); }
   // After its connection has closed its port is probed: how often nobody listened there.

@@ -47,7 +47,7 @@ class FrameSink : public Base, public LiveSink {
  public:
   RTPSink& rtp() override { return *this; }
 
-  SenderInfo senderInfo() override {
+  SenderInfo senderInfo() override KAVO_REQUIRES(eventLoopRole) {
     constexpr std::uint64_t secondsFrom1900To1970 = 2208988800;
     auto const wall = wallClock();
     auto const seconds = std::chrono::floor<std::chrono::seconds>(wall);
@@ -59,7 +59,7 @@ class FrameSink : public Base, public LiveSink {
             .octets = this->fOctetCount};
   }
 
-  std::uint32_t rtpTimeAt(std::chrono::steady_clock::time_point time) override {
+  std::uint32_t rtpTimeAt(std::chrono::steady_clock::time_point time) override KAVO_REQUIRES(eventLoopRole) {
     return this->convertToRTPTimestamp(presentationTime(time));
   }
 

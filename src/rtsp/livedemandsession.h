@@ -31,9 +31,9 @@ class LiveDemandSession : public OnDemandServerMediaSubsession, public Stream {
 
   Viewers& viewers() KAVO_REQUIRES(eventLoopRole) { return m_Viewers; }
 
-  void wantKeyFrame(bool wanted) override;
+  void wantKeyFrame(bool wanted) override KAVO_REQUIRES(eventLoopRole);
   std::chrono::steady_clock::duration freshness() const override { return m_FrameSourceHandler->freshness(); }
-  SenderInfo senderInfo() override;
+  SenderInfo senderInfo() override KAVO_REQUIRES(eventLoopRole);
 
  protected:
   // estimatedBitrate in kbit/s: for the SDP's bandwidth line.

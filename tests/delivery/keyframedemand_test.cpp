@@ -8,7 +8,7 @@ using namespace std::chrono_literals;
 namespace {
 
 // A viewer that reports ten times a second, of a hundred packets a second.
-struct Viewer {
+struct Reporting {
   KeyFrameDemand demand;
   ReportBlock block;
   KeyFrameDemand::Clock::time_point now = KeyFrameDemand::Clock::now();
@@ -33,7 +33,7 @@ struct Viewer {
 }  // namespace
 
 TEST(KeyFrameDemand, EachLossIsRepairedOnceHalfASecondApart) {
-  Viewer viewer;
+  Reporting viewer;
   viewer.report(0);
   EXPECT_FALSE(viewer.getsKeyFrame());
   viewer.report(1);
@@ -55,7 +55,7 @@ TEST(KeyFrameDemand, EachLossIsRepairedOnceHalfASecondApart) {
 }
 
 TEST(KeyFrameDemand, WhoLosesAllTheTimeGetsOneInTwoSeconds) {
-  Viewer viewer;
+  Reporting viewer;
   for (int i = 0; i < 300; ++i) {
     viewer.report(3);
     viewer.getsKeyFrame();

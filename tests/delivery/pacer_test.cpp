@@ -36,3 +36,53 @@ TEST(Pacer, StreamsOfAHostShareWhatItsPathTakes) {
   EXPECT_GE(path->room(begin + wait), 16384U);
   EXPECT_EQ(path->room(begin + 10ms), burst);
 }
+
+// What is sent above the rate has left or was dropped: it is no debt for what follows.
+TEST(Pacer, APathThatWasOverrunIsFreeAgainAtOnce) {
+  for (std::optional<int> const pace : {std::optional<int>(), std::optional(1)}) {
+    Pacer pacer(pace);
+    auto const path = pacer.pathTo(host(1));
+    std::size_t const burst = path->room(Pacer::Clock::now());
+    auto now = Pacer::Clock::now();
+    for (int frame = 0; frame < 250; ++frame, now += 40ms) {
+      path->sent(10 * burst, 0, now);
+    }
+    EXPECT_LE(path->until(1, now - 40ms), pace ? 200ms : 40ms);
+    EXPECT_EQ(path->room(now + 1h), burst) << "however long ago";
+  }
+}
+
+// The rate follows what is demanded for a second and more; a single large frame takes its time.
+TEST(Pacer, TheRateFollowsALastingDemand) {
+  constexpr std::size_t frame = 1000000;
+  constexpr auto interval = 40ms;
+  Pacer pacer(std::nullopt);
+  auto const path = pacer.pathTo(host(1));
+  auto now = Pacer::Clock::now();
+  auto const timeOf = [&] {
+    path->sent(frame, 0, now);
+    auto const time = path->until(16384, now);
+    now += 1s;  // it drains
+    return time;
+  };
+  auto const usual = timeOf();
+  EXPECT_GE(usual, 5ms) << "48 kB and more are queued, at 100 Mbit/s";
+  path->offer(frame, 0, now);
+  now += 1s;
+  path->offer(frame, 0, now);
+  EXPECT_EQ(timeOf(), usual) << "one frame a second is within the rate";
+  for (auto const end = now + 2s; now < end; now += interval) {
+    path->offer(frame, 0, now);  // 200 Mbit/s
+  }
+  std::size_t sent = 0;
+  for (auto const end = now + 1s; now < end; now += 1ms) {
+    std::size_t const room = path->room(now);
+    path->sent(room, 0, now);
+    sent += room;
+  }
+  EXPECT_GE(sent, frame * 25) << "what the frames need";
+  EXPECT_LE(sent, frame * 25 * 12 / 10);
+  path->offer(frame, 0, now += 5s);
+  path->offer(frame, 0, now += 1s);
+  EXPECT_EQ(timeOf(), usual) << "when the demand has ended";
+}

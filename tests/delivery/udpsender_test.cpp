@@ -6,38 +6,12 @@
 #include <initializer_list>
 #include <vector>
 
-#include "base/uniquefd.h"
+#include "delivery/udpreceiver.h"
 #include "rtp/reassembly.h"
 
 using namespace kavo::impl;
 
 namespace {
-
-struct Receiver {
-  Receiver() : socket(::socket(AF_INET, SOCK_DGRAM, 0)) {
-    int const room = 4 * 1024 * 1024;
-    setsockopt(socket.get(), SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
-    auto& local = reinterpret_cast<sockaddr_in&>(address);
-    local.sin_family = AF_INET;
-    local.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof local;
-    bind(socket.get(), reinterpret_cast<sockaddr*>(&address), size);
-    getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &size);
-  }
-
-  std::vector<std::vector<std::uint8_t>> packets() const {
-    std::vector<std::vector<std::uint8_t>> result;
-    std::uint8_t block[65536];
-    ssize_t size;
-    while ((size = recv(socket.get(), block, sizeof block, MSG_DONTWAIT)) >= 0) {
-      result.emplace_back(block, block + size);
-    }
-    return result;
-  }
-
-  UniqueFd socket;
-  sockaddr_storage address{};
-};
 
 // A frame of those packets; the first 12 bytes of each are the sender's.
 class Packets {
@@ -76,7 +50,7 @@ TEST(UdpSender, SendsEveryPacketToEveryDestination) {
   UdpSender udp;
   for (auto const& sizes : frames) {
     Packets frame(sizes);
-    Receiver receivers[3];
+    UdpReceiver receivers[3];
     UdpDestination a{.address = receivers[0].address};
     UdpDestination b{.address = receivers[1].address, .segmentation = false};
     UdpDestination c{.address = receivers[2].address};
@@ -92,7 +66,7 @@ TEST(UdpSender, SendsEveryPacketToEveryDestination) {
 // take no such packet lose it alone.
 TEST(UdpSender, ARefusedDestinationDisturbsNoOther) {
   UniqueFd const sender(socket(AF_INET, SOCK_DGRAM, 0));
-  Receiver receivers[2];
+  UdpReceiver receivers[2];
   UdpDestination first{.address = receivers[0].address};
   UdpDestination refused{.address = receivers[0].address};
   reinterpret_cast<sockaddr_in&>(refused.address).sin_port = 0;  // EINVAL

@@ -1,0 +1,291 @@
+#include "delivery/viewers.h"
+
+#include <gtest/gtest.h>
+
+#include <cctype>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "delivery/udpreceiver.h"
+#include "delivery/udptransport.h"
+#include "eventloop/epollscheduler.h"
+#include "rtp/reassembly.h"
+
+using namespace kavo::impl;
+using namespace std::chrono_literals;
+
+namespace {
+
+// A viewer's two ports on 127.0.0.LAST.
+struct Player {
+  explicit Player(std::uint8_t last, std::uint16_t port = 0) : rtp(last, port), rtcp(last) {}
+
+  // The frames that have come, each as a letter for its time stamp; small if only a part came.
+  std::string frames() {
+    for (auto const& packet : rtp.packets()) {
+      char const letter = static_cast<char>('A' + reassembly::numberAt(packet, 4, 4));
+      auto const sequence = static_cast<std::uint16_t>(reassembly::numberAt(packet, 2, 2));
+      bool const isNew = seen.empty() || std::toupper(seen.back()) != letter;
+      EXPECT_TRUE(isNew || sequence == static_cast<std::uint16_t>(lastSequence + 1)) << "a packet is missing";
+      lastSequence = sequence;
+      seen += isNew ? std::string(1, static_cast<char>(std::tolower(letter))) : "";
+      if ((packet[1] & 0x80) != 0) {
+        seen.back() = letter;
+      }
+    }
+    return seen;
+  }
+  // The same, and the reports that have come since the last call.
+  std::string framesAndReports() { return frames() + std::to_string(rtcp.packets().size()); }
+
+  UdpReceiver rtp;
+  UdpReceiver rtcp;
+  std::string seen;
+  std::uint16_t lastSequence = 0;
+};
+
+class ViewersTest : public ::testing::Test, public Stream {
+ protected:
+  void wantKeyFrame(bool wanted) override { m_KeyFramesWanted += wanted ? 1 : 0; }
+  bool hasKeyFramesOnly() const override { return false; }
+  Viewer::Clock::duration freshness() const override { return 1h; }
+  SenderInfo senderInfo() override { return {.ssrc = 3, .ntpTime = ++m_Ntp << 32, .rtpTime = 5, .packets = 0, .octets = 0}; }
+
+  Viewer& add(Player const& receiver) {
+    Viewer* const viewer = m_Viewers->addUdp(receiver.rtp.address, receiver.rtp.port(), receiver.rtcp.port());
+    EXPECT_NE(viewer, nullptr);
+    return *viewer;
+  }
+  Viewer& join(Player const& receiver) {
+    Viewer& viewer = add(receiver);
+    m_Viewers->play(viewer);
+    m_Viewers->begin(viewer);
+    return viewer;
+  }
+
+  // Sends the next frame, which is called A at first.
+  void send(std::size_t bytes, bool isKeyFrame) {
+    auto const frame = m_Pool.take();
+    auto const room = frame->reserve(bytes).first(bytes);
+    frame->isKeyFrame = isKeyFrame;
+    frame->packets.begin({.payloadType = 96, .sequence = m_Sequence, .timestamp = m_Frames++, .ssrc = 3});
+    for (std::size_t at = 0; at < bytes; at += 1000) {
+      frame->packets.add({}, room.subspan(at, std::min<std::size_t>(1000, bytes - at)), at + 1000 >= bytes);
+    }
+    frame->packets.end();
+    m_Sequence = static_cast<std::uint16_t>(m_Sequence + frame->packets.count());
+    m_Viewers->send(frame);
+  }
+
+  void runUntil(std::function<bool()> const& condition) {
+    auto const end = std::chrono::steady_clock::now() + 20s;
+    while (!condition() && std::chrono::steady_clock::now() < end) {
+      static_cast<BasicTaskScheduler0&>(*m_Scheduler).SingleStep(1000);
+    }
+    EXPECT_TRUE(condition());
+  }
+  // Large enough to leave in bursts, over a tenth of a second at 8 Mbit/s, and small enough not to.
+  static constexpr std::size_t large = 100000;
+  static constexpr std::size_t small = 5000;
+
+  EventLoopRole::Holder const m_Role{eventLoopRole};
+  std::unique_ptr<EpollScheduler> const m_Scheduler{EpollScheduler::createNew(10000)};
+  StreamObserver m_Observer;
+  FramePool m_Pool;
+  std::uint16_t m_Sequence = 65530;
+  std::uint32_t m_Frames = 0;
+  std::uint64_t m_Ntp = 0;
+  int m_KeyFramesWanted = 0;
+  std::unique_ptr<Viewers> m_Viewers = std::make_unique<Viewers>(
+      *m_Scheduler, DeliveryContext{.policy = {.address = "", .paceMbit = 8}}, *this, m_Observer);
+};
+
+}  // namespace
+
+TEST_F(ViewersTest, APathThatIsBusyHoldsUpNoOther) {
+  Player busy(1);
+  Player free(2);
+  join(busy);
+  send(large, false);
+  send(large, true);
+  EXPECT_EQ(busy.frames(), "b");
+  Viewer& late = add(free);
+  m_Viewers->play(late);
+  send(small, true);
+  EXPECT_EQ(busy.frames(), "b");
+  EXPECT_EQ(free.frames(), "C") << "it had to wait for somebody else";
+  runUntil([&] { return busy.frames() == "BC"; });
+}
+
+// One frame waits behind the one that leaves.
+TEST_F(ViewersTest, OfWhatABusyPathDropsNothingIsMissed) {
+  struct {
+    std::vector<bool> keyFrames;
+    char const* received;
+    int keyFramesWanted;
+  } const cases[] = {
+      {{true, true, true}, "AC", 0},          // every frame is a key frame: the newest waits
+      {{true, false}, "AB", 0},               // what waits is not dropped
+      {{true, false, false}, "AB", 1},        // until the next key frame nothing can be used
+      {{true, false, true}, "AC", 0},
+      {{true, false, false, true}, "AD", 0},
+  };
+  for (auto const& [keyFrames, received, keyFramesWanted] : cases) {
+    SCOPED_TRACE(received);
+    m_Frames = 0;
+    m_Sequence = 65530;
+    Player receiver(1);
+    Viewer& viewer = join(receiver);
+    m_KeyFramesWanted = 0;
+    for (bool const keyFrame : keyFrames) {
+      send(large, keyFrame);
+    }
+    runUntil([&, text = std::string(received)] { return receiver.frames() == text; });
+    if (keyFramesWanted > 0) {
+      EXPECT_EQ(viewer.state(), ViewerState::AwaitingKeyFrame);
+      send(small, false);
+      EXPECT_EQ(m_KeyFramesWanted, 1) << "it asks when its path is free";
+      for (int i = 0; i < 10; ++i) {
+        send(small, false);
+      }
+      EXPECT_EQ(m_KeyFramesWanted, 1) << "it asks once in two seconds";
+    }
+    m_Viewers->remove(viewer);
+  }
+}
+
+// Whatever ends a viewer in mid-frame: the other's frame goes on.
+TEST_F(ViewersTest, WhoeverLeavesInMidFrameTakesNothingAlong) {
+  std::function<void(Viewer&)> const ways[] = {
+      [&](Viewer& viewer) { m_Viewers->remove(viewer); },
+      [&](Viewer& viewer) { m_Viewers->pause(viewer); },
+      [&](Viewer& viewer) {
+        viewer.transport().udp()->destination().exceedsMtu = true;
+        runUntil([&] { return viewer.state() == ViewerState::AwaitingKeyFrame; });
+        m_Viewers->remove(viewer);
+      },
+      [&](Viewer& viewer) {
+        viewer.transport().udp()->destination().exceedsMtu = true;
+        m_Viewers->remove(viewer);
+        Player another(3);
+        m_Viewers->remove(join(another));
+      },
+  };
+  for (auto const& leave : ways) {
+    m_Frames = 0;
+    Player stays(1);
+    Player leaves(2);
+    Viewer& first = join(stays);
+    Viewer& second = join(leaves);
+    send(large, true);
+    send(small, true);
+    leave(second);
+    runUntil([&] { return stays.frames() == "AB"; });
+    EXPECT_EQ(leaves.frames(), "a");
+    if (m_Viewers->takes(true)) {
+      m_Viewers->remove(first);
+    }
+    m_Viewers = std::make_unique<Viewers>(*m_Scheduler, DeliveryContext{.policy = {.address = "", .paceMbit = 8}}, *this,
+                                          m_Observer);
+  }
+}
+
+// It lost a frame, so it gets nothing until the next key frame, and packets that fit.
+TEST_F(ViewersTest, AViewerWhosePathNarrowsWaitsForAKeyFrame) {
+  Player receiver(1);
+  Viewer& viewer = join(receiver);
+  send(small, true);
+  EXPECT_EQ(receiver.frames(), "A");
+  std::size_t const before = m_Viewers->maxPacket();
+  m_KeyFramesWanted = 0;
+  viewer.transport().udp()->destination().exceedsMtu = true;
+  send(small, false);
+  send(small, false);
+  EXPECT_EQ(receiver.frames(), "A");
+  EXPECT_GT(m_KeyFramesWanted, 0);
+  EXPECT_LT(m_Viewers->maxPacket(), before);
+  send(small, true);
+  send(small, false);
+  EXPECT_EQ(receiver.frames(), "ADE");
+}
+
+TEST_F(ViewersTest, ReportsPrecedeFramesAndAViewerThatResumesGetsNoOldFrame) {
+  Player receiver(1);
+  Player other(2);
+  Viewer& stays = join(other);
+  send(small, true);
+  Viewer& viewer = add(receiver);
+  Frame const* const first = m_Viewers->play(viewer);
+  ASSERT_NE(first, nullptr);
+  EXPECT_EQ(receiver.framesAndReports(), "0") << "before the response";
+  m_Viewers->begin(viewer);
+  EXPECT_EQ(receiver.framesAndReports(), "A1");
+  m_Viewers->pause(viewer);
+  EXPECT_EQ(m_Viewers->play(viewer), nullptr);
+  m_Viewers->begin(viewer);
+  EXPECT_EQ(receiver.framesAndReports(), "A1");
+  m_Viewers->remove(stays);
+  m_Viewers->remove(viewer);
+  EXPECT_TRUE(m_Viewers->empty());
+}
+
+// A client that starts again takes its own ports over, and nobody else's.
+TEST_F(ViewersTest, PortsAreTakenFromTheSameAddressAlone) {
+  Player receiver(1);
+  Player elsewhere(2, receiver.rtp.port());
+  Viewer& before = join(receiver);
+  Viewer& other = join(elsewhere);
+  EXPECT_EQ(before.state(), ViewerState::Joining);
+  Viewer& again = add(receiver);
+  m_Viewers->play(again);
+  EXPECT_EQ(before.state(), ViewerState::Paused);
+  EXPECT_EQ(other.state(), ViewerState::Joining);
+}
+
+// Whose report it is, how soon it came, and how many a second count.
+TEST_F(ViewersTest, ReportsAreTakenFromTheirViewer) {
+  Player receiver(1);
+  Player foreign(2);
+  Viewer& viewer = join(receiver);
+  int reports = 0;
+  viewer.onReport([&] { ++reports; });
+  std::uint16_t const server = static_cast<std::uint16_t>(m_Viewers->serverPort(AF_INET) + 1);
+  std::vector<std::uint8_t> const empty = {0x80, 201, 0, 1, 0, 0, 0, 9};
+  foreign.rtcp.send(empty, server);
+  UdpReceiver(1).send(empty, server);  // behind NAT the port may be another
+  runUntil([&] { return reports == 1; });
+  for (int i = 0; i < 20; ++i) {
+    receiver.rtcp.send(empty, server);
+  }
+  for (int i = 0; i < 5; ++i) {
+    static_cast<BasicTaskScheduler0&>(*m_Scheduler).SingleStep(1000);
+  }
+  EXPECT_EQ(reports, 1) << "one in 50 ms";
+}
+
+// The time that the receiver has held the sender report is not on the way.
+TEST_F(ViewersTest, TheRoundTripIsWithoutTheTimeThatTheReceiverTook) {
+  Player receiver(1);
+  Reporter& reporter = m_Viewers->reporter();
+  auto const sent = Viewer::Clock::now();
+  Viewer& viewer = join(receiver);
+  auto const lastReport = static_cast<std::uint32_t>(m_Ntp << 16);
+  auto const elapsed = [&] { return Viewer::Clock::now() - sent; };
+  runUntil([&] { return elapsed() > 300ms; });
+  for (int i = 0; i < 100; ++i) {
+    reporter.probe(viewer);
+  }
+  std::vector<std::uint8_t> report(32);
+  report = {0x81, 201, 0, 7, 0, 0, 0, 9, 0, 0, 0, 3};
+  report.resize(32);
+  for (int i = 0; i < 4; ++i) {
+    report[static_cast<std::size_t>(24 + i)] = static_cast<std::uint8_t>(lastReport >> 8 * (3 - i));
+  }
+  report[30] = 0x40;  // 0.25 s
+  reporter.handle(viewer, report);
+  ASSERT_TRUE(viewer.reception().roundTrip);
+  EXPECT_GE(*viewer.reception().roundTrip, 50ms);
+  EXPECT_LE(*viewer.reception().roundTrip, elapsed() - 250ms);
+}
