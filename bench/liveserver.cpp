@@ -1,8 +1,8 @@
 #include <GroupsockHelper.hh>
 #include <JPEGVideoRTPSink.hh>
+#include <JPEGVideoSource.hh>
 #include <OnDemandServerMediaSubsession.hh>
 #include <RTSPServer.hh>
-#include <JPEGVideoSource.hh>
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -37,7 +37,9 @@ namespace {
 class StockSource : public JPEGVideoSource {
  public:
   StockSource(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler)
-      : JPEGVideoSource(env), m_Handler(std::move(handler)), m_Trigger(env.taskScheduler().createEventTrigger(deliver)) {
+      : JPEGVideoSource(env),
+        m_Handler(std::move(handler)),
+        m_Trigger(env.taskScheduler().createEventTrigger(deliver)) {
     m_Handler->clear();
     m_Handler->SetStreaming(true);
   }

@@ -21,6 +21,7 @@
 #include <kavo_stream.h>
 
 #include <cstddef>
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <stdexcept>
@@ -56,7 +57,7 @@ class Error : public std::runtime_error {
       case KV_UNKNOWN:
         return "no such session or stream";
       case KV_RESOURCE_FAILURE:
-        return "resource unavailable (port in use? out of descriptors or memory?)";
+        return "resource unavailable (port in use? the policy file? out of descriptors or memory?)";
       case KV_CODEC_FAILURE:
         return "the codec refused";
       default:
@@ -145,6 +146,16 @@ void call(char const* what, int command, Record& record) {
   call(what, command, &record, static_cast<int>(sizeof record));
 }
 
+/// Counts the servers of the process as they come and go: handles are given again, so a
+/// session of a server that has ended may have that of another one's.
+inline std::atomic<unsigned> serverNumber{0};
+
+inline void requireServer(unsigned number) {
+  if (number != serverNumber) {
+    throw Error("using a session", KV_UNKNOWN, "its server has ended");
+  }
+}
+
 template <std::size_t Size>
 void copy(char (&field)[Size], std::string const& text, char const* what) {
   if (text.empty() || text.size() >= Size) {
@@ -166,6 +177,7 @@ class Stream {
       throw Error("a frame of " + std::to_string(size) + " bytes, but " + std::to_string(m_FrameSize) + " are needed",
                   KV_INVALID_PARAMETER);
     }
+    detail::requireServer(m_Server);
     m_Record.frame = static_cast<std::uint8_t const*>(frame);
     detail::call("submitting a frame", KV_SUBMIT_FRAME, m_Record);
   }
@@ -182,35 +194,34 @@ class Stream {
 
   kv_frame_record m_Record{};
   std::size_t m_FrameSize;
+  unsigned m_Server = detail::serverNumber;
 };
 
 /// One RTSP URL.
 class Session {
  public:
   /// Takes the other's session; the other holds none any more.
-  Session(Session&& other) noexcept : m_Record(std::exchange(other.m_Record, {})) {}
+  Session(Session&& other) noexcept : m_Record(std::exchange(other.m_Record, {})), m_Server(other.m_Server) {}
   /// Ends the session held before.
   Session& operator=(Session&& other) noexcept {
     if (this != &other) {
       remove();
       m_Record = std::exchange(other.m_Record, {});
+      m_Server = other.m_Server;
     }
     return *this;
   }
   /// Disconnects its viewers.
   ~Session() { remove(); }
 
-  /// With the machine's own address; 127.0.0.1 on one that is offline.
-  std::string url() const {
-    std::string url = m_Record.url;
-    auto const none = url.find("//0.0.0.0:");
-    return none == std::string::npos ? url : url.replace(none + 2, 7, "127.0.0.1");
-  }
+  /// With the machine's own address when the session was created; 127.0.0.1 on one that was offline.
+  std::string url() const { return m_Record.url; }
   /// The last part of the URL.
   std::string name() const { return m_Record.name; }
 
   /// The session's stream; there can be one. Throws Error.
   Stream createStream(VideoOptions const& options) {
+    detail::requireServer(m_Server);
     kv_video_record video{};
     video.src_width = options.width;
     video.src_height = options.height;
@@ -241,7 +252,7 @@ class Session {
   }
 
   void remove() noexcept {
-    if (m_Record.handle != nullptr) {
+    if (m_Record.handle != nullptr && m_Server == detail::serverNumber) {
       kv_Stream(KV_REMOVE_SESSION, m_Record.handle, static_cast<int>(sizeof m_Record.handle));
       m_Record.handle = nullptr;
     }
@@ -279,6 +290,7 @@ class Session {
   }
 
   kv_session_record m_Record{};
+  unsigned m_Server = detail::serverNumber;
 };
 
 /// The process's RTSP server, from construction to destruction.
@@ -288,6 +300,7 @@ class Server {
   explicit Server(std::uint16_t port = 8554) {
     std::uint32_t record = port;
     detail::call("starting the server", KV_INIT, record);
+    ++detail::serverNumber;
   }
   /// Takes the other's server; the other holds none any more.
   Server(Server&& other) noexcept : m_Serving(std::exchange(other.m_Serving, false)) {}
@@ -311,6 +324,7 @@ class Server {
   void stop() noexcept {
     if (std::exchange(m_Serving, false)) {
       kv_Stream(KV_EXIT, nullptr, 0);
+      ++detail::serverNumber;
     }
   }
 

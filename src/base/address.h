@@ -4,6 +4,8 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <array>
+#include <cstdint>
 #include <cstring>
 #include <optional>
 #include <string>
@@ -35,6 +37,18 @@ inline bool isSameHost(sockaddr_storage const& a, sockaddr_storage const& b) {
          reinterpret_cast<sockaddr_in const&>(b).sin_addr.s_addr;
 }
 
+// What counts as one client: an IPv4 address, or the /64 that an IPv6 address is in.
+using Network = std::array<std::uint8_t, 9>;
+inline Network networkOf(sockaddr_storage const& address) {
+  Network network{static_cast<std::uint8_t>(address.ss_family)};
+  if (address.ss_family == AF_INET6) {
+    std::memcpy(&network[1], &reinterpret_cast<sockaddr_in6 const&>(address).sin6_addr, 8);
+  } else {
+    std::memcpy(&network[1], &reinterpret_cast<sockaddr_in const&>(address).sin_addr, 4);
+  }
+  return network;
+}
+
 inline bool isLoopback(sockaddr_storage const& address) {
   return address.ss_family == AF_INET6
              ? IN6_IS_ADDR_LOOPBACK(&reinterpret_cast<sockaddr_in6 const&>(address).sin6_addr)
@@ -44,6 +58,9 @@ inline bool isLoopback(sockaddr_storage const& address) {
 // The address in the text, or any of the family if it is empty; without a port.
 // Nothing if it is not of the family.
 std::optional<sockaddr_storage> localAddress(int family, std::string const& text);
+
+// One of this machine's that others can reach it by, IPv4 before IPv6; 127.0.0.1 while it has none.
+std::string machineAddress();
 
 // Such as 192.0.2.7:5000 or [2001:db8::7]:5000.
 std::string textOf(sockaddr_storage const& address);

@@ -21,6 +21,9 @@ constexpr std::size_t maxDatagram = 1500;
 // A viewer that has not reported for this time may do so from another port of its address.
 constexpr std::chrono::seconds reportPortTimeout{10};
 
+// One report serves all viewers that are probed: answers refer to it, and there is room for few.
+constexpr std::chrono::milliseconds probeInterval{500};
+
 std::uint32_t middleOf(std::uint64_t ntpTime) { return static_cast<std::uint32_t>(ntpTime >> 16); }
 
 std::string hostName() {
@@ -66,7 +69,11 @@ void Reporter::sayGoodbye(Viewer& viewer) noexcept {
 }
 
 void Reporter::probe(Viewer& viewer) {
-  viewer.transport().sendReport(makeSenderReport(m_Stream.senderInfo(), m_Cname, false));
+  if (Clock::now() - m_ProbeMade > probeInterval) {
+    m_Probe = makeReport();
+    m_ProbeMade = Clock::now();
+  }
+  viewer.transport().sendReport(m_Probe);
 }
 
 std::vector<std::uint8_t> Reporter::makeReport() {

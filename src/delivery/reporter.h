@@ -55,6 +55,8 @@ class Reporter : NonCopyable {
   ViewerList const& m_Viewers;
   Timer m_Next;
   std::string const m_Cname;
+  std::vector<std::uint8_t> m_Probe KAVO_GUARDED_BY(eventLoopRole);
+  Clock::time_point m_ProbeMade KAVO_GUARDED_BY(eventLoopRole){};
   // Reports that receivers may refer to.
   std::array<SentReport, 64> m_Sent KAVO_GUARDED_BY(eventLoopRole){};
   std::size_t m_NextSent KAVO_GUARDED_BY(eventLoopRole) = 0;

@@ -23,9 +23,11 @@ bool UdpFanout::Burst::operator<(Burst const& other) const {
   return std::tie(frame, first, last, family) < std::tie(other.frame, other.first, other.last, other.family);
 }
 
-UdpFanout::UdpFanout(TaskScheduler& scheduler, std::shared_ptr<Pacer> pacer, std::string address, Owner& owner)
+UdpFanout::UdpFanout(TaskScheduler& scheduler, std::shared_ptr<Pacer> pacer,
+                     std::shared_ptr<DescriptorBudget> descriptors, std::string address, Owner& owner)
     : m_Scheduler(scheduler),
       m_Pacer(std::move(pacer)),
+      m_Descriptors(std::move(descriptors)),
       m_Address(std::move(address)),
       m_Owner(owner),
       m_NextBurst(scheduler, [this]() KAVO_REQUIRES(eventLoopRole) {
@@ -37,13 +39,14 @@ UdpFanout::UdpFanout(TaskScheduler& scheduler, std::shared_ptr<Pacer> pacer, std
 bool UdpFanout::open(int family, std::function<void(int)> onReport) {
   auto& place = m_Families[indexOf(family)];
   if (!place) {
-    auto ports = UdpPorts::open(family, m_Address);
+    auto descriptors = m_Descriptors->take(2);
+    auto ports = descriptors ? UdpPorts::open(family, m_Address) : std::nullopt;
     if (!ports) {
       return false;
     }
     int const socket = ports->rtcpSocket();
     auto const receive = [socket, function = std::move(onReport)](int) { function(socket); };
-    place.reset(new Family{std::move(*ports), {m_Scheduler, socket, receive}});
+    place.reset(new Family{std::move(*descriptors), std::move(*ports), {m_Scheduler, socket, receive}});
     place->rtcp.start(SOCKET_READABLE);
   }
   return true;

@@ -16,6 +16,7 @@
 #include "delivery/udpports.h"
 #include "delivery/udpsender.h"
 #include "eventloop/loophandles.h"
+#include "operate/descriptors.h"
 
 namespace kavo::impl {
 
@@ -59,7 +60,8 @@ class UdpFanout : NonCopyable {
   };
 
   // Sends from the local address, unless it is empty.
-  UdpFanout(TaskScheduler& scheduler, std::shared_ptr<Pacer> pacer, std::string address, Owner& owner);
+  UdpFanout(TaskScheduler& scheduler, std::shared_ptr<Pacer> pacer, std::shared_ptr<DescriptorBudget> descriptors,
+            std::string address, Owner& owner);
 
   // Opens the family's sockets if they are not open; onReport is called when RTCP, or an
   // error, has come on one. False when no sockets are available.
@@ -80,6 +82,7 @@ class UdpFanout : NonCopyable {
 
  private:
   struct Family {
+    DescriptorBudget::Share descriptors;
     UdpPorts ports;
     SocketWatch rtcp;
   };
@@ -108,6 +111,7 @@ class UdpFanout : NonCopyable {
 
   TaskScheduler& m_Scheduler;
   std::shared_ptr<Pacer> const m_Pacer;
+  std::shared_ptr<DescriptorBudget> const m_Descriptors;
   std::string const m_Address;
   Owner& m_Owner;
   // IPv4 and IPv6.

@@ -84,6 +84,20 @@ void UdpSender::add(UdpDestination& destination, std::span<iovec const> pieces, 
   m_Targets[m_Count++] = &destination;
 }
 
+// Filters of some containers refuse sendmmsg, with whatever error they like: it is left alone
+// once sendmsg has taken the very same message.
+int UdpSender::sendSome(std::size_t first) {
+  if (m_HasSendmmsg) {
+    int const sent = sendmmsg(m_Socket, &m_Messages[first], static_cast<unsigned>(m_Count - first), MSG_DONTWAIT);
+    if (sent > 0 || (errno != ENOSYS && errno != EPERM && errno != EACCES && errno != EINVAL)) {
+      return sent;
+    }
+  }
+  bool const isTaken = sendmsg(m_Socket, &m_Messages[first].msg_hdr, MSG_DONTWAIT) >= 0;
+  m_HasSendmmsg = m_HasSendmmsg && !isTaken;
+  return isTaken ? 1 : -1;
+}
+
 void UdpSender::flush() {
   for (std::size_t at = 0; at < m_Count;) {
     UdpDestination& next = *m_Targets[at];
@@ -91,7 +105,7 @@ void UdpSender::flush() {
       next.lost += m_Messages[at++].msg_hdr.msg_iovlen / piecesPerPacket;
       continue;
     }
-    int const sent = sendmmsg(m_Socket, &m_Messages[at], static_cast<unsigned>(m_Count - at), MSG_DONTWAIT);
+    int const sent = sendSome(at);
     if (sent > 0) {
       at += static_cast<std::size_t>(sent);
     } else {

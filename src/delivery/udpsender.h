@@ -45,10 +45,12 @@ class UdpSender {
 
   void formTrains(FramePackets const& packets, std::size_t first, std::size_t last);
   void add(UdpDestination& destination, std::span<iovec const> pieces, Train* train);
+  int sendSome(std::size_t first);
   void flush();
   void retry(mmsghdr const& message, UdpDestination& destination, int error);
 
   int m_Socket = -1;
+  bool m_HasSendmmsg = true;
   std::vector<Train> m_Trains;
   std::array<mmsghdr, batch> m_Messages{};
   std::array<UdpDestination*, batch> m_Targets{};

@@ -17,7 +17,9 @@ class UdpTransport : public Transport {
       KAVO_REQUIRES(eventLoopRole);
   ~UdpTransport() override;
 
-  Outcome send(FramePtr const& frame, Clock::time_point now) override KAVO_REQUIRES(eventLoopRole) { return m_Fanout.add(*this, frame, now); }
+  Outcome send(FramePtr const& frame, Clock::time_point now) override KAVO_REQUIRES(eventLoopRole) {
+    return m_Fanout.add(*this, frame, now);
+  }
   void sendReport(std::span<std::uint8_t const> report) override KAVO_REQUIRES(eventLoopRole);
   void cancel() override KAVO_REQUIRES(eventLoopRole) { m_Fanout.cancel(*this); }
   bool isBusy() const override { return m_Path->current.frame != nullptr; }

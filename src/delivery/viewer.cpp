@@ -4,7 +4,7 @@ namespace kavo::impl {
 
 namespace {
 
-// Reports that come faster are dropped.
+// Reports that come faster are dropped, unless they answer one of ours: others of the address may send as well.
 constexpr std::chrono::milliseconds shortestReportInterval{50};
 
 }  // namespace
@@ -71,7 +71,7 @@ bool Viewer::reported(ReceiverReport const& report, std::optional<std::chrono::m
                       Clock::time_point now) {
   m_KeyFrames.reported(report, m_Transport->udp() != nullptr);
   bool const wantsKeyFrame = m_State == State::Playing && m_KeyFrames.take(now);
-  if (now - m_LastReport < shortestReportInterval) {
+  if (!roundTrip && now - m_LastReport < shortestReportInterval) {
     return wantsKeyFrame;
   }
   m_LastReport = now;
@@ -84,7 +84,7 @@ bool Viewer::reported(ReceiverReport const& report, std::optional<std::chrono::m
   }
   m_Observer.reported(m_Reception);
   if (m_OnReport) {
-    m_OnReport();
+    m_OnReport(roundTrip.has_value());
   }
   return wantsKeyFrame;
 }

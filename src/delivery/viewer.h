@@ -62,8 +62,8 @@ class Viewer : NonCopyable {
       KAVO_REQUIRES(eventLoopRole);
   Clock::time_point lastReport() const { return m_LastReport; }
   Reception const& reception() const { return m_Reception; }
-  // Called whenever a report has come.
-  void onReport(std::function<void()> function) { m_OnReport = std::move(function); }
+  // Called whenever a report has come, and whether it answers a report of ours.
+  void onReport(std::function<void(bool)> function) { m_OnReport = std::move(function); }
   // After its connection has closed its port is probed: how often nobody listened there.
   int probesRefused() const { return m_ProbesRefused; }
   void probeRefused() { ++m_ProbesRefused; }
@@ -82,7 +82,7 @@ class Viewer : NonCopyable {
   KeyFrameDemand m_KeyFrames;
   Reception m_Reception;
   Clock::time_point m_LastReport{};
-  std::function<void()> m_OnReport;
+  std::function<void(bool)> m_OnReport;
   int m_ProbesRefused = 0;
   Departure m_Departure = Departure::TimedOut;
 };

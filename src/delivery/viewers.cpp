@@ -13,7 +13,7 @@ Viewers::Viewers(TaskScheduler& scheduler, DeliveryContext const& context, Strea
     : m_Policy(context.policy),
       m_Stream(stream),
       m_Observer(observer),
-      m_Udp(scheduler, context.pacer, context.policy.address, *this),
+      m_Udp(scheduler, context.pacer, context.descriptors, context.policy.address, *this),
       m_Reporter(scheduler, stream, m_Viewers) {}
 
 Viewer* Viewers::addUdp(sockaddr_storage const& address, std::uint16_t rtpPort, std::uint16_t rtcpPort) {
@@ -25,7 +25,6 @@ Viewer* Viewers::addUdp(sockaddr_storage const& address, std::uint16_t rtpPort, 
   auto const to = transport->address();
   Viewer& viewer = add(std::move(transport));
   viewer.observer().setAddress(to);
-  takePortsFromOthers(viewer);
   return &viewer;
 }
 

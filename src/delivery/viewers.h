@@ -13,6 +13,7 @@
 #include "delivery/stream.h"
 #include "delivery/udpfanout.h"
 #include "delivery/viewer.h"
+#include "operate/descriptors.h"
 #include "operate/policy.h"
 
 namespace kavo::impl {
@@ -20,6 +21,7 @@ namespace kavo::impl {
 // What all streams of a server share.
 struct DeliveryContext {
   Policy::Delivery policy;
+  std::shared_ptr<DescriptorBudget> descriptors = std::make_shared<DescriptorBudget>();
   std::shared_ptr<Pacer> pacer = std::make_shared<Pacer>(policy.paceMbit);
 };
 

@@ -17,6 +17,9 @@ std::optional<AddressRange> AddressRange::parse(std::string const& text) {
   if (inet_pton(range.m_Family, address.c_str(), range.m_Bytes.data()) != 1) {
     return std::nullopt;
   }
+  if (range.m_Family == AF_INET6 && IN6_IS_ADDR_V4MAPPED(reinterpret_cast<in6_addr const*>(range.m_Bytes.data()))) {
+    return std::nullopt;  // our sockets see no such address
+  }
   range.m_PrefixBits = allBits;
   if (slash != std::string::npos) {
     char const* const end = text.data() + text.size();

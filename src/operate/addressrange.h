@@ -12,7 +12,8 @@ namespace kavo::impl {
 
 class AddressRange {
  public:
-  // Nothing if the text is no address, or bits are set behind the prefix.
+  // Nothing if the text is no address, host bits are set, or it is an IPv4 address written
+  // as IPv6.
   static std::optional<AddressRange> parse(std::string const& text);
 
   bool isOneAddress() const { return m_PrefixBits == (m_Family == AF_INET6 ? 128 : 32); }

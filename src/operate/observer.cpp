@@ -14,7 +14,8 @@ constexpr char const* departures[] = {"timed out",
                                       "connection closed",
                                       "stalled for 10 s",
                                       "nobody listens on its port",
-                                      "the host ended the session"};
+                                      "the host ended the session",
+                                      "not allowed any more"};
 
 constexpr std::uint64_t kv_status_process::* refusals[] = {
     &kv_status_process::refused_address, &kv_status_process::refused_limit, &kv_status_process::refused_user};

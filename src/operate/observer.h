@@ -18,7 +18,7 @@ namespace kavo::impl {
 enum class ViewerState { SetUp, Joining, AwaitingKeyFrame, Playing, Paused };
 
 // Why a viewer left.
-enum class Departure { TimedOut, Teardown, ConnectionClosed, Stalled, Unreachable, SessionRemoved };
+enum class Departure { TimedOut, Teardown, ConnectionClosed, Stalled, Unreachable, SessionRemoved, NotAllowed };
 
 enum class Refusal { Address, Limit, User };
 

@@ -129,7 +129,6 @@ void LiveDemandSession::getStreamParameters(unsigned /*clientSessionId*/, sockad
     return;
   }
   streamToken = m_Viewers.addUdp(clientAddress, ntohs(clientRTPPort.num()), ntohs(clientRTCPPort.num()));
-  stopSourceIfUnused();  // the ports may have been those of the last one who watched
   if (streamToken != nullptr) {
     std::uint16_t const port = m_Viewers.serverPort(clientAddress.ss_family);
     serverRTPPort = Port(port);

@@ -61,6 +61,11 @@ void ClientSession::noteProgress() {
   }
 }
 
+bool ClientSession::isUnused() const {
+  constexpr auto patience = std::chrono::seconds(10);
+  return viewer() != nullptr && viewer()->state() == ViewerState::SetUp && Viewer::Clock::now() - m_Begin > patience;
+}
+
 bool ClientSession::probe() {
   Viewer* const watching = viewer();
   if (m_Connection != nullptr || watching == nullptr) {
@@ -112,7 +117,13 @@ void ClientSession::handleCmd_SETUP(RTSPServer::RTSPClientConnection* connection
       watching->observer().setAddress(ours.clientAddress());
     }
     m_ClientAddress = ours.clientAddress();
-    watching->onReport([this] { noteLiveness(); });
+    m_User = ours.user();
+    // Anybody can forge an address: without a connection only who echoes our reports is there.
+    watching->onReport([this](bool echoes) KAVO_REQUIRES(eventLoopRole) {
+      if (m_Connection != nullptr || echoes) {
+        noteLiveness();
+      }
+    });
     joinConnection(ours);
   } else if (ours.hasAccepted()) {
     ours.refuse("503 Service Unavailable");  // no socket to send from
@@ -125,6 +136,10 @@ void ClientSession::handleCmd_withinSession(RTSPServer::RTSPClientConnection* co
   eventLoopRole.assertHeld();
   auto& ours = static_cast<RtspConnection&>(*connection);
   if (!ours.isAuthorized(cmdName)) {
+    return;
+  }
+  if (ours.user() != m_User) {
+    ours.refuse("454 Session Not Found");
     return;
   }
   joinConnection(ours);

@@ -4,6 +4,7 @@
 #include <RTSPServer.hh>
 #include <cstdint>
 #include <span>
+#include <string>
 
 #include "base/address.h"
 #include "delivery/interleavedtransport.h"
@@ -28,6 +29,13 @@ class ClientSession : public RTSPServer::RTSPClientSession {
   void leaveConnection() KAVO_REQUIRES(eventLoopRole);
   // Why its viewer is about to leave: the first reason counts.
   void setDeparture(Departure departure) KAVO_REQUIRES(eventLoopRole);
+
+  // Never played, and worth no place any more.
+  bool isUnused() const KAVO_REQUIRES(eventLoopRole);
+  bool isPlaying() const KAVO_REQUIRES(eventLoopRole) { return viewer() != nullptr && viewer()->isActive(); }
+  sockaddr_storage const& clientAddress() const KAVO_REQUIRES(eventLoopRole) { return m_ClientAddress; }
+  // Who set it up; empty where everybody may.
+  std::string const& user() const KAVO_REQUIRES(eventLoopRole) { return m_User; }
 
   // Whether requests from the address may use it: those of the host that made it.
   bool isOfHost(sockaddr_storage const& address) const KAVO_REQUIRES(eventLoopRole) {
@@ -58,6 +66,11 @@ class ClientSession : public RTSPServer::RTSPClientSession {
                        char const* fullRequestStr) override;
   void handleCmd_withinSession(RTSPServer::RTSPClientConnection* connection, char const* cmdName,
                                char const* urlPreSuffix, char const* urlSuffix, char const* fullRequestStr) override;
+  // live555's has a body that nobody asked for.
+  void handleCmd_GET_PARAMETER(RTSPServer::RTSPClientConnection* connection, ServerMediaSubsession* /*subsession*/,
+                               char const* /*fullRequestStr*/) override {
+    setRTSPResponse(connection, "200 OK", fOurSessionId);
+  }
 
  private:
   // A stream has one track, so a session has one viewer.
@@ -67,6 +80,8 @@ class ClientSession : public RTSPServer::RTSPClientSession {
 
   RtspConnection* m_Connection KAVO_GUARDED_BY(eventLoopRole) = nullptr;
   sockaddr_storage m_ClientAddress KAVO_GUARDED_BY(eventLoopRole){};
+  std::string m_User KAVO_GUARDED_BY(eventLoopRole);
+  Viewer::Clock::time_point const m_Begin = Viewer::Clock::now();
 };
 
 }  // namespace kavo::impl

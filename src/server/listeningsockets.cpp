@@ -33,7 +33,10 @@ bool openFamily(Address const& address, int family, UniqueFd& result) {
     setsockopt(socket.get(), IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
   }
   if (!bindAndListen(socket.get(), address)) {
-    return errno == EADDRNOTAVAIL;
+    int const error = errno;
+    socket = UniqueFd();
+    errno = error;
+    return error == EADDRNOTAVAIL;
   }
   result = std::move(socket);
   return true;
@@ -57,6 +60,9 @@ std::optional<ListeningSockets> listenOnPort(std::uint16_t port, std::string con
       (!isIpv4 || openFamily(ipv4, AF_INET, sockets.ipv4)) && (!isIpv6 || openFamily(ipv6, AF_INET6, sockets.ipv6));
   bool const any = sockets.ipv4.get() >= 0 || sockets.ipv6.get() >= 0;
   if (!complete || !any) {
+    int const error = complete ? EADDRNOTAVAIL : errno;
+    sockets = ListeningSockets();
+    errno = error;
     return std::nullopt;
   }
   return sockets;

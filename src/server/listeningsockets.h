@@ -17,7 +17,7 @@ struct ListeningSockets {
 
 // Listens on the port (host byte order), on the given local address or, if it is
 // empty, on every one. nullopt when an available family cannot be bound: a server
-// that half of its clients cannot reach would appear to work.
+// that half of its clients cannot reach would appear to work; errno says why.
 std::optional<ListeningSockets> listenOnPort(std::uint16_t port, std::string const& address);
 
 }  // namespace kavo::impl

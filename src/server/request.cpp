@@ -33,18 +33,6 @@ bool isMethod(std::string_view text) {
 
 bool isAlphanumeric(unsigned char c) { return std::isalnum(c) != 0 && c < 0x80; }
 
-// The path of a URL, or of what stands in place of one. live555 takes the text
-// "RTSP/" for the end of the request line, so no stream of such a name is found.
-std::string pathOf(std::string_view url) {
-  if (auto const scheme = url.find("://"); scheme != std::string_view::npos && startsWithIgnoringCase(url, "rtsp")) {
-    url.remove_prefix(std::min(url.find('/', scheme + 3), url.size()));
-  }
-  if (url.starts_with('/')) {
-    url.remove_prefix(1);
-  }
-  return url.size() <= maxPath && url.find("RTSP/") == std::string_view::npos ? std::string(url) : "";
-}
-
 // A session is named by its id up to the parameters. One that cannot be an id is
 // replaced by one that does not exist.
 std::string sessionOf(std::string_view value) {
@@ -112,7 +100,11 @@ class Reader {
       m_Request.authorization = value;
       return value.size() <= maxAuthorization && !std::exchange(m_Authorization, true);
     }
-    if (is("Transport")) {
+    if (is("Accept")) {
+      m_Request.acceptsSdp = value.find("application/sdp") != std::string_view::npos ||
+                             value.find("application/*") != std::string_view::npos ||
+                             value.find("*/*") != std::string_view::npos;
+    } else if (is("Transport")) {
       append(m_Request.transport, value);
     } else if (is("Require") || is("Proxy-Require")) {
       append(m_Request.require, optionTags(value));
@@ -136,7 +128,9 @@ bool readRequestLine(std::string_view line, Request& request) {
     return false;
   }
   request.method = line.substr(0, first);
-  request.path = pathOf(trimmed(line.substr(first, last - first)));
+  request.path = Request::pathOf(trimmed(line.substr(first, last - first)));
+  auto const version = line.substr(last + 1);
+  request.isVersionServed = !version.starts_with("RTSP/") || version.starts_with("RTSP/1.");
   return isMethod(request.method);
 }
 
@@ -149,6 +143,29 @@ bool readHeaderLine(std::string_view line, Reader& reader) {
 }
 
 }  // namespace
+
+// live555 takes the text "RTSP/" for the end of the request line, so no stream of such a
+// name is found.
+std::string Request::pathOf(std::string_view url) {
+  if (auto const scheme = url.find("://"); scheme != std::string_view::npos && startsWithIgnoringCase(url, "rtsp")) {
+    url.remove_prefix(std::min(url.find('/', scheme + 3), url.size()));
+  }
+  if (url.starts_with('/')) {
+    url.remove_prefix(1);
+  }
+  return url.size() <= maxPath && url.find("RTSP/") == std::string_view::npos ? std::string(url) : "";
+}
+
+std::string Request::credential(std::string_view name) const {
+  std::string_view const text = authorization;
+  std::string const start = std::string(name) + "=\"";
+  auto const found = text.find(start);
+  if (found == std::string_view::npos) {
+    return "";
+  }
+  auto const value = text.substr(found + start.size());
+  return std::string(value.substr(0, value.find('"')));
+}
 
 Request Request::parse(std::string_view header) {
   constexpr std::string_view lineEnd = "\r\n";
@@ -174,8 +191,7 @@ Request Request::parse(std::string_view header) {
 std::string Request::text() const {
   std::string const url = path == "*" ? path : "rtsp://host/" + path;
   return method + " " + url + " RTSP/1.0\r\nCSeq: " + cseq + "\r\n" +
-         (session.empty() ? "" : "Session: " + session + "\r\n") +
-         (require.empty() ? "" : "Require: " + require + "\r\n") + "\r\n";
+         (session.empty() ? "" : "Session: " + session + "\r\n") + "\r\n";
 }
 
 std::string Request::headers() const {

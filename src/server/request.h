@@ -16,15 +16,24 @@ struct Request {
   bool valid = false;
   std::size_t bodySize = 0;
 
+  // RTSP/1.x.
+  bool isVersionServed = true;
+
   std::string method;
-  std::string path;           // of the URL, without the leading slash; "*" is the whole server
-  std::string cseq;           // digits; empty if there is none
-  std::string session;        // the id alone; empty without one
-  std::string transport;      // as it came
-  std::string range;          // "npt=now-", "npt=0-", or empty
-  bool scale = false;         // asked for; only 1 is served
-  std::string require;        // option tags
-  std::string authorization;  // as it came; empty if there is none
+  std::string path;       // of the URL, without the leading slash; "*" is the whole server
+  std::string cseq;       // digits; empty if there is none
+  std::string session;    // the id alone; empty without one
+  std::string transport;  // verbatim
+  std::string range;      // "npt=now-", "npt=0-", or empty
+  bool scale = false;     // asked for; only 1 is served
+  std::string require;    // option tags that the client insists on; we have none
+  bool acceptsSdp = true;
+  std::string authorization;  // verbatim; empty if there is none
+
+  // The path of a URL, without the leading slash.
+  static std::string pathOf(std::string_view url);
+  // A field of the authorization, such as username or uri; empty if it has none.
+  std::string credential(std::string_view name) const;
 
   // From the header, up to and including its empty line.
   static Request parse(std::string_view header);

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 #include <string>
+#include <utility>
 
 #include "eventloop/contained.h"
 #include "eventloop/memoryreserve.h"
@@ -25,29 +26,33 @@ constexpr std::string_view answeredMethods[] = {"OPTIONS", "DESCRIBE", "SETUP", 
 // Read at most this much before other sockets take their turn.
 constexpr std::size_t readSize = 16 * std::size_t{1024};
 
+// Requests and interleaved packets of one connection before others have their turn.
+constexpr int itemsInATurn = 8;
+
+// After so many a connection ends.
+constexpr int mostWrongPasswords = 8;
+
 // How much a client may pipeline while its requests wait for a frame to be sent:
 // more than the largest single item.
 constexpr std::size_t maxPendingInput = 128 * std::size_t{1024};
 
 }  // namespace
 
-RtspConnection::RtspConnection(RtspServer& server, UniqueFd clientSocket, sockaddr_storage const& clientAddress)
+RtspConnection::RtspConnection(RtspServer& server, UniqueFd clientSocket, DescriptorBudget::Share share,
+                               sockaddr_storage const& clientAddress)
     : RTSPClientConnection(server, clientSocket.release(), clientAddress),
       m_Server(server),
+      m_Descriptor(std::move(share)),
       m_Watch(envir().taskScheduler(), fOurSocket,
-              [this](int conditions) KAVO_REQUIRES(eventLoopRole) {
-                auto const alive = m_Alive;
-                if (!contained([&]() KAVO_REQUIRES(eventLoopRole) { handleSocket(conditions); }) && *alive) {
-                  fCurrentCSeq = nullptr;  // live555 frees it before it has memory for the next
-                  delete this;
-                }
-              }),
-      m_Writer(std::make_shared<InterleavedWriter>(
-          envir().taskScheduler(), fOurSocket, [this](bool wanted) KAVO_REQUIRES(eventLoopRole) {
-            m_Watch.start(wanted ? SOCKET_READABLE | SOCKET_WRITABLE : SOCKET_READABLE);
-          })) {
+              [this](int conditions) KAVO_REQUIRES(eventLoopRole) { guarded([&] { handleSocket(conditions); }); }),
+      m_NextTurn(envir().taskScheduler(), [this]() KAVO_REQUIRES(eventLoopRole) { guarded([&] { handleAll(); }); }),
+      m_Writer(std::make_shared<InterleavedWriter>(envir().taskScheduler(), fOurSocket,
+                                                   [this](bool wanted) KAVO_REQUIRES(eventLoopRole) {
+                                                     m_WantsToWrite = wanted;
+                                                     watch();
+                                                   })) {
   // In place of live555's handler, which would also ask for urgent data and never read it.
-  m_Watch.start(SOCKET_READABLE);
+  watch();
 }
 
 RtspConnection::~RtspConnection() {
@@ -64,6 +69,8 @@ bool RtspConnection::hasStream() const {
   return std::any_of(m_Sessions.begin(), m_Sessions.end(),
                      [](auto const* session) KAVO_REQUIRES(eventLoopRole) { return session->hasStream(); });
 }
+
+std::string RtspConnection::user() const { return m_Server.m_Users == nullptr ? "" : request().credential("username"); }
 
 bool RtspConnection::hasAccepted() const {
   return std::strncmp(reinterpret_cast<char const*>(fResponseBuffer), "RTSP/1.0 200", 12) == 0;
@@ -85,13 +92,29 @@ std::optional<RequestedTransport> RtspConnection::transportFor(std::optional<Req
   return isFree(transport->rtp) && isFree(transport->rtcp) ? transport : std::nullopt;
 }
 
+template <class Function>
+void RtspConnection::guarded(Function const& function) {
+  auto const alive = m_Alive;
+  if (!contained(function) && *alive) {
+    fCurrentCSeq = nullptr;  // live555 frees it before it has memory for the next
+    delete this;
+  }
+}
+
+// What is to be read waits while a turn of what was read does.
+void RtspConnection::watch() {
+  int const conditions = (m_NextTurn.isPending() ? 0 : SOCKET_READABLE) | (m_WantsToWrite ? SOCKET_WRITABLE : 0);
+  conditions != 0 ? m_Watch.start(conditions) : m_Watch.stop();
+}
+
 void RtspConnection::handleSocket(int conditions) {
+  eventLoopRole.assertHeld();
   bool here = true;
   if ((conditions & SOCKET_WRITABLE) != 0) {
     m_Writer->flush();
     here = handleAll();  // what was held back
   }
-  if (here && (conditions & SOCKET_READABLE) != 0) {
+  if (here && (conditions & SOCKET_READABLE) != 0 && !m_NextTurn.isPending()) {
     receive();
   }
 }
@@ -115,13 +138,22 @@ void RtspConnection::receive() {
   }
 }
 
-// False when the connection is gone.
+// Some of what was read; then others have their turn. False when the connection is gone.
 bool RtspConnection::handleAll() {
+  eventLoopRole.assertHeld();
+  m_NextTurn.stop();
   Next next = Next::Item;
-  while (next == Next::Item) {
+  for (int i = 0; i < itemsInATurn && next == Next::Item; ++i) {
     next = handleNext();
   }
-  return next != Next::Gone;
+  if (next == Next::Gone) {
+    return false;
+  }
+  if (next == Next::Item) {
+    m_NextTurn.start(std::chrono::microseconds::zero());
+  }
+  watch();
+  return true;
 }
 
 RtspConnection::Next RtspConnection::handleNext() {
@@ -157,52 +189,97 @@ void RtspConnection::handleInterleaved() {
 }
 
 void RtspConnection::handleRequest() {
-  if (std::find(std::begin(answeredMethods), std::end(answeredMethods), request().method) ==
-      std::end(answeredMethods)) {
-    answer("405 Method Not Allowed");
-  } else if (request().cseq.empty()) {
-    answer("400 Bad Request");
-  } else if (!request().session.empty() && m_Server.sessionOf(request().session, fClientAddr) == nullptr) {
-    answer("454 Session Not Found");
-  } else if ((request().method == "SETUP" || request().method == "DESCRIBE") && !MemoryReserve::refill()) {
-    observeRefusal(Refusal::Limit, fClientAddr, "out of memory");
-    answer("503 Service Unavailable");
-  } else if (request().method == "SETUP" && request().session.empty() &&
-             (m_Sessions.size() >= maxSessions || !m_Server.makeRoomForSession(fClientAddr))) {
-    observeRefusal(Refusal::Limit, fClientAddr, "too many sessions");
-    answer("453 Not Enough Bandwidth");
-  } else {
-    auto const text = request().text();
-    resetRequestBuffer();
-    std::memcpy(fRequestBuffer, text.data(), text.size());
-    auto& server = m_Server;
-    auto const session = request().method == "PLAY" ? request().session : "";
-    auto const address = fClientAddr;
-    handleRequestBytes(static_cast<int>(text.size()));
-    server.removeFailedSession();
-    server.noteCounts();
-    if (auto* const playing = server.sessionOf(session, address)) {
-      playing->begin();
-    }
+  Request request = this->request();
+  if (auto const status = refusalOf(request); !status.empty()) {
+    answer(status);
+    return;
+  }
+  request.path = m_Server.pathOf(request.path);
+  auto const text = request.text();
+  resetRequestBuffer();
+  std::memcpy(fRequestBuffer, text.data(), text.size());
+  auto& server = m_Server;
+  auto const alive = m_Alive;
+  auto const address = fClientAddr;
+  handleRequestBytes(static_cast<int>(text.size()));
+  server.removeFailedSession();
+  server.noteCounts();
+  if (auto* const playing = request.method == "PLAY" ? server.sessionOf(request.session, address) : nullptr) {
+    playing->begin();
+  }
+  if (*alive && m_WrongPasswords >= mostWrongPasswords) {
+    delete this;
   }
 }
 
-// live555 asks this for DESCRIBE and SETUP, and sends the response that it makes where
-// the answer is no. It gets the one header that it looks for.
+std::string_view RtspConnection::refusalOf(Request const& request) {
+  bool const isKnown = std::ranges::find(answeredMethods, request.method) != std::end(answeredMethods);
+  if (!isKnown) {
+    return "405 Method Not Allowed";
+  }
+  if (!request.isVersionServed) {
+    return "505 RTSP Version Not Supported";
+  }
+  if (request.cseq.empty()) {
+    return "400 Bad Request";
+  }
+  if (!request.require.empty()) {
+    return "551 Option Not Supported";
+  }
+  if (request.method == "DESCRIBE" && !request.acceptsSdp) {
+    return "406 Not Acceptable";
+  }
+  if (!request.session.empty() && m_Server.sessionOf(request.session, fClientAddr) == nullptr) {
+    return "454 Session Not Found";
+  }
+  if ((request.method == "SETUP" || request.method == "DESCRIBE") && !MemoryReserve::refill()) {
+    observeRefusal(Refusal::Limit, fClientAddr, "out of memory");
+    return "503 Service Unavailable";
+  }
+  return "";
+}
+
+// live555 asks this for DESCRIBE and SETUP, and sends the response that is made where the answer
+// is no. A new session takes a place only once it is clear that it will not fail.
 Boolean RtspConnection::authenticationOK(char const* method, char const* urlSuffix, char const* /*fullRequest*/) {
   eventLoopRole.assertHeld();
-  if (m_Server.m_Users == nullptr) {
+  if (!hasValidCredentials(method, urlSuffix)) {
+    return False;
+  }
+  bool const isNewSession = method == std::string_view("SETUP") && request().session.empty();
+  if (!isNewSession || !acceptableTransport(request().transport) || m_Server.streamOf(request().path).empty()) {
     return True;
   }
-  std::string const header = "Authorization: " + request().authorization + "\r\n\r\n";
-  if (RTSPClientConnection::authenticationOK(method, urlSuffix, header.c_str())) {
+  if (m_Sessions.size() < maxSessions && m_Server.makeRoomForSession(fClientAddr)) {
     return True;
+  }
+  observeRefusal(Refusal::Limit, fClientAddr, "too many sessions");
+  refuse("453 Not Enough Bandwidth");
+  return False;
+}
+
+bool RtspConnection::hasValidCredentials(char const* method, char const* urlSuffix) {
+  if (m_Server.m_Users == nullptr) {
+    return true;
+  }
+  auto const stream = m_Server.streamOf(request().path);
+  auto const uri = Request::pathOf(request().credential("uri"));
+  bool const isForThis = !request().authorization.empty() && m_Server.m_Brake.mayTry(fClientAddr) &&
+                         stream == m_Server.streamOf(uri) && (!stream.empty() || request().path == uri);
+  // live555 gets the one header that it looks for; without one it makes the response that asks for it.
+  std::string const header = "Authorization: " + (isForThis ? request().authorization : "") + "\r\n\r\n";
+  if (RTSPClientConnection::authenticationOK(method, urlSuffix, header.c_str())) {
+    return true;
   }
   // Without credentials it is the usual way to learn that they are wanted.
+  if (!request().authorization.empty()) {
+    ++m_WrongPasswords;
+    m_Server.m_Brake.wrong(fClientAddr);
+  }
   if (!request().authorization.empty() || !request().session.empty()) {
     observeRefusal(Refusal::User, fClientAddr, "no valid user and password");
   }
-  return False;
+  return false;
 }
 
 // Receivers count the packets between the number that RTP-Info gives and their first one as lost.
@@ -224,6 +301,8 @@ void RtspConnection::answer(std::string_view status) {
   }
   if (status.starts_with("405")) {
     response += "Allow: OPTIONS, DESCRIBE, SETUP, TEARDOWN, PLAY, PAUSE, GET_PARAMETER, SET_PARAMETER\r\n";
+  } else if (status.starts_with("551")) {
+    response += "Unsupported: " + request().require + "\r\n";
   }
   response += "\r\n";
   send(fClientOutputSocket, response.data(), response.size(), MSG_NOSIGNAL);

@@ -7,6 +7,7 @@
 #include <list>
 #include <memory>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -14,6 +15,7 @@
 #include "delivery/interleavedwriter.h"
 #include "eventloop/eventlooprole.h"
 #include "eventloop/loophandles.h"
+#include "operate/descriptors.h"
 #include "server/requestreader.h"
 #include "server/transport.h"
 
@@ -27,8 +29,8 @@ class RtspConnection : public RTSPServer::RTSPClientConnection {
   using Clock = std::chrono::steady_clock;
   static constexpr std::size_t maxSessions = 4;
 
-  RtspConnection(RtspServer& server, UniqueFd clientSocket, sockaddr_storage const& clientAddress)
-      KAVO_REQUIRES(eventLoopRole);
+  RtspConnection(RtspServer& server, UniqueFd clientSocket, DescriptorBudget::Share share,
+                 sockaddr_storage const& clientAddress) KAVO_REQUIRES(eventLoopRole);
   ~RtspConnection() override;
 
   // Whether the client has sent anything yet.
@@ -45,6 +47,8 @@ class RtspConnection : public RTSPServer::RTSPClientConnection {
   std::vector<ClientSession*> const& sessions() const KAVO_REQUIRES(eventLoopRole) { return m_Sessions; }
 
   sockaddr_storage const& clientAddress() const { return fClientAddr; }
+  // Who sends the request that is being answered; empty where everybody may.
+  std::string user() const KAVO_REQUIRES(eventLoopRole);
   // The request that is being answered.
   Request const& request() const KAVO_REQUIRES(eventLoopRole) { return m_Reader.request(); }
   std::shared_ptr<InterleavedWriter> const& writer() const KAVO_REQUIRES(eventLoopRole) { return m_Writer; }
@@ -64,6 +68,7 @@ class RtspConnection : public RTSPServer::RTSPClientConnection {
  protected:
   Boolean authenticationOK(char const* method, char const* urlSuffix, char const* fullRequest) override;
   void handleCmd_bad() override { refuse("400 Bad Request"); }
+  void handleCmd_GET_PARAMETER(char const* /*fullRequest*/) override { refuse("200 OK"); }
   // Defence in depth: no HTTP request reaches live555.
   void handleHTTPCmd_OPTIONS() override { handleHTTPCmd_notSupported(); }
   void handleHTTPCmd_TunnelingGET(char const*) override { handleHTTPCmd_notSupported(); }
@@ -76,21 +81,31 @@ class RtspConnection : public RTSPServer::RTSPClientConnection {
   // What to do after handling an item.
   enum class Next { Item, Wait, Gone };
 
+  template <class Function>
+  void guarded(Function const& function) KAVO_REQUIRES(eventLoopRole);
   void handleSocket(int conditions) KAVO_REQUIRES(eventLoopRole);
+  void watch() KAVO_REQUIRES(eventLoopRole);
   void receive() KAVO_REQUIRES(eventLoopRole);
   bool handleAll() KAVO_REQUIRES(eventLoopRole);
   Next handleNext() KAVO_REQUIRES(eventLoopRole);
   void handleInterleaved() KAVO_REQUIRES(eventLoopRole);
   void handleRequest() KAVO_REQUIRES(eventLoopRole);
+  // The status that refuses the request; empty where it goes to live555.
+  std::string_view refusalOf(Request const& request) KAVO_REQUIRES(eventLoopRole);
+  bool hasValidCredentials(char const* method, char const* urlSuffix) KAVO_REQUIRES(eventLoopRole);
   void answer(std::string_view status) KAVO_REQUIRES(eventLoopRole);
 
   RtspServer& m_Server;
+  DescriptorBudget::Share const m_Descriptor;
   std::list<RtspConnection*>::iterator m_Place KAVO_GUARDED_BY(eventLoopRole);
   Clock::time_point m_LastActivity KAVO_GUARDED_BY(eventLoopRole) = Clock::now();
   bool m_HasSentAnything KAVO_GUARDED_BY(eventLoopRole) = false;
   std::vector<ClientSession*> m_Sessions KAVO_GUARDED_BY(eventLoopRole);
   RequestReader m_Reader KAVO_GUARDED_BY(eventLoopRole);
   SocketWatch m_Watch KAVO_GUARDED_BY(eventLoopRole);
+  bool m_WantsToWrite KAVO_GUARDED_BY(eventLoopRole) = false;
+  Timer m_NextTurn KAVO_GUARDED_BY(eventLoopRole);  // pending while requests wait for it
+  int m_WrongPasswords KAVO_GUARDED_BY(eventLoopRole) = 0;
   std::shared_ptr<InterleavedWriter> m_Writer KAVO_GUARDED_BY(eventLoopRole);
   // live555 may delete this object inside its handlers; callers that continue keep a copy.
   std::shared_ptr<bool> m_Alive KAVO_GUARDED_BY(eventLoopRole) = std::make_shared<bool>(true);

@@ -1,10 +1,11 @@
 #include "server/rtspserver.h"
 
-#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <utility>
 #include <vector>
 
@@ -22,7 +23,7 @@ using namespace std::chrono_literals;
 
 // Idle timeout of connections without a stream.
 constexpr auto idleTimeout = 30s;
-constexpr auto idleCheckInterval = 1s;
+constexpr auto sweepInterval = 1s;
 // How long no connections are accepted when the process is out of descriptors.
 constexpr auto acceptRetryDelay = 100ms;
 // Per pass of the loop, so that others have their turn.
@@ -39,42 +40,47 @@ std::unique_ptr<UserAuthenticationDatabase> databaseOf(Policy const& policy) {
   return database;
 }
 
-// Half of the process's descriptor limit; the rest is the host's.
-std::size_t maxConnections() {
-  rlimit limit{};
-  getrlimit(RLIMIT_NOFILE, &limit);
-  return static_cast<std::size_t>(std::min<rlim_t>(limit.rlim_cur / 2, 4096));
-}
+void complain(std::string const& text) { std::fprintf(stderr, "kavo_stream: %s\n", text.c_str()); }
 
 }  // namespace
 
 RtspServer* RtspServer::createNew(UsageEnvironment& env, std::uint16_t port, unsigned reclamationSeconds,
-                                  std::shared_ptr<Policy const> policy) {
+                                  std::shared_ptr<Policy const> policy, std::shared_ptr<DescriptorBudget> descriptors,
+                                  std::string const& policyFile) {
   auto sockets = listenOnPort(port, policy->delivery.address);
   if (!sockets) {
+    int const error = errno;
+    if (!policyFile.empty()) {
+      complain("cannot listen on " + (policy->delivery.address.empty() ? "" : policy->delivery.address + ", ") +
+               "port " + std::to_string(port) + ": " + std::strerror(error));
+    }
     return nullptr;
   }
   auto users = databaseOf(*policy);
-  return new RtspServer(env, std::move(*sockets), port, reclamationSeconds, std::move(policy), std::move(users));
+  return new RtspServer(env, std::move(*sockets), port, reclamationSeconds, std::move(policy), std::move(users),
+                        descriptors ? std::move(descriptors) : std::make_shared<DescriptorBudget>(), policyFile);
 }
 
 // live555 gets no sockets to listen on: it would accept one connection a pass,
 // and spin when the process is out of descriptors.
 RtspServer::RtspServer(UsageEnvironment& env, ListeningSockets sockets, std::uint16_t port, unsigned reclamationSeconds,
-                       std::shared_ptr<Policy const> policy, std::unique_ptr<UserAuthenticationDatabase> users)
+                       std::shared_ptr<Policy const> policy, std::unique_ptr<UserAuthenticationDatabase> users,
+                       std::shared_ptr<DescriptorBudget> descriptors, std::string const& policyFile)
     : RTSPServer(env, -1, -1, Port(port), users.get(), reclamationSeconds),
       m_Policy(std::move(policy)),
+      m_PolicyFile(policyFile),
       m_Users(std::move(users)),
+      m_Descriptors(std::move(descriptors)),
       m_Listening(std::move(sockets)),
       m_WatchIpv4(env.taskScheduler(), m_Listening.ipv4.get(),
                   [this](int) KAVO_REQUIRES(eventLoopRole) { acceptAll(m_Listening.ipv4.get()); }),
       m_WatchIpv6(env.taskScheduler(), m_Listening.ipv6.get(),
                   [this](int) KAVO_REQUIRES(eventLoopRole) { acceptAll(m_Listening.ipv6.get()); }),
-      m_MaxConnections(std::min(maxConnections(), m_Policy->maxConnections.value_or(SIZE_MAX))),
       m_AcceptAgain(env.taskScheduler(), [this]() KAVO_REQUIRES(eventLoopRole) { startAccepting(); }),
-      m_CloseIdle(env.taskScheduler(), [this]() KAVO_REQUIRES(eventLoopRole) { closeIdleAndStalled(); }) {
+      m_NextSweep(env.taskScheduler(), [this]() KAVO_REQUIRES(eventLoopRole) { sweep(); }) {
+  m_Descriptors->onShortage([this]() KAVO_REQUIRES(eventLoopRole) { return evictConnection(); });
   startAccepting();
-  m_CloseIdle.start(idleCheckInterval);
+  m_NextSweep.start(sweepInterval);
 }
 
 // Sessions first, while this is still a server of ours.
@@ -87,12 +93,33 @@ RtspServer::~RtspServer() {
   while (!m_Connections.empty()) {
     delete m_Connections.front();
   }
+  m_Descriptors->onShortage(nullptr);
+}
+
+std::string RtspServer::streamOf(std::string const& path) {
+  auto const withoutTrack = [](std::string name) {
+    auto const last = name.rfind('/');
+    name.resize(last != std::string::npos && name.compare(last, 6, "/track") == 0 ? last : name.size());
+    name.resize(name.ends_with('/') ? name.size() - 1 : name.size());
+    return name;
+  };
+  for (auto const& name : {path, withoutTrack(path), withoutTrack(path.substr(0, path.find('?')))}) {
+    if (hasSession(name.c_str())) {
+      return name;
+    }
+  }
+  return "";
+}
+
+std::string RtspServer::pathOf(std::string const& path) {
+  std::string const name = streamOf(path);
+  auto const track = path.rfind("/track");
+  return name.empty() ? path : name + (track == std::string::npos || track < name.size() ? "" : path.substr(track));
 }
 
 bool RtspServer::hasSession(char const* streamName) { return getServerMediaSession(streamName) != nullptr; }
 
-template <class Function>
-void RtspServer::forEachSession(Function const& function) {
+void RtspServer::forEachSession(std::function<void(impl::ClientSession&)> const& function) {
   std::unique_ptr<HashTable::Iterator> const entries(HashTable::Iterator::create(*fClientSessions));
   char const* id = nullptr;
   while (auto* const session = static_cast<impl::ClientSession*>(entries->next(id))) {
@@ -119,10 +146,10 @@ void RtspServer::removeSession(ServerMediaSession* session) {
   }
 }
 
-void RtspServer::addConnection(UniqueFd client, sockaddr_storage const& clientAddress) {
+void RtspServer::addConnection(UniqueFd client, DescriptorBudget::Share share, sockaddr_storage const& clientAddress) {
   auto const place = m_Connections.insert(m_Connections.end(), nullptr);
   try {
-    *place = new RtspConnection(*this, std::move(client), clientAddress);
+    *place = new RtspConnection(*this, std::move(client), std::move(share), clientAddress);
   } catch (...) {
     m_Connections.erase(place);
     throw;
@@ -147,25 +174,6 @@ void RtspServer::removeFailedSession() {
 impl::ClientSession* RtspServer::sessionOf(std::string const& sessionId, sockaddr_storage const& clientAddress) {
   auto* const session = static_cast<impl::ClientSession*>(lookupClientSession(sessionId.c_str()));
   return session != nullptr && session->isOfHost(clientAddress) ? session : nullptr;
-}
-
-bool RtspServer::makeRoomForSession(sockaddr_storage const& clientAddress) {
-  if (auto const most = m_Policy->maxViewersPerAddress) {
-    std::size_t ofHost = 0;
-    forEachSession([&](impl::ClientSession& session)
-                       KAVO_REQUIRES(eventLoopRole) { ofHost += session.isOfHost(clientAddress) ? 1 : 0; });
-    if (ofHost >= *most) {
-      return false;
-    }
-  }
-  if (numClientSessions() < std::min(m_MaxConnections, m_Policy->maxViewers.value_or(SIZE_MAX))) {
-    return true;
-  }
-  impl::ClientSession* lost = nullptr;
-  forEachSession([&](impl::ClientSession& session)
-                     KAVO_REQUIRES(eventLoopRole) { lost = session.connection() == nullptr ? &session : lost; });
-  delete lost;
-  return lost != nullptr;
 }
 
 void RtspServer::removeConnection(Connections::iterator place) {
@@ -206,8 +214,8 @@ bool RtspServer::acceptOne(int listeningSocket) {
   if (client.get() >= 0) {
     if (!m_Policy->allows(address)) {
       observeRefusal(Refusal::Address, address, "not allowed from there");
-    } else if (MemoryReserve::refill() && (m_Connections.size() < m_MaxConnections || evictConnection())) {
-      addConnection(std::move(client), address);
+    } else if (auto share = placeForConnection(address)) {
+      addConnection(std::move(client), std::move(*share), address);
     } else {
       observeRefusal(Refusal::Limit, address, "too many connections");
     }
@@ -226,32 +234,21 @@ bool RtspServer::acceptOne(int listeningSocket) {
   return full;
 }
 
-// Closes the least recently active connection that never sent anything, or else
-// the least recently active one without a stream. In that order, so that a flood of
-// silent connections cannot evict a client about to set up a session. False when
-// there is none to close.
-bool RtspServer::evictConnection() {
-  auto const close = [](auto const& range, auto const& unwanted) {
-    auto const found = std::find_if(range.begin(), range.end(), unwanted);
-    if (found != range.end()) {
-      delete *found;
-      return true;
-    }
-    return false;
-  };
-  return close(m_Connections, [](RtspConnection const* connection)
-                                  KAVO_REQUIRES(eventLoopRole) { return !connection->hasSentAnything(); }) ||
-         close(m_Connections,
-               [](RtspConnection const* connection) KAVO_REQUIRES(eventLoopRole) { return !connection->hasStream(); });
-}
-
-void RtspServer::closeIdleAndStalled() {
-  m_CloseIdle.start(idleCheckInterval);
+void RtspServer::sweep() {
+  m_NextSweep.start(sweepInterval);
   MemoryReserve::refill();
   noteCounts();
   if (status::page() != nullptr) {
     status::putProcess(&kv_status_process::alive, status::now());
   }
+  closeIdleAndStalled();
+  endUnusedSessions();
+  if (m_PolicyFile.hasChanged()) {
+    reloadPolicy();
+  }
+}
+
+void RtspServer::closeIdleAndStalled() {
   auto const now = RtspConnection::Clock::now();
   for (auto place = m_Connections.begin(); place != m_Connections.end();) {
     RtspConnection* const connection = *place++;
@@ -267,16 +264,71 @@ void RtspServer::closeIdleAndStalled() {
       }
     }
   }
-  std::vector<impl::ClientSession*> abandoned;
-  forEachSession([&](impl::ClientSession& session) {
-    eventLoopRole.assertHeld();
-    if (session.probe()) {
-      session.setDeparture(Departure::Unreachable);
-      abandoned.push_back(&session);
+}
+
+void RtspServer::endSessions(std::function<bool(impl::ClientSession&)> const& isToEnd) {
+  std::vector<impl::ClientSession*> sessions;
+  forEachSession([&](impl::ClientSession& session) KAVO_REQUIRES(eventLoopRole) {
+    if (isToEnd(session)) {
+      sessions.push_back(&session);
     }
   });
-  for (impl::ClientSession* const session : abandoned) {
+  for (impl::ClientSession* const session : sessions) {
     delete session;
+  }
+}
+
+void RtspServer::endUnusedSessions() {
+  endSessions([](impl::ClientSession& session) KAVO_REQUIRES(eventLoopRole) {
+    bool const isGone = session.probe();
+    if (isGone) {
+      session.setDeparture(Departure::Unreachable);
+    }
+    return isGone || session.isUnused();
+  });
+}
+
+// Who may watch, and how many; a wrong file changes nothing.
+void RtspServer::reloadPolicy() {
+  auto const before = m_Policy;
+  try {
+    auto policy = std::make_shared<Policy>(m_PolicyFile.read());
+    if (policy->delivery != before->delivery || policy->parallelEncoding != before->parallelEncoding) {
+      complain(m_PolicyFile.name() +
+               ": read again; server.address, [delivery] and [encoding] wait for the next KV_INIT");
+      policy->delivery = before->delivery;
+      policy->parallelEncoding = before->parallelEncoding;
+    }
+    auto users = databaseOf(*policy);
+    setAuthenticationDatabase(users.get());
+    m_Users = std::move(users);
+    m_Policy = std::move(policy);
+  } catch (PolicyError const& error) {
+    complain(std::string(error.what()) + "; the policy stays as it was");
+    status::note(KV_STATUS_FAILED, "", "", error.what());
+    return;
+  }
+  endWhoMayNotWatch(*before);
+}
+
+void RtspServer::endWhoMayNotWatch(Policy const& before) {
+  auto const isSameUser = [&](std::string const& name) KAVO_REQUIRES(eventLoopRole) {
+    auto const now = m_Policy->users.find(name);
+    auto const then = before.users.find(name);
+    return m_Policy->users.empty() || (now != m_Policy->users.end() && then != before.users.end() && *now == *then);
+  };
+  endSessions([&](impl::ClientSession& session) KAVO_REQUIRES(eventLoopRole) {
+    bool const mayWatch = m_Policy->allows(session.clientAddress()) && isSameUser(session.user());
+    if (!mayWatch) {
+      session.setDeparture(Departure::NotAllowed);
+    }
+    return !mayWatch;
+  });
+  for (auto place = m_Connections.begin(); place != m_Connections.end();) {
+    RtspConnection* const connection = *place++;
+    if (!m_Policy->allows(connection->clientAddress())) {
+      delete connection;
+    }
   }
 }
 

@@ -5,6 +5,7 @@
 #include <RTSPServer.hh>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <memory>
 #include <optional>
@@ -12,8 +13,10 @@
 
 #include "eventloop/eventlooprole.h"
 #include "eventloop/loophandles.h"
+#include "operate/descriptors.h"
 #include "operate/policy.h"
 #include "server/listeningsockets.h"
+#include "server/passwordbrake.h"
 
 namespace kavo::impl {
 
@@ -26,7 +29,8 @@ class RtspServer : public RTSPServer {
   // of the machine. A client session without a sign of life is closed after
   // reclamationSeconds.
   static RtspServer* createNew(UsageEnvironment& env, std::uint16_t port, unsigned reclamationSeconds,
-                               std::shared_ptr<Policy const> policy) KAVO_REQUIRES(eventLoopRole);
+                               std::shared_ptr<Policy const> policy, std::shared_ptr<DescriptorBudget> descriptors = {},
+                               std::string const& policyFile = "") KAVO_REQUIRES(eventLoopRole);
 
   // Whether a media session of exactly this name is registered.
   bool hasSession(char const* streamName) KAVO_REQUIRES(eventLoopRole);
@@ -36,8 +40,8 @@ class RtspServer : public RTSPServer {
 
  protected:
   RtspServer(UsageEnvironment& env, ListeningSockets sockets, std::uint16_t port, unsigned reclamationSeconds,
-             std::shared_ptr<Policy const> policy, std::unique_ptr<UserAuthenticationDatabase> users)
-      KAVO_REQUIRES(eventLoopRole);
+             std::shared_ptr<Policy const> policy, std::unique_ptr<UserAuthenticationDatabase> users,
+             std::shared_ptr<DescriptorBudget> descriptors, std::string const& policyFile) KAVO_REQUIRES(eventLoopRole);
   ~RtspServer() override;
 
   GenericMediaServer::ClientSession* createNewClientSession(u_int32_t sessionId) override;
@@ -46,21 +50,27 @@ class RtspServer : public RTSPServer {
   friend class RtspConnection;
   using Connections = std::list<RtspConnection*>;
 
-  void addConnection(UniqueFd client, sockaddr_storage const& clientAddress) KAVO_REQUIRES(eventLoopRole);
+  void addConnection(UniqueFd client, DescriptorBudget::Share share, sockaddr_storage const& clientAddress)
+      KAVO_REQUIRES(eventLoopRole);
   // A connection's own place among those that the server keeps.
   void removeConnection(Connections::iterator place) KAVO_REQUIRES(eventLoopRole);
   void noteActivity(Connections::iterator place) KAVO_REQUIRES(eventLoopRole);
 
+  // The stream that a path names: what players write behind it (a slash, a query, the track)
+  // is no part of the name. Empty if there is none.
+  std::string streamOf(std::string const& path) KAVO_REQUIRES(eventLoopRole);
+  // The path as live555 finds it.
+  std::string pathOf(std::string const& path) KAVO_REQUIRES(eventLoopRole);
+
   // The session of the id; null unless it is of the client's address: ids can be guessed.
   impl::ClientSession* sessionOf(std::string const& sessionId, sockaddr_storage const& clientAddress)
       KAVO_REQUIRES(eventLoopRole);
-  // False where no other client session may be created from the address. One without a
-  // connection gives way.
+  // False where no other client session may be created from the address. One that does not play
+  // gives way, of the address that has most of them, or one without a connection.
   bool makeRoomForSession(sockaddr_storage const& clientAddress) KAVO_REQUIRES(eventLoopRole);
   // Deletes the session that was made for the last request, unless that set up a stream.
   void removeFailedSession() KAVO_REQUIRES(eventLoopRole);
-  template <class Function>
-  void forEachSession(Function const& function) KAVO_REQUIRES(eventLoopRole);
+  void forEachSession(std::function<void(impl::ClientSession&)> const& function) KAVO_REQUIRES(eventLoopRole);
 
   // For the status page.
   void noteCounts() KAVO_REQUIRES(eventLoopRole);
@@ -69,19 +79,29 @@ class RtspServer : public RTSPServer {
   void pauseAccepting() KAVO_REQUIRES(eventLoopRole);
   void acceptAll(int listeningSocket) KAVO_REQUIRES(eventLoopRole);
   bool acceptOne(int listeningSocket) KAVO_REQUIRES(eventLoopRole);
+  std::optional<DescriptorBudget::Share> placeForConnection(sockaddr_storage const& clientAddress)
+      KAVO_REQUIRES(eventLoopRole);
   bool evictConnection() KAVO_REQUIRES(eventLoopRole);
+  void endSessions(std::function<bool(impl::ClientSession&)> const& isToEnd) KAVO_REQUIRES(eventLoopRole);
+  void sweep() KAVO_REQUIRES(eventLoopRole);
   void closeIdleAndStalled() KAVO_REQUIRES(eventLoopRole);
+  void endUnusedSessions() KAVO_REQUIRES(eventLoopRole);
+  void reloadPolicy() KAVO_REQUIRES(eventLoopRole);
+  void endWhoMayNotWatch(Policy const& before) KAVO_REQUIRES(eventLoopRole);
+  std::size_t maxConnections() const KAVO_REQUIRES(eventLoopRole);
 
-  std::shared_ptr<Policy const> const m_Policy;
-  std::unique_ptr<UserAuthenticationDatabase> const m_Users;  // null: everybody
+  std::shared_ptr<Policy const> m_Policy KAVO_GUARDED_BY(eventLoopRole);
+  PolicyFile m_PolicyFile KAVO_GUARDED_BY(eventLoopRole);
+  std::unique_ptr<UserAuthenticationDatabase> m_Users KAVO_GUARDED_BY(eventLoopRole);  // null: everybody
+  PasswordBrake m_Brake KAVO_GUARDED_BY(eventLoopRole);
+  std::shared_ptr<DescriptorBudget> const m_Descriptors;
   ListeningSockets const m_Listening;
   SocketWatch m_WatchIpv4 KAVO_GUARDED_BY(eventLoopRole);
   SocketWatch m_WatchIpv6 KAVO_GUARDED_BY(eventLoopRole);
-  std::size_t const m_MaxConnections;
   Connections m_Connections KAVO_GUARDED_BY(eventLoopRole);  // the least recently active first
   u_int32_t m_NewSession KAVO_GUARDED_BY(eventLoopRole) = 0;
   Timer m_AcceptAgain KAVO_GUARDED_BY(eventLoopRole);
-  Timer m_CloseIdle KAVO_GUARDED_BY(eventLoopRole);
+  Timer m_NextSweep KAVO_GUARDED_BY(eventLoopRole);
 };
 
 }  // namespace kavo::impl

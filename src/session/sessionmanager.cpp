@@ -1,21 +1,10 @@
 #include "session/sessionmanager.h"
 
+#include "base/address.h"
 #include "base/streamexception.h"
 #include "operate/statuspage.h"
 
 namespace kavo::impl {
-
-namespace {
-
-// rtsp://HOST:PORT/NAME with another host.
-std::string withHost(std::string const& url, std::string const& address) {
-  auto const host = url.find("//") + 2;
-  auto const port = url.rfind(':', url.find('/', host));
-  bool const ipv6 = address.find(':') != std::string::npos;
-  return url.substr(0, host) + (ipv6 ? "[" + address + "]" : address) + url.substr(port);
-}
-
-}  // namespace
 
 void SessionManager::init(unsigned int port) {
   MutexLock lock(m_Mutex);
@@ -120,15 +109,15 @@ void SessionManager::submitData(void* handle, void* streamId, unsigned char cons
   sessionOf(handle)->submitData(streamId, frame);
 }
 
+// Of the machine's address at this moment. live555 would settle on one for the life of the
+// process, and ask DNS where it finds none.
 std::string SessionManager::urlOf(Session& session) const {
-  RtspServer* const server = m_Environment.GetRTSPServer();
-  auto const url = m_Environment.runOnLoop([&] {
-    // No particular connection: the URL carries the machine's own address.
-    std::unique_ptr<char[]> const text(server->rtspURL(session.mediaSession(), -1));
-    return std::string(text.get());
-  });
-  auto const& address = m_Environment.policy().delivery.address;
-  return address.empty() ? url : withHost(url, address);
+  m_Environment.GetRTSPServer();
+  auto const& own = m_Environment.policy().delivery.address;
+  std::string const address = own.empty() ? machineAddress() : own;
+  std::string const host = address.find(':') != std::string::npos ? "[" + address + "]" : address;
+  unsigned const port = m_Environment.port();
+  return "rtsp://" + host + (port == 554 ? "" : ":" + std::to_string(port)) + "/" + session.streamName();
 }
 
 }  // namespace kavo::impl

@@ -1,6 +1,5 @@
 #include "session/streamenvironment.h"
 
-#include <ifaddrs.h>
 #include <locale.h>
 #include <netinet/in.h>
 #include <pthread.h>
@@ -12,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "base/address.h"
 #include "delivery/frame.h"
 #include "eventloop/quietusageenvironment.h"
 #include "operate/statuspage.h"
@@ -67,29 +67,12 @@ class NeutralLocale : NonCopyable {
   locale_t m_Before;
 };
 
-bool hasAddress() {
-  ifaddrs* all = nullptr;
-  bool found = getifaddrs(&all) != 0;
-  for (ifaddrs const* entry = all; entry != nullptr; entry = entry->ifa_next) {
-    if (entry->ifa_addr == nullptr) {
-      continue;
-    }
-    auto const* const v4 = reinterpret_cast<sockaddr_in const*>(entry->ifa_addr);
-    auto const* const v6 = reinterpret_cast<sockaddr_in6 const*>(entry->ifa_addr);
-    found = found || (entry->ifa_addr->sa_family == AF_INET && v4->sin_addr.s_addr != htonl(INADDR_LOOPBACK)) ||
-            (entry->ifa_addr->sa_family == AF_INET6 && !IN6_IS_ADDR_LOOPBACK(&v6->sin6_addr) &&
-             !IN6_IS_ADDR_LINKLOCAL(&v6->sin6_addr));
-  }
-  freeifaddrs(all);
-  return found;
-}
-
-// On a machine with nothing but loopback, live555 would ask DNS for the machine's
-// own name, again and again, and the loop would wait for the answer.
+// On a machine without an IPv4 address, live555 would ask DNS for the machine's own name, again and
+// again, and the loop would wait for the answer.
 void settleOwnAddress() {
-  if (!hasAddress()) {
-    ReceivingInterfaceAddr = htonl(INADDR_LOOPBACK);
-  }
+  std::string const address = machineAddress();
+  bool const hasIpv4 = address != "127.0.0.1" && address.find(':') == std::string::npos;
+  ReceivingInterfaceAddr = hasIpv4 ? INADDR_ANY : htonl(INADDR_LOOPBACK);
 }
 
 // live555 seeds the generator that session ids come from with the time of day.
@@ -101,14 +84,16 @@ void seedSessionIds(UsageEnvironment& env) {
   }
 }
 
-// It never falls open: what cannot be read lets nothing start.
-std::shared_ptr<Policy const> policyFromEnvironment() {
+// Empty without one.
+std::string policyFileName() {
   char const* const file = secure_getenv("KAVO_STREAM_CONFIG");
-  if (file == nullptr || *file == '\0') {
-    return std::make_shared<Policy>();
-  }
+  return file == nullptr ? "" : file;
+}
+
+// Fails closed: an unreadable policy file prevents the start.
+std::shared_ptr<Policy const> readPolicyFile(std::string const& name) {
   try {
-    return std::make_shared<Policy>(readPolicy(file));
+    return std::make_shared<Policy>(PolicyFile(name).read());
   } catch (PolicyError const& error) {
     std::fprintf(stderr, "kavo_stream: %s\n", error.what());
     throw StreamException(error.what(), ErrorResource);
@@ -128,9 +113,11 @@ void StreamEnvironment::start(unsigned int port) {
     throw StreamException("Invalid port number for RTSP server", ErrorInvalidParameter);
   }
   try {
-    m_Policy = policyFromEnvironment();
+    std::string const policyFile = policyFileName();
+    m_Policy = readPolicyFile(policyFile);
     m_Delivery = std::make_unique<DeliveryContext>(DeliveryContext{.policy = m_Policy->delivery});
-    makeServer(port);
+    makeServer(port, policyFile);
+    m_Port = port;
     startThread();
   } catch (...) {
     release();
@@ -139,7 +126,7 @@ void StreamEnvironment::start(unsigned int port) {
   status::putProcess(&kv_status_process::port, port);
 }
 
-void StreamEnvironment::makeServer(unsigned int port) {
+void StreamEnvironment::makeServer(unsigned int port, std::string const& policyFile) {
   m_Reserve = std::make_unique<MemoryReserve>();
   EventLoopRole::Holder const role(eventLoopRole);
   m_TaskScheduler.reset(EpollScheduler::createNew(granularityMicroseconds));
@@ -155,8 +142,8 @@ void StreamEnvironment::makeServer(unsigned int port) {
   settleOwnAddress();
   seedSessionIds(*m_UsageEnvironment);
   KeptDisposition const kept(SIGPIPE);
-  m_RTSPServer =
-      RtspServer::createNew(*m_UsageEnvironment, static_cast<std::uint16_t>(port), reclamationSeconds, m_Policy);
+  m_RTSPServer = RtspServer::createNew(*m_UsageEnvironment, static_cast<std::uint16_t>(port), reclamationSeconds,
+                                       m_Policy, m_Delivery->descriptors, policyFile);
   if (m_RTSPServer == nullptr) {
     throw StreamException("RTSPServer creation failed", ErrorResource);
   }

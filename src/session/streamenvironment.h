@@ -7,6 +7,7 @@
 #include <functional>
 #include <future>
 #include <memory>
+#include <string>
 #include <thread>
 #include <type_traits>
 
@@ -54,6 +55,8 @@ class StreamEnvironment : NonCopyable {
   Policy const& policy() const { return *m_Policy; }
   DeliveryContext const& delivery() const { return *m_Delivery; }
 
+  unsigned int port() const { return m_Port; }
+
   // While started. GetRTSPServer() throws "RTSP server is not initialized", and what
   // requireHealth() throws.
   UsageEnvironment& GetUsageEnvironment() const { return *m_UsageEnvironment; }
@@ -65,11 +68,12 @@ class StreamEnvironment : NonCopyable {
     void operator()(UsageEnvironment* environment) const { environment->reclaim(); }
   };
 
-  void makeServer(unsigned int port);
+  void makeServer(unsigned int port, std::string const& policyFile);
   void release();
   void startThread();
   void run();
 
+  unsigned int m_Port = 0;
   std::shared_ptr<Policy const> m_Policy;
   std::unique_ptr<DeliveryContext const> m_Delivery;
   std::unique_ptr<MemoryReserve> m_Reserve;

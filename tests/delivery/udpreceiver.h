@@ -40,8 +40,9 @@ struct UdpReceiver {
     server.sin_family = AF_INET;
     server.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     server.sin_port = htons(to);
-    EXPECT_EQ(sendto(socket.get(), packet.data(), packet.size(), 0, reinterpret_cast<sockaddr*>(&server), sizeof server),
-              static_cast<ssize_t>(packet.size()));
+    EXPECT_EQ(
+        sendto(socket.get(), packet.data(), packet.size(), 0, reinterpret_cast<sockaddr*>(&server), sizeof server),
+        static_cast<ssize_t>(packet.size()));
   }
 
   kavo::impl::UniqueFd socket;

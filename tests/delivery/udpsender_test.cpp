@@ -2,7 +2,11 @@
 
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
+#include <array>
+#include <cerrno>
 #include <initializer_list>
 #include <vector>
 
@@ -35,7 +39,15 @@ class Packets {
   FramePackets m_Packets;
 };
 
+// What the kernel, or a filter in front of it, answers instead of sending.
+int g_Refusal = 0;
+
 }  // namespace
+
+extern "C" int sendmmsg(int socket, mmsghdr* messages, unsigned count, int flags) {
+  errno = g_Refusal;
+  return g_Refusal != 0 ? -1 : static_cast<int>(syscall(SYS_sendmmsg, socket, messages, count, flags));
+}
 
 // The same packets in the same order, whichever way the kernel is asked.
 TEST(UdpSender, SendsEveryPacketToEveryDestination) {
@@ -47,8 +59,10 @@ TEST(UdpSender, SendsEveryPacketToEveryDestination) {
       std::vector<std::size_t>(150, 90),
   };
   UniqueFd const sender(socket(AF_INET, SOCK_DGRAM, 0));
-  UdpSender udp;
-  for (auto const& sizes : frames) {
+  for (std::size_t round = 0; round < 4 * std::size(frames); ++round) {
+    auto const& sizes = frames[round % std::size(frames)];
+    g_Refusal = std::array{0, ENOSYS, EPERM, EINVAL}[round / std::size(frames)];
+    UdpSender udp;
     Packets frame(sizes);
     UdpReceiver receivers[3];
     UdpDestination a{.address = receivers[0].address};
@@ -60,6 +74,7 @@ TEST(UdpSender, SendsEveryPacketToEveryDestination) {
     }
     EXPECT_EQ(a.lost + b.lost + c.lost, 0U);
   }
+  g_Refusal = 0;
 }
 
 // A path that refuses segmentation, one that refuses everything, and one that is known to

@@ -51,7 +51,9 @@ class ViewersTest : public ::testing::Test, public Stream {
   void wantKeyFrame(bool wanted) override { m_KeyFramesWanted += wanted ? 1 : 0; }
   bool hasKeyFramesOnly() const override { return false; }
   Viewer::Clock::duration freshness() const override { return 1h; }
-  SenderInfo senderInfo() override { return {.ssrc = 3, .ntpTime = ++m_Ntp << 32, .rtpTime = 5, .packets = 0, .octets = 0}; }
+  SenderInfo senderInfo() override {
+    return {.ssrc = 3, .ntpTime = ++m_Ntp << 32, .rtpTime = 5, .packets = 0, .octets = 0};
+  }
 
   Viewer& add(Player const& receiver) {
     Viewer* const viewer = m_Viewers->addUdp(receiver.rtp.address, receiver.rtp.port(), receiver.rtcp.port());
@@ -126,11 +128,10 @@ TEST_F(ViewersTest, OfWhatABusyPathDropsNothingIsMissed) {
     char const* received;
     int keyFramesWanted;
   } const cases[] = {
-      {{true, true, true}, "AC", 0},          // every frame is a key frame: the newest waits
-      {{true, false}, "AB", 0},               // what waits is not dropped
-      {{true, false, false}, "AB", 1},        // until the next key frame nothing can be used
-      {{true, false, true}, "AC", 0},
-      {{true, false, false, true}, "AD", 0},
+      {{true, true, true}, "AC", 0},    // every frame is a key frame: the newest waits
+      {{true, false}, "AB", 0},         // what waits is not dropped
+      {{true, false, false}, "AB", 1},  // until the next key frame nothing can be used
+      {{true, false, true}, "AC", 0},  {{true, false, false, true}, "AD", 0},
   };
   for (auto const& [keyFrames, received, keyFramesWanted] : cases) {
     SCOPED_TRACE(received);
@@ -187,8 +188,8 @@ TEST_F(ViewersTest, WhoeverLeavesInMidFrameTakesNothingAlong) {
     if (m_Viewers->takes(true)) {
       m_Viewers->remove(first);
     }
-    m_Viewers = std::make_unique<Viewers>(*m_Scheduler, DeliveryContext{.policy = {.address = "", .paceMbit = 8}}, *this,
-                                          m_Observer);
+    m_Viewers = std::make_unique<Viewers>(*m_Scheduler, DeliveryContext{.policy = {.address = "", .paceMbit = 8}},
+                                          *this, m_Observer);
   }
 }
 
@@ -239,6 +240,7 @@ TEST_F(ViewersTest, PortsAreTakenFromTheSameAddressAlone) {
   Viewer& other = join(elsewhere);
   EXPECT_EQ(before.state(), ViewerState::Joining);
   Viewer& again = add(receiver);
+  EXPECT_EQ(before.state(), ViewerState::Joining) << "SETUP alone takes nothing from anybody";
   m_Viewers->play(again);
   EXPECT_EQ(before.state(), ViewerState::Paused);
   EXPECT_EQ(other.state(), ViewerState::Joining);
@@ -250,7 +252,7 @@ TEST_F(ViewersTest, ReportsAreTakenFromTheirViewer) {
   Player foreign(2);
   Viewer& viewer = join(receiver);
   int reports = 0;
-  viewer.onReport([&] { ++reports; });
+  viewer.onReport([&](bool) { ++reports; });
   std::uint16_t const server = static_cast<std::uint16_t>(m_Viewers->serverPort(AF_INET) + 1);
   std::vector<std::uint8_t> const empty = {0x80, 201, 0, 1, 0, 0, 0, 9};
   foreign.rtcp.send(empty, server);

@@ -95,7 +95,8 @@ TEST_F(DemandSessionTest, RtpTimeFollowsTheTimeOfSubmission) {
   std::vector<std::uint32_t> expected;
   for (auto const time : times) {
     push(begin + time);
-    expected.push_back(static_cast<std::uint32_t>(std::chrono::duration_cast<std::chrono::microseconds>(time).count() * 9 / 100));
+    expected.push_back(
+        static_cast<std::uint32_t>(std::chrono::duration_cast<std::chrono::microseconds>(time).count() * 9 / 100));
   }
   expected[2] += 1;  // frames of different times never share one
   expected[3] += 2;

@@ -25,7 +25,7 @@ TEST(Request, IsRebuiltFromWhatIsUnderstood) {
       {"PLAY /cam RTSP/1.0\r\nCSeq: 4\r\nRange: npt = 12:00:01-\r\nX: Content-Length: 9",
        "PLAY rtsp://host/cam RTSP/1.0\r\nCSeq: 4\r\n\r\n", "Range: npt=0-\r\n\r\n"},
       {"PLAY rtsp://h RTSP/1.0\r\nCSeq: 5\r\nRange: clock=19960213T143205Z-\r\nRequire: a.b, CSeq: 9",
-       "PLAY rtsp://host/ RTSP/1.0\r\nCSeq: 5\r\nRequire: a.b, CSeq? 9\r\n\r\n", "\r\n"},
+       "PLAY rtsp://host/ RTSP/1.0\r\nCSeq: 5\r\n\r\n", "\r\n"},
       {"PLAY rtsp://h/RTSP/CSeq:8 RTSP/1.0\r\nCSeq: 6\r\nSession: a\tb",
        "PLAY rtsp://host/ RTSP/1.0\r\nCSeq: 6\r\nSession: unknown\r\n\r\n", "\r\n"},
       {"SETUP rtsp://h/cam RTSP/1.0\r\nCSeq: 7\r\nContent-Length: 20",
@@ -39,6 +39,7 @@ TEST(Request, IsRebuiltFromWhatIsUnderstood) {
   }
   EXPECT_EQ(parse("SETUP /c RTSP/1.0\r\nContent-Length: 20").bodySize, 20U);
   EXPECT_EQ(parse("SETUP /c RTSP/1.0\r\nTransport: a\r\nTransport: b").transport, "a, b");
+  EXPECT_EQ(parse("PLAY /c RTSP/1.0\r\nRequire: a.b, CSeq: 9").require, "a.b, CSeq? 9") << "it is sent back";
 }
 
 // Whatever others could read otherwise, its length above all.

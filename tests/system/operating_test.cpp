@@ -61,7 +61,7 @@ class OperatingServer : public Operating {
 }  // namespace
 
 TEST_F(OperatingServer, ThePageTellsWhatBecameOfFramesAndViewers) {
-  usePolicy("");
+  usePolicy("# nothing is set\n");
   m_Host.serve();
   auto record = m_Host.publish("jpeg").record;
   m_Host.publish("h264", KV_BGR24, KV_CODEC_H264);
@@ -152,60 +152,39 @@ TEST_F(OperatingServer, APolicyThatMakesNoSenseLetsNothingStart) {
     char const* reason;
   };
   constexpr char const* address = "one IPv4 or IPv6 address";
-  constexpr char const* range = "takes ranges such as";
+  constexpr char const* range = "must be ranges such as";
   constexpr char const* text = "1 to 100 bytes";
+  std::string const parts = "a" + std::string(5000, '.');
   Case const cases[] = {
       {"[server", 1, "table"},
-      {"server = 1", 1, "is a section"},
-      {"[server]\nport = 1", 2, "'server.port' is not known"},
-      {"[Server]", 1, "'Server' is not known"},
-      {"address = '127.0.0.1'", 1, "'address' is not known"},
-      {"[server]\naddress = 1", 2, "takes a text"},
+      {"server = 1", 1, "must be a table"},
+      {"[server]\nport = 1", 2, "unknown key 'server.port'"},
+      {"[Server]", 1, "unknown key 'Server'"},
+      {"[server]\naddress = 1", 2, "must be a quoted string"},
       {"[server]\naddress = ''", 2, text},
       {"[server]\naddress = 'localhost'", 2, address},
-      {"[server]\naddress = '127.0.0.0/8'", 2, address},
       {"[server]\naddress = '127.0.0.1/32'", 2, address},
-      {"[server]\naddress = '127.0.0.1:8554'", 2, address},
-      {"[server]\naddress = '[::1]'", 2, address},
+      {"[server]\naddress = '::ffff:127.0.0.1'", 2, address},
       {"[server]\naddress = '::1'\naddress = '::1'", 3, ""},
+      {"[server]\naddress = '127.0.0.1'\n[access]\nallow = ['192.168.1.0/24']", 4, "shuts out server.address"},
       {"[server]\nmax_connections = 0", 2, "from 1 to 1000000"},
-      {"[server]\nmax_connections = -1", 2, "from 1 to 1000000"},
-      {"[server]\nmax_connections = 1.5", 2, "whole number"},
       {"[server]\nmax_connections = '5'", 2, "whole number"},
-      {"[server]\n\nmax_viewers = 0", 3, "server.max_viewers takes"},
-      {"[server]\nmax_viewers = true", 2, "whole number"},
-      {"[server]\nmax_viewers_per_address = 0", 2, "per_address takes"},
-      {"[server]\nmax_viewers_per_address = 99999999999", 2, "per_address takes"},
-      {"[access]\nuser = 'a'", 2, "'access.user' is not known"},
-      {"[access]\nrealm = ''", 2, text},
+      {"[server]\n\nmax_viewers = true", 3, "server.max_viewers must be"},
+      {"[server]\nmax_viewers_per_address = 99999999999", 2, "per_address must be"},
       {"[access]\nrealm = 'a\"b'", 2, text},
-      {"[access]\nrealm = 5", 2, "takes a text"},
-      {"[access]\nusers = 'a'", 2, "takes a table"},
-      {"[access]\nusers = []", 2, "takes a table"},
-      {"[access]\nusers = {}", 2, "one user at least"},
-      {"[access.users]", 1, "one user at least"},
-      {"[access.users]\na = ''", 2, text},
-      {"[access.users]\n'' = 'a'", 2, text},
+      {"[access]\nusers = []", 2, "must be a table"},
+      {"[access.users]", 1, "at least one user"},
       {"[access.users]\na = 5", 2, "password of 'a'"},
-      {"[access.users]\na.b = 'c'", 2, "password of 'a'"},
       {"[access.users]\n'a:b' = 'c'", 2, "colon"},
       {"[access.users]\na = \"b\\nc\"", 2, text},
-      {"[access]\nallow = '127.0.0.1'", 2, "takes a list"},
-      {"[access]\nallow = []", 2, "one range of addresses at least"},
+      {"[access]\nallow = []", 2, "at least one address range"},
       {"[access]\nallow = [\n'127.0.0.1',\n'nowhere']", 4, range},
-      {"[access]\nallow = ['127.0.0.1/33']", 2, range},
       {"[access]\nallow = ['127.0.0.1/8']", 2, range},
-      {"[access]\nallow = ['::1/129']", 2, range},
-      {"[access]\nallow = ['127.0.0.1/']", 2, range},
-      {"[access]\nallow = ['']", 2, range},
-      {"[access]\nallow = [1]", 2, range},
+      {"[access]\nallow = ['::ffff:192.0.2.0/120']", 2, range},
       {"[delivery]\nmax_packet = 511", 2, "from 512 to 8900"},
-      {"[delivery]\nmax_packet = 9000", 2, "from 512 to 8900"},
       {"[delivery]\npace_mbit = -1", 2, "from 0 to 100000"},
-      {"[delivery]\npace = 5", 2, "'delivery.pace' is not known"},
       {"[encoding]\nparallel = 1", 2, "true or false"},
-      {"[encoding]\nparallel = 'yes'", 2, "true or false"},
-      {"[encoding]\nthreads = 2", 2, "'encoding.threads' is not known"},
+      {parts.c_str(), 1, "longer than"},
       {"\x80", 1, ""},
   };
   for (auto const& c : cases) {
@@ -219,14 +198,24 @@ TEST_F(OperatingServer, APolicyThatMakesNoSenseLetsNothingStart) {
     EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1) << said;
     EXPECT_NE(said.find(readStatus(m_StatusFile)->process.last_error.text), std::string::npos) << said;
   }
-  unlink(m_PolicyFile.c_str());
-  for (std::string const reason : {"cannot be read: No such file", "cannot be read: Is a directory"}) {
+  struct {
+    std::function<void(char const*)> make;
+    char const* reason;
+  } const files[] = {
+      {[](char const* name) { unlink(name); }, "cannot be read: No such file"},
+      {[](char const* name) { mkdir(name, 0700); }, "regular file"},
+      {[](char const* name) { rmdir(name), mkfifo(name, 0600); }, "regular file"},  // which nobody writes to
+      {[](char const* name) { unlink(name), std::ofstream(name) << std::string(70000, '#'); }, "at most 64 kB"},
+      {[](char const* name) { std::ofstream(name) << " \n"; }, "is empty"},
+      {[](char const* name) { std::ofstream(name) << "[server]\naddress = '192.0.2.1'\n"; },
+       "cannot listen on 192.0.2.1, port"},
+  };
+  for (auto const& [make, reason] : files) {
+    make(m_PolicyFile.c_str());
     ::testing::internal::CaptureStderr();
-    EXPECT_EQ(m_Host.serveOn(freePort()), KV_RESOURCE_FAILURE);
+    EXPECT_EQ(m_Host.serveOn(freePort()), KV_RESOURCE_FAILURE) << reason;
     EXPECT_NE(::testing::internal::GetCapturedStderr().find(reason), std::string::npos) << reason;
-    mkdir(m_PolicyFile.c_str(), 0700);
   }
-  rmdir(m_PolicyFile.c_str());
   usePolicy("# nothing is set\n");
   m_Host.serve();
 }

@@ -12,7 +12,7 @@ printf '[server]\naddress = "127.0.0.1"\n[access.users]\nanna = "geheim"\n' >"$K
 "$publish" --check-config "$KAVO_STREAM_CONFIG" | grep -q 'no errors' || die "the policy file has errors"
 echo 'adress = 1' >"$work/wrong.toml"
 ! "$publish" --check-config "$work/wrong.toml" 2>"$work/err" || die "a wrong policy file was accepted"
-grep -q "wrong.toml:1: 'adress' is not known" "$work/err" || die "said: $(cat "$work/err")"
+grep -q "wrong.toml:1: unknown key 'adress'" "$work/err" || die "said: $(cat "$work/err")"
 
 start --size 320x240 --codec h264
 url=127.0.0.1:$port/kavo

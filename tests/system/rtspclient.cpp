@@ -71,6 +71,11 @@ RtspClient::~RtspClient() {
   }
 }
 
+void RtspClient::closeConnection() {
+  close(m_Socket);
+  m_Socket = -1;
+}
+
 void RtspClient::send(std::string const& bytes) { (void)::send(m_Socket, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
 
 // Has at least this many bytes in the buffer.

@@ -36,6 +36,8 @@ class RtspClient {
   bool playOverUdp(std::string const& url);
   // SETUP alone.
   Response setUpOverUdp(std::string const& url);
+  // Its sockets for UDP stay.
+  void closeConnection();
   // Begins a session of its own on the same connection with the next SETUP.
   void forgetSession() { m_Session.clear(); }
   std::string const& session() const { return m_Session; }

@@ -35,6 +35,33 @@ class Timeouts : public ::testing::TestWithParam<char const*> {
 
 }  // namespace
 
+// Anybody can forge the address of a viewer: once its connection has closed, only one that
+// has had our reports is there.
+TEST_P(Timeouts, WithoutAConnectionAViewerLivesByAnsweringReports) {
+  RtspClient viewers[] = {RtspClient(m_Publisher.port()), RtspClient(m_Publisher.port())};
+  std::vector<std::uint8_t> answers[2];
+  for (auto& viewer : viewers) {
+    ASSERT_TRUE(viewer.playOverUdp(url()));
+    viewer.closeConnection();
+  }
+  pass(130, [&] {
+    viewers[0].sendReport();
+    RtspClient::Packet packet;
+    while ((packet = viewers[1].packet()).channel == 0 || viewers[1].hasPacket()) {
+    }
+    ASSERT_EQ(packet.channel, 1);
+    auto const& sent = packet.bytes;
+    std::vector<std::uint8_t> answer = {0x81, 201, 0, 7, 0, 0, 0, 9};
+    answer.insert(answer.end(), sent.begin() + 4, sent.begin() + 8);  // who sent it
+    answer.resize(24);
+    answer.insert(answer.end(), sent.begin() + 10, sent.begin() + 14);  // when
+    answer.resize(32);
+    viewers[1].sendRtcp(answer);
+  });
+  EXPECT_FALSE(lives(viewers[0].session()));
+  EXPECT_TRUE(lives(viewers[1].session()));
+}
+
 // Over IPv6 too when the stream was first watched over IPv4, and when others have gone.
 TEST_P(Timeouts, AViewerOverUdpLivesByItsReports) {
   RtspClient silent(m_Publisher.port());
@@ -66,6 +93,8 @@ TEST_P(Timeouts, TwoSessionsOfAConnectionLiveByTheirOwnChannels) {
     ASSERT_EQ(
         viewer.request("SETUP", url() + "/track1", "Transport: RTP/AVP/TCP;interleaved=" + channels + "\r\n").status,
         200);
+    ASSERT_EQ(viewer.request("PLAY", url()).status, 200);
+    ASSERT_EQ(viewer.request("PAUSE", url()).status, 200);
     sessions.push_back(viewer.session());
   }
   pass(70, [&] {
@@ -124,6 +153,9 @@ TEST_P(Timeouts, IdleAndStalledConnectionsAreClosed) {
   RtspClient setUp(m_Publisher.port());
   ASSERT_EQ(idle.request("OPTIONS", url()).status, 200);
   ASSERT_EQ(setUp.request("SETUP", url() + "/track1", RtspClient::overTcp).status, 200);
+  RtspClient paused(m_Publisher.port());
+  ASSERT_TRUE(paused.play(url()));
+  ASSERT_EQ(paused.request("PAUSE", url()).status, 200);
   ASSERT_TRUE(stalled.play(url()));
   // Until its way is full, which another sees by what it gets.
   RtspClient witness(m_Publisher.port());
@@ -134,7 +166,8 @@ TEST_P(Timeouts, IdleAndStalledConnectionsAreClosed) {
   pass(40, [&] { EXPECT_TRUE(witness.receivesAFrame()); });
   EXPECT_TRUE(idle.isClosedWhileReading());
   EXPECT_TRUE(stalled.isClosedWhileReading());
-  EXPECT_TRUE(lives(setUp.session()));
+  EXPECT_TRUE(lives(paused.session()));
+  EXPECT_FALSE(lives(setUp.session())) << "it never played";
 }
 
 INSTANTIATE_TEST_SUITE_P(Codecs, Timeouts, ::testing::Values("jpeg", "h264"));

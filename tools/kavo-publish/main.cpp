@@ -27,8 +27,12 @@ kavo::Server serve(Options const& options) {
   try {
     return kavo::Server(options.port);
   } catch (kavo::Error const& error) {
+    // With a policy file the library has said why.
+    char const* const policy = std::getenv("KAVO_STREAM_CONFIG");
+    bool const isSaid = policy != nullptr && *policy != '\0';
     throw Failure("cannot serve on port " + std::to_string(options.port) + " (result " +
-                  std::to_string(error.result()) + "): it is taken or not allowed, choose another with --port");
+                  std::to_string(error.result()) + ")" +
+                  (isSaid ? ": see the reason above" : ": it is taken or not allowed, choose another with --port"));
   }
 }
 

@@ -8,8 +8,8 @@
 #include <string_view>
 #include <utility>
 
-#include "operate/policy.h"
 #include "formats.h"
+#include "operate/policy.h"
 
 namespace {
 

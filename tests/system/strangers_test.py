@@ -1,0 +1,365 @@
+#!/usr/bin/env python3
+"""What a stranger can cost: each attack comes from 127.0.0.1, while a viewer at 127.0.0.2 watches
+and is to miss no picture. Usage: strangers_test.py KAVO_PUBLISH"""
+import contextlib
+import hashlib
+import os
+import re
+import socket
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+
+PUBLISH = sys.argv[1]
+LIMIT = 60  # seconds that anything may take on a busy machine
+STRANGER, FRIEND, THIRD = "127.0.0.1", "127.0.0.2", "127.0.0.3"
+
+
+def until(condition, what):
+    end = time.monotonic() + LIMIT
+    while not condition():
+        assert time.monotonic() < end, what
+        time.sleep(0.02)
+
+
+def free_port():
+    with socket.socket(socket.AF_INET6) as s:
+        s.bind(("::", 0))
+        return s.getsockname()[1]
+
+
+class Client:
+    """An RTSP connection from an address, with a user or without one."""
+
+    def __init__(self, host, source, user=None):
+        self.host, self.source, self.user = host, source, user
+        self.socket = socket.create_connection(("127.0.0.1", host.port), LIMIT, (source, 0))
+        self.session = self.challenge = None
+        self.buffer = b""
+
+    def read(self, end):
+        while end not in self.buffer:
+            more = self.socket.recv(65536)
+            if not more:
+                raise ConnectionError("closed")
+            self.buffer += more
+        text, self.buffer = self.buffer.split(end, 1)
+        return text
+
+    def ask(self, method, path="kavo", headers="", version="RTSP/1.0", uri=None):
+        url = f"rtsp://127.0.0.1:{self.host.port}/{path}"
+        lines = f"CSeq: 1\r\n{headers}" + (f"Session: {self.session}\r\n" if self.session else "")
+        if self.user and self.challenge:
+            lines += self.authorization(method, url if uri is None else uri)
+        self.socket.sendall(f"{method} {url} {version}\r\n{lines}\r\n".encode())
+        while True:
+            response = self.read(b"\r\n\r\n").decode("latin-1")
+            if "RTSP/1.0 " in response:
+                break
+        response = response[response.index("RTSP/1.0 "):]
+        body = int((re.search(r"Content-Length: (\d+)", response) or [0, 0])[1])
+        while len(self.buffer) < body:
+            self.buffer += self.socket.recv(65536)
+        self.body, self.buffer = self.buffer[:body], self.buffer[body:]
+        self.response = response
+        if found := re.search(r'realm="([^"]*)", nonce="([^"]*)"', response):
+            self.challenge = found.groups()
+        if found := re.search(r"Session: (\w+)", response):
+            self.session = found[1]
+        return int(response.split()[1])
+
+    def authorization(self, method, uri):
+        md5 = lambda text: hashlib.md5(text.encode()).hexdigest()
+        (user, password), (realm, nonce) = self.user, self.challenge
+        answer = md5(f"{md5(f'{user}:{realm}:{password}')}:{nonce}:{md5(f'{method}:{uri}')}")
+        return (f'Authorization: Digest username="{user}", realm="{realm}", nonce="{nonce}", uri="{uri}", '
+                f'response="{answer}"\r\n')
+
+    def set_up(self, transport="RTP/AVP/TCP;unicast;interleaved=0-1", path="kavo"):
+        status = self.ask("SETUP", path + "/track1", f"Transport: {transport}\r\n")
+        if status == 401 and self.user:
+            status = self.ask("SETUP", path + "/track1", f"Transport: {transport}\r\n")
+        return status
+
+    def is_closed(self):
+        self.socket.settimeout(LIMIT)
+        try:
+            while self.socket.recv(65536):
+                pass
+        except ConnectionError:
+            pass
+        return True
+
+
+class Viewer(Client):
+    """Watches over UDP, and counts packets and those that are missing."""
+
+    def __init__(self, host, source=FRIEND, user=None):
+        super().__init__(host, source, user)
+        self.rtp, self.rtcp = (socket.socket(socket.AF_INET, socket.SOCK_DGRAM) for _ in range(2))
+        self.rtp.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4 << 20)
+        for s in (self.rtp, self.rtcp):
+            s.bind((source, 0))
+            s.settimeout(0.2)
+        ports = f"{self.rtp.getsockname()[1]}-{self.rtcp.getsockname()[1]}"
+        assert self.set_up(f"RTP/AVP;unicast;client_port={ports}") == 200, self.response
+        assert self.ask("PLAY") == 200, self.response
+        self.pictures = self.missing = 0
+        self.watches = True
+        self.thread = threading.Thread(target=self.watch, daemon=True)
+        self.thread.start()
+
+    def watch(self):
+        last = None
+        while self.watches:
+            with contextlib.suppress(TimeoutError):
+                packet = self.rtp.recv(65536)
+                sequence = packet[2] << 8 | packet[3]
+                self.missing += (sequence - last - 1) % 65536 if last is not None else 0
+                last = sequence
+                self.pictures += packet[1] >> 7
+
+    def sees(self, pictures=10):
+        goal = self.pictures + pictures
+        until(lambda: self.pictures >= goal, "no picture comes")
+
+    def end(self):
+        self.watches = False
+        self.thread.join()
+
+
+class Host:
+    """kavo-publish with so many descriptors, under a policy."""
+
+    def __init__(self, policy=None, descriptors=256):
+        self.folder = tempfile.TemporaryDirectory()
+        self.policy = os.path.join(self.folder.name, "policy.toml")
+        self.errors = os.path.join(self.folder.name, "errors")
+        environment = dict(os.environ)
+        if policy is not None:
+            self.write(policy)
+            environment["KAVO_STREAM_CONFIG"] = self.policy
+        self.port = free_port()
+        with open(self.errors, "w") as errors:
+            self.process = subprocess.Popen(
+                ["sh", "-c", f'ulimit -n {descriptors}; exec "$0" "$@"', PUBLISH, "--port", str(self.port), "--size",
+                 "320x240", "--codec", "jpeg"], stdout=subprocess.PIPE, stderr=errors, text=True, env=environment)
+        for line in self.process.stdout:
+            if "Ctrl-C" in line:
+                break
+        self.at_rest = self.descriptors()
+
+    def write(self, policy):
+        with open(self.policy + ".new", "w") as file:
+            file.write(policy)
+        os.rename(self.policy + ".new", self.policy)
+
+    def descriptors(self):
+        return len(os.listdir(f"/proc/{self.process.pid}/fd"))
+
+    def said(self):
+        with open(self.errors) as file:
+            return file.read()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        assert self.process.poll() is None, f"the host ended with {self.process.poll()}"
+        self.process.terminate()
+        self.process.wait()
+        self.folder.cleanup()
+
+
+# Each attack, and what bounds it.
+
+def descriptors_of_ghosts_and_connections(host):
+    """Half of the descriptors are the host's, whatever is asked for."""
+    for _ in range(32):
+        client = Client(host, STRANGER)
+        for n in range(4):
+            client.session = None
+            client.set_up(f"RTP/AVP;unicast;client_port={40000 + 2 * n}-{40001 + 2 * n}")
+        client.socket.close()
+    crowd = []
+    for _ in range(200):
+        with contextlib.suppress(ConnectionError):
+            crowd.append(Client(host, STRANGER))
+            crowd[-1].ask("OPTIONS")
+        assert host.descriptors() - host.at_rest <= 128, host.descriptors()
+
+
+def places_held_without_watching(host):
+    """Whoever has few places finds one."""
+    crowd = []
+    for _ in range(150):
+        with contextlib.suppress(ConnectionError):
+            crowd.append(Client(host, STRANGER))
+            crowd[-1].set_up()
+    newcomer = Viewer(host, THIRD)
+    newcomer.sees()
+    newcomer.end()
+
+
+def pipelined_requests(host):
+    """Others have their turn after eight requests of a connection."""
+    for request in (b"OPTIONS * RTSP/1.0\r\nCSeq: 1\r\n\r\n", b"NONSENSE * RTSP/1.0\r\nCSeq: 1\r\n\r\n", b"$\x09\x00\x04junk"):
+        crowd = [Client(host, STRANGER) for _ in range(16)]
+        for client in crowd:
+            client.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 20)
+        for attempt in range(20):
+            for client in crowd:
+                client.socket.sendall(request * 400)
+            assert Client(host, THIRD).ask("OPTIONS") == 200
+            if request[:1] == b"$":
+                break
+            answers = 0
+            for client in crowd:
+                with contextlib.suppress(BlockingIOError):
+                    answers += client.socket.recv(1 << 20, socket.MSG_DONTWAIT).count(b"CSeq")
+            if answers < 16 * 400:
+                break
+            assert attempt < 19, "a newcomer was answered after all of it"
+
+
+ATTACKS = (descriptors_of_ghosts_and_connections, places_held_without_watching, pipelined_requests)
+
+
+def everything_at_once(host):
+    threads = [threading.Thread(target=attack, args=(host,)) for attack in ATTACKS]
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join()
+
+
+def attacks():
+    for attack in ATTACKS:
+        with Host() as host:
+            viewer = Viewer(host)
+            viewer.sees()
+            attack(host)
+            viewer.sees()
+            viewer.end()
+            assert viewer.missing == 0, f"{viewer.missing} packets missing: {attack.__name__}"
+
+
+USERS = '[access.users]\nanna = "secret"\nbob = "other"\n'
+ANNA, BOB = ("anna", "secret"), ("bob", "other")
+
+
+def passwords():
+    with Host(USERS) as host:
+        guesser = Client(host, STRANGER, ("anna", "guess"))
+        assert guesser.ask("DESCRIBE") == 401
+        for _ in range(8):
+            assert guesser.ask("DESCRIBE") == 401
+        assert guesser.is_closed()
+        # Ten wrong ones in a second, and even the right one is not looked at.
+        anna = Client(host, STRANGER, ANNA)
+        assert anna.ask("DESCRIBE") == 401
+        def is_refused():
+            for _ in range(2):
+                guesser = Client(host, STRANGER, ("anna", "guess"))
+                for _ in range(7):
+                    guesser.ask("DESCRIBE")
+            return anna.ask("DESCRIBE") == 401
+        for _ in range(3):
+            if is_refused():
+                break
+            anna = Client(host, STRANGER, ANNA)
+            anna.ask("DESCRIBE")
+        else:
+            raise AssertionError("passwords are tried without a brake")
+        friend = Client(host, FRIEND, ANNA)
+        assert friend.ask("DESCRIBE") == 401
+        assert friend.ask("DESCRIBE") == 200, "another address is not held up"
+        # The header belongs to the request.
+        for uri in ("", "x", f"rtsp://127.0.0.1:{host.port}/other"):
+            other = Client(host, THIRD, ANNA)
+            other.ask("DESCRIBE")
+            assert other.ask("DESCRIBE", uri=uri) == 401, uri
+        # A session belongs to its user, from the same address too.
+        watcher = Viewer(host, FRIEND, ANNA)
+        bob = Client(host, FRIEND, BOB)
+        bob.ask("DESCRIBE")
+        bob.session = watcher.session
+        assert bob.ask("TEARDOWN") == 454
+        watcher.sees()
+        watcher.end()
+
+
+def who_may_not_watch_turns_nobody_out():
+    with Host(USERS + "[server]\nmax_viewers = 1\n") as host:
+        viewer = Viewer(host, FRIEND, ANNA)
+        viewer.socket.close()
+        for _ in range(3):
+            assert Client(host, STRANGER).set_up() == 401
+            assert Client(host, STRANGER, BOB).set_up("RAW/RAW/UDP") == 461
+            assert Client(host, STRANGER, BOB).set_up(path="nothing") == 404
+        viewer.sees()
+        viewer.end()
+    with Host("[server]\nmax_viewers_per_address = 1\n") as host:
+        lost = Viewer(host, FRIEND)
+        lost.socket.close()
+        until(lambda: Client(host, FRIEND).set_up() == 200, "its own lost session keeps it out")
+        lost.end()
+
+
+def what_players_write():
+    with Host() as host:
+        for path in ("kavo", "kavo/", "kavo?transportmode=unicast", "kavo/?a=b/c"):
+            client = Client(host, FRIEND)
+            assert client.ask("DESCRIBE", path, "Accept: application/sdp\r\n") == 200, path
+            assert client.set_up(path=path) == 200, path
+            assert client.ask("PLAY", path) == 200, path
+            assert client.ask("GET_PARAMETER", path) == 200 and client.body == b"", path
+            assert client.ask("TEARDOWN", path) == 200, path
+        client = Client(host, FRIEND)
+        for path in ("kavo/other", "other/kavo", "kav", "kavo//", "?kavo"):
+            assert client.ask("DESCRIBE", path) == 404, path
+        for header in ("Require", "Proxy-Require"):
+            assert client.ask("OPTIONS", headers=f"{header}: com.example.option\r\n") == 551
+            assert "Unsupported: com.example.option" in client.response
+        assert client.ask("OPTIONS", version="RTSP/2.0") == 505
+        assert client.ask("DESCRIBE", headers="Accept: text/html\r\n") == 406
+        assert client.ask("DESCRIBE", headers="Accept: text/html, */*\r\n") == 200
+        assert client.ask("GET_PARAMETER", "*") == 200 and client.body == b""
+    with Host(USERS) as host:
+        for path in ("kavo/", "kavo?x=y"):
+            client = Client(host, FRIEND, ANNA)
+            assert client.ask("DESCRIBE", path) == 401 and client.ask("DESCRIBE", path) == 200, path
+
+
+def the_policy_is_read_again():
+    with Host('[access]\nallow = ["127.0.0.0/8"]\n') as host:
+        friend = Viewer(host, FRIEND)
+        third = Viewer(host, THIRD)
+        host.write("[access]\nallow = 5\n")
+        until(lambda: "stays as it was" in host.said(), "a wrong file passes unnoticed")
+        friend.sees()
+        host.write('[access]\nallow = ["127.0.0.2"]\n[delivery]\nmax_packet = 600\n')
+        until(lambda: "wait for the next KV_INIT" in host.said(), "what cannot change passes unnoticed")
+        assert third.is_closed()
+        friend.sees()
+        count = third.pictures
+        friend.sees()
+        assert third.pictures <= count + 1
+        host.write(USERS)
+        def is_asked():
+            with contextlib.suppress(ConnectionError):
+                return Client(host, THIRD).ask("DESCRIBE") == 401
+        until(is_asked, "nobody is asked for a password")
+        count = friend.pictures
+        anna = Viewer(host, THIRD, ANNA)
+        anna.sees()
+        assert friend.pictures <= count + 1, "it has no user"
+        for viewer in (friend, third, anna):
+            viewer.end()
+
+
+for case in (attacks, passwords, who_may_not_watch_turns_nobody_out, what_players_write, the_policy_is_read_again):
+    case()
+    print(f"{case.__name__}: passed", flush=True)
