@@ -103,7 +103,7 @@ def right(decoded, frames):
 
 
 def lossy_udp(far, frames, input_file, seconds, *options):
-    """The share of the time in which the picture was damaged, and key frames a second."""
+    """The share of the time in which the picture was damaged, and key frames a second made for the viewer."""
     port = free_port()
     page = input_file + ".status"
     publisher = subprocess.Popen(
@@ -123,7 +123,7 @@ def lossy_udp(far, frames, input_file, seconds, *options):
     raw = subprocess.run(["ffmpeg", "-nostdin", "-v", "quiet", "-f", "h264", "-i", input_file + ".h264", "-fps_mode", "passthrough",
                           "-f", "rawvideo", "-pix_fmt", "gray", "-"], check=True, stdout=subprocess.PIPE).stdout
     decoded = numpy.frombuffer(raw, numpy.uint8).reshape(-1, HEIGHT, WIDTH)
-    return 1 - right(decoded, frames) / (seconds * FPS), status["key_frames"] / (status["encoded"] / FPS)
+    return 1 - right(decoded, frames) / (seconds * FPS), status["key_frames_requested"] / (status["encoded"] / FPS)
 
 
 def main():

@@ -18,12 +18,13 @@
 #include "eventloop/epollscheduler.h"
 #include "eventloop/quietusageenvironment.h"
 #include "kavo_stream.h"
-#include "operate/statuspage.h"
+#include "operate/journal.h"
 #include "rtp/jpegheader.h"
 #include "rtsp/jpegdemandsession.h"
 #include "rtsp/presentationclock.h"
 #include "server.h"
 #include "server/rtspserver.h"
+#include "server/statusserver.h"
 
 extern "C" {
 #include <libavcodec/packet.h>
@@ -118,7 +119,6 @@ class LiveServer : public BenchServer {
  public:
   LiveServer(Setup const& setup, bool stock) {
     EventLoopRole::Holder const role(eventLoopRole);
-    status::open();  // where the environment asks for it
     m_Scheduler.reset(stock ? static_cast<TaskScheduler*>(BasicTaskScheduler::createNew())
                             : EpollScheduler::createNew(10000));
     m_Environment = QuietUsageEnvironment::createNew(*m_Scheduler);
@@ -131,9 +131,7 @@ class LiveServer : public BenchServer {
     }
     for (int i = 0; i < setup.streams; ++i) {
       auto const queue = std::make_shared<FrameSourceHandler>();
-      kv_status_stream description{};
-      description.codec = KV_CODEC_MJPEG;
-      queue->observer().take(std::to_string(i), description);
+      queue->observer().describe({std::to_string(i), KV_CODEC_MJPEG, 640, 480});
       auto* const media = ServerMediaSession::createNew(*m_Environment, std::to_string(i).c_str(), "i", "d");
       m_Server->addServerMediaSession(media);
       if (stock) {
@@ -146,6 +144,11 @@ class LiveServer : public BenchServer {
         m_Streams.push_back({queue, [=, this] { session->signalNewFrame(m_Scheduler.get()); }});
       }
     }
+    if (char const* const address = std::getenv("KAVO_STREAM_STATUS"); address != nullptr && !stock) {
+      g_Journal->open();
+      m_Status = StatusServer::createNew(*m_Scheduler, address, std::make_shared<DescriptorBudget>(),
+                                         [] { return ServerFigures(); });
+    }
     m_Thread = std::thread([this] {
       EventLoopRole::Holder const loopRole(eventLoopRole);
       m_Scheduler->doEventLoop(&m_Stop);
@@ -156,6 +159,7 @@ class LiveServer : public BenchServer {
     m_Stop = 1;
     m_Thread.join();
     EventLoopRole::Holder const role(eventLoopRole);
+    m_Status.reset();
     Medium::close(m_Server);
     m_Scheduler.reset();
     m_Environment->reclaim();
@@ -163,7 +167,7 @@ class LiveServer : public BenchServer {
 
   void push(std::span<std::uint8_t const> image) override {
     for (auto const& [queue, signal] : m_Streams) {
-      queue->noteSubmit();
+      queue->observer().add(Count::Offered);
       if (!queue->IsStreaming() || !queue->IsBufferFree()) {
         continue;
       }
@@ -185,6 +189,7 @@ class LiveServer : public BenchServer {
   std::unique_ptr<TaskScheduler> m_Scheduler;
   UsageEnvironment* m_Environment;
   RTSPServer* m_Server;
+  std::unique_ptr<StatusServer> m_Status;
   std::vector<Stream> m_Streams;
   char volatile m_Stop = 0;
   std::thread m_Thread;

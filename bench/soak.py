@@ -128,7 +128,7 @@ def sample(process, page, load):
     status = pathlib.Path(f"/proc/{process.pid}/status").read_text()
     latencies, load.latencies = load.latencies, []
     streams = json.loads(subprocess.run([BUILD / "tools" / "kavo-stat", page, "--json"], stdout=subprocess.PIPE, check=True).stdout)
-    return {"frames": sum(s["sent"] for s in streams["streams"] if s["name"] == "steady"), "kilobytes": int(re.search(r"VmRSS:\s+(\d+)", status)[1]),
+    return {"frames": sum(s["sent_frames"] for s in streams["streams"] if s["name"] == "steady"), "kilobytes": int(re.search(r"VmRSS:\s+(\d+)", status)[1]),
             "descriptors": len(os.listdir(f"/proc/{process.pid}/fd")),
             "latency": statistics.median(latencies) if latencies else float("nan")}
 

@@ -59,7 +59,10 @@ enum kv_command {
   /** kv_frame_record: hand one raw frame to a stream. */
   KV_SUBMIT_FRAME = 5,
   /** kv_session_record: read back a session's texts and URL. */
-  KV_GET_INFO = 6
+  KV_GET_INFO = 6,
+  /** kv_status_record: what a stream does, and who watches it. Costs less than a
+   * microsecond and waits for no other call. Results as KV_SUBMIT_FRAME's. */
+  KV_GET_STATUS = 102
 };
 
 /** What kv_Stream returns. */
@@ -99,7 +102,7 @@ enum kv_codec {
   KV_CODEC_H264 = 28  /**< output: H.264 over RTP (RFC 6184); needs libopenh264.so at run time */
 };
 
-/** What a stream is of: there is video alone. */
+/** Media type; only video is supported. */
 enum kv_media_type { KV_MEDIA_VIDEO = 0 };
 
 /** Names a session, from KV_CREATE_SESSION on until KV_REMOVE_SESSION or KV_EXIT. */
@@ -171,7 +174,7 @@ KV_FIELD_AT(kv_stream_record, video, 32);
 KV_STATIC_ASSERT(sizeof(kv_stream_record) == 40);
 
 /** KV_SUBMIT_FRAME. While nobody watches the stream the call returns KV_OK at
- * once and does nothing; so it does when viewers are ten frames behind. */
+ * once and does nothing; likewise while ten encoded frames are queued. */
 typedef struct kv_frame_record {
   void* reserved;           /**< not used */
   kv_session_handle handle; /**< the session */
@@ -184,6 +187,34 @@ KV_FIELD_AT(kv_frame_record, handle, 8);
 KV_FIELD_AT(kv_frame_record, stream, 16);
 KV_FIELD_AT(kv_frame_record, frame, 24);
 KV_STATIC_ASSERT(sizeof(kv_frame_record) == 40);
+
+/** Bits of kv_status_record's wanted. */
+enum kv_wanted {
+  KV_WANTS_FRAME = 1,    /**< somebody plays: a submitted frame would be encoded */
+  KV_WANTS_KEY_FRAME = 2 /**< a viewer needs a key frame; the next frame becomes one */
+};
+
+/** KV_GET_STATUS. Counts are of frames, since the stream was created. */
+typedef struct kv_status_record {
+  void* reserved;           /**< not used */
+  kv_session_handle handle; /**< the session */
+  kv_stream_id stream;      /**< its stream */
+  uint32_t viewers;         /**< out: how many play, or are about to */
+  uint32_t wanted;          /**< out: of kv_wanted */
+  uint64_t offered;         /**< out: submitted */
+  uint64_t encoded;         /**< out */
+  uint64_t unwatched;       /**< out: not encoded, since nobody watched */
+  uint64_t failed;          /**< out: could not be encoded */
+  uint64_t sent_frames;     /**< out: sent to at least one viewer */
+  uint64_t sent_bytes;      /**< out: of RTP packets, to all viewers */
+} kv_status_record;
+KV_FIELD_AT(kv_status_record, handle, 8);
+KV_FIELD_AT(kv_status_record, stream, 16);
+KV_FIELD_AT(kv_status_record, viewers, 24);
+KV_FIELD_AT(kv_status_record, wanted, 28);
+KV_FIELD_AT(kv_status_record, offered, 32);
+KV_FIELD_AT(kv_status_record, sent_bytes, 72);
+KV_STATIC_ASSERT(sizeof(kv_status_record) == 80);
 
 /** The whole library: carries out a command.
  * The exported symbol is the C++ name; in C the label binds the plain name to it.

@@ -20,8 +20,8 @@
 
 #include <kavo_stream.h>
 
-#include <cstddef>
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <stdexcept>
@@ -167,6 +167,19 @@ void copy(char (&field)[Size], std::string const& text, char const* what) {
 }  // namespace detail
 /// @endcond
 
+/// What a stream does. Frames are counted since it was created.
+struct StreamStatus {
+  std::uint32_t viewers;     ///< who plays, or is about to
+  bool wantsFrame;           ///< somebody plays: a submitted frame would be encoded
+  bool wantsKeyFrame;        ///< a viewer needs a key frame; the next frame becomes one
+  std::uint64_t offered;     ///< frames submitted
+  std::uint64_t encoded;     ///< frames encoded
+  std::uint64_t unwatched;   ///< frames not encoded, since nobody watched
+  std::uint64_t failed;      ///< frames that could not be encoded
+  std::uint64_t sentFrames;  ///< frames sent to at least one viewer
+  std::uint64_t sentBytes;   ///< bytes of RTP packets, to all viewers
+};
+
 /// The one video stream of a session.
 class Stream {
  public:
@@ -180,6 +193,24 @@ class Stream {
     detail::requireServer(m_Server);
     m_Record.frame = static_cast<std::uint8_t const*>(frame);
     detail::call("submitting a frame", KV_SUBMIT_FRAME, m_Record);
+  }
+
+  /// What the stream does, and who watches it; waits for no submit. Throws Error.
+  StreamStatus status() const {
+    detail::requireServer(m_Server);
+    kv_status_record record{};
+    record.handle = m_Record.handle;
+    record.stream = m_Record.stream;
+    detail::call("asking for a stream's status", KV_GET_STATUS, record);
+    return {record.viewers,
+            (record.wanted & KV_WANTS_FRAME) != 0,
+            (record.wanted & KV_WANTS_KEY_FRAME) != 0,
+            record.offered,
+            record.encoded,
+            record.unwatched,
+            record.failed,
+            record.sent_frames,
+            record.sent_bytes};
   }
 
   /// The bytes of one frame.

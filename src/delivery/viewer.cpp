@@ -9,7 +9,7 @@ constexpr std::chrono::milliseconds shortestReportInterval{50};
 
 }  // namespace
 
-Viewer::Viewer(Viewers& viewers, std::unique_ptr<Transport> transport, StreamObserver const& stream)
+Viewer::Viewer(Viewers& viewers, std::unique_ptr<Transport> transport, StreamObserver& stream)
     : m_Viewers(viewers), m_Transport(std::move(transport)), m_Observer(stream, m_Transport->udp() != nullptr) {}
 
 void Viewer::enter(State state) {
@@ -40,17 +40,19 @@ void Viewer::awaitKeyFrame() {
   m_KeyFrames.fellBehind();
 }
 
-bool Viewer::send(FramePtr const& frame, Clock::time_point now) {
+Viewer::Sent Viewer::send(FramePtr const& frame, Clock::time_point now) {
   if (frame->isKeyFrame && isActive()) {
     if (m_State != State::Playing) {
       enter(State::Playing);
     }
     m_KeyFrames.keyFrameSent(frame->packets.header().sequence, now);
   }
+  bool isSent = false;
   if (m_State == State::Playing) {
     auto const outcome = m_Transport->send(frame, now);
     m_Observer.dropped(outcome.dropped + (outcome.accepted ? 0 : 1));
-    if (outcome.accepted) {
+    isSent = outcome.accepted;
+    if (isSent) {
       m_Observer.sent(frame->packets.bytes(), m_Transport->isBusy());
     } else {
       awaitKeyFrame();
@@ -58,7 +60,7 @@ bool Viewer::send(FramePtr const& frame, Clock::time_point now) {
   } else if (isActive()) {
     m_Observer.dropped(1);
   }
-  return wantsKeyFrame(now);
+  return {isSent, wantsKeyFrame(now)};
 }
 
 // A key frame is large for everybody: a viewer that was too slow asks when it can take one.

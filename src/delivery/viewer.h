@@ -23,7 +23,7 @@ class Viewer : NonCopyable {
   using Clock = Transport::Clock;
   using State = ViewerState;
 
-  Viewer(Viewers& viewers, std::unique_ptr<Transport> transport, StreamObserver const& stream);
+  Viewer(Viewers& viewers, std::unique_ptr<Transport> transport, StreamObserver& stream);
 
   // Those that it is one of.
   Viewers& viewers() const { return m_Viewers; }
@@ -54,8 +54,12 @@ class Viewer : NonCopyable {
   void pause() KAVO_REQUIRES(eventLoopRole);
   // It lost a frame that others may reference.
   void awaitKeyFrame() KAVO_REQUIRES(eventLoopRole);
-  // Sends the frame, or drops it. True when the viewer asks for a key frame.
-  bool send(FramePtr const& frame, Clock::time_point now) KAVO_REQUIRES(eventLoopRole);
+  struct Sent {
+    bool isSent;
+    bool wantsKeyFrame;
+  };
+  // Sends the frame, or drops it.
+  Sent send(FramePtr const& frame, Clock::time_point now) KAVO_REQUIRES(eventLoopRole);
 
   // Its report has come. True when it asks for a key frame.
   bool reported(ReceiverReport const& report, std::optional<std::chrono::microseconds> roundTrip, Clock::time_point now)

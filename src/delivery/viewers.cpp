@@ -66,6 +66,7 @@ Frame const* Viewers::play(Viewer& viewer) {
   if (UdpTransport* const udp = viewer.transport().udp()) {
     takePortsFromOthers(viewer);
     udp->measureMaxPacket(m_Policy.maxPacket);
+    viewer.observer().setMaxPacket(udp->maxPacket());
     fitPackets();
   }
   FramePtr first = canBeginWithNewest(viewer) ? m_Newest : nullptr;
@@ -120,12 +121,16 @@ void Viewers::fitPackets() {
 void Viewers::send(FramePtr const& frame) {
   auto const now = Clock::now();
   bool isKeyFrameWanted = false;
+  std::size_t receivers = 0;
   for (auto const& viewer : m_Viewers) {
-    isKeyFrameWanted = viewer->send(frame, now) || isKeyFrameWanted;
+    auto const [isSent, wantsKeyFrame] = viewer->send(frame, now);
+    receivers += isSent ? 1 : 0;
+    isKeyFrameWanted = isKeyFrameWanted || wantsKeyFrame;
   }
   m_Newest = frame->isKeyFrame ? frame : nullptr;
   m_LastSent = now;
-  m_Observer.sent();
+  m_Observer.add(Count::SentFrames, receivers > 0 ? 1 : 0);
+  m_Observer.add(Count::SentBytes, frame->packets.bytes() * receivers);
   if (frame->isKeyFrame || isKeyFrameWanted) {
     m_Stream.wantKeyFrame(isKeyFrameWanted);
   }

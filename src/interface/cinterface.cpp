@@ -10,7 +10,7 @@
 
 #include "codec/codecparameter.h"
 #include "kavo_stream.h"
-#include "operate/statuspage.h"
+#include "operate/journal.h"
 #include "session/sessionmanager.h"
 
 namespace kavo::impl {
@@ -35,8 +35,8 @@ struct ExitAtUnload : NonCopyable {
   }
   ~ExitAtUnload() {
     if (!g_InChild) {
-      resultOf([] { g_SessionManager->exit(); }, [](int, char const*) {});
-      status::close();
+      resultOf([] { g_SessionManager->exit(); }, [](char const*) {});
+      g_Journal->close();
     }
   }
 } const g_ExitAtUnload;
@@ -129,6 +129,11 @@ void streamSubmitData(void* param, int size) {
   g_SessionManager->submitData(record.handle, record.stream, record.frame);
 }
 
+void streamGetStatus(void* param, int size) {
+  auto& record = recordAt<kv_status_record>(param, size);
+  g_SessionManager->status(record.handle, record.stream, record);
+}
+
 void streamGetInfo(void* param, int size) {
   auto& record = recordAt<kv_session_record>(param, size);
   SessionManager::SessionInformation information;
@@ -152,6 +157,10 @@ NoDestroy<FunctionTable const> const g_FunctionTable(std::initializer_list<Funct
     {KV_GET_INFO, streamGetInfo},
 });
 
+NoDestroy<FunctionTable const> const g_MoreFunctions(std::initializer_list<FunctionTable::value_type>{
+    {KV_GET_STATUS, streamGetStatus},
+});
+
 NoDestroy<ErrorTable const> const g_ErrorTable(std::initializer_list<ErrorTable::value_type>{
     {ErrorInvalidParameter, KV_INVALID_PARAMETER},
     {ErrorResource, KV_RESOURCE_FAILURE},
@@ -165,8 +174,9 @@ NoDestroy<ErrorTable const> const g_ErrorTable(std::initializer_list<ErrorTable:
 namespace {
 
 void dispatch(int command, void* param, int size) {
-  auto const row = g_FunctionTable->find(command);
-  if (row == g_FunctionTable->end()) {
+  auto const& table = command < KV_GET_STATUS ? *g_FunctionTable : *g_MoreFunctions;
+  auto const row = table.find(command);
+  if (row == table.end()) {
     throw StreamException("Invalid input parameter", ErrorInvalidParameter);
   }
   if (g_InChild && command != KV_EXIT) {
@@ -183,9 +193,5 @@ void dispatch(int command, void* param, int size) {
 
 __attribute__((visibility("default"))) int kv_Stream(int command, void* param, int size) {
   return kavo::impl::resultOf([=] { kavo::impl::dispatch(command, param, size); },
-                              [=](int result, char const* text) {
-                                if (!kavo::impl::g_InChild) {  // whose page is the parent's
-                                  kavo::impl::status::noteFailure(command, result, text);
-                                }
-                              });
+                              [](char const* text) { kavo::impl::g_Journal->failed(text); });
 }

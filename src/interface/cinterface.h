@@ -22,7 +22,9 @@ using Table = std::map<int, Value, std::less<>, InPlaceAllocator<std::pair<int c
 using FunctionTable = Table<CommandHandler>;
 using ErrorTable = Table<int>;
 
+// The seven commands, and those that came later.
 extern NoDestroy<FunctionTable const> const g_FunctionTable;
+extern NoDestroy<FunctionTable const> const g_MoreFunctions;
 // From StreamException's code to what kv_Stream returns.
 extern NoDestroy<ErrorTable const> const g_ErrorTable;
 
@@ -39,11 +41,11 @@ T ValidateInput(void* param, int size, T defaultValue) {
 }
 
 // Calls the function and translates what it throws into a result code; noteFailure
-// gets that code and the text.
+// gets the text.
 template <class Function, class Note>
 int resultOf(Function const& function, Note const& noteFailure) noexcept {
   auto const failed = [&](int result, char const* text) {
-    noteFailure(result, text);
+    noteFailure(text);
     return result;
   };
   try {

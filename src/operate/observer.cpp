@@ -1,13 +1,13 @@
 #include "operate/observer.h"
 
+#include <utility>
+
 #include "base/address.h"
-#include "kavo_stream.h"
+#include "operate/journal.h"
 
 namespace kavo::impl {
 
 namespace {
-
-constexpr std::uint32_t clockRate = 90000;  // of RTP time, per second
 
 constexpr char const* departures[] = {"timed out",
                                       "TEARDOWN",
@@ -17,113 +17,58 @@ constexpr char const* departures[] = {"timed out",
                                       "the host ended the session",
                                       "not allowed any more"};
 
-constexpr std::uint64_t kv_status_process::* refusals[] = {
-    &kv_status_process::refused_address, &kv_status_process::refused_limit, &kv_status_process::refused_user};
-
-kv_status_state numberOf(ViewerState state) {
-  switch (state) {
-    case ViewerState::SetUp:
-      return KV_STATUS_SET_UP;
-    case ViewerState::Joining:
-    case ViewerState::AwaitingKeyFrame:
-      return KV_STATUS_AWAITING_KEY;
-    case ViewerState::Playing:
-      return KV_STATUS_PLAYING;
-    case ViewerState::Paused:
-      break;
-  }
-  return KV_STATUS_PAUSED;
-}
-
-std::uint64_t microseconds(std::chrono::steady_clock::duration time) {
-  return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(time).count());
-}
+bool isWatching(ViewerState state) { return state != ViewerState::SetUp && state != ViewerState::Paused; }
 
 }  // namespace
 
-void observeRefusal(Refusal refusal, sockaddr_storage const& address, char const* why) noexcept {
-  status::increaseProcess(refusals[static_cast<int>(refusal)]);
-  if (status::page() != nullptr) {
-    try {
-      status::note(KV_STATUS_REFUSED, "", textOf(address), why);
-    } catch (...) {  // no memory: no event
-    }
-  }
+void StreamObserver::describe(Description description) {
+  m_Description = std::move(description);
+  g_Journal->addStream(*this);
 }
 
-void StreamObserver::keyFrameRequested() {
-  if (*this && (*this)->codec == KV_CODEC_H264) {
-    add(&kv_status_stream::key_frames_asked);
-    status::note(KV_STATUS_KEY_FRAME, name(), "", "");
-  }
+StreamObserver::~StreamObserver() { g_Journal->removeStream(*this); }
+
+ViewerObserver::ViewerObserver(StreamObserver& stream, bool overUdp)
+    : m_Stream(stream), m_Figures{.address = {}, .user = {}, .overUdp = overUdp, .since = Journal::now()} {
+  stream.m_Viewers.push_back(this);
 }
 
-void StreamObserver::encoded(std::size_t bytes, bool keyFrame, std::chrono::steady_clock::duration time) {
-  if (*this) {
-    add(bytes > 0 ? &kv_status_stream::encoded : &kv_status_stream::skipped);
-    add(&kv_status_stream::key_frames, keyFrame && (*this)->codec == KV_CODEC_H264 ? 1 : 0);
-    add(&kv_status_stream::bytes, bytes);
-    add(&kv_status_stream::encoding, microseconds(time));
-  }
+ViewerObserver::~ViewerObserver() {
+  entered(ViewerState::Paused);
+  std::erase(m_Stream.m_Viewers, this);
 }
 
-void StreamObserver::delivered(std::chrono::steady_clock::time_point submitted) {
-  if (*this) {
-    status::put((*this)->newest, status::now() - microseconds(std::chrono::steady_clock::now() - submitted));
-  }
-}
-
-ViewerObserver::ViewerObserver(StreamObserver const& stream, bool overUdp) : m_Stream(stream), m_OverUdp(overUdp) {
-  m_Place.take(overUdp ? KV_STATUS_UDP : KV_STATUS_TCP, stream.index());
-}
-
-void ViewerObserver::setAddress(sockaddr_storage const& address) {
-  if (status::page() != nullptr) {
-    m_Address = textOf(address);
-    m_Place.putAddress(m_Address);
-  }
-}
+void ViewerObserver::setAddress(sockaddr_storage const& address) { m_Figures.address = textOf(address); }
 
 void ViewerObserver::entered(ViewerState state) {
-  m_IsPlaying = state == ViewerState::Playing;
-  if (m_Place) {
-    status::put(m_Place->state, numberOf(state));
-  }
+  int const change = (isWatching(state) ? 1 : 0) - (isWatching(m_Figures.state) ? 1 : 0);
+  m_Stream.m_Watching.fetch_add(static_cast<std::uint32_t>(change), std::memory_order_relaxed);
+  m_Figures.state = state;
 }
 
-void ViewerObserver::left(Departure departure) noexcept {
-  note(KV_STATUS_LEFT, departures[static_cast<int>(departure)]);
+void ViewerObserver::left(Departure departure) { note("left", departures[static_cast<int>(departure)]); }
+
+void ViewerObserver::pathNarrowed(std::size_t maxPacket) {
+  setMaxPacket(maxPacket);
+  note("narrowed", std::to_string(maxPacket) + " bytes");
 }
 
 void ViewerObserver::sent(std::size_t bytes, bool isBusy) {
   m_IsBehind = m_IsBehind && isBusy;
-  m_Place.add(&kv_status_viewer::frames_sent);
-  m_Place.add(&kv_status_viewer::bytes_sent, bytes);
+  ++m_Figures.framesSent;
+  m_Figures.bytesSent += bytes;
 }
 
 void ViewerObserver::dropped(std::size_t frames) {
-  m_Place.add(&kv_status_viewer::frames_dropped, frames);
-  if (frames > 0 && m_IsPlaying && !m_IsBehind) {
+  m_Figures.framesDropped += frames;
+  if (frames > 0 && m_Figures.state == ViewerState::Playing && !m_IsBehind) {
     m_IsBehind = true;
-    note(KV_STATUS_DROPPED, "");
+    note("dropped", "");
   }
 }
 
-void ViewerObserver::reported(Reception const& reception) {
-  if (!m_Place) {
-    return;
-  }
-  status::put(m_Place->report, status::now());
-  status::put(m_Place->loss, reception.fractionLost);
-  status::put(m_Place->lost, reception.packetsLost);
-  status::put(m_Place->jitter, static_cast<std::uint32_t>(std::uint64_t{reception.jitter} * 1000000 / clockRate));
-  if (reception.roundTrip) {
-    status::put(m_Place->round_trip, static_cast<std::uint32_t>(reception.roundTrip->count()));
-  }
-}
-
-void ViewerObserver::note(kv_status_event_kind kind, std::string_view more) const noexcept {
-  status::note(kind, m_Stream.name(), m_Address, more);
+void ViewerObserver::note(char const* kind, std::string_view text) const noexcept {
+  g_Journal->note(kind, m_Stream.description().name, m_Figures.address, text);
 }
 
 }  // namespace kavo::impl

@@ -1,17 +1,19 @@
-// What operators are told of streams and viewers: each event is reported here once, and
-// counted on the status page.
+// What is known of streams and viewers, for whoever asks: the host, operators. Each event
+// is told to an observer once, and counted there.
 #pragma once
 
 #include <sys/socket.h>
 
+#include <array>
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "base/noncopyable.h"
-#include "operate/statuspage.h"
 
 namespace kavo::impl {
 
@@ -19,8 +21,6 @@ enum class ViewerState { SetUp, Joining, AwaitingKeyFrame, Playing, Paused };
 
 // Why a viewer left.
 enum class Departure { TimedOut, Teardown, ConnectionClosed, Stalled, Unreachable, SessionRemoved, NotAllowed };
-
-enum class Refusal { Address, Limit, User };
 
 // What a viewer's reports say.
 struct Reception {
@@ -30,48 +30,105 @@ struct Reception {
   std::optional<std::chrono::microseconds> roundTrip;
 };
 
-// Event-loop thread.
-void observeRefusal(Refusal refusal, sockaddr_storage const& address, char const* why) noexcept;
+class ViewerObserver;
 
-// One stream. Host threads, one at a time, but for what says otherwise.
-class StreamObserver : public status::StreamPlace {
+// What is counted of a stream: frames, but for the bytes of RTP packets sent.
+enum class Count {
+  Offered,  // submitted
+  Encoded,
+  Unwatched,  // not encoded, since nobody watched
+  Skipped,    // by rate control
+  Failed,
+  QueueFull,  // not encoded for that
+  KeyFramesRequested,
+  SentFrames,
+  SentBytes
+};
+
+// One stream. Each count has one writer at a time, a host thread or the event-loop thread;
+// any thread reads it.
+class StreamObserver : NonCopyable {
  public:
-  void offered() { add(&kv_status_stream::offered); }
-  void unwatched() { add(&kv_status_stream::dropped_unwatched); }
-  void queueFull() { add(&kv_status_stream::dropped_full); }
-  void failed() { add(&kv_status_stream::failed); }
-  void keyFrameRequested();
-  // Bytes of the frame, 0 for one that the encoder skipped; and how long encoding took.
-  void encoded(std::size_t bytes, bool keyFrame, std::chrono::steady_clock::duration time);
-  // Event-loop thread. A frame of this age goes to the viewers, or would.
-  void delivered(std::chrono::steady_clock::time_point submitted);
-  void sent() { add(&kv_status_stream::sent); }
+  using Clock = std::chrono::steady_clock;
+  struct Description {
+    std::string name;
+    int codec = 0;
+    int width = 0;
+    int height = 0;
+  };
+
+  StreamObserver() = default;
+  ~StreamObserver();
+  // Any thread, once: from now on it is among the streams of the journal.
+  void describe(Description description);
+  Description const& description() const { return m_Description; }
+
+  void add(Count count, std::uint64_t amount = 1) {
+    auto& counter = m_Counts[static_cast<std::size_t>(count)];
+    counter.store(counter.load(std::memory_order_relaxed) + amount, std::memory_order_relaxed);
+  }
+  std::uint64_t operator[](Count count) const {
+    return m_Counts[static_cast<std::size_t>(count)].load(std::memory_order_relaxed);
+  }
+  // How many viewers play, or are about to.
+  std::uint32_t watching() const { return m_Watching.load(std::memory_order_relaxed); }
+
+  // Event-loop thread.
+  void delivered(Clock::time_point submitted) { m_Newest = submitted; }
+  // When the newest frame that was delivered was submitted, if any was.
+  std::optional<Clock::time_point> newest() const { return m_Newest; }
+  std::vector<ViewerObserver const*> const& viewers() const { return m_Viewers; }
+
+ private:
+  friend class ViewerObserver;
+
+  Description m_Description;
+  std::array<std::atomic<std::uint64_t>, static_cast<std::size_t>(Count::SentBytes) + 1> m_Counts{};
+  std::atomic<std::uint32_t> m_Watching = 0;
+  std::optional<Clock::time_point> m_Newest;
+  std::vector<ViewerObserver const*> m_Viewers;
+};
+
+// What is known of a viewer.
+struct ViewerFigures {
+  std::string address;
+  std::string user;
+  bool overUdp;
+  double since;  // seconds since 1970
+  ViewerState state = ViewerState::SetUp;
+  std::uint64_t framesSent = 0;
+  std::uint64_t framesDropped = 0;
+  std::uint64_t bytesSent = 0;
+  Reception reception{};
+  std::size_t maxPacket = 0;  // bytes; 0 on an RTSP connection
 };
 
 // One viewer. Event-loop thread.
 class ViewerObserver : NonCopyable {
  public:
-  ViewerObserver(StreamObserver const& stream, bool overUdp);
+  ViewerObserver(StreamObserver& stream, bool overUdp);
+  ~ViewerObserver();
+
+  ViewerFigures const& figures() const { return m_Figures; }
 
   void setAddress(sockaddr_storage const& address);
+  void setUser(std::string const& user) { m_Figures.user = user; }
+  void setMaxPacket(std::size_t bytes) { m_Figures.maxPacket = bytes; }
   void entered(ViewerState state);
-  void joined() { note(KV_STATUS_JOINED, m_OverUdp ? "udp" : "tcp"); }
-  void left(Departure departure) noexcept;
-  void paused() { note(KV_STATUS_PAUSE, ""); }
-  void pathNarrowed(std::size_t maxPacket) { note(KV_STATUS_NARROWED, std::to_string(maxPacket) + " bytes"); }
+  void joined() { note("joined", m_Figures.overUdp ? "udp" : "tcp"); }
+  void left(Departure departure);
+  void paused() { note("paused", ""); }
+  void pathNarrowed(std::size_t maxPacket);
   // More of it may still wait.
   void sent(std::size_t bytes, bool isBusy);
   void dropped(std::size_t frames);
-  void reported(Reception const& reception);
+  void reported(Reception const& reception) { m_Figures.reception = reception; }
 
  private:
-  void note(kv_status_event_kind kind, std::string_view more) const noexcept;
+  void note(char const* kind, std::string_view text) const noexcept;
 
-  StreamObserver const& m_Stream;
-  bool const m_OverUdp;
-  status::ViewerPlace m_Place;
-  std::string m_Address;
-  bool m_IsPlaying = false;
+  StreamObserver& m_Stream;
+  ViewerFigures m_Figures;
   bool m_IsBehind = false;
 };
 

@@ -23,6 +23,13 @@ void FrameSourceHandler::push(FrameData frame) {
     return;
   }
   add(frame);
+  auto const offered = m_Observer[Count::Offered];
+  auto const submitted = submitTime(frame.packet);
+  bool const isNext = m_NewestOffered > 0 && offered == m_NewestOffered + 1;
+  m_SubmitInterval.store(isNext ? submitted - m_LastSubmit.load(std::memory_order_relaxed) : Time::duration{},
+                         std::memory_order_relaxed);
+  m_LastSubmit.store(submitted, std::memory_order_relaxed);
+  m_NewestOffered = offered;
   keep(frame.packet);
 }
 
@@ -34,15 +41,15 @@ void FrameSourceHandler::add(FrameData const& frame) {
 // Another reference to its bytes. Without memory for that there is none to keep.
 void FrameSourceHandler::keep(AVPacket const& packet) {
   av_packet_unref(&m_Newest);
-  if (packet.buf != nullptr && (packet.flags & AV_PKT_FLAG_KEY) != 0 && av_packet_ref(&m_Newest, &packet) == 0) {
-    m_NewestSubmit = m_LastSubmit.load(std::memory_order_relaxed);
+  if (packet.buf != nullptr && (packet.flags & AV_PKT_FLAG_KEY) != 0) {
+    av_packet_ref(&m_Newest, &packet);
   }
 }
 
 std::optional<std::chrono::steady_clock::time_point> FrameSourceHandler::requeueNewest() {
   MutexLock lock(m_Mutex);
-  // One that another submit has followed is older than that.
-  if (m_Newest.data == nullptr || roughly() - m_NewestSubmit >= freshness()) {
+  bool const isLast = m_Observer[Count::Offered] == m_NewestOffered;
+  if (m_Newest.data == nullptr || !isLast || freshness() == Time::duration{}) {
     return std::nullopt;
   }
   FrameData again{};
@@ -67,7 +74,8 @@ FrameSourceHandler::FrameData FrameSourceHandler::back() const {
 
 std::chrono::steady_clock::duration FrameSourceHandler::freshness() const {
   auto const interval = std::min(longestFreshness, m_SubmitInterval.load(std::memory_order_relaxed));
-  return roughly() - m_LastSubmit.load(std::memory_order_relaxed) <= interval ? interval : Time::duration{};
+  auto const since = std::chrono::steady_clock::now() - m_LastSubmit.load(std::memory_order_relaxed);
+  return since <= interval ? interval : Time::duration{};
 }
 
 void FrameSourceHandler::pop() {

@@ -3,8 +3,6 @@
 // sources that read from it. Any thread.
 #pragma once
 
-#include <time.h>
-
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -66,15 +64,9 @@ class FrameSourceHandler : NonCopyable {
   // Whether one more frame may be encoded and pushed.
   bool IsBufferFree() const;
 
-  // Host threads, one at a time: a frame is submitted, whether anybody watches or not.
-  void noteSubmit() {
-    auto const now = roughly();
-    auto const before = m_LastSubmit.load(std::memory_order_relaxed);
-    m_SubmitInterval.store(before == Time{} ? Time::duration{} : now - before, std::memory_order_relaxed);
-    m_LastSubmit.store(now, std::memory_order_relaxed);
-  }
-  // How old a frame may be and still be shown to whoever joins: as long as passed between
-  // the last two submits, at most a minute. 0 when there were not two, or the next one is late.
+  // How old a frame may be and still be shown to whoever joins: as long as passed between the
+  // last two submits, at most a minute. 0 when the frames of the two were not both queued, or
+  // the next one is late.
   std::chrono::steady_clock::duration freshness() const;
 
   // Back channel: key-frame requests.
@@ -89,13 +81,6 @@ class FrameSourceHandler : NonCopyable {
  private:
   using Time = std::chrono::steady_clock::time_point;
 
-  // The steady clock to a few milliseconds: submits that nobody waits for pay for it.
-  static Time roughly() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-    return Time(std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec));
-  }
-
   static void release(AVPacket& packet);
   void keep(AVPacket const& packet) KAVO_REQUIRES(m_Mutex);
   void add(FrameData const& frame) KAVO_REQUIRES(m_Mutex);
@@ -106,9 +91,9 @@ class FrameSourceHandler : NonCopyable {
   std::deque<FrameData> m_Frames KAVO_GUARDED_BY(m_Mutex);
   std::atomic<std::uint32_t> m_Size = 0;  // of m_Frames; changed under the lock
   Time m_Cleared KAVO_GUARDED_BY(m_Mutex){};
-  // The newest frame if it is a key frame, and m_LastSubmit when it was pushed.
+  // The newest frame if it is a key frame; and how many frames were offered when the last was pushed.
   AVPacket m_Newest KAVO_GUARDED_BY(m_Mutex){};
-  Time m_NewestSubmit KAVO_GUARDED_BY(m_Mutex){};
+  std::uint64_t m_NewestOffered KAVO_GUARDED_BY(m_Mutex) = 0;
   std::atomic<Time> m_LastSubmit{Time{}};
   std::atomic<Time::duration> m_SubmitInterval{Time::duration{}};
   std::atomic<bool> m_Streaming = false;

@@ -18,6 +18,9 @@ class KeyFrameRequest {
   // Event-loop thread: a regular key frame has satisfied the request.
   void withdraw() { m_Asked.store(false, std::memory_order_relaxed); }
 
+  // Any thread.
+  bool isPending() const { return m_Asked.load(std::memory_order_relaxed); }
+
   // Host thread, before each frame: whether this one is to be a key frame.
   bool take(Clock::time_point now) {
     if (!m_Asked.load(std::memory_order_relaxed) || now - m_LastTaken < interval) {

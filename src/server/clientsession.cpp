@@ -118,6 +118,7 @@ void ClientSession::handleCmd_SETUP(RTSPServer::RTSPClientConnection* connection
     }
     m_ClientAddress = ours.clientAddress();
     m_User = ours.user();
+    watching->observer().setUser(m_User);
     // Anybody can forge an address: without a connection only who echoes our reports is there.
     watching->onReport([this](bool echoes) KAVO_REQUIRES(eventLoopRole) {
       if (m_Connection != nullptr || echoes) {

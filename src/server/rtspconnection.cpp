@@ -11,7 +11,7 @@
 
 #include "eventloop/contained.h"
 #include "eventloop/memoryreserve.h"
-#include "operate/observer.h"
+#include "operate/journal.h"
 #include "server/clientsession.h"
 #include "server/rtspserver.h"
 
@@ -203,7 +203,6 @@ void RtspConnection::handleRequest() {
   auto const address = fClientAddr;
   handleRequestBytes(static_cast<int>(text.size()));
   server.removeFailedSession();
-  server.noteCounts();
   if (auto* const playing = request.method == "PLAY" ? server.sessionOf(request.session, address) : nullptr) {
     playing->begin();
   }
@@ -233,7 +232,7 @@ std::string_view RtspConnection::refusalOf(Request const& request) {
     return "454 Session Not Found";
   }
   if ((request.method == "SETUP" || request.method == "DESCRIBE") && !MemoryReserve::refill()) {
-    observeRefusal(Refusal::Limit, fClientAddr, "out of memory");
+    g_Journal->refused(Refusal::Limit, fClientAddr, "out of memory");
     return "503 Service Unavailable";
   }
   return "";
@@ -253,7 +252,7 @@ Boolean RtspConnection::authenticationOK(char const* method, char const* urlSuff
   if (m_Sessions.size() < maxSessions && m_Server.makeRoomForSession(fClientAddr)) {
     return True;
   }
-  observeRefusal(Refusal::Limit, fClientAddr, "too many sessions");
+  g_Journal->refused(Refusal::Limit, fClientAddr, "too many sessions");
   refuse("453 Not Enough Bandwidth");
   return False;
 }
@@ -277,7 +276,7 @@ bool RtspConnection::hasValidCredentials(char const* method, char const* urlSuff
     m_Server.m_Brake.wrong(fClientAddr);
   }
   if (!request().authorization.empty() || !request().session.empty()) {
-    observeRefusal(Refusal::User, fClientAddr, "no valid user and password");
+    g_Journal->refused(Refusal::User, fClientAddr, "no valid user and password");
   }
   return false;
 }

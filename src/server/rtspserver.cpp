@@ -11,7 +11,7 @@
 
 #include "base/address.h"
 #include "eventloop/memoryreserve.h"
-#include "operate/observer.h"
+#include "operate/journal.h"
 #include "server/clientsession.h"
 #include "server/rtspconnection.h"
 
@@ -155,7 +155,6 @@ void RtspServer::addConnection(UniqueFd client, DescriptorBudget::Share share, s
     throw;
   }
   (*place)->setPlace(place);
-  noteCounts();
 }
 
 GenericMediaServer::ClientSession* RtspServer::createNewClientSession(u_int32_t sessionId) {
@@ -176,16 +175,7 @@ impl::ClientSession* RtspServer::sessionOf(std::string const& sessionId, sockadd
   return session != nullptr && session->isOfHost(clientAddress) ? session : nullptr;
 }
 
-void RtspServer::removeConnection(Connections::iterator place) {
-  m_Connections.erase(place);
-  noteCounts();
-}
-
-void RtspServer::noteCounts() {
-  using Process = kv_status_process;
-  status::putNowAndMost(&Process::connections, &Process::connections_most, m_Connections.size());
-  status::putNowAndMost(&Process::sessions, &Process::sessions_most, numClientSessions());
-}
+void RtspServer::removeConnection(Connections::iterator place) { m_Connections.erase(place); }
 
 void RtspServer::noteActivity(Connections::iterator place) {
   m_Connections.splice(m_Connections.end(), m_Connections, place);
@@ -213,11 +203,11 @@ bool RtspServer::acceptOne(int listeningSocket) {
   UniqueFd client(accept4(listeningSocket, reinterpret_cast<sockaddr*>(&address), &size, SOCK_NONBLOCK | SOCK_CLOEXEC));
   if (client.get() >= 0) {
     if (!m_Policy->allows(address)) {
-      observeRefusal(Refusal::Address, address, "not allowed from there");
+      g_Journal->refused(Refusal::Address, address, "not allowed from there");
     } else if (auto share = placeForConnection(address)) {
       addConnection(std::move(client), std::move(*share), address);
     } else {
-      observeRefusal(Refusal::Limit, address, "too many connections");
+      g_Journal->refused(Refusal::Limit, address, "too many connections");
     }
     return true;
   }
@@ -237,10 +227,6 @@ bool RtspServer::acceptOne(int listeningSocket) {
 void RtspServer::sweep() {
   m_NextSweep.start(sweepInterval);
   MemoryReserve::refill();
-  noteCounts();
-  if (status::page() != nullptr) {
-    status::putProcess(&kv_status_process::alive, status::now());
-  }
   closeIdleAndStalled();
   endUnusedSessions();
   if (m_PolicyFile.hasChanged()) {
@@ -305,7 +291,7 @@ void RtspServer::reloadPolicy() {
     m_Policy = std::move(policy);
   } catch (PolicyError const& error) {
     complain(std::string(error.what()) + "; the policy stays as it was");
-    status::note(KV_STATUS_FAILED, "", "", error.what());
+    g_Journal->failed(error.what());
     return;
   }
   endWhoMayNotWatch(*before);

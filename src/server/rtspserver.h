@@ -34,6 +34,8 @@ class RtspServer : public RTSPServer {
 
   // Whether a media session of exactly this name is registered.
   bool hasSession(char const* streamName) KAVO_REQUIRES(eventLoopRole);
+  std::size_t connections() const KAVO_REQUIRES(eventLoopRole) { return m_Connections.size(); }
+  std::size_t sessions() const KAVO_REQUIRES(eventLoopRole) { return numClientSessions(); }
   // Says goodbye to its viewers, closes the connections that have no other
   // stream, and deletes the media session.
   void removeSession(ServerMediaSession* session) KAVO_REQUIRES(eventLoopRole);
@@ -71,9 +73,6 @@ class RtspServer : public RTSPServer {
   // Deletes the session that was made for the last request, unless that set up a stream.
   void removeFailedSession() KAVO_REQUIRES(eventLoopRole);
   void forEachSession(std::function<void(impl::ClientSession&)> const& function) KAVO_REQUIRES(eventLoopRole);
-
-  // For the status page.
-  void noteCounts() KAVO_REQUIRES(eventLoopRole);
 
   void startAccepting() KAVO_REQUIRES(eventLoopRole);
   void pauseAccepting() KAVO_REQUIRES(eventLoopRole);

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "base/noncopyable.h"
+#include "kavo_stream.h"
 
 namespace kavo::impl {
 
@@ -17,6 +18,8 @@ class ISubSession : NonCopyable {
   // Encodes and queues one raw frame, or drops it unencoded while nobody waits
   // for it or the queue is full. Throws.
   virtual void submitFrame(unsigned char const* frame) = 0;
+  // Any thread.
+  virtual void status(kv_status_record& record) const = 0;
 
   // live555's object for this stream. It belongs to the media session that it
   // was added to.

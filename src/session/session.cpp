@@ -59,10 +59,23 @@ void Session::addStream(ICodecParameter const* param) {
     throw StreamException("Stream already initialized", ErrorAlreadyThere);
   }
   m_Stream = makeStream(m_Environment, *m_MediaSession, m_StreamName, static_cast<VideoCodecParameter const&>(*param));
+  m_StreamToAsk = m_Stream.get();
 }
 
 void Session::submitData(void* streamId, unsigned char const* frame) {
   MutexLock lock(m_Mutex);
+  submitTo(streamId, frame);
+}
+
+void Session::status(void* streamId, kv_status_record& record) const {
+  ISubSession const* const stream = m_StreamToAsk;
+  if (stream == nullptr || streamId != stream) {
+    throw StreamException("Invalid stream ID", ErrorNoStream);
+  }
+  stream->status(record);
+}
+
+void Session::submitTo(void* streamId, unsigned char const* frame) {
   if (m_Ended) {
     throw std::out_of_range("No such session");
   }

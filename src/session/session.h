@@ -2,6 +2,7 @@
 // a time, but for submitData().
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <string>
 
@@ -41,6 +42,10 @@ class Session : NonCopyable {
   // Hands a raw frame to the stream; throws "Invalid stream ID" unless streamId
   // is the address of it. Any number of threads: one after the other.
   void submitData(void* streamId, unsigned char const* frame) KAVO_EXCLUDES(m_Mutex);
+  // The same where the caller keeps everybody else out.
+  void submitDataAlone(void* streamId, unsigned char const* frame) KAVO_NO_ANALYSIS { submitTo(streamId, frame); }
+  // Throws as submitData() does. Waits for no submit.
+  void status(void* streamId, kv_status_record& record) const;
   // Calls the function while no submit is inside. If it throws, nothing has changed;
   // otherwise submits find no session any more.
   template <class Function>
@@ -51,6 +56,8 @@ class Session : NonCopyable {
   }
 
  private:
+  void submitTo(void* streamId, unsigned char const* frame) KAVO_REQUIRES(m_Mutex);
+
   std::string m_StreamName;
   std::string m_StreamInfo;
   std::string m_StreamDescription;
@@ -59,6 +66,7 @@ class Session : NonCopyable {
   Mutex m_Mutex;
   bool m_Ended KAVO_GUARDED_BY(m_Mutex) = false;
   std::shared_ptr<ISubSession> m_Stream KAVO_GUARDED_BY(m_Mutex);
+  std::atomic<ISubSession const*> m_StreamToAsk = nullptr;  // the same, once it is there
   StreamEnvironment const& m_Environment;
 };
 

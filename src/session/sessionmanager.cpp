@@ -2,15 +2,11 @@
 
 #include "base/address.h"
 #include "base/streamexception.h"
-#include "operate/statuspage.h"
 
 namespace kavo::impl {
 
 void SessionManager::init(unsigned int port) {
   MutexLock lock(m_Mutex);
-  if (!m_Environment.isStarted()) {
-    status::open();
-  }
   m_MayServe = true;
   try {
     m_Environment.start(port);
@@ -106,7 +102,12 @@ void SessionManager::submitData(void* handle, void* streamId, unsigned char cons
   }
   MutexLock lock(m_Mutex);
   m_Environment.requireHealth();
-  sessionOf(handle)->submitData(streamId, frame);
+  sessionUnderLock(handle).submitDataAlone(streamId, frame);
+}
+
+void SessionManager::status(void* handle, void* streamId, kv_status_record& record) {
+  requireHealth();
+  sessionOf(handle)->status(streamId, record);
 }
 
 // Of the machine's address at this moment. live555 would settle on one for the life of the

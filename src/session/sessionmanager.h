@@ -49,11 +49,15 @@ class SessionManager : NonCopyable {
   void addStream(void* handle, void*& streamId, ICodecParameter const* parameter) KAVO_EXCLUDES(m_Mutex);
   // Scales, encodes and queues the frame before it returns.
   void submitData(void* handle, void* streamId, unsigned char const* frame) KAVO_EXCLUDES(m_Mutex);
+  // What the stream does; waits for no submit.
+  void status(void* handle, void* streamId, kv_status_record& record) KAVO_EXCLUDES(m_RegistryMutex);
 
  private:
   std::string urlOf(Session& session) const KAVO_REQUIRES(m_Mutex);
   // Throws std::out_of_range.
   std::shared_ptr<Session> sessionOf(void* handle) KAVO_EXCLUDES(m_RegistryMutex);
+  // Likewise. The map changes under both locks, so either is enough to read it.
+  Session& sessionUnderLock(void* handle) KAVO_REQUIRES(m_Mutex) KAVO_NO_ANALYSIS { return *m_Sessions.at(handle); }
   // The flag behind it is atomic.
   void requireHealth() const KAVO_NO_ANALYSIS { m_Environment.requireHealth(); }
 

@@ -14,7 +14,7 @@
 #include "base/address.h"
 #include "delivery/frame.h"
 #include "eventloop/quietusageenvironment.h"
-#include "operate/statuspage.h"
+#include "operate/journal.h"
 
 namespace kavo::impl {
 
@@ -123,7 +123,6 @@ void StreamEnvironment::start(unsigned int port) {
     release();
     throw;
   }
-  status::putProcess(&kv_status_process::port, port);
 }
 
 void StreamEnvironment::makeServer(unsigned int port, std::string const& policyFile) {
@@ -147,6 +146,13 @@ void StreamEnvironment::makeServer(unsigned int port, std::string const& policyF
   if (m_RTSPServer == nullptr) {
     throw StreamException("RTSPServer creation failed", ErrorResource);
   }
+  if (char const* const address = secure_getenv("KAVO_STREAM_STATUS"); address != nullptr && *address != '\0') {
+    g_Journal->open();
+    auto const figures = [this, port, started = Journal::now()]() KAVO_REQUIRES(eventLoopRole) {
+      return ServerFigures{port, started, m_RTSPServer->connections(), m_RTSPServer->sessions()};
+    };
+    m_StatusServer = StatusServer::createNew(*m_TaskScheduler, address, m_Delivery->descriptors, figures);
+  }
 }
 
 void StreamEnvironment::startThread() {
@@ -169,6 +175,7 @@ void StreamEnvironment::stop() {
 
 void StreamEnvironment::release() {
   EventLoopRole::Holder const role(eventLoopRole);
+  m_StatusServer.reset();
   Medium::close(m_RTSPServer);
   m_RTSPServer = nullptr;
   m_TaskScheduler.reset();
@@ -177,7 +184,6 @@ void StreamEnvironment::release() {
   m_Delivery.reset();
   m_Policy.reset();
   m_Failed = false;
-  status::putProcess(&kv_status_process::port, 0);
 }
 
 // Handlers contain their exceptions; if the loop itself cannot continue, the server

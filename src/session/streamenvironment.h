@@ -18,6 +18,7 @@
 #include "operate/policy.h"
 #include "rtsp/livedemandsession.h"
 #include "server/rtspserver.h"
+#include "server/statusserver.h"
 
 namespace kavo::impl {
 
@@ -81,6 +82,7 @@ class StreamEnvironment : NonCopyable {
   std::unique_ptr<UsageEnvironment, Reclaim> m_UsageEnvironment;
   std::unique_ptr<EpollScheduler> m_TaskScheduler;
   RtspServer* m_RTSPServer = nullptr;  // closed with Medium::close
+  std::unique_ptr<StatusServer> m_StatusServer;
   std::thread m_Thread;
   char volatile m_WatchVariable = 0;  // not 0: the event loop returns
   std::atomic<bool> m_Failed = false;

@@ -4,6 +4,7 @@
 
 #include <ServerMediaSession.hh>
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -27,7 +28,8 @@ class VideoSubSession : public ISubSession {
         m_FrameSourceHandler(std::make_shared<FrameSourceHandler>()),
         m_Transcoder(std::make_shared<Transcoder>(parameter)) {
     auto const parameterSets = m_Transcoder->parameterSets();
-    m_FrameSourceHandler->observer().take(name, descriptionOf(*parameter));
+    m_FrameSourceHandler->observer().describe(
+        {name, parameter->m_DstCodecId, parameter->m_DstWidth, parameter->m_DstHeight});
     m_MediaSession = env.runOnLoop([&] {
       eventLoopRole.assertHeld();
       auto* const session =
@@ -42,30 +44,28 @@ class VideoSubSession : public ISubSession {
       throw StreamException("Invalid frame buffer", ErrorInvalidParameter);
     }
     auto& observer = m_FrameSourceHandler->observer();
-    observer.offered();
-    m_FrameSourceHandler->noteSubmit();
+    observer.add(Count::Offered);
     if (!m_FrameSourceHandler->IsStreaming()) {
-      observer.unwatched();
+      observer.add(Count::Unwatched);
       return;
     }
     if (!m_FrameSourceHandler->IsBufferFree()) {
-      observer.queueFull();
+      observer.add(Count::QueueFull);
       return;
     }
     auto const submitted = KeyFrameRequest::Clock::now();
     if (m_FrameSourceHandler->keyFrameRequest().take(submitted)) {
       m_Transcoder->requestKeyFrame();
-      observer.keyFrameRequested();
+      observer.add(Count::KeyFramesRequested);
     }
     FrameSourceHandler::FrameData data{};
     try {
       m_Transcoder->transcode(frame, data.packet);
     } catch (...) {
-      observer.failed();
+      observer.add(Count::Failed);
       throw;
     }
-    bool const isKeyFrame = data.packet.data != nullptr && (data.packet.flags & AV_PKT_FLAG_KEY) != 0;
-    observer.encoded(static_cast<std::size_t>(data.packet.size), isKeyFrame, KeyFrameRequest::Clock::now() - submitted);
+    observer.add(data.packet.data != nullptr ? Count::Encoded : Count::Skipped);
     FrameSourceHandler::setSubmitTime(data.packet, submitted);
     try {
       m_FrameSourceHandler->push(data);
@@ -76,19 +76,20 @@ class VideoSubSession : public ISubSession {
     m_MediaSession->signalNewFrame(m_Environment.GetTaskScheduler());
   }
 
- private:
-  static kv_status_stream descriptionOf(VideoCodecParameter const& parameter) {
-    kv_status_stream description{};
-    description.codec = parameter.m_DstCodecId;
-    description.width = parameter.m_DstWidth;
-    description.height = parameter.m_DstHeight;
-    description.source_width = parameter.m_SrcWidth;
-    description.source_height = parameter.m_SrcHeight;
-    description.frame_rate = parameter.m_FrameRate;
-    description.bitrate = parameter.m_Bitrate;
-    return description;
+  void status(kv_status_record& record) const override {
+    auto const& observer = m_FrameSourceHandler->observer();
+    record.viewers = observer.watching();
+    record.wanted = std::uint32_t{m_FrameSourceHandler->IsStreaming()} * KV_WANTS_FRAME |
+                    std::uint32_t{m_FrameSourceHandler->keyFrameRequest().isPending()} * KV_WANTS_KEY_FRAME;
+    record.offered = observer[Count::Offered];
+    record.encoded = observer[Count::Encoded];
+    record.unwatched = observer[Count::Unwatched];
+    record.failed = observer[Count::Failed];
+    record.sent_frames = observer[Count::SentFrames];
+    record.sent_bytes = observer[Count::SentBytes];
   }
 
+ private:
   std::shared_ptr<FrameSourceHandler> m_FrameSourceHandler;
   std::shared_ptr<Transcoder> m_Transcoder;
 };

@@ -11,7 +11,7 @@ namespace {
 
 template <class Function>
 int resultOf(Function const& function) {
-  return kavo::impl::resultOf(function, [](int, char const*) {});
+  return kavo::impl::resultOf(function, [](char const*) {});
 }
 
 }  // namespace

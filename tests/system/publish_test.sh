@@ -71,9 +71,9 @@ lines = [json.loads(line) for line in open(sys.argv[1])]
 assert [line["stream"] for line in lines[:2]] == ["green", "large"], "introduction"
 assert lines[1]["width"] == 1280 and lines[1]["codec"] == "jpeg" and lines[1]["url"].endswith("/large")
 green, large = lines[-2:]
-assert green["encoded"] >= 30 and green["offered"] == green["encoded"] + green["dropped"], "watched"
+assert green["encoded"] >= 30 and green["offered"] == green["encoded"] + green["unwatched"], "watched"
 assert any(line.get("viewers") == 1 for line in lines), "viewers"
-assert large["encoded"] == 0 and large["dropped"] == large["offered"] > 0, "not watched"
+assert large["encoded"] == 0 and large["unwatched"] == large["offered"] > 0, "not watched"
 EOF
 
 # A film from a telephone on its side, with pixels half as wide as high, is put right.

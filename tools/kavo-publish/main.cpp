@@ -11,7 +11,6 @@
 #include <thread>
 
 #include "options.h"
-#include "ownpage.h"
 #include "publication.h"
 #include "report.h"
 
@@ -47,7 +46,6 @@ bool anyRunning(std::deque<Publication> const& publications) {
 }
 
 void publish(Options const& options) {
-  OwnPage const page;
   kavo::Server server = serve(options);
   std::deque<Publication> publications;
   StopAtEnd const stopAtEnd;
@@ -70,13 +68,13 @@ void publish(Options const& options) {
       g_Stop = true;
     } else if (Clock::now() >= due) {
       due += interval;
-      report.status(publications, page.read().get());
+      report.status(publications);
     }
   }
   while (anyRunning(publications)) {
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
-  report.status(publications, page.read().get());
+  report.status(publications);
   for (Publication const& publication : publications) {
     publication.rethrow();
   }

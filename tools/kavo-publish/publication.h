@@ -32,6 +32,7 @@ class Publication {
   std::string const& name() const { return m_Name; }
   std::string const& source() const { return m_Source; }
   std::string url() const { return m_Session.url(); }
+  kavo::StreamStatus status() const { return m_Stream->status(); }
   CodecInfo const& codec() const { return *m_Codec; }
   Size size() const { return {m_Video.outputWidth, m_Video.outputHeight}; }
   double frameRate() const { return m_Input.frameRate(); }

@@ -2,12 +2,10 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <nlohmann/json.hpp>
-#include <utility>
 
 namespace {
 
@@ -48,71 +46,35 @@ void Report::introduce(std::deque<Publication> const& publications) {
   flush();
 }
 
-void Report::status(std::deque<Publication> const& publications, kv_status_page const* page) {
-  if (page == nullptr) {
-    return;
-  }
+void Report::status(std::deque<Publication> const& publications) {
   if (m_Terminal && m_Printed) {
     std::printf("\033[%zuA", publications.size());  // up, over what was printed last
   }
   for (Publication const& publication : publications) {
-    line(publication.name(), figuresOf(publication.name(), *page));
+    line(publication.name(), publication.status());
   }
   m_Printed = true;
   flush();
 }
 
-Report::Figures Report::figuresOf(std::string const& name, kv_status_page const& page) {
-  Figures figures;
-  for (unsigned index = 0; index < KV_STATUS_STREAMS; ++index) {
-    if (page.streams[index].codec == 0 || name != page.streams[index].name) {
-      continue;
-    }
-    figures.stream = page.streams[index];
-    for (kv_status_viewer const& viewer : page.viewers) {
-      bool const watches = viewer.state == KV_STATUS_AWAITING_KEY || viewer.state == KV_STATUS_PLAYING;
-      if (watches && viewer.stream == index) {
-        ++figures.viewers;
-        figures.loss = std::max(figures.loss, viewer.loss / 256.0);
-      }
-    }
-  }
-  kv_status_stream const before = std::exchange(m_Before[name], figures.stream);
-  if (figures.stream.encoded > before.encoded) {
-    figures.milliseconds = static_cast<double>(figures.stream.encoding - before.encoding) / 1e3 /
-                           static_cast<double>(figures.stream.encoded - before.encoded);
-  }
-  return figures;
-}
-
-void Report::line(std::string const& name, Figures const& figures) const {
-  kv_status_stream const& stream = figures.stream;
-  std::uint64_t const dropped = stream.dropped_unwatched + stream.dropped_full;
+void Report::line(std::string const& name, kavo::StreamStatus const& status) const {
   if (m_Json) {
     print({{"stream", name},
-           {"viewers", figures.viewers},
-           {"offered", stream.offered},
-           {"encoded", stream.encoded},
-           {"dropped", dropped},
-           {"skipped", stream.skipped},
-           {"loss", figures.loss},
-           {"milliseconds", figures.milliseconds}});
+           {"viewers", status.viewers},
+           {"offered", status.offered},
+           {"encoded", status.encoded},
+           {"unwatched", status.unwatched},
+           {"sent_frames", status.sentFrames},
+           {"sent_bytes", status.sentBytes}});
     return;
   }
-  auto const number = [](std::uint64_t count) { return static_cast<unsigned long long>(count); };
-  std::printf("%s: %u %s; %llu frames submitted, %llu encoded", name.c_str(), figures.viewers,
-              figures.viewers == 1 ? "viewer" : "viewers", number(stream.offered), number(stream.encoded));
-  if (figures.milliseconds > 0) {
-    std::printf(" (%.2f ms each)", figures.milliseconds);
-  }
-  std::printf(", %llu not watched", number(dropped));
-  if (stream.skipped > 0) {
-    std::printf(", %llu skipped by rate control", number(stream.skipped));
-  }
-  if (figures.loss > 0) {
-    std::printf(", %.1f %% of packets lost", figures.loss * 100);
-  }
-  std::printf("%s\n", m_Terminal ? "\033[K" : "");
+  auto const count = [](std::uint64_t number, char const* noun) {
+    return std::to_string(number) + " " + noun + (number == 1 ? "" : "s");
+  };
+  std::printf("%s: %s; %s submitted, %llu encoded, %llu not watched%s\n", name.c_str(),
+              count(status.viewers, "viewer").c_str(), count(status.offered, "frame").c_str(),
+              static_cast<unsigned long long>(status.encoded), static_cast<unsigned long long>(status.unwatched),
+              m_Terminal ? "\033[K" : "");
 }
 
 // Nobody reads what a full disk swallows: that ends the program, as a closed pipe does.

@@ -1,9 +1,8 @@
-// kavo-stat: what a host's library is doing, from its status page.
+// kavo-stat: what a host's library is doing, as its status server says.
 #include <kavo_stream.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -12,23 +11,16 @@
 #include <string>
 #include <thread>
 
+#include "asking.h"
 #include "output.h"
-#include "status/statusreader.h"
 
 namespace {
 
 struct Options {
-  std::string source;
+  std::string address = "127.0.0.1:9554";
   bool json = false;
-  bool prometheus = false;
   bool events = false;
 };
-
-std::string fileOf(std::string const& source) {
-  bool const isNumber =
-      !source.empty() && std::all_of(source.begin(), source.end(), [](char c) { return c >= '0' && c <= '9'; });
-  return isNumber && access(source.c_str(), F_OK) != 0 ? statusFileOf(std::atoi(source.c_str())) : source;
-}
 
 void print(std::string const& text) {
   if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() || std::fflush(stdout) != 0) {
@@ -36,44 +28,31 @@ void print(std::string const& text) {
   }
 }
 
-void pause() { std::this_thread::sleep_for(std::chrono::seconds(1)); }
-
-// Until the process ends.
-void follow(std::string const& file) {
+// Until the host ends.
+void follow(std::string const& address) {
   std::uint64_t number = 0;
-  while (true) {
-    auto const page = readStatus(file);
-    print(eventsAfter(*page, number));
-    if (!isRunning(*page)) {
-      return;
-    }
+  for (auto status = statusOf(address);; status = statusOf(address)) {
+    print(eventsAfter(status, number));
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
   }
 }
 
-void refresh(std::string const& file) {
+void refresh(std::string const& address) {
   while (true) {
-    auto const page = readStatus(file);
-    print("\033[H\033[J" + tableOf(*page));  // over what was there
-    if (!isRunning(*page)) {
-      return;
-    }
-    pause();
+    print("\033[H\033[J" + tableOf(statusOf(address)));  // over what was there
+    std::this_thread::sleep_for(std::chrono::seconds(1));
   }
 }
 
 void show(Options const& options) {
-  std::string const file = fileOf(options.source);
   if (options.events) {
-    follow(file);
+    follow(options.address);
   } else if (options.json) {
-    print(jsonOf(*readStatus(file)));
-  } else if (options.prometheus) {
-    print(metricsOf(*readStatus(file)));
+    print(ask(options.address, "/status.json"));
   } else if (isatty(STDOUT_FILENO) != 0) {
-    refresh(file);
+    refresh(options.address);
   } else {
-    print(tableOf(*readStatus(file)));
+    print(tableOf(statusOf(options.address)));
   }
 }
 
@@ -83,22 +62,19 @@ int main(int argc, char** argv) {
   Options options;
   CLI::App app(
       "Shows what a host of Kavo Stream is doing: its streams, who watches, what was lost.\n"
-      "The host has to be started with KAVO_STREAM_STATUS=FILE in its environment.",
+      "The host has to be started with KAVO_STREAM_STATUS=ADDRESS in its environment.",
       "kavo-stat");
   app.get_formatter()->column_width(22);
-  app.set_help_flag("-h,--help", "print this and end");
+  app.set_help_flag("-h,--help", "show this help and exit");
   app.set_version_flag("--version",
                        "kavo-stat " + std::to_string(KV_VERSION_MAJOR) + "." + std::to_string(KV_VERSION_MINOR) + "." +
                            std::to_string(KV_VERSION_PATCH),
-                       "print the version and end");
-  app.add_option("SOURCE", options.source, "the status page's file, or the host's process id")
-      ->required()
+                       "show the version and exit");
+  app.add_option("ADDRESS", options.address,
+                 "of the host's status server: HOST:PORT (127.0.0.1:9554)\nor a socket's path")
       ->type_name("");
-  auto* const json = app.add_flag("--json", options.json, "print one JSON object");
-  auto* const metrics = app.add_flag("--prometheus", options.prometheus, "print metrics in Prometheus' text format");
-  auto* const events = app.add_flag("--events", options.events, "print what happens, a line each, until the host ends");
-  json->excludes(metrics)->excludes(events);
-  metrics->excludes(events);
+  auto* const json = app.add_flag("--json", options.json, "print the status as JSON");
+  app.add_flag("--events", options.events, "print what happens, a line each, until the host ends")->excludes(json);
   try {
     app.parse(argc, argv);
     show(options);

@@ -1,17 +1,11 @@
-// What kavo-stat prints of a status page.
+// A status as text for people.
 #pragma once
 
-#include <kavo_status.h>
-
 #include <cstdint>
+#include <nlohmann/json.hpp>
 #include <string>
 
-// For people: a line a stream, and one for each of its viewers.
-std::string tableOf(kv_status_page const& page);
-// One JSON object.
-std::string jsonOf(kv_status_page const& page);
-// Prometheus' text format.
-std::string metricsOf(kv_status_page const& page);
+std::string tableOf(nlohmann::ordered_json const& status);
 
-// The events after that one, a line each; number becomes the newest one's.
-std::string eventsAfter(kv_status_page const& page, std::uint64_t& number);
+// The events behind the one of that number, a line each; the number becomes the last one's.
+std::string eventsAfter(nlohmann::ordered_json const& status, std::uint64_t& number);
