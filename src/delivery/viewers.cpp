@@ -72,6 +72,9 @@ Frame const* Viewers::play(Viewer& viewer) {
   FramePtr first = canBeginWithNewest(viewer) ? m_Newest : nullptr;
   // The key frame that it waits for may come behind frames that it does not get.
   viewer.setSequenceKnown(first || m_Stream.hasKeyFramesOnly() || m_LastSent == Clock::time_point{});
+  if (!first) {
+    m_Stream.wantKeyFrame(true);  // of the next frame that the host submits, be it at once
+  }
   viewer.setFirstFrame(std::move(first));
   return viewer.firstFrame();
 }
@@ -93,8 +96,6 @@ void Viewers::begin(Viewer& viewer) {
   if (auto const first = viewer.takeFirstFrame()) {
     viewer.send(first, Clock::now());
     m_Udp.flush();
-  } else {
-    m_Stream.wantKeyFrame(true);
   }
 }
 

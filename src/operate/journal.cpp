@@ -1,6 +1,7 @@
 #include "operate/journal.h"
 
 #include <chrono>
+#include <utility>
 
 #include "base/address.h"
 
@@ -22,7 +23,7 @@ double Journal::now() {
 void Journal::close() {
   m_IsOpen.store(false, std::memory_order_relaxed);
   MutexLock lock(m_Mutex);
-  m_Content = {};
+  auto const gone = std::exchange(m_Content, {});  // which keeps no memory, as an assignment would
   m_Refusers.clear();
   std::vector<StreamObserver*>(m_Streams).swap(m_Streams);
 }
@@ -33,7 +34,7 @@ Journal::Event* Journal::add(char const* kind, std::string_view stream, std::str
   events.push_back({m_LastNumber + 1, now(), kind, std::string(stream), std::string(address), std::string(text)});
   ++m_LastNumber;
   if (events.size() > mostEvents) {
-    events.pop_front();
+    events.erase(events.begin());
   }
   return &events.back();
 }

@@ -7,7 +7,6 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
-#include <deque>
 #include <map>
 #include <string>
 #include <string_view>
@@ -38,7 +37,7 @@ class Journal : NonCopyable {
     std::string text;
   };
   struct Content {
-    std::deque<Event> events;
+    std::vector<Event> events;
     Error lastError;
     std::array<std::uint64_t, 3> refused{};  // by Refusal
   };
