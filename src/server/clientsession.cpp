@@ -62,8 +62,8 @@ void ClientSession::noteProgress() {
 }
 
 bool ClientSession::isUnused() const {
-  constexpr auto patience = std::chrono::seconds(10);
-  return viewer() != nullptr && viewer()->state() == ViewerState::SetUp && Viewer::Clock::now() - m_Begin > patience;
+  constexpr auto longest = std::chrono::seconds(10);
+  return viewer() != nullptr && viewer()->state() == ViewerState::SetUp && Viewer::Clock::now() - m_Begin > longest;
 }
 
 bool ClientSession::probe() {

@@ -227,14 +227,6 @@ def pipelined_requests(host):
 ATTACKS = (descriptors_of_ghosts_and_connections, places_held_without_watching, pipelined_requests)
 
 
-def everything_at_once(host):
-    threads = [threading.Thread(target=attack, args=(host,)) for attack in ATTACKS]
-    for thread in threads:
-        thread.start()
-    for thread in threads:
-        thread.join()
-
-
 def attacks():
     for attack in ATTACKS:
         with Host() as host:
