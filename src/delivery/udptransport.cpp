@@ -28,7 +28,7 @@ UdpTransport::UdpTransport(UdpFanout& fanout, sockaddr_storage const& address, s
 
 UdpTransport::~UdpTransport() {
   eventLoopRole.assertHeld();
-  cancel();
+  m_Fanout.cancel(*this);
 }
 
 void UdpTransport::sendReport(std::span<std::uint8_t const> report) {

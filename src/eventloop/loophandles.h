@@ -60,7 +60,8 @@ class SocketWatch : LoopHandle<int> {
 
   // Throws when the socket cannot be watched.
   void start(int conditions) KAVO_REQUIRES(eventLoopRole) {
-    m_Scheduler.setBackgroundHandling(m_Socket, conditions, ready, this);
+    // The analyzer does not follow the scheduler through the base class.
+    m_Scheduler.setBackgroundHandling(m_Socket, conditions, ready, this);  // NOLINT(clang-analyzer-core.CallAndMessage)
     if (m_Socket >= 0 && !m_Scheduler.isWatched(m_Socket)) {
       throw StreamException("Socket cannot be watched", ErrorResource);
     }
@@ -80,7 +81,7 @@ class SocketWatch : LoopHandle<int> {
 class EventTrigger : LoopHandle<>, LoopCall {
  public:
   EventTrigger(TaskScheduler& scheduler, std::function<void()> function) : LoopHandle(scheduler, std::move(function)) {}
-  ~EventTrigger() { m_Scheduler.withdraw(*this); }
+  ~EventTrigger() override { m_Scheduler.withdraw(*this); }
 
   // Any thread. Calls coalesce until the function runs, so it must look at what
   // there is to do and not count the calls.

@@ -59,7 +59,7 @@ void Journal::refused(Refusal refusal, sockaddr_storage const& address, char con
     ++m_Content.refused[static_cast<std::size_t>(refusal)];
     auto& events = m_Content.events;
     std::uint64_t const oldest = m_LastNumber - events.size() + 1;
-    std::erase_if(m_Refusers, [&](auto const& entry) {
+    std::erase_if(m_Refusers, [&](auto const& entry) KAVO_REQUIRES(m_Mutex) {
       return entry.second < oldest || now() - events[entry.second - oldest].time > refusalPeriod;
     });
     std::string text = textOf(address);

@@ -246,7 +246,7 @@ Policy readPolicy(std::string const& file) {
     fill(policy, Value(file, "", root));
     auto const own = localAddress(policy.delivery.address.find(':') == std::string::npos ? AF_INET : AF_INET6,
                                   policy.delivery.address);
-    if (!policy.delivery.address.empty() && !policy.allows(*own)) {
+    if (!policy.delivery.address.empty() && own && !policy.allows(*own)) {
       throw PolicyError(file + ":" + std::to_string(root["access"]["allow"].node()->source().begin.line) +
                         ": access.allow shuts out server.address, " + policy.delivery.address +
                         ": nobody can connect, not even from this machine");

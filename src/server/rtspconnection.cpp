@@ -44,8 +44,12 @@ RtspConnection::RtspConnection(RtspServer& server, UniqueFd clientSocket, Descri
       m_Server(server),
       m_Descriptor(std::move(share)),
       m_Watch(envir().taskScheduler(), fOurSocket,
-              [this](int conditions) KAVO_REQUIRES(eventLoopRole) { guarded([&] { handleSocket(conditions); }); }),
-      m_NextTurn(envir().taskScheduler(), [this]() KAVO_REQUIRES(eventLoopRole) { guarded([&] { handleAll(); }); }),
+              [this](int conditions) KAVO_REQUIRES(eventLoopRole) {
+                guarded([&]() KAVO_REQUIRES(eventLoopRole) { handleSocket(conditions); });
+              }),
+      m_NextTurn(envir().taskScheduler(),
+                 [this]()
+                     KAVO_REQUIRES(eventLoopRole) { guarded([&]() KAVO_REQUIRES(eventLoopRole) { handleAll(); }); }),
       m_Writer(std::make_shared<InterleavedWriter>(envir().taskScheduler(), fOurSocket,
                                                    [this](bool wanted) KAVO_REQUIRES(eventLoopRole) {
                                                      m_WantsToWrite = wanted;
@@ -167,7 +171,14 @@ RtspConnection::Next RtspConnection::handleNext() {
     case RequestReader::Item::Request: {
       auto const alive = m_Alive;
       handleRequest();
-      return *alive ? Next::Item : Next::Gone;
+      if (!*alive) {
+        return Next::Gone;
+      }
+      if (m_WrongPasswords < mostWrongPasswords) {
+        return Next::Item;
+      }
+      delete this;
+      return Next::Gone;
     }
     case RequestReader::Item::Malformed:
       answer("400 Bad Request");
@@ -199,15 +210,11 @@ void RtspConnection::handleRequest() {
   resetRequestBuffer();
   std::memcpy(fRequestBuffer, text.data(), text.size());
   auto& server = m_Server;
-  auto const alive = m_Alive;
   auto const address = fClientAddr;
   handleRequestBytes(static_cast<int>(text.size()));
   server.removeFailedSession();
   if (auto* const playing = request.method == "PLAY" ? server.sessionOf(request.session, address) : nullptr) {
     playing->begin();
-  }
-  if (*alive && m_WrongPasswords >= mostWrongPasswords) {
-    delete this;
   }
 }
 

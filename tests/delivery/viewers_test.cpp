@@ -283,7 +283,7 @@ TEST_F(ViewersTest, TheRoundTripIsWithoutTheTimeThatTheReceiverTook) {
   report = {0x81, 201, 0, 7, 0, 0, 0, 9, 0, 0, 0, 3};
   report.resize(32);
   for (int i = 0; i < 4; ++i) {
-    report[static_cast<std::size_t>(24 + i)] = static_cast<std::uint8_t>(lastReport >> 8 * (3 - i));
+    report[24 + static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(lastReport >> 8 * (3 - i));
   }
   report[30] = 0x40;  // 0.25 s
   reporter.handle(viewer, report);
