@@ -56,6 +56,33 @@ TEST(PublicLayer, AServerThatWasMovedEndsOnce) {
   EXPECT_NO_THROW(serve());
 }
 
+TEST(PublicLayer, WhatBelongedToAServerThatEndedTouchesNoOther) {
+  kavo::VideoOptions const video{.width = 64, .height = 48, .codec = kavo::Codec::Jpeg};
+  auto const isUnknown = [](auto const& function) {
+    try {
+      function();
+    } catch (kavo::Error const& error) {
+      return error.result() == KV_UNKNOWN;
+    }
+    return false;
+  };
+  std::optional<kavo::Server> server(serve());
+  std::optional<kavo::Session> old(server->createSession("a"));
+  kavo::Stream oldStream = old->createStream(video);
+  std::vector<char> const frame(oldStream.frameSize());
+  server.reset();
+  server.emplace(serve());
+  // With the handles that the old ones had.
+  kavo::Session session = server->createSession("a");
+  kavo::Stream stream = session.createStream(video);
+  EXPECT_TRUE(isUnknown([&] { oldStream.submit(frame.data(), frame.size()); }));
+  EXPECT_TRUE(isUnknown([&] { oldStream.status(); }));
+  EXPECT_TRUE(isUnknown([&] { old->createStream(video); }));
+  old.reset();
+  EXPECT_NO_THROW(stream.submit(frame.data(), frame.size()));
+  EXPECT_EQ(stream.status().offered, 1U);
+}
+
 TEST(PublicLayer, ARefusedSizeComesWithTheNearestThatWouldDo) {
   kavo::Server server = serve();
   kavo::Session session = server.createSession("a");
