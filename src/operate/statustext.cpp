@@ -14,7 +14,6 @@ namespace kavo::impl {
 
 namespace {
 
-using Json = nlohmann::ordered_json;
 constexpr char const* states[] = {"set up", "joining", "awaiting key frame", "playing", "paused"};
 constexpr double clockRate = 90;  // of RTP time, per millisecond
 
@@ -50,45 +49,86 @@ double ageOf(StreamObserver const& stream) {
                 : std::numeric_limits<double>::quiet_NaN();
 }
 
-Json jsonOf(ViewerFigures const& viewer) {
+template <class Value>
+std::string jsonOf(Value const& value) {
+  return nlohmann::json(value).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+// An object or array as JSON. The library's own ones allocate memory while they are destroyed,
+// so a process that has none ends there; its texts and numbers do not.
+class JsonText {
+ public:
+  explicit JsonText(char const (&brackets)[3]) : m_End(brackets[1]), m_Text(1, brackets[0]) {}
+
+  // An item that is JSON already.
+  JsonText& item(std::string const& json) {
+    m_Text += m_Text.size() > 1 ? "," + json : json;
+    return *this;
+  }
+  JsonText& member(char const* name, JsonText const& value) { return item(jsonOf(name) + ":" + value.text()); }
+  template <class Value>
+  JsonText& member(char const* name, Value const& value) {
+    return item(jsonOf(name) + ":" + jsonOf(value));
+  }
+  std::string text() const { return m_Text + m_End; }
+
+ private:
+  char const m_End;
+  std::string m_Text;
+};
+
+JsonText textOf(ViewerFigures const& viewer) {
   auto const& reception = viewer.reception;
-  return {
-      {"address", viewer.address},
-      {"transport", viewer.overUdp ? "udp" : "tcp"},
-      {"state", states[static_cast<int>(viewer.state)]},
-      {"user", viewer.user},
-      {"since", viewer.since},
-      {"frames_sent", viewer.framesSent},
-      {"frames_dropped", viewer.framesDropped},
-      {"bytes_sent", viewer.bytesSent},
-      {"loss", lossOf(reception)},
-      {"packets_lost", reception.packetsLost},
-      {"jitter_ms", reception.jitter / clockRate},
-      {"round_trip_ms", reception.roundTrip ? Json(static_cast<double>(reception.roundTrip->count()) / 1000) : Json()},
-      {"max_packet", viewer.maxPacket}};
+  // What is not a number is null.
+  double const roundTrip = reception.roundTrip ? static_cast<double>(reception.roundTrip->count()) / 1000
+                                               : std::numeric_limits<double>::quiet_NaN();
+  return JsonText("{}")
+      .member("address", viewer.address)
+      .member("transport", viewer.overUdp ? "udp" : "tcp")
+      .member("state", states[static_cast<int>(viewer.state)])
+      .member("user", viewer.user)
+      .member("since", viewer.since)
+      .member("frames_sent", viewer.framesSent)
+      .member("frames_dropped", viewer.framesDropped)
+      .member("bytes_sent", viewer.bytesSent)
+      .member("loss", lossOf(reception))
+      .member("packets_lost", reception.packetsLost)
+      .member("jitter_ms", reception.jitter / clockRate)
+      .member("round_trip_ms", roundTrip)
+      .member("max_packet", viewer.maxPacket);
 }
 
-Json jsonOf(StreamObserver const& stream) {
+JsonText textOf(StreamObserver const& stream) {
   auto const& [name, codec, width, height] = stream.description();
-  Json json = {
-      {"name", name}, {"codec", codec == KV_CODEC_H264 ? "h264" : "jpeg"}, {"width", width}, {"height", height}};
+  JsonText text("{}");
+  text.member("name", name)
+      .member("codec", codec == KV_CODEC_H264 ? "h264" : "jpeg")
+      .member("width", width)
+      .member("height", height);
   for (auto const& count : counts) {
-    json[count.name] = stream[count.count];
+    text.member(count.name, stream[count.count]);
   }
-  json["newest_age_ms"] = 1000 * ageOf(stream);  // null where it is not a number
-  json["viewers"] = Json::array();
+  JsonText viewers("[]");
   for (ViewerObserver const* const viewer : stream.viewers()) {
-    json["viewers"].push_back(jsonOf(viewer->figures()));
+    viewers.item(textOf(viewer->figures()).text());
   }
-  return json;
+  return text.member("newest_age_ms", 1000 * ageOf(stream)).member("viewers", viewers);
 }
 
-// A text as the value of a label, in UTF-8.
-std::string labelOf(std::string const& text) { return Json(text).dump(-1, ' ', false, Json::error_handler_t::replace); }
+JsonText textOf(Journal::Event const& event) {
+  std::string const times = event.times > 1 ? " (" + std::to_string(event.times) + " times)" : "";
+  return JsonText("{}")
+      .member("number", event.number)
+      .member("time", event.time)
+      .member("kind", event.kind)
+      .member("stream", event.stream)
+      .member("address", event.address)
+      .member("text", event.text + times);
+}
 
 template <class Number>
 std::string valueOf(Number value) {
-  return value != value ? "NaN" : Json(value).dump();
+  return value != value ? "NaN" : jsonOf(value);
 }
 
 class Metrics {
@@ -107,7 +147,7 @@ class Metrics {
   void perStream(char const* name, char const* type, char const* help, Value const& value) {
     family(name, type, help);
     g_Journal->forEachStream(
-        [&](StreamObserver const& stream) { sample(value(stream), "stream=" + labelOf(stream.description().name)); });
+        [&](StreamObserver const& stream) { sample(value(stream), "stream=" + jsonOf(stream.description().name)); });
   }
   std::string take() { return std::move(m_Text); }
 
@@ -121,38 +161,38 @@ class Metrics {
 
 std::string statusAsJson(ServerFigures const& server) {
   auto const journal = g_Journal->content();
-  Json streams = Json::array();
-  g_Journal->forEachStream([&](StreamObserver const& stream) { streams.push_back(jsonOf(stream)); });
-  Json events = Json::array();
+  JsonText streams("[]");
+  g_Journal->forEachStream([&](StreamObserver const& stream) { streams.item(textOf(stream).text()); });
+  JsonText events("[]");
   for (auto const& event : journal.events) {
-    std::string const times = event.times > 1 ? " (" + std::to_string(event.times) + " times)" : "";
-    events.push_back({{"number", event.number},
-                      {"time", event.time},
-                      {"kind", event.kind},
-                      {"stream", event.stream},
-                      {"address", event.address},
-                      {"text", event.text + times}});
+    events.item(textOf(event).text());
   }
-  Json const all = {
-      {"pid", getpid()},
-      {"version", version()},
-      {"port", server.port},
-      {"started", server.started},
-      {"time", Journal::now()},
-      {"connections", server.connections},
-      {"sessions", server.sessions},
-      {"refused", {{"address", journal.refused[0]}, {"limit", journal.refused[1]}, {"user", journal.refused[2]}}},
-      {"last_error", {{"time", journal.lastError.time}, {"text", journal.lastError.text}}},
-      {"streams", std::move(streams)},
-      {"events", std::move(events)}};
-  return all.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+  auto const refused = JsonText("{}")
+                           .member("address", journal.refused[0])
+                           .member("limit", journal.refused[1])
+                           .member("user", journal.refused[2]);
+  auto const lastError = JsonText("{}").member("time", journal.lastError.time).member("text", journal.lastError.text);
+  return JsonText("{}")
+             .member("pid", getpid())
+             .member("version", version())
+             .member("port", server.port)
+             .member("started", server.started)
+             .member("time", Journal::now())
+             .member("connections", server.connections)
+             .member("sessions", server.sessions)
+             .member("refused", refused)
+             .member("last_error", lastError)
+             .member("streams", streams)
+             .member("events", events)
+             .text() +
+         "\n";
 }
 
 std::string statusAsMetrics(ServerFigures const& server) {
   auto const journal = g_Journal->content();
   Metrics metrics(server.port);
   metrics.family("info", "gauge", "Version of the library.");
-  metrics.sample(1, "version=" + labelOf(version()));
+  metrics.sample(1, "version=" + jsonOf(version()));
   metrics.family("start_time_seconds", "gauge", "When the server was started, since 1970.");
   metrics.sample(server.started);
   metrics.family("connections", "gauge", "RTSP connections.");
@@ -162,7 +202,7 @@ std::string statusAsMetrics(ServerFigures const& server) {
   metrics.family("refused_total", "counter", "Connections and requests that were refused.");
   for (auto const& [reason, count] : {std::pair("address", journal.refused[0]), std::pair("limit", journal.refused[1]),
                                       std::pair("user", journal.refused[2])}) {
-    metrics.sample(count, "reason=" + labelOf(reason));
+    metrics.sample(count, "reason=" + jsonOf(reason));
   }
   if (journal.lastError.time > 0) {
     metrics.family("last_error_seconds", "gauge", "Seconds since a command of the host failed.");
@@ -177,7 +217,7 @@ std::string statusAsMetrics(ServerFigures const& server) {
       auto const count = std::ranges::count_if(
           stream.viewers(), [&](auto const* viewer) { return viewer->figures().overUdp == overUdp; });
       metrics.sample(count,
-                     "stream=" + labelOf(stream.description().name) + ",transport=" + labelOf(overUdp ? "udp" : "tcp"));
+                     "stream=" + jsonOf(stream.description().name) + ",transport=" + jsonOf(overUdp ? "udp" : "tcp"));
     }
   });
   metrics.perStream("viewer_loss_ratio_max", "gauge", "Packet loss of the viewer that loses most.",

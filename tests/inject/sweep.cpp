@@ -6,6 +6,7 @@
 #include <dlfcn.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,6 +16,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <random>
 #include <string>
@@ -41,6 +43,10 @@ int library(int command, void* param, int size) {
 }
 
 constexpr unsigned limitSeconds = 60;
+
+std::string g_Folder;  // of the policy and the sockets
+
+std::string statusSocket(pid_t process) { return g_Folder + "/" + std::to_string(process); }
 
 // How often a command or a viewer is tried again; more only where more calls than that fail.
 long g_MaxTries = 40;
@@ -121,6 +127,28 @@ void requireService(std::uint32_t port, std::vector<Stream>& streams, std::strin
   std::_Exit(6);
 }
 
+// The host's status as JSON; empty where it does not answer.
+std::string status() {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::string const name = statusSocket(getpid());
+  std::strncpy(address.sun_path, name.c_str(), sizeof address.sun_path - 1);
+  int const socket = ::socket(AF_UNIX, SOCK_STREAM, 0);
+  timeval const longest{.tv_sec = 2, .tv_usec = 0};
+  setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &longest, sizeof longest);
+  std::string answer;
+  std::string const request = "GET /status.json HTTP/1.0\r\nHost: localhost\r\n\r\n";
+  if (connect(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+      write(socket, request.data(), request.size()) > 0) {
+    char block[4096];
+    for (ssize_t size = 0; (size = read(socket, block, sizeof block)) > 0;) {
+      answer.append(block, static_cast<std::size_t>(size));
+    }
+  }
+  close(socket);
+  return answer;
+}
+
 // All commands, with viewers that come, stay and go; strict: everything must work.
 void script(std::uint32_t port, bool strict) {
   auto const require = [=](bool condition, char const* what) {
@@ -140,6 +168,7 @@ void script(std::uint32_t port, bool strict) {
     require(tcp.play(url), "no viewer over TCP");
     require(udp.playOverUdp(url), "no viewer over UDP");
     submit(streams, 10);
+    require(status().find("\"playing\"") != std::string::npos, "no status");
     require(tcp.hasPacket() && udp.hasPacket(), "no frame");
     tcp.sendReport();
     udp.sendReport();
@@ -216,6 +245,7 @@ int main(int argc, char** argv) {
   }
   std::string const mode = argv[2];
   if (mode == "one") {
+    g_Folder = std::filesystem::path(std::getenv("KAVO_STREAM_STATUS")).parent_path();
     return runOne(argv[1], argv[3], std::atol(argv[4]), std::atol(argv[5]));
   }
   std::vector<std::string> functions = {"malloc",   "calloc",       "realloc",        "posix_memalign", "socket",
@@ -225,6 +255,13 @@ int main(int argc, char** argv) {
   if (argc > 3) {
     functions = {argv[3]};
   }
+  // Hosts read a policy and answer who asks.
+  char folder[] = "/tmp/inject_XXXXXX";
+  g_Folder = mkdtemp(folder);
+  std::string const policy = g_Folder + "/policy.toml";
+  std::ofstream(policy) << "[access]\nallow = [\"127.0.0.0/8\"]\n[server]\nmax_viewers = 100\n";
+  setenv("KAVO_STREAM_CONFIG", policy.c_str(), 1);
+  setenv("KAVO_STREAM_STATUS", (g_Folder + "/%p").c_str(), 1);
   auto const end = Clock::now() + std::chrono::seconds(mode == "all" ? 1000000 : std::atol(mode.c_str()));
   std::mt19937 random(static_cast<unsigned>(std::time(nullptr)));
   int runs = 0;
@@ -250,6 +287,7 @@ int main(int argc, char** argv) {
       break;
     }
   }
+  std::filesystem::remove_all(g_Folder);
   std::printf("%d runs, %d failed\n", runs, failed);
   return failed == 0 && runs > 0 ? 0 : 1;
 }
