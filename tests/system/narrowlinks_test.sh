@@ -35,16 +35,23 @@ counter() {
 }
 fragments() { counter snmp Ip FragCreates; }
 
-# packet_size: the mean size of what arrives here over UDP, of the next 300 datagrams.
+# arrived: the datagrams that have come in here, and their octets, read at one moment.
+arrived() {
+  awk '$1 == was { for (i = 2; i <= NF; ++i) value[was name[i]] = $i; was = ""; next }
+       { was = $1; split($0, name) }
+       END { print value["Udp:InDatagrams"], value["IpExt:InOctets"] }' /proc/net/snmp /proc/net/netstat
+}
+
+# packet_size: the mean size of what arrives here over UDP, of the next 1,000 datagrams.
 packet_size() {
-  local count octets next=0
-  count=$(counter snmp Udp InDatagrams)
-  octets=$(counter netstat IpExt InOctets)
-  until [ $next -ge $((count + 300)) ]; do
+  local first octets next last
+  read -r first octets < <(arrived)
+  next=$first
+  until [ "$next" -ge $((first + 1000)) ]; do
     sleep 0.02
-    next=$(counter snmp Udp InDatagrams)
+    read -r next last < <(arrived)
   done
-  echo $((($(counter netstat IpExt InOctets) - octets) / (next - count)))
+  echo $(((last - octets) / (next - first)))
 }
 
 # play ADDRESS NAME PLAYER_ARGUMENT...: over UDP, to a file. Not decoded while it
@@ -101,10 +108,10 @@ watch() {
 regrow() {
   start "$@"
   rm -f "$work"/*.mkv
-  play 127.0.0.1 near -frames:v 120 &
+  play 127.0.0.1 near -frames:v 300 &
   local near=$!
   playing near $near
-  play_far 40 &
+  play_far 120 &
   local far_player=$!
   playing far $far_player
   local shared alone
@@ -140,7 +147,8 @@ for codec in jpeg h264; do
 done
 
 mtu 1280
-regrow --codec jpeg --size 640x480 --bitrate 8M
+# Of many packets a frame, so that the last one's size does not matter.
+regrow --codec jpeg --size 1280x720 --bitrate 20M
 
 # noise SIZE BYTES RATE: a film of JPEG frames of about so many bytes.
 noise() {
@@ -187,7 +195,7 @@ KAVO_STREAM_CONFIG=$work/policy.toml watch far "${film[@]}"
 # Of many viewers behind one address each gets its frames, though the burst would not hold
 # a packet for each.
 tc qdisc del dev near root
-noise 192x160 25000 25
+noise 192x160 25000 10
 KAVO_STREAM_CONFIG=$work/policy.toml start "${film[@]}"
 play_all 10 kavo kavo kavo kavo kavo kavo kavo kavo kavo kavo
 stop
