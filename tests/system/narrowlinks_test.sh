@@ -195,7 +195,7 @@ KAVO_STREAM_CONFIG=$work/policy.toml watch far "${film[@]}"
 # Of many viewers behind one address each gets its frames, though the burst would not hold
 # a packet for each.
 tc qdisc del dev near root
-noise 192x160 25000 10
+noise 192x160 25000 25
 KAVO_STREAM_CONFIG=$work/policy.toml start "${film[@]}"
 play_all 10 kavo kavo kavo kavo kavo kavo kavo kavo kavo kavo
 stop
