@@ -57,7 +57,13 @@ for method in "PLAY", "PAUSE", "TEARDOWN", "GET_PARAMETER":
 PY
 
 # What kavo-stat says of all that, and anybody else who may ask.
-"$stat" --json "$KAVO_STREAM_STATUS" >"$work/json"
+# Asked again where a frame was being encoded just then: it is offered, and nothing else yet.
+for _ in {1..50}; do
+  "$stat" --json "$KAVO_STREAM_STATUS" >"$work/json"
+  python3 -c 'import json, sys
+stream, = json.load(open(sys.argv[1]))["streams"]
+sys.exit(stream["offered"] != sum(stream[k] for k in ("encoded", "unwatched", "queue_full", "skipped")))' "$work/json" && break
+done
 python3 - "$work/json" "$pid" "$port" <<'PY' || die "$(cat "$work/json")"
 import json, sys
 status = json.load(open(sys.argv[1]))
