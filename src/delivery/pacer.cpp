@@ -77,7 +77,8 @@ std::size_t Pacer::Path::room(Clock::time_point now) const {
 
 std::chrono::microseconds Pacer::Path::until(std::size_t bytes, Clock::time_point now) const {
   double const limit = burst() * 2 / 3;
-  double const excess = queued(now) + std::min(static_cast<double>(bytes), limit) - limit;
+  // Of more than half, the link would idle where this thread wakes late.
+  double const excess = queued(now) + std::min(static_cast<double>(bytes), limit / 2) - limit;
   return std::chrono::microseconds(static_cast<std::int64_t>(std::ceil(std::max(0.0, excess) / rate())));
 }
 

@@ -13,11 +13,38 @@ namespace kavo::impl {
 
 namespace {
 
-// What is worth a system call for every viewer.
+// Bytes that are worth a system call for every viewer.
 constexpr std::size_t smallestBurst = 16384;
 constexpr std::chrono::microseconds leastWait{100};
 
 }  // namespace
+
+void PacedFrame::advance(std::size_t packets, std::size_t toTakers) {
+  taker += toTakers;
+  if (taker >= takers.size()) {
+    taker = 0;
+    next += packets;
+  }
+}
+
+bool PacedFrame::remove(UdpTransport const& to) {
+  auto const place = std::ranges::find(takers, &to);
+  if (place == takers.end()) {
+    return false;
+  }
+  taker -= place - takers.begin() < static_cast<std::ptrdiff_t>(taker) ? 1 : 0;
+  takers.erase(place);
+  if (taker > 0) {
+    advance(1, 0);
+  }
+  return true;
+}
+
+void PacedFrame::clear() {
+  frame.reset();
+  takers.clear();
+  next = taker = 0;
+}
 
 bool UdpFanout::Burst::operator<(Burst const& other) const {
   return std::tie(frame, first, last, family) < std::tie(other.frame, other.first, other.last, other.family);
@@ -96,18 +123,20 @@ Transport::Outcome UdpFanout::add(UdpTransport& to, FramePtr const& frame, Clock
   return {.accepted = true, .dropped = path.hasReplaced ? 1U : 0U};
 }
 
-// All of a large frame at once would overflow the buffers along the path.
+// All of a large frame at once would overflow the buffers along the path. Where the room is
+// too small for a packet to each of many viewers, they get it one after the other.
 UdpFanout::Burst UdpFanout::burstOn(UdpPath& path, Clock::time_point now) {
   PacedFrame const& current = path.current;
   FramePackets const& packets = current.frame->packets;
   int const family = current.takers.front()->address().ss_family;
   Burst burst{&path, current.frame.get(), family, current.next, current.next};
-  bool const atOnce = path.pace->takesAtOnce(packets.bytes());
-  std::size_t const room = atOnce ? packets.bytes() : path.pace->room(now) / current.takers.size();
-  // Of many viewers behind one address each gets a packet at a time.
+  std::size_t const room =
+      path.pace->takesAtOnce(packets.bytes()) ? packets.bytes() * current.takers.size() : path.pace->room(now);
   std::size_t const least = path.pace->isIdle(now) ? 1 : 0;
-  while (burst.last < packets.count() &&
-         (burst.bytes + packets.size(burst.last) <= room || burst.last - burst.first < least)) {
+  burst.takers = std::min(std::max(room / packets.size(current.next), least), current.takers.size() - current.taker);
+  while (burst.takers > 0 && burst.last < packets.count() &&
+         (burst.last == burst.first ||
+          (burst.takers == current.takers.size() && (burst.bytes + packets.size(burst.last)) * burst.takers <= room))) {
     burst.bytes += packets.size(burst.last++);
   }
   return burst;
@@ -140,7 +169,8 @@ void UdpFanout::send(std::span<Burst const> bursts) {
   if (all.last > all.first) {
     m_Destinations.clear();
     for (Burst const& burst : bursts) {
-      for (UdpTransport* const taker : burst.path->current.takers) {
+      PacedFrame const& current = burst.path->current;
+      for (UdpTransport* const taker : std::span(current.takers).subspan(current.taker, burst.takers)) {
         m_Destinations.push_back(&taker->destination());
       }
     }
@@ -157,18 +187,17 @@ void UdpFanout::send(std::span<Burst const> bursts) {
 void UdpFanout::advance(Burst const& burst, Clock::time_point now) {
   UdpPath& path = *burst.path;
   PacedFrame& current = path.current;
-  std::size_t const takers = current.takers.size();
-  path.pace->sent(burst.bytes * takers, (burst.last - burst.first) * takers, now);
-  current.next = burst.last;
-  std::erase_if(current.takers, [](UdpTransport* taker) { return taker->destination().exceedsMtu; });
-  FramePackets const& packets = burst.frame->packets;
-  if (current.next == packets.count() || current.takers.empty()) {
+  std::size_t const packetCount = burst.last - burst.first;
+  path.pace->sent(burst.bytes * burst.takers, packetCount * burst.takers, now);
+  current.advance(packetCount, burst.takers);
+  if (current.isDone()) {
     current.clear();
     std::swap(current, path.waiting);
     path.due = now;
   } else {
+    FramePackets const& packets = burst.frame->packets;
     std::size_t const bytes = packets.bytes() * (packets.count() - current.next) / packets.count();
-    path.due = now + path.pace->until(std::min(smallestBurst, bytes) * takers, now);
+    path.due = now + path.pace->until(std::min(smallestBurst, bytes) * current.takers.size(), now);
   }
 }
 
@@ -196,7 +225,7 @@ void UdpFanout::cancel(UdpTransport& to) {
   UdpPath& path = to.path();
   std::erase(m_Exceeding, &to);
   for (PacedFrame* const frame : {&path.waiting, &path.current}) {
-    if (std::erase(frame->takers, &to) > 0 && frame->takers.empty()) {
+    if (frame->remove(to) && frame->isDone()) {
       frame->clear();
     }
   }

@@ -24,14 +24,14 @@ namespace kavo::impl {
 struct PacedFrame {
   FramePtr frame;  // null: none
   std::vector<UdpTransport*> takers;
-  std::size_t next = 0;  // packet
+  std::size_t next = 0;   // packet
+  std::size_t taker = 0;  // the first one that has not got this packet
 
+  bool isDone() const { return takers.empty() || next == frame->packets.count(); }
+  void advance(std::size_t packets, std::size_t toTakers);
+  bool remove(UdpTransport const& to);
   // Keeps the room of the list.
-  void clear() {
-    frame.reset();
-    takers.clear();
-    next = 0;
-  }
+  void clear();
 };
 
 // One stream's path to one address, with what is on its way there.
@@ -86,14 +86,15 @@ class UdpFanout : NonCopyable {
     UdpPorts ports;
     SocketWatch rtcp;
   };
-  // What may leave now on a path.
+  // What may leave now on a path: packets to all takers, or one packet to some.
   struct Burst {
     UdpPath* path;
     Frame* frame;
     int family;
     std::size_t first;
     std::size_t last;
-    std::size_t bytes = 0;
+    std::size_t bytes = 0;  // to each
+    std::size_t takers = 0;
 
     bool leavesWith(Burst const& other) const {
       return frame == other.frame && first == other.first && last == other.last && family == other.family;

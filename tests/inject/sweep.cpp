@@ -139,7 +139,7 @@ std::string status() {
   std::string answer;
   std::string const request = "GET /status.json HTTP/1.0\r\nHost: localhost\r\n\r\n";
   if (connect(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-      write(socket, request.data(), request.size()) > 0) {
+      send(socket, request.data(), request.size(), MSG_NOSIGNAL) > 0) {
     char block[4096];
     for (ssize_t size = 0; (size = read(socket, block, sizeof block)) > 0;) {
       answer.append(block, static_cast<std::size_t>(size));
