@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <limits>
 #include <numeric>
 
 #include "base/streamexception.h"
@@ -30,8 +31,10 @@ OpenH264Encoder::OpenH264Encoder(VideoCodecParameter const& parameter)
   setOption(ENCODER_OPTION_TRACE_LEVEL, WELS_LOG_QUIET);
   initialize();
   setOption(ENCODER_OPTION_DATAFORMAT, videoFormatI420);
-  setOption(ENCODER_OPTION_IDR_INTERVAL, 2 * m_Parameter.m_FrameRate);
+  setOption(ENCODER_OPTION_IDR_INTERVAL, 2 * std::min(m_Parameter.m_FrameRate, std::numeric_limits<int>::max() / 2));
   setOption(ENCODER_OPTION_RC_FRAME_SKIP, 1);
+  // Otherwise each key frame has sets of its own, and the description's are those of the first alone.
+  setOption(ENCODER_OPTION_SPS_PPS_ID_STRATEGY, CONSTANT_ID);
   allocFrame();
 }
 

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "codec/encoding.h"
 #include "rtp/nalunits.h"
 
@@ -35,6 +37,7 @@ TEST(OpenH264Encoder, ReadsNothingBehindTheFrame) { expectReadsNothingBehindTheF
 TEST(OpenH264Encoder, BeginsWithParameterSetsAndRepeatsThemEveryTwoSeconds) {
   auto const parameter = parameters(28, 0, 320, 240, 320, 240);
   Transcoder transcoder(&parameter);
+  auto const described = transcoder.parameterSets();
   for (int i = 0; i < 110; ++i) {
     auto const frame = encoded(transcoder, movingFrame(i).data());
     if (frame.bytes.empty()) {
@@ -43,6 +46,9 @@ TEST(OpenH264Encoder, BeginsWithParameterSetsAndRepeatsThemEveryTwoSeconds) {
     EXPECT_EQ(nalTypes(frame.bytes), i % 50 == 0 ? keyFrame : otherFrame) << i;
     EXPECT_EQ(frame.key, i % 50 == 0) << i;
     EXPECT_NE(frame.bytes[0], 0) << "a start code in front of frame " << i;
+    if (frame.key) {
+      EXPECT_TRUE(std::equal(described.begin() + 4, described.end(), frame.bytes.begin())) << "others than described";
+    }
   }
 }
 
