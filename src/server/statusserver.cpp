@@ -29,6 +29,9 @@ constexpr std::chrono::seconds timeLimit{5};
 // Errno says why there is none.
 UniqueFd listenAt(sockaddr const* address, socklen_t size) {
   UniqueFd socket(::socket(address->sa_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  if (socket.get() < 0) {
+    return socket;
+  }
   int const on = 1;
   setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   bool const isReady = fchmod(socket.get(), 0600) == 0 && bind(socket.get(), address, size) == 0 &&
