@@ -1,5 +1,6 @@
-// A camera read directly: the driver's buffers are handed over where they lie,
-// converted only if the camera gives a layout that the library does not take.
+// A camera read directly: the driver's buffers are handed over where they lie: images of a
+// camera that encodes JPEG itself as they are, raw frames converted only if the camera gives a
+// layout that the library does not take.
 //
 //   c++ -std=c++17 v4l2.cpp -o v4l2 -lkavo_stream -lswscale -lavutil
 //   ./v4l2 [/dev/video0] [PORT] [SECONDS]
@@ -14,8 +15,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <kavo/convert.hpp>
 #include <kavo/stream.hpp>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -27,10 +30,13 @@ struct Layout {
   std::uint32_t v4l2;
   AVPixelFormat ffmpeg;                          // what a converter is told
   std::optional<kavo::PixelFormat> asItIs = {};  // when none is needed
+
+  bool isJpeg() const { return ffmpeg == AV_PIX_FMT_NONE; }
 };
 
 // In the order of our liking.
 constexpr Layout layouts[] = {
+    {V4L2_PIX_FMT_MJPEG, AV_PIX_FMT_NONE},
     {V4L2_PIX_FMT_YUV420, AV_PIX_FMT_YUV420P, kavo::PixelFormat::Yuv420p},
     {V4L2_PIX_FMT_RGB24, AV_PIX_FMT_RGB24, kavo::PixelFormat::Rgb24},
     {V4L2_PIX_FMT_BGR24, AV_PIX_FMT_BGR24, kavo::PixelFormat::Bgr24},
@@ -64,13 +70,13 @@ class Camera {
   int height() const { return static_cast<int>(m_Format.fmt.pix.height); }
   int stride() const { return static_cast<int>(m_Format.fmt.pix.bytesperline); }
 
-  // Calls the function with the next frame, in the driver's memory.
+  // Calls the function with the next frame, in the driver's memory, and its bytes.
   template <class Function>
   void withFrame(Function const& function) {
     v4l2_buffer buffer = bufferRequest();
     control(VIDIOC_DQBUF, &buffer, "waiting for a frame");
     auto const& mapped = m_Buffers[buffer.index];
-    function(static_cast<std::uint8_t const*>(mapped.start), mapped.length);
+    function(static_cast<std::uint8_t const*>(mapped.start), layout().isJpeg() ? buffer.bytesused : mapped.length);
     control(VIDIOC_QBUF, &buffer, "giving a buffer back");
   }
 
@@ -107,7 +113,7 @@ class Camera {
         return;
       }
     }
-    throw std::runtime_error("the camera gives none of YUV420, RGB24, BGR24, YUYV, NV12 and GREY");
+    throw std::runtime_error("the camera gives none of MJPEG, YUV420, RGB24, BGR24, YUYV, NV12 and GREY");
   }
 
   void mapBuffers() {
@@ -136,39 +142,53 @@ class Camera {
   std::vector<Mapped> m_Buffers;
 };
 
-}  // namespace
+using Submit = std::function<void(std::uint8_t const* frame, std::size_t size)>;
 
-int main(int argc, char** argv) try {
-  Camera camera(argc > 1 ? argv[1] : "/dev/video0");
-  kavo::Server server(static_cast<std::uint16_t>(argc > 2 ? std::atoi(argv[2]) : 8554));
-  kavo::Session session = server.createSession("camera");
-  std::optional<kavo::Converter> converter;
+// How the camera's frames become a stream of the session.
+Submit publisherOf(kavo::Session& session, Camera const& camera) {
+  if (camera.layout().isJpeg()) {
+    kavo::EncodedOptions options;
+    options.codec = kavo::Codec::Jpeg;
+    return [stream = session.createEncodedStream(options)](std::uint8_t const* image, std::size_t size) mutable {
+      stream.submit(image, size);
+    };
+  }
   // A padded line is as much a reason to convert as another layout.
   bool const padded = camera.stride() > av_image_get_linesize(camera.layout().ffmpeg, camera.width(), 0);
   auto const plain = padded ? std::nullopt : camera.layout().asItIs;
-  if (!plain) {
-    converter.emplace(camera.layout().ffmpeg, camera.width(), camera.height(), camera.stride());
-  }
   kavo::VideoOptions video;
   video.width = camera.width();
   video.height = camera.height();
   video.format = plain.value_or(kavo::Converter::format());
   video.codec = kavo::Codec::Jpeg;
   kavo::Stream stream = session.createStream(video);
+  if (plain) {
+    return [stream](std::uint8_t const* frame, std::size_t size) mutable { stream.submit(frame, size); };
+  }
+  auto const converter =
+      std::make_shared<kavo::Converter>(camera.layout().ffmpeg, camera.width(), camera.height(), camera.stride());
+  return [stream, converter](std::uint8_t const* frame, std::size_t size) mutable {
+    if (size >= converter->sourceSize()) {
+      auto const& converted = converter->convert(frame);
+      stream.submit(converted.data(), converted.size());
+    }
+  };
+}
+
+}  // namespace
+
+int main(int argc, char** argv) try {
+  Camera camera(argc > 1 ? argv[1] : "/dev/video0");
+  kavo::Server server(static_cast<std::uint16_t>(argc > 2 ? std::atoi(argv[2]) : 8554));
+  kavo::Session session = server.createSession("camera");
+  Submit const submit = publisherOf(session, camera);
   std::printf("%s\n", session.url().c_str());
   std::fflush(stdout);
 
   using Clock = std::chrono::steady_clock;
   auto const end = Clock::now() + std::chrono::seconds(argc > 3 ? std::atoi(argv[3]) : 1000000);
   while (Clock::now() < end) {
-    camera.withFrame([&](std::uint8_t const* frame, std::size_t size) {
-      if (converter && size >= converter->sourceSize()) {
-        auto const& converted = converter->convert(frame);
-        stream.submit(converted.data(), converted.size());
-      } else if (!converter) {
-        stream.submit(frame, size);
-      }
-    });
+    camera.withFrame(submit);
   }
 } catch (std::exception const& failure) {
   std::fprintf(stderr, "%s\n", failure.what());

@@ -60,6 +60,12 @@ enum kv_command {
   KV_SUBMIT_FRAME = 5,
   /** kv_session_record: read back a session's texts and URL. */
   KV_GET_INFO = 6,
+  /** kv_encoded_stream_record: give a session its one video stream, of frames that the host's own
+   * encoder makes. Results as KV_CREATE_STREAM's; KV_CODEC_FAILURE for parameter sets that cannot be read. */
+  KV_CREATE_ENCODED_STREAM = 100,
+  /** kv_encoded_frame_record: hand one encoded frame to such a stream. Results as KV_SUBMIT_FRAME's;
+   * KV_CODEC_FAILURE for bytes that are no whole frame: nothing of them is sent. */
+  KV_SUBMIT_ENCODED = 101,
   /** kv_status_record: what a stream does, and who watches it. Costs less than a
    * microsecond and waits for no other call. Results as KV_SUBMIT_FRAME's. */
   KV_GET_STATUS = 102
@@ -99,7 +105,8 @@ enum kv_pixel_format {
 enum kv_codec {
   KV_CODEC_RAW = 0,   /**< input: raw frames */
   KV_CODEC_MJPEG = 8, /**< output: JPEG over RTP (RFC 2435) */
-  KV_CODEC_H264 = 28  /**< output: H.264 over RTP (RFC 6184); needs libopenh264.so at run time */
+  KV_CODEC_H264 = 28, /**< output: H.264 over RTP (RFC 6184); raw frames need libopenh264.so at run time */
+  KV_CODEC_H265 = 174 /**< encoded frames alone: H.265 over RTP (RFC 7798) */
 };
 
 /** Media type; only video is supported. */
@@ -188,11 +195,61 @@ KV_FIELD_AT(kv_frame_record, stream, 16);
 KV_FIELD_AT(kv_frame_record, frame, 24);
 KV_STATIC_ASSERT(sizeof(kv_frame_record) == 40);
 
-/** Bits of kv_status_record's wanted. */
+/** Bits of wanted. */
 enum kv_wanted {
   KV_WANTS_FRAME = 1,    /**< somebody plays: a submitted frame would be encoded */
-  KV_WANTS_KEY_FRAME = 2 /**< a viewer needs a key frame; the next frame becomes one */
+  KV_WANTS_KEY_FRAME = 2 /**< a viewer needs a key frame: the next frame becomes, or should be, one */
 };
+
+/** KV_CREATE_ENCODED_STREAM. */
+typedef struct kv_encoded_stream_record {
+  void* reserved;                /**< not used */
+  kv_session_handle handle;      /**< the session that gets the stream */
+  kv_stream_id stream;           /**< out */
+  int32_t codec;                 /**< KV_CODEC_MJPEG, KV_CODEC_H264 or KV_CODEC_H265 */
+  int32_t bitrate;               /**< kbit/s, for the SDP's bandwidth line; 0: unknown */
+  uint8_t const* parameter_sets; /**< SPS and PPS, for H.265 the VPS too, in Annex B form, for the SDP; or null:
+                                  * they are learnt from the frames. Read during the call only */
+  int32_t parameter_size;        /**< bytes of them */
+  int32_t gap;                   /**< not used */
+} kv_encoded_stream_record;
+KV_FIELD_AT(kv_encoded_stream_record, handle, 8);
+KV_FIELD_AT(kv_encoded_stream_record, stream, 16);
+KV_FIELD_AT(kv_encoded_stream_record, codec, 24);
+KV_FIELD_AT(kv_encoded_stream_record, bitrate, 28);
+KV_FIELD_AT(kv_encoded_stream_record, parameter_sets, 32);
+KV_FIELD_AT(kv_encoded_stream_record, parameter_size, 40);
+KV_STATIC_ASSERT(sizeof(kv_encoded_stream_record) == 48);
+
+/** KV_SUBMIT_ENCODED. While nobody watches the stream the call returns KV_OK at once and does
+ * not look at the data; otherwise it copies the frame into the queue. A frame that finds ten
+ * others queued is dropped, and so are those after it up to the next key frame.
+ *
+ * H.264 and H.265: one access unit in Annex B form (start codes of three or four bytes), in
+ * decoding order. There can be no B-frames: frames are shown in the order in which they come.
+ * Key frames are IDR, in H.265 any IRAP; one that comes without parameter sets gets the last ones
+ * known. A new viewer begins with a key frame, so the encoder makes one when wanted says so.
+ *
+ * JPEG: one baseline image of 8 bits, 4:2:0 or 4:2:2 (in which a block of Cb and Cr covers 16x8
+ * pixels), of up to 2040x2040 in steps of 8, with the standard Huffman tables or none. */
+typedef struct kv_encoded_frame_record {
+  void* reserved;           /**< not used */
+  kv_session_handle handle; /**< the session */
+  kv_stream_id stream;      /**< its stream */
+  uint8_t const* data;      /**< one encoded frame; only read during the call */
+  uint64_t size;            /**< bytes, at most 8,000,000 */
+  int64_t time_ns;          /**< when it was captured, by CLOCK_MONOTONIC: later than the one before, or
+                             * KV_INVALID_PARAMETER; 0: now */
+  uint32_t wanted;          /**< out: of kv_wanted */
+  uint32_t gap;             /**< not used */
+} kv_encoded_frame_record;
+KV_FIELD_AT(kv_encoded_frame_record, handle, 8);
+KV_FIELD_AT(kv_encoded_frame_record, stream, 16);
+KV_FIELD_AT(kv_encoded_frame_record, data, 24);
+KV_FIELD_AT(kv_encoded_frame_record, size, 32);
+KV_FIELD_AT(kv_encoded_frame_record, time_ns, 40);
+KV_FIELD_AT(kv_encoded_frame_record, wanted, 48);
+KV_STATIC_ASSERT(sizeof(kv_encoded_frame_record) == 56);
 
 /** KV_GET_STATUS. Counts are of frames, since the stream was created. */
 typedef struct kv_status_record {

@@ -27,6 +27,7 @@
 #include <stdexcept>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace kavo {
 
@@ -83,8 +84,8 @@ enum class PixelFormat : std::int32_t {
   Bgra = KV_BGRA,
 };
 
-/// What streams are encoded as.
-enum class Codec : std::int32_t { Jpeg = KV_CODEC_MJPEG, H264 = KV_CODEC_H264 };
+/// What streams are encoded as; H265 for an EncodedStream only.
+enum class Codec : std::int32_t { Jpeg = KV_CODEC_MJPEG, H264 = KV_CODEC_H264, H265 = KV_CODEC_H265 };
 
 /// The sizes of encoded frames that a codec takes, in pixels.
 struct SizeLimits {
@@ -180,6 +181,29 @@ struct StreamStatus {
   std::uint64_t sentBytes;   ///< bytes of RTP packets, to all viewers
 };
 
+/// @cond
+namespace detail {
+
+inline StreamStatus statusOf(kv_session_handle session, kv_stream_id stream, unsigned server) {
+  requireServer(server);
+  kv_status_record record{};
+  record.handle = session;
+  record.stream = stream;
+  call("asking for a stream's status", KV_GET_STATUS, record);
+  return {record.viewers,
+          (record.wanted & KV_WANTS_FRAME) != 0,
+          (record.wanted & KV_WANTS_KEY_FRAME) != 0,
+          record.offered,
+          record.encoded,
+          record.unwatched,
+          record.failed,
+          record.sent_frames,
+          record.sent_bytes};
+}
+
+}  // namespace detail
+/// @endcond
+
 /// The one video stream of a session.
 class Stream {
  public:
@@ -196,22 +220,7 @@ class Stream {
   }
 
   /// What the stream does, and who watches it; waits for no submit. Throws Error.
-  StreamStatus status() const {
-    detail::requireServer(m_Server);
-    kv_status_record record{};
-    record.handle = m_Record.handle;
-    record.stream = m_Record.stream;
-    detail::call("asking for a stream's status", KV_GET_STATUS, record);
-    return {record.viewers,
-            (record.wanted & KV_WANTS_FRAME) != 0,
-            (record.wanted & KV_WANTS_KEY_FRAME) != 0,
-            record.offered,
-            record.encoded,
-            record.unwatched,
-            record.failed,
-            record.sent_frames,
-            record.sent_bytes};
-  }
+  StreamStatus status() const { return detail::statusOf(m_Record.handle, m_Record.stream, m_Server); }
 
   /// The bytes of one frame.
   std::size_t frameSize() const noexcept { return m_FrameSize; }
@@ -225,6 +234,49 @@ class Stream {
 
   kv_frame_record m_Record{};
   std::size_t m_FrameSize;
+  unsigned m_Server = detail::serverNumber;
+};
+
+/// What an EncodedStream carries.
+struct EncodedOptions {
+  Codec codec = Codec::H264;
+  int kilobitsPerSecond = 0;  ///< for the description; 0: unknown
+  /// SPS and PPS, for H.265 the VPS too, in Annex B form; empty: learnt from the frames.
+  std::vector<std::uint8_t> parameterSets{};
+};
+
+/// What the next frame is wanted for.
+struct Wanted {
+  bool frame;     ///< somebody watches: the encoder should run
+  bool keyFrame;  ///< a viewer needs a key frame
+};
+
+/// The one video stream of a session, of frames that the host's own encoder makes.
+class EncodedStream {
+ public:
+  /// Hands one access unit (H.264 and H.265: Annex B, no B-frames) or one JPEG image over, and returns
+  /// when it is queued, or at once when nobody watches. Only read during the call. timeNanoseconds: when it
+  /// was captured, by CLOCK_MONOTONIC, later than the one before; 0: now. Throws Error.
+  Wanted submit(void const* data, std::size_t size, std::int64_t timeNanoseconds = 0) {
+    detail::requireServer(m_Server);
+    m_Record.data = static_cast<std::uint8_t const*>(data);
+    m_Record.size = size;
+    m_Record.time_ns = timeNanoseconds;
+    detail::call("submitting an encoded frame", KV_SUBMIT_ENCODED, m_Record);
+    return {(m_Record.wanted & KV_WANTS_FRAME) != 0, (m_Record.wanted & KV_WANTS_KEY_FRAME) != 0};
+  }
+
+  /// What the stream does, and who watches it; waits for no submit. Throws Error.
+  StreamStatus status() const { return detail::statusOf(m_Record.handle, m_Record.stream, m_Server); }
+
+ private:
+  friend class Session;
+  EncodedStream(kv_session_handle session, kv_stream_id stream) {
+    m_Record.handle = session;
+    m_Record.stream = stream;
+  }
+
+  kv_encoded_frame_record m_Record{};
   unsigned m_Server = detail::serverNumber;
 };
 
@@ -271,6 +323,19 @@ class Session {
       throw Error("creating a stream", result, result == KV_CODEC_FAILURE ? adviceFor(options.codec, video) : "");
     }
     return Stream(m_Record.handle, stream.stream, frameSize(options.format, options.width, options.height));
+  }
+
+  /// The session's stream, of encoded frames; there can be one stream. Throws Error.
+  EncodedStream createEncodedStream(EncodedOptions const& options) {
+    detail::requireServer(m_Server);
+    kv_encoded_stream_record stream{};
+    stream.handle = m_Record.handle;
+    stream.codec = static_cast<std::int32_t>(options.codec);
+    stream.bitrate = options.kilobitsPerSecond;
+    stream.parameter_sets = options.parameterSets.empty() ? nullptr : options.parameterSets.data();
+    stream.parameter_size = static_cast<std::int32_t>(options.parameterSets.size());
+    detail::call("creating a stream of encoded frames", KV_CREATE_ENCODED_STREAM, stream);
+    return EncodedStream(m_Record.handle, stream.stream);
   }
 
  private:

@@ -9,8 +9,10 @@
 #include <string>
 
 #include "codec/codecparameter.h"
+#include "delivery/frame.h"
 #include "kavo_stream.h"
 #include "operate/journal.h"
+#include "session/encodedsubsession.h"
 #include "session/sessionmanager.h"
 
 namespace kavo::impl {
@@ -129,6 +131,32 @@ void streamSubmitData(void* param, int size) {
   g_SessionManager->submitData(record.handle, record.stream, record.frame);
 }
 
+void streamCreateEncodedStream(void* param, int size) {
+  auto& record = recordAt<kv_encoded_stream_record>(param, size);
+  bool const hasSets = record.parameter_sets != nullptr && record.parameter_size > 0;
+  bool const hasNone = record.parameter_sets == nullptr && record.parameter_size == 0;
+  if (record.bitrate < 0 || (!hasSets && !hasNone)) {
+    throw StreamException("Invalid parameter", ErrorInvalidParameter);
+  }
+  EncodedParameter parameter;
+  parameter.m_Codec = record.codec;
+  parameter.m_Bitrate = record.bitrate;
+  parameter.m_ParameterSets = {record.parameter_sets, static_cast<std::size_t>(record.parameter_size)};
+  g_SessionManager->addStream(record.handle, record.stream, &parameter);
+}
+
+void streamSubmitEncoded(void* param, int size) {
+  auto& record = recordAt<kv_encoded_frame_record>(param, size);
+  if (record.data == nullptr || record.size == 0 || record.size > Frame::largest || record.time_ns < 0) {
+    throw StreamException("Invalid frame buffer", ErrorInvalidParameter);
+  }
+  EncodedFrame frame{.bytes = {record.data, record.size}, .captured = std::nullopt};
+  if (record.time_ns > 0) {
+    frame.captured.emplace(std::chrono::nanoseconds(record.time_ns));
+  }
+  record.wanted = g_SessionManager->submitEncoded(record.handle, record.stream, frame);
+}
+
 void streamGetStatus(void* param, int size) {
   auto& record = recordAt<kv_status_record>(param, size);
   g_SessionManager->status(record.handle, record.stream, record);
@@ -158,6 +186,8 @@ NoDestroy<FunctionTable const> const g_FunctionTable(std::initializer_list<Funct
 });
 
 NoDestroy<FunctionTable const> const g_MoreFunctions(std::initializer_list<FunctionTable::value_type>{
+    {KV_CREATE_ENCODED_STREAM, streamCreateEncodedStream},
+    {KV_SUBMIT_ENCODED, streamSubmitEncoded},
     {KV_GET_STATUS, streamGetStatus},
 });
 
@@ -174,7 +204,7 @@ NoDestroy<ErrorTable const> const g_ErrorTable(std::initializer_list<ErrorTable:
 namespace {
 
 void dispatch(int command, void* param, int size) {
-  auto const& table = command < KV_GET_STATUS ? *g_FunctionTable : *g_MoreFunctions;
+  auto const& table = command < KV_CREATE_ENCODED_STREAM ? *g_FunctionTable : *g_MoreFunctions;
   auto const row = table.find(command);
   if (row == table.end()) {
     throw StreamException("Invalid input parameter", ErrorInvalidParameter);

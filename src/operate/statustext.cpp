@@ -102,7 +102,9 @@ JsonText textOf(StreamObserver const& stream) {
   auto const& [name, codec, width, height] = stream.description();
   JsonText text("{}");
   text.member("name", name)
-      .member("codec", codec == KV_CODEC_H264 ? "h264" : "jpeg")
+      .member("codec", codec == KV_CODEC_H265   ? "h265"
+                       : codec == KV_CODEC_H264 ? "h264"
+                                                : "jpeg")
       .member("width", width)
       .member("height", height);
   for (auto const& count : counts) {

@@ -22,7 +22,7 @@ struct JpegHeader {
   std::optional<QuantizationTables> tables;
 };
 
-// Reads the image's first 623 bytes at most, and never past its end.
+// Looks for markers at the image's first 623 positions, and never past its end.
 JpegHeader readJpegHeader(std::span<std::uint8_t const> image);
 
 }  // namespace kavo::impl

@@ -8,25 +8,38 @@ namespace kavo::impl {
 namespace {
 
 constexpr std::size_t mainHeaderSize = 8;
+constexpr std::size_t restartHeaderSize = 4;
 constexpr std::size_t tablesHeaderSize = 4;
 constexpr std::size_t maxTables = 128;
 
-using Header = std::array<std::uint8_t, mainHeaderSize + tablesHeaderSize + maxTables>;
+using Header = std::array<std::uint8_t, mainHeaderSize + restartHeaderSize + tablesHeaderSize + maxTables>;
 
 std::uint8_t byteOf(std::size_t number, int index) { return static_cast<std::uint8_t>(number >> 8 * index); }
 
-// Writes the main header, followed by the tables at the start of a frame. Returns its size.
+// Writes the main header, the restart header of the types that have one, and the tables at the
+// start of a frame. Returns their size.
 std::size_t writeHeader(JpegFrame const& frame, std::size_t offset, Header& header) {
   header = {0, byteOf(offset, 2), byteOf(offset, 1), byteOf(offset, 0), frame.type, frame.q, frame.width, frame.height};
+  std::size_t size = mainHeaderSize;
+  constexpr std::uint8_t firstWithRestarts = 64;
+  if (frame.type >= firstWithRestarts) {
+    // Packets do not begin at restart markers: the whole frame has to be there to be decoded.
+    constexpr std::uint8_t wholeFrame = 0xFF;
+    for (auto const byte :
+         {byteOf(frame.restartInterval, 1), byteOf(frame.restartInterval, 0), wholeFrame, wholeFrame}) {
+      header[size++] = byte;
+    }
+  }
   if (offset > 0 || frame.q < 128) {
-    return mainHeaderSize;
+    return size;
   }
   auto const tables = frame.tables.first(std::min(maxTables, frame.tables.size()));
-  header[mainHeaderSize + 1] = frame.precision;
-  header[mainHeaderSize + 2] = byteOf(tables.size(), 1);
-  header[mainHeaderSize + 3] = byteOf(tables.size(), 0);
-  std::copy(tables.begin(), tables.end(), header.begin() + mainHeaderSize + tablesHeaderSize);
-  return mainHeaderSize + tablesHeaderSize + tables.size();
+  header[size + 1] = frame.precision;
+  header[size + 2] = byteOf(tables.size(), 1);
+  header[size + 3] = byteOf(tables.size(), 0);
+  size += tablesHeaderSize;
+  std::ranges::copy(tables, header.begin() + static_cast<std::ptrdiff_t>(size));
+  return size + tables.size();
 }
 
 }  // namespace

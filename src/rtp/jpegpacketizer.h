@@ -19,6 +19,7 @@ struct JpegFrame {
   std::uint8_t precision;
   std::span<std::uint8_t const> tables;
   std::span<std::uint8_t const> scan;
+  std::uint16_t restartInterval = 0;  // in MCUs, for types 64 and more
 };
 
 // maxPacket has room for all headers and the tables.

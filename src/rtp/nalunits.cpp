@@ -23,6 +23,15 @@ std::size_t findStartCode(std::span<std::uint8_t const> bytes) {
   return bytes.size();
 }
 
+template <class Predicate>
+NalUnit findIf(std::span<std::uint8_t const> byteStream, Predicate const& isWanted) {
+  NalUnit nalUnit;
+  do {
+    nalUnit = takeNalUnit(byteStream);
+  } while (!nalUnit.empty() && !isWanted(nalUnit));
+  return nalUnit;
+}
+
 }  // namespace
 
 NalUnit takeNalUnit(std::span<std::uint8_t const>& byteStream) {
@@ -42,11 +51,11 @@ NalUnit takeNalUnit(std::span<std::uint8_t const>& byteStream) {
 }
 
 NalUnit findNalUnit(std::span<std::uint8_t const> byteStream, NalUnitType type) {
-  NalUnit nalUnit;
-  do {
-    nalUnit = takeNalUnit(byteStream);
-  } while (!nalUnit.empty() && typeOf(nalUnit) != type);
-  return nalUnit;
+  return findIf(byteStream, [=](NalUnit nalUnit) { return typeOf(nalUnit) == type; });
+}
+
+NalUnit findNalUnit(std::span<std::uint8_t const> byteStream, H265NalUnitType type) {
+  return findIf(byteStream, [=](NalUnit nalUnit) { return h265TypeOf(nalUnit) == type; });
 }
 
 }  // namespace kavo::impl

@@ -16,15 +16,14 @@ FrameSourceHandler::~FrameSourceHandler() {
   av_packet_unref(&m_Newest);
 }
 
-void FrameSourceHandler::push(FrameData frame) {
+void FrameSourceHandler::push(FrameData frame, Time submitted) {
   MutexLock lock(m_Mutex);
-  if (frame.packet.data != nullptr && submitTime(frame.packet) < m_Cleared) {
+  if (frame.packet.data != nullptr && submitted < m_Cleared) {
     release(frame.packet);
     return;
   }
   add(frame);
   auto const offered = m_Observer[Count::Offered];
-  auto const submitted = submitTime(frame.packet);
   bool const isNext = m_NewestOffered > 0 && offered == m_NewestOffered + 1;
   m_SubmitInterval.store(isNext ? submitted - m_LastSubmit.load(std::memory_order_relaxed) : Time::duration{},
                          std::memory_order_relaxed);
@@ -90,6 +89,19 @@ void FrameSourceHandler::clear() {
     removeFront();
   }
   m_Cleared = std::chrono::steady_clock::now();
+}
+
+void FrameSourceHandler::setParameterSets(std::vector<std::uint8_t> sets) {
+  MutexLock lock(m_Mutex);
+  if (sets != m_ParameterSets) {
+    m_ParameterSets.swap(sets);
+    m_ParameterSetChanges.fetch_add(1, std::memory_order_release);
+  }
+}
+
+std::vector<std::uint8_t> FrameSourceHandler::parameterSets() const {
+  MutexLock lock(m_Mutex);
+  return m_ParameterSets;
 }
 
 bool FrameSourceHandler::IsBufferFree() const { return size() < capacity; }

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <deque>
 #include <optional>
+#include <vector>
 
 #include "base/noncopyable.h"
 #include "base/threadannotations.h"
@@ -42,7 +43,9 @@ class FrameSourceHandler : NonCopyable {
   // The queue takes ownership of the packet's bytes. The producer enforces the
   // limit: it asks IsBufferFree() before it encodes. A frame that was submitted
   // before the queue was cleared is stale, and released.
-  void push(FrameData frame) KAVO_EXCLUDES(m_Mutex);
+  void push(FrameData frame) KAVO_EXCLUDES(m_Mutex) { push(frame, submitTime(frame.packet)); }
+  // The same where the packet's time is not that of the submit, but of the capture.
+  void push(FrameData frame, std::chrono::steady_clock::time_point submitted) KAVO_EXCLUDES(m_Mutex);
 
   // The oldest and the newest frame; the bytes stay the queue's and are valid
   // until that frame is removed. Throws std::out_of_range on an empty queue, as pop() does.
@@ -74,6 +77,12 @@ class FrameSourceHandler : NonCopyable {
 
   StreamObserver& observer() { return m_Observer; }
 
+  // What the description says that a viewer needs before it can decode, in Annex B form; and
+  // how often it has changed.
+  void setParameterSets(std::vector<std::uint8_t> sets) KAVO_EXCLUDES(m_Mutex);
+  std::vector<std::uint8_t> parameterSets() const KAVO_EXCLUDES(m_Mutex);
+  unsigned parameterSetChanges() const { return m_ParameterSetChanges.load(std::memory_order_acquire); }
+
   // Whether a source exists that will take frames out; set on the event-loop thread.
   bool IsStreaming() const { return m_Streaming.load(std::memory_order_relaxed); }
   void SetStreaming(bool streaming) { m_Streaming.store(streaming, std::memory_order_relaxed); }
@@ -94,6 +103,8 @@ class FrameSourceHandler : NonCopyable {
   // The newest frame if it is a key frame; and how many frames were offered when the last was pushed.
   AVPacket m_Newest KAVO_GUARDED_BY(m_Mutex){};
   std::uint64_t m_NewestOffered KAVO_GUARDED_BY(m_Mutex) = 0;
+  std::vector<std::uint8_t> m_ParameterSets KAVO_GUARDED_BY(m_Mutex);
+  std::atomic<unsigned> m_ParameterSetChanges = 0;
   std::atomic<Time> m_LastSubmit{Time{}};
   std::atomic<Time::duration> m_SubmitInterval{Time::duration{}};
   std::atomic<bool> m_Streaming = false;

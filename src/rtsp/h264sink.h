@@ -3,11 +3,12 @@
 
 #include <H264VideoRTPSink.hh>
 #include <span>
+#include <string>
 
-#include "rtp/h264packetizer.h"
+#include "rtp/nalpacketizer.h"
 #include "rtp/nalunits.h"
 #include "rtsp/framesink.h"
-#include "rtsp/h264source.h"
+#include "rtsp/wholeframesource.h"
 
 namespace kavo::impl {
 
@@ -26,10 +27,19 @@ class H264Sink : public FrameSink<H264VideoRTPSink, H264Source> {
  private:
   using FrameSink::FrameSink;
 
+  // live555 has no line where it knows no parameter sets, which would promise that no NAL unit is fragmented.
+  char const* auxSDPLine() override {
+    char const* const line = FrameSink::auxSDPLine();
+    m_Line = "a=fmtp:" + std::to_string(rtpPayloadType()) + " packetization-mode=1\r\n";
+    return line != nullptr ? line : m_Line.c_str();
+  }
+
   bool packetize(H264Source& /*source*/, std::span<std::uint8_t const> bytes, std::size_t maxPacket,
                  FramePackets& packets) override {
     return packetizeH264(bytes, maxPacket, packets);
   }
+
+  std::string m_Line;
 };
 
 }  // namespace kavo::impl

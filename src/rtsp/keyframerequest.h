@@ -23,12 +23,17 @@ class KeyFrameRequest {
 
   // Host thread, before each frame: whether this one is to be a key frame.
   bool take(Clock::time_point now) {
-    if (!m_Asked.load(std::memory_order_relaxed) || now - m_LastTaken < interval) {
-      return false;
+    bool const isDue = isPending() && mayAsk(now);
+    if (isDue) {
+      grant(now);
     }
+    return isDue;
+  }
+  // Host threads, where the encoder is the host's: whether it may be asked for one; and one has come.
+  bool mayAsk(Clock::time_point now) const { return now - m_LastTaken >= interval; }
+  void grant(Clock::time_point now) {
     m_Asked.store(false, std::memory_order_relaxed);
     m_LastTaken = now;
-    return true;
   }
 
  private:

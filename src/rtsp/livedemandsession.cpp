@@ -83,7 +83,7 @@ LiveDemandSession::Sink LiveDemandSession::makeSink(int addressFamily) {
   Sink sink;
   sink.groupsock = std::make_unique<Groupsock>(envir(), nullAddress(addressFamily), Port(0), 255);
   auto const payloadType = static_cast<unsigned char>(firstDynamicPayloadType + trackNumber() - 1);
-  sink.live = newSink(sink.groupsock.get(), payloadType);
+  sink.live = newSink(sink.groupsock.get(), payloadType, m_FrameSourceHandler->parameterSets());
   sink.groupsock->reset();
   return sink;
 }
@@ -91,14 +91,15 @@ LiveDemandSession::Sink LiveDemandSession::makeSink(int addressFamily) {
 RTPSink* LiveDemandSession::createNewRTPSink(Groupsock* rtpGroupsock, unsigned char rtpPayloadTypeIfDynamic,
                                              FramedSource* /*inputSource*/) {
   eventLoopRole.assertHeld();
-  return &newSink(rtpGroupsock, rtpPayloadTypeIfDynamic)->rtp();
+  return &newSink(rtpGroupsock, rtpPayloadTypeIfDynamic, m_FrameSourceHandler->parameterSets())->rtp();
 }
 
 // Described without a source, so it triggers no encoding and takes no frame from
 // viewers. Its address is of the asking client's family.
 char const* LiveDemandSession::sdpLines(int addressFamily) {
   eventLoopRole.assertHeld();
-  if (addressFamily != m_DescribedFamily) {
+  unsigned const parameterSets = m_FrameSourceHandler->parameterSetChanges();
+  if (addressFamily != m_DescribedFamily || parameterSets != m_DescribedParameterSets) {
     m_DescribedFamily = AF_UNSPEC;
     Sink sink = makeSink(addressFamily);
     try {
@@ -110,6 +111,7 @@ char const* LiveDemandSession::sdpLines(int addressFamily) {
     }
     sink.close();
     m_DescribedFamily = addressFamily;
+    m_DescribedParameterSets = parameterSets;
   }
   return fSDPLines;
 }

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <memory>
 #include <optional>
+#include <span>
 
 #include "base/threadannotations.h"
 #include "delivery/viewers.h"
@@ -70,7 +71,8 @@ class LiveDemandSession : public OnDemandServerMediaSubsession, public Stream {
   virtual FramedSource* openSource(std::shared_ptr<FrameSourceHandler> handler) KAVO_REQUIRES(eventLoopRole) = 0;
   // Any thread, with m_Mutex held, so that the source is not being closed.
   virtual void wakeSource(TaskScheduler* scheduler, FramedSource* source) = 0;
-  virtual LiveSink* newSink(Groupsock* groupsock, unsigned char payloadType) KAVO_REQUIRES(eventLoopRole) = 0;
+  virtual LiveSink* newSink(Groupsock* groupsock, unsigned char payloadType,
+                            std::span<std::uint8_t const> parameterSets) KAVO_REQUIRES(eventLoopRole) = 0;
 
   RTPSink* createNewRTPSink(Groupsock* rtpGroupsock, unsigned char rtpPayloadTypeIfDynamic,
                             FramedSource* inputSource) override;
@@ -94,7 +96,9 @@ class LiveDemandSession : public OnDemandServerMediaSubsession, public Stream {
   unsigned const m_EstimatedBitrate;
   Viewers m_Viewers KAVO_GUARDED_BY(eventLoopRole);
   Sink m_Sink KAVO_GUARDED_BY(eventLoopRole);
-  int m_DescribedFamily KAVO_GUARDED_BY(eventLoopRole) = AF_UNSPEC;  // of the SDP lines that live555 keeps
+  // Of the SDP lines that live555 keeps.
+  int m_DescribedFamily KAVO_GUARDED_BY(eventLoopRole) = AF_UNSPEC;
+  unsigned m_DescribedParameterSets KAVO_GUARDED_BY(eventLoopRole) = 0;
   Mutex m_Mutex;
   FramedSource* m_Source KAVO_GUARDED_BY(m_Mutex) = nullptr;
 };

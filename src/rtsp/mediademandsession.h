@@ -5,7 +5,6 @@
 #include <memory>
 #include <span>
 #include <utility>
-#include <vector>
 
 #include "rtsp/livedemandsession.h"
 
@@ -16,21 +15,19 @@ namespace kavo::impl {
 template <class Codec>
 class MediaDemandSession : public LiveDemandSession {
  public:
-  // The encoder's parameter sets, in Annex B form, are for the SDP; not every format has them.
+  // The queue knows the parameter sets for the SDP. kilobits: what the host says of its bitrate.
   static MediaDemandSession* createNew(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler,
-                                       std::span<std::uint8_t const> parameterSets = {},
-                                       DeliveryContext const& context = {}) KAVO_REQUIRES(eventLoopRole) {
-    return new MediaDemandSession(env, std::move(handler), parameterSets, context);
+                                       DeliveryContext const& context = {}, unsigned kilobits = Codec::kilobits)
+      KAVO_REQUIRES(eventLoopRole) {
+    return new MediaDemandSession(env, std::move(handler), context, kilobits);
   }
 
   bool hasKeyFramesOnly() const override { return Codec::keyFramesOnly; }
 
  protected:
-  MediaDemandSession(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler,
-                     std::span<std::uint8_t const> parameterSets, DeliveryContext const& context)
-      KAVO_REQUIRES(eventLoopRole)
-      : LiveDemandSession(env, std::move(handler), true, Codec::kilobits, context),
-        m_ParameterSets(parameterSets.begin(), parameterSets.end()) {}
+  MediaDemandSession(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler, DeliveryContext const& context,
+                     unsigned kilobits) KAVO_REQUIRES(eventLoopRole)
+      : LiveDemandSession(env, std::move(handler), true, kilobits, context) {}
 
   FramedSource* openSource(std::shared_ptr<FrameSourceHandler> handler) override {
     eventLoopRole.assertHeld();
@@ -39,13 +36,11 @@ class MediaDemandSession : public LiveDemandSession {
   void wakeSource(TaskScheduler* scheduler, FramedSource* source) override {
     Codec::Source::signalNewFrameData(scheduler, source);
   }
-  LiveSink* newSink(Groupsock* groupsock, unsigned char payloadType) override {
+  LiveSink* newSink(Groupsock* groupsock, unsigned char payloadType,
+                    std::span<std::uint8_t const> parameterSets) override {
     eventLoopRole.assertHeld();
-    return Codec::Sink::createNew(envir(), groupsock, payloadType, viewers(), m_ParameterSets);
+    return Codec::Sink::createNew(envir(), groupsock, payloadType, viewers(), parameterSets);
   }
-
- private:
-  std::vector<std::uint8_t> const m_ParameterSets;
 };
 
 }  // namespace kavo::impl

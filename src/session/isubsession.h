@@ -2,30 +2,52 @@
 // the session's lock.
 #pragma once
 
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+
 #include "base/noncopyable.h"
 #include "kavo_stream.h"
 
 namespace kavo::impl {
 
+class FrameSourceHandler;
 class LiveDemandSession;
 class StreamEnvironment;
 
+// A frame that the host has encoded.
+struct EncodedFrame {
+  std::span<std::uint8_t const> bytes;
+  std::optional<std::chrono::steady_clock::time_point> captured;
+};
+
 class ISubSession : NonCopyable {
  public:
-  explicit ISubSession(StreamEnvironment const& env) : m_Environment(env) {}
+  explicit ISubSession(StreamEnvironment const& env);
   virtual ~ISubSession() = default;
 
   // Encodes and queues one raw frame, or drops it unencoded while nobody waits
   // for it or the queue is full. Throws.
-  virtual void submitFrame(unsigned char const* frame) = 0;
+  virtual void submitFrame(unsigned char const* frame);
+  // Queues a frame that is encoded already, or drops it as submitFrame() does. Returns what
+  // the next one is wanted for: of kv_wanted. Throws.
+  virtual std::uint32_t submitEncoded(EncodedFrame const& frame);
   // Any thread.
-  virtual void status(kv_status_record& record) const = 0;
+  void status(kv_status_record& record) const;
 
   // live555's object for this stream. It belongs to the media session that it
   // was added to.
   LiveDemandSession* mediaSession() const { return m_MediaSession; }
 
  protected:
+  // Counts the frame that the host offers: whether there is somebody and room for it.
+  bool isWanted();
+  // The frame is in the queue.
+  void signal();
+
+  std::shared_ptr<FrameSourceHandler> m_FrameSourceHandler;
   LiveDemandSession* m_MediaSession = nullptr;
   StreamEnvironment const& m_Environment;
 };

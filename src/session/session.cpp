@@ -8,6 +8,7 @@
 #include "kavo_stream.h"
 #include "rtsp/h264demandsession.h"
 #include "rtsp/jpegdemandsession.h"
+#include "session/encodedsubsession.h"
 #include "session/streamenvironment.h"
 #include "session/videosubsession.h"
 
@@ -16,7 +17,11 @@ namespace kavo::impl {
 namespace {
 
 std::shared_ptr<ISubSession> makeStream(StreamEnvironment const& env, ServerMediaSession& media,
-                                        std::string const& name, VideoCodecParameter const& parameter) {
+                                        std::string const& name, ICodecParameter const& given) {
+  if (auto const* const encoded = dynamic_cast<EncodedParameter const*>(&given)) {
+    return std::make_shared<EncodedSubSession>(env, media, name, *encoded);
+  }
+  auto const& parameter = static_cast<VideoCodecParameter const&>(given);
   switch (parameter.m_DstCodecId) {
     case KV_CODEC_MJPEG:
       return std::make_shared<VideoSubSession<JpegDemandSession>>(env, media, name, &parameter);
@@ -58,13 +63,8 @@ void Session::addStream(ICodecParameter const* param) {
   if (m_Stream) {
     throw StreamException("Stream already initialized", ErrorAlreadyThere);
   }
-  m_Stream = makeStream(m_Environment, *m_MediaSession, m_StreamName, static_cast<VideoCodecParameter const&>(*param));
+  m_Stream = makeStream(m_Environment, *m_MediaSession, m_StreamName, *param);
   m_StreamToAsk = m_Stream.get();
-}
-
-void Session::submitData(void* streamId, unsigned char const* frame) {
-  MutexLock lock(m_Mutex);
-  submitTo(streamId, frame);
 }
 
 void Session::status(void* streamId, kv_status_record& record) const {
@@ -75,14 +75,14 @@ void Session::status(void* streamId, kv_status_record& record) const {
   stream->status(record);
 }
 
-void Session::submitTo(void* streamId, unsigned char const* frame) {
+ISubSession& Session::streamOf(void* streamId) {
   if (m_Ended) {
     throw std::out_of_range("No such session");
   }
   if (!m_Stream || streamId != m_Stream.get()) {
     throw StreamException("Invalid stream ID", ErrorNoStream);
   }
-  m_Stream->submitFrame(frame);
+  return *m_Stream;
 }
 
 }  // namespace kavo::impl

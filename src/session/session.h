@@ -1,5 +1,5 @@
 // One RTSP presentation under one URL, with at most one stream. Host threads: one at
-// a time, but for submitData().
+// a time, but for submit().
 #pragma once
 
 #include <atomic>
@@ -39,11 +39,18 @@ class Session : NonCopyable {
     MutexLock lock(m_Mutex);
     return m_Stream;
   }
-  // Hands a raw frame to the stream; throws "Invalid stream ID" unless streamId
+  // Calls the function with the stream; throws "Invalid stream ID" unless streamId
   // is the address of it. Any number of threads: one after the other.
-  void submitData(void* streamId, unsigned char const* frame) KAVO_EXCLUDES(m_Mutex);
+  template <class Function>
+  void submit(void* streamId, Function const& function) KAVO_EXCLUDES(m_Mutex) {
+    MutexLock lock(m_Mutex);
+    function(streamOf(streamId));
+  }
   // The same where the caller keeps everybody else out.
-  void submitDataAlone(void* streamId, unsigned char const* frame) KAVO_NO_ANALYSIS { submitTo(streamId, frame); }
+  template <class Function>
+  void submitAlone(void* streamId, Function const& function) KAVO_NO_ANALYSIS {
+    function(streamOf(streamId));
+  }
   // Throws as submitData() does. Waits for no submit.
   void status(void* streamId, kv_status_record& record) const;
   // Calls the function while no submit is inside. If it throws, nothing has changed;
@@ -56,7 +63,7 @@ class Session : NonCopyable {
   }
 
  private:
-  void submitTo(void* streamId, unsigned char const* frame) KAVO_REQUIRES(m_Mutex);
+  ISubSession& streamOf(void* streamId) KAVO_REQUIRES(m_Mutex);
 
   std::string m_StreamName;
   std::string m_StreamInfo;

@@ -94,17 +94,6 @@ void SessionManager::addStream(void* handle, void*& streamId, ICodecParameter co
   streamId = session->stream().get();
 }
 
-void SessionManager::submitData(void* handle, void* streamId, unsigned char const* frame) {
-  if (m_ParallelEncoding) {
-    requireHealth();
-    sessionOf(handle)->submitData(streamId, frame);
-    return;
-  }
-  MutexLock lock(m_Mutex);
-  m_Environment.requireHealth();
-  sessionUnderLock(handle).submitDataAlone(streamId, frame);
-}
-
 void SessionManager::status(void* handle, void* streamId, kv_status_record& record) {
   requireHealth();
   sessionOf(handle)->status(streamId, record);

@@ -48,11 +48,21 @@ class SessionManager : NonCopyable {
   // streamId is written on success only.
   void addStream(void* handle, void*& streamId, ICodecParameter const* parameter) KAVO_EXCLUDES(m_Mutex);
   // Scales, encodes and queues the frame before it returns.
-  void submitData(void* handle, void* streamId, unsigned char const* frame) KAVO_EXCLUDES(m_Mutex);
+  void submitData(void* handle, void* streamId, unsigned char const* frame) KAVO_EXCLUDES(m_Mutex) {
+    submit(handle, streamId, [=](ISubSession& stream) { stream.submitFrame(frame); });
+  }
+  // Copies and queues the frame. Returns of kv_wanted.
+  std::uint32_t submitEncoded(void* handle, void* streamId, EncodedFrame const& frame) KAVO_EXCLUDES(m_Mutex) {
+    std::uint32_t wanted = 0;
+    submit(handle, streamId, [&](ISubSession& stream) { wanted = stream.submitEncoded(frame); });
+    return wanted;
+  }
   // What the stream does; waits for no submit.
   void status(void* handle, void* streamId, kv_status_record& record) KAVO_EXCLUDES(m_RegistryMutex);
 
  private:
+  template <class Function>
+  void submit(void* handle, void* streamId, Function const& function) KAVO_EXCLUDES(m_Mutex);
   std::string urlOf(Session& session) const KAVO_REQUIRES(m_Mutex);
   // Throws std::out_of_range.
   std::shared_ptr<Session> sessionOf(void* handle) KAVO_EXCLUDES(m_RegistryMutex);
@@ -68,5 +78,17 @@ class SessionManager : NonCopyable {
   std::atomic<bool> m_MayServe = false;
   StreamEnvironment m_Environment KAVO_GUARDED_BY(m_Mutex);
 };
+
+template <class Function>
+void SessionManager::submit(void* handle, void* streamId, Function const& function) {
+  if (m_ParallelEncoding) {
+    requireHealth();
+    sessionOf(handle)->submit(streamId, function);
+    return;
+  }
+  MutexLock lock(m_Mutex);
+  m_Environment.requireHealth();
+  sessionUnderLock(handle).submitAlone(streamId, function);
+}
 
 }  // namespace kavo::impl

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "delivery/udpreceiver.h"
-#include "rtp/reassembly.h"
+#include "rtp/packets.h"
 
 using namespace kavo::impl;
 

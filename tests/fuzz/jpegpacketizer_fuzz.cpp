@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "rtp/jpegpacketizer.h"
-#include "rtp/reassembly.h"
+#include "rtp/packets.h"
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
   if (size < 8) {

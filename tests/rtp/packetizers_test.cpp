@@ -1,13 +1,15 @@
 // What a reader of the RFCs puts together again is what was packetized.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <iterator>
 #include <numeric>
 #include <random>
 
-#include "rtp/h264packetizer.h"
 #include "rtp/jpegpacketizer.h"
+#include "rtp/nalpacketizer.h"
 #include "rtp/nalunits.h"
-#include "rtp/reassembly.h"
+#include "rtp/packets.h"
 
 using namespace kavo::impl;
 using namespace reassembly;
@@ -43,30 +45,49 @@ Bytes nalUnit(std::uint8_t type, std::size_t size, std::minstd_rand& random) {
   return bytes;
 }
 
+// The same of H.265.
+Bytes nalUnit265(std::uint8_t type, std::size_t size, std::minstd_rand& random) {
+  Bytes bytes = nalUnit(0, std::max<std::size_t>(2, size), random);
+  bytes[0] = static_cast<std::uint8_t>(type << 1);
+  bytes[1] = 1;
+  return bytes;
+}
+
 }  // namespace
 
-TEST(Packetizers, OfH264KeepEveryNalUnit) {
+TEST(Packetizers, OfVideoKeepEveryNalUnit) {
+  struct Codec {
+    decltype(packetizeH264)* packetize;
+    decltype(nalUnit)* unit;
+    std::size_t headerSize;
+    std::vector<std::uint8_t> sets;
+    std::uint8_t key;
+  };
+  Codec const codecs[] = {{packetizeH264, nalUnit, 1, {7, 8}, 5}, {packetizeH265, nalUnit265, 2, {32, 33, 34}, 21}};
   std::minstd_rand random(1);
   FramePackets packets;
-  for (std::size_t maxPacket = 200; maxPacket <= 1400; ++maxPacket) {
-    for (std::size_t const size : sizesFor(maxPacket, random)) {
-      bool const idr = size % 2 == 0;
-      std::vector<Bytes> expected;
-      if (idr) {
-        expected = {nalUnit(7, 20, random), nalUnit(8, 5, random)};
+  for (Codec const& codec : codecs) {
+    for (std::size_t maxPacket = 200; maxPacket <= 1400; ++maxPacket) {
+      for (std::size_t const size : sizesFor(maxPacket, random)) {
+        bool const isKey = size % 2 == 0;
+        std::vector<Bytes> expected;
+        if (isKey) {
+          std::ranges::transform(codec.sets, std::back_inserter(expected),
+                                 [&](std::uint8_t type) { return codec.unit(type, 20, random); });
+        }
+        expected.push_back(codec.unit(isKey ? codec.key : 1, size, random));
+        Bytes accessUnit;
+        for (Bytes const& unit : expected) {
+          Bytes const startCode = {0, 0, 0, 1};
+          accessUnit.insert(accessUnit.end(), startCode.begin(),
+                            accessUnit.empty() ? startCode.begin() : startCode.end());
+          accessUnit.insert(accessUnit.end(), unit.begin(), unit.end());
+        }
+        packets.begin(rtpHeader);
+        ASSERT_EQ(codec.packetize(accessUnit, maxPacket, packets), isKey);
+        auto const payloads = payloadsOf(packetsOf(packets), rtpHeader, maxPacket);
+        ASSERT_EQ(nalUnitsOf(payloads, codec.headerSize), expected) << maxPacket << ", " << size;
       }
-      expected.push_back(nalUnit(idr ? 5 : 1, size, random));
-      Bytes accessUnit;
-      for (Bytes const& unit : expected) {
-        Bytes const startCode = {0, 0, 0, 1};
-        accessUnit.insert(accessUnit.end(), startCode.begin(),
-                          accessUnit.empty() ? startCode.begin() : startCode.end());
-        accessUnit.insert(accessUnit.end(), unit.begin(), unit.end());
-      }
-      packets.begin(rtpHeader);
-      ASSERT_EQ(packetizeH264(accessUnit, maxPacket, packets), idr);
-      auto const payloads = payloadsOf(packetsOf(packets), rtpHeader, maxPacket);
-      ASSERT_EQ(nalUnitsOf(payloads), expected) << maxPacket << ", " << size;
     }
   }
 }
@@ -80,10 +101,20 @@ TEST(Packetizers, OfJpegKeepTheImage) {
     for (std::size_t const size : sizesFor(maxPacket, random)) {
       Bytes const scan = nalUnit(1, size, random);
       packets.begin(rtpHeader);
-      packetizeJpeg({.type = 1, .q = 195, .width = 80, .height = 60, .precision = 8, .tables = tables, .scan = scan},
+      bool const hasRestarts = size % 2 == 0;
+      auto const type = static_cast<std::uint8_t>(hasRestarts ? 65 : 1);
+      packetizeJpeg({.type = type,
+                     .q = 195,
+                     .width = 80,
+                     .height = 60,
+                     .precision = 8,
+                     .tables = tables,
+                     .scan = scan,
+                     .restartInterval = 513},
                     maxPacket, packets);
       auto const image = jpegOf(payloadsOf(packetsOf(packets), rtpHeader, maxPacket));
-      ASSERT_EQ(image.header, (Bytes{1, 195, 80, 60}));
+      ASSERT_EQ(image.header, (Bytes{type, 195, 80, 60}));
+      ASSERT_EQ(image.restartInterval, hasRestarts ? 513U : 0U);
       ASSERT_EQ(image.tables, tables);
       ASSERT_EQ(image.scan, scan) << maxPacket << ", " << size;
     }

@@ -2,13 +2,12 @@
 // without a look at the packetizers; every deviation throws.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
-
-#include "rtp/framepackets.h"
 
 namespace reassembly {
 
@@ -20,23 +19,6 @@ inline void require(bool condition, char const* what) {
   }
 }
 
-// The packets as they leave over UDP.
-inline std::vector<Bytes> packetsOf(kavo::impl::FramePackets& packets) {
-  std::vector<Bytes> result;
-  packets.end();
-  auto const pieces = packets.datagrams();
-  for (std::size_t at = 0; at < pieces.size(); at += 2) {
-    Bytes packet;
-    for (iovec const& piece : pieces.subspan(at, 2)) {
-      auto const* const begin = static_cast<std::uint8_t const*>(piece.iov_base);
-      packet.insert(packet.end(), begin, begin + piece.iov_len);
-    }
-    require(packet.size() == packets.size(result.size()), "a size that is not the packet's");
-    result.push_back(std::move(packet));
-  }
-  return result;
-}
-
 inline std::uint32_t numberAt(Bytes const& bytes, std::size_t at, int size) {
   std::uint32_t number = 0;
   for (int i = 0; i < size; ++i) {
@@ -45,44 +27,32 @@ inline std::uint32_t numberAt(Bytes const& bytes, std::size_t at, int size) {
   return number;
 }
 
-// RFC 3550, 5.1: the payloads, after a look at all headers.
-inline std::vector<Bytes> payloadsOf(std::vector<Bytes> const& packets, kavo::impl::RtpHeader const& header,
-                                     std::size_t maxPacket) {
-  std::vector<Bytes> payloads;
-  for (std::size_t i = 0; i < packets.size(); ++i) {
-    Bytes const& packet = packets[i];
-    bool const last = i + 1 == packets.size();
-    require(packet.size() > 12 && packet.size() <= maxPacket, "a packet of a wrong size");
-    require(packet[0] == 0x80, "not version 2");
-    require(packet[1] == (header.payloadType | (last ? 0x80 : 0)), "wrong payload type or marker");
-    require(numberAt(packet, 2, 2) == static_cast<std::uint16_t>(header.sequence + i), "wrong sequence number");
-    require(numberAt(packet, 4, 4) == header.timestamp, "wrong time stamp");
-    require(numberAt(packet, 8, 4) == header.ssrc, "wrong SSRC");
-    payloads.emplace_back(packet.begin() + 12, packet.end());
-  }
-  return payloads;
-}
-
-// RFC 6184: the NAL units.
-inline std::vector<Bytes> nalUnitsOf(std::vector<Bytes> const& payloads) {
+// RFC 6184, or RFC 7798 where headers have two bytes: the NAL units.
+inline std::vector<Bytes> nalUnitsOf(std::vector<Bytes> const& payloads, std::size_t headerSize = 1) {
   std::vector<Bytes> nalUnits;
   bool open = false;
+  auto const header = static_cast<std::ptrdiff_t>(headerSize);
   for (Bytes const& payload : payloads) {
-    if ((payload[0] & 0x1F) != 28) {
+    require(payload.size() >= headerSize, "a NAL unit without a header");
+    bool const isFragment = headerSize == 1 ? (payload[0] & 0x1F) == 28 : (payload[0] >> 1 & 0x3F) == 49;
+    if (!isFragment) {
       require(!open, "fragments without an end");
       nalUnits.push_back(payload);
       continue;
     }
-    require(payload.size() > 2, "an empty fragment");
-    bool const start = (payload[1] & 0x80) != 0;
-    bool const end = (payload[1] & 0x40) != 0;
-    auto const first = static_cast<std::uint8_t>((payload[0] & 0xE0) | (payload[1] & 0x1F));
+    require(payload.size() > headerSize + 1, "an empty fragment");
+    std::uint8_t const fu = payload[headerSize];
+    bool const start = (fu & 0x80) != 0;
+    bool const end = (fu & 0x40) != 0;
+    Bytes first(payload.begin(), payload.begin() + header);
+    first[0] = static_cast<std::uint8_t>(headerSize == 1 ? (payload[0] & 0xE0) | (fu & 0x1F)
+                                                         : (payload[0] & 0x81) | (fu & 0x3F) << 1);
     require(start != open && !(start && end), "fragments out of order");
     if (start) {
-      nalUnits.push_back({first});
+      nalUnits.push_back(first);
     }
-    require(nalUnits.back()[0] == first, "fragments of different NAL units");
-    nalUnits.back().insert(nalUnits.back().end(), payload.begin() + 2, payload.end());
+    require(std::equal(first.begin(), first.end(), nalUnits.back().begin()), "fragments of different NAL units");
+    nalUnits.back().insert(nalUnits.back().end(), payload.begin() + header + 1, payload.end());
     open = !end;
   }
   require(!open, "fragments without an end");
@@ -91,6 +61,7 @@ inline std::vector<Bytes> nalUnitsOf(std::vector<Bytes> const& payloads) {
 
 struct Jpeg {
   Bytes header;  // type, Q, width, height
+  std::uint32_t restartInterval = 0;
   Bytes tables;
   Bytes scan;
 };
@@ -105,11 +76,17 @@ inline Jpeg jpegOf(std::vector<Bytes> const& payloads) {
     require(image.scan.empty() || header == image.header, "fragments with different headers");
     image.header = header;
     std::size_t at = 8;
+    if (payload[4] >= 64) {
+      image.restartInterval = numberAt(payload, at, 2);
+      require(numberAt(payload, at + 2, 2) == 0xFFFF, "restart markers at which packets do not begin");
+      at += 4;
+    }
     if (image.scan.empty() && payload[5] >= 128) {
-      std::size_t const length = numberAt(payload, 10, 2);
+      std::size_t const length = numberAt(payload, at + 2, 2);
+      auto const tables = payload.begin() + static_cast<std::ptrdiff_t>(at + 4);
       at += 4 + length;
       require(at < payload.size(), "tables without data");
-      image.tables.assign(payload.begin() + 12, payload.begin() + 12 + static_cast<std::ptrdiff_t>(length));
+      image.tables.assign(tables, tables + static_cast<std::ptrdiff_t>(length));
     }
     image.scan.insert(image.scan.end(), payload.begin() + static_cast<std::ptrdiff_t>(at), payload.end());
   }

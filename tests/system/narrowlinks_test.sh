@@ -156,13 +156,14 @@ noise() {
   film=(--loop --codec jpeg --bitrate $(($2 * 8 * $3)) "$work/noise.avi")
 }
 
-# play_all FRAMES NAME...: far players of these streams, all at once, without a lost packet.
+# play_all FRAMES NAME...: far players of these streams, all at once, without a lost packet. What they
+# take of the processor is not to delay the server.
 play_all() {
   local frames=$1 players=() i
   shift
   rm -f "$work"/*.mkv
   for ((i = 1; i <= $#; ++i)); do
-    on_far bash -c "$(declare -f play); work=$work port=$port name=${!i}; play 10.77.0.1 far$i -frames:v $frames" &
+    on_far nice bash -c "$(declare -f play); work=$work port=$port name=${!i}; play 10.77.0.1 far$i -frames:v $frames" &
     players+=($!)
   done
   for ((i = 1; i <= $#; ++i)); do

@@ -8,13 +8,18 @@
 namespace {
 
 constexpr CodecInfo known[] = {
-    {kavo::Codec::H264, "H.264", kavo::sizeLimits(kavo::Codec::H264), 0.1, "rtph264depay ! h264parse ! avdec_h264"},
-    {kavo::Codec::Jpeg, "JPEG", kavo::sizeLimits(kavo::Codec::Jpeg), 1.2, "rtpjpegdepay ! jpegdec"},
+    {kavo::Codec::H264, "H.264", "h264", kavo::sizeLimits(kavo::Codec::H264), 0.1,
+     "rtph264depay ! h264parse ! avdec_h264"},
+    {kavo::Codec::Jpeg, "JPEG", "jpeg", kavo::sizeLimits(kavo::Codec::Jpeg), 1.2, "rtpjpegdepay ! jpegdec"},
+    {kavo::Codec::H265, "H.265", "h265", {}, 0, "rtph265depay ! h265parse ! avdec_h265"},
 };
+constexpr std::span encodedHere(known, 2);
 
 }  // namespace
 
-std::span<CodecInfo const> codecs() { return known; }
+std::span<CodecInfo const> codecs() { return encodedHere; }
+
+CodecInfo const& infoOf(kavo::Codec codec) { return *std::ranges::find(known, codec, &CodecInfo::codec); }
 
 std::string textOf(Size size) { return std::to_string(size.width) + "x" + std::to_string(size.height); }
 
@@ -30,7 +35,7 @@ Size nearestSize(CodecInfo const& codec, Size size) {
 
 void printFormats() {
   std::printf("Codecs:\n");
-  for (CodecInfo const& codec : known) {
+  for (CodecInfo const& codec : encodedHere) {
     auto const& limits = codec.limits;
     std::printf("  %-6s %dx%d to %dx%d, in steps of %d\n", codec.name, limits.smallest, limits.smallest,
                 limits.largestWidth, limits.largestHeight, limits.step);

@@ -10,13 +10,15 @@
 struct CodecInfo {
   kavo::Codec codec;
   char const* name;
+  char const* shortName;  // on the command line and in JSON
   kavo::SizeLimits limits;
   double bitsPerPixel;    // of each frame, without --bitrate
   char const* gstreamer;  // the elements that decode it
 };
 
-// In the order in which they are tried.
+// Those that are encoded here, in the order in which they are tried; and any that is published.
 std::span<CodecInfo const> codecs();
+CodecInfo const& infoOf(kavo::Codec codec);
 
 std::string textOf(Size size);
 

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "cameras.h"
 
@@ -28,12 +29,12 @@ std::string titleOf(std::string const& source) { return source.empty() ? "the te
 }  // namespace
 
 Input::Input(std::string const& source, Options const& options, std::atomic<bool> const& stop, Note note)
-    : m_Source(source),
-      m_Options(options),
-      m_Stop(stop),
-      m_Note(std::move(note)),
-      m_Frame(av_frame_alloc()),
-      m_Packet(av_packet_alloc()) {
+    : m_Source(source), m_Options(options), m_Stop(stop), m_Note(std::move(note)), m_Packet(av_packet_alloc()) {
+  if (options.copy) {
+    m_Reader = std::make_unique<CopyingReader>();
+  } else {
+    m_Reader = std::make_unique<DecodingReader>();
+  }
   av_log_set_level(AV_LOG_QUIET);
   avdevice_register_all();
   open();
@@ -51,33 +52,46 @@ void Input::open() {
   } else if (isCamera(url)) {
     format = av_find_input_format("video4linux2");
   }
-  AVFormatContext* context = avformat_alloc_context();
-  context->interrupt_callback = {interrupted, const_cast<std::atomic<bool>*>(&m_Stop)};
-  int const opened = avformat_open_input(&context, url.c_str(), format, nullptr);
-  if (opened < 0) {  // the context is freed then
+  if (int const opened = openFormat(format, url); opened < 0) {
     throw Failure("cannot open '" + (m_Source.empty() ? url : m_Source) + "': " + reasonOf(opened) +
                   "; give a video file, a camera or a URL");
   }
-  m_Format.reset(context);
   m_IsLive = isLive(*m_Format, url);
-  openDecoder();
+  openReader();
 }
 
-void Input::openDecoder() {
+// Cameras that encode are asked for what can be copied first.
+int Input::openFormat(AVInputFormat const* format, std::string const& url) {
+  std::vector<char const*> codecs = {nullptr};
+  if (m_Options.copy && isCamera(url)) {
+    codecs = {"mjpeg", "h264", "hevc"};
+  }
+  int opened = 0;
+  for (char const* const codec : codecs) {
+    AVFormatContext* context = avformat_alloc_context();
+    context->interrupt_callback = {interrupted, const_cast<std::atomic<bool>*>(&m_Stop)};
+    AVDictionary* wanted = nullptr;
+    if (codec != nullptr) {
+      av_dict_set(&wanted, "input_format", codec, 0);
+    }
+    opened = avformat_open_input(&context, url.c_str(), format, &wanted);  // frees the context where it fails
+    av_dict_free(&wanted);
+    if (opened >= 0) {
+      m_Format.reset(context);
+      break;
+    }
+  }
+  return opened;
+}
+
+void Input::openReader() {
   AVCodec const* codec = nullptr;
   bool const known = avformat_find_stream_info(m_Format.get(), nullptr) >= 0;
   m_Stream = known ? av_find_best_stream(m_Format.get(), AVMEDIA_TYPE_VIDEO, -1, -1, &codec, 0) : -1;
   if (m_Stream < 0) {
     throw Failure("there is no video that FFmpeg can decode in " + titleOf(m_Source) + ": choose another input");
   }
-  AVStream const& stream = *m_Format->streams[m_Stream];
-  m_Decoder.reset(avcodec_alloc_context3(codec));
-  avcodec_parameters_to_context(m_Decoder.get(), stream.codecpar);
-  m_Decoder->thread_count = 0;
-  if (avcodec_open2(m_Decoder.get(), codec, nullptr) < 0 || m_Decoder->width <= 0) {
-    throw Failure("FFmpeg cannot decode the video of " + titleOf(m_Source) + ": choose another input");
-  }
-  m_Frames.setUp(stream, *m_Decoder);
+  m_Reader->open(*m_Format->streams[m_Stream], *codec, titleOf(m_Source));
 }
 
 void Input::guessFrameRate() {
@@ -90,35 +104,35 @@ void Input::guessFrameRate() {
   }
 }
 
-std::vector<std::uint8_t> const* Input::next() {
-  while (!decode()) {
+std::span<std::uint8_t const> Input::next() {
+  while (!read()) {
     if (m_Stop || !goOn()) {
-      return nullptr;
+      return {};
     }
   }
   ++m_Count;
   noteTime();
-  return &m_Frames.pack(*m_Frame);
+  return m_Reader->frame();
 }
 
-// One frame into m_Frame; false at the end of the input.
-bool Input::decode() {
+// One frame into the reader; false at the end of the input.
+bool Input::read() {
   while (true) {
-    int const received = avcodec_receive_frame(m_Decoder.get(), m_Frame.get());
+    int const received = m_Reader->receive();
     if (received >= 0) {
       return true;
     }
     if (received != AVERROR(EAGAIN)) {
       return false;
     }
-    int const read = av_read_frame(m_Format.get(), m_Packet.get());
-    if (read < 0) {
-      m_ReadError = read;
-      avcodec_send_packet(m_Decoder.get(), nullptr);  // the frames it holds back come out yet
+    int const error = av_read_frame(m_Format.get(), m_Packet.get());
+    if (error < 0) {
+      m_ReadError = error;
+      m_Reader->send(nullptr);  // the frames it holds back come out yet
       continue;
     }
     if (m_Packet->stream_index == m_Stream) {
-      avcodec_send_packet(m_Decoder.get(), m_Packet.get());
+      m_Reader->send(m_Packet.get());
     }
     av_packet_unref(m_Packet.get());
   }
@@ -145,9 +159,11 @@ bool Input::goOn() {
 }
 
 bool Input::rewind() {
-  avcodec_flush_buffers(m_Decoder.get());
+  m_Reader->restart();
   m_TimeOffset.reset();
-  return m_Time >= 0 && av_seek_frame(m_Format.get(), m_Stream, 0, AVSEEK_FLAG_BACKWARD | AVSEEK_FLAG_ANY) >= 0;
+  // A file of nothing but video has no times to seek to.
+  return m_Time >= 0 && (av_seek_frame(m_Format.get(), m_Stream, 0, AVSEEK_FLAG_BACKWARD | AVSEEK_FLAG_ANY) >= 0 ||
+                         av_seek_frame(m_Format.get(), m_Stream, 0, AVSEEK_FLAG_BYTE) >= 0);
 }
 
 // Tries every second until the source is back.
@@ -172,9 +188,8 @@ bool Input::reconnect() {
 void Input::noteTime() {
   double const expected = m_Time < 0 ? 0 : m_Time + 1.0 / m_FrameRate;
   double time = expected;
-  if (m_Frame->best_effort_timestamp != AV_NOPTS_VALUE) {
-    double const stamp =
-        static_cast<double>(m_Frame->best_effort_timestamp) * av_q2d(m_Format->streams[m_Stream]->time_base);
+  if (m_Reader->time() != AV_NOPTS_VALUE) {
+    double const stamp = static_cast<double>(m_Reader->time()) * av_q2d(m_Format->streams[m_Stream]->time_base);
     if (!m_TimeOffset || std::abs(stamp + *m_TimeOffset - expected) > 2) {
       m_TimeOffset = expected - stamp;
     }

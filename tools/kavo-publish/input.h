@@ -6,12 +6,12 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
-#include <vector>
 
 #include "ffmpeg.h"
+#include "framereader.h"
 #include "options.h"
-#include "uprightframes.h"
 
 using Note = std::function<void(std::string const&)>;
 
@@ -21,22 +21,25 @@ class Input {
   // note gets remarks, on any thread.
   Input(std::string const& source, Options const& options, std::atomic<bool> const& stop, Note note);
 
-  // As it is to be seen: upright, with square pixels.
-  Size size() const { return m_Frames.size(); }
+  // Of the frames that next() gives.
+  Size size() const { return m_Reader->size(); }
   double frameRate() const { return m_FrameRate; }
-  kavo::PixelFormat pixelFormat() const { return m_Frames.hostFormat(); }
+  // Null where the input is copied, or is decoded.
+  DecodingReader const* decoded() const { return dynamic_cast<DecodingReader const*>(m_Reader.get()); }
+  CopyingReader const* copied() const { return dynamic_cast<CopyingReader const*>(m_Reader.get()); }
 
-  // The next frame, tightly packed, valid until the next call; nullptr at the end.
-  // Throws Failure when a camera or a URL is lost.
-  std::vector<std::uint8_t> const* next();
+  // The next frame (a raw one tightly packed), valid until the next call; empty at the end.
+  // Throws Failure when a camera or a URL is lost, or a frame cannot be copied.
+  std::span<std::uint8_t const> next();
   // When the frame is due, in seconds since the first one.
   double time() const { return m_Time; }
 
  private:
   void open();
-  void openDecoder();
+  int openFormat(AVInputFormat const* format, std::string const& url);
+  void openReader();
   void guessFrameRate();
-  bool decode();
+  bool read();
   bool goOn();
   bool rewind();
   bool reconnect();
@@ -47,14 +50,12 @@ class Input {
   std::atomic<bool> const& m_Stop;
   Note m_Note;
   CPtr<AVFormatContext, avformat_close_input> m_Format;
-  CPtr<AVCodecContext, avcodec_free_context> m_Decoder;
-  CPtr<AVFrame, av_frame_free> m_Frame;
   CPtr<AVPacket, av_packet_free> m_Packet;
+  std::unique_ptr<FrameReader> m_Reader;
   bool m_IsLive = false;
   int m_Stream = -1;
   int m_ReadError = 0;  // that reading last ended with
   double m_FrameRate = 0;
-  UprightFrames m_Frames;
   long m_Count = 0;
   double m_Time = -1;
   std::optional<double> m_TimeOffset;  // from the input's clock to ours

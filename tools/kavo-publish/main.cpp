@@ -63,7 +63,7 @@ void publish(Options const& options) {
   auto const interval = std::chrono::seconds(options.json || isatty(STDOUT_FILENO) != 0 ? 1 : 5);
   auto const begin = Clock::now();
   for (auto due = begin + interval; !g_Stop && anyRunning(publications);) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
     if (options.seconds && std::chrono::duration<double>(Clock::now() - begin).count() > *options.seconds) {
       g_Stop = true;
     } else if (Clock::now() >= due) {

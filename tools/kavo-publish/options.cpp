@@ -152,6 +152,7 @@ std::optional<Options> readOptions(int argc, char** argv) {
       ->expected(1)
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
       ->allow_extra_args(false);
+  app.add_flag("--copy", options.copy, "publish H.264, H.265 or MJPEG as it is, without decoding and\nencoding it");
   app.add_flag("--loop", options.loop, "start a file again at its end");
   app.add_flag("--reconnect", options.reconnect, "open a camera or URL again when it is lost");
   option(app, "--duration", "SECONDS", "end after this time", [&](auto const& text) {
@@ -176,6 +177,12 @@ std::optional<Options> readOptions(int argc, char** argv) {
   if (listFormats) {
     printFormats();
     return std::nullopt;
+  }
+  if (options.copy && sources.empty()) {
+    refuse("--copy is for files, cameras and URLs: the test pattern is not encoded");
+  }
+  if (options.copy && (options.codec || options.size || options.bitsPerSecond)) {
+    refuse("--copy changes nothing: it goes without --codec, --size and --bitrate");
   }
   if (options.loop && sources.empty()) {
     refuse("--loop is for files: the test pattern never ends");

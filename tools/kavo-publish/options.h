@@ -26,6 +26,7 @@ struct Options {
   std::optional<int> frameRate;      // of the test pattern and of inputs that do not tell theirs
   std::optional<std::int64_t> bitsPerSecond;
   std::uint16_t port = 8554;
+  bool copy = false;  // encoded frames are published as they are
   bool loop = false;
   bool reconnect = false;
   std::optional<double> seconds;  // end after this time

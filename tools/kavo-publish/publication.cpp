@@ -25,7 +25,11 @@ Publication::Publication(kavo::Server& server, Options const& options, Options::
       m_Stop(stop),
       m_Input(input.source, options, stop, note),
       m_Session(server.createSession(input.name, input.name)) {
-  createStream(options, note);
+  if (auto const* const copied = m_Input.copied()) {
+    createCopy(*copied);
+  } else {
+    createStream(options, note);
+  }
 }
 
 Publication::~Publication() {
@@ -47,7 +51,7 @@ kavo::VideoOptions Publication::videoFor(CodecInfo const& codec, Options const& 
   kavo::VideoOptions video;
   video.width = m_Input.size().width;
   video.height = m_Input.size().height;
-  video.format = m_Input.pixelFormat();
+  video.format = m_Input.decoded()->pixelFormat();
   video.codec = codec.codec;
   video.outputWidth = nearest.width;
   video.outputHeight = nearest.height;
@@ -97,6 +101,27 @@ bool Publication::takesUsualBitrate(Options options) {
   }
 }
 
+void Publication::createCopy(CopyingReader const& input) {
+  m_Codec = &infoOf(input.options().codec);
+  m_Video.outputWidth = input.size().width;
+  m_Video.outputHeight = input.size().height;
+  m_Video.bitsPerSecond = std::int64_t{1000} * input.options().kilobitsPerSecond;
+  try {
+    m_EncodedStream = std::make_unique<kavo::EncodedStream>(m_Session.createEncodedStream(input.options()));
+  } catch (kavo::Error const& error) {
+    throw Failure("the parameter sets of '" + m_Source + "' cannot be copied (result " +
+                  std::to_string(error.result()) + "); without --copy it is encoded anew");
+  }
+}
+
+void Publication::submit(std::span<std::uint8_t const> frame) {
+  if (m_Stream) {
+    m_Stream->submit(frame.data(), frame.size());
+  } else {
+    m_EncodedStream->submit(frame.data(), frame.size());
+  }
+}
+
 void Publication::start() {
   m_Running = true;
   m_Thread = std::thread([this] {
@@ -119,8 +144,8 @@ void Publication::rethrow() const {
 void Publication::run() {
   auto start = Clock::now();
   while (!m_Stop) {
-    std::vector<std::uint8_t> const* const frame = m_Input.next();
-    if (frame == nullptr) {
+    auto const frame = m_Input.next();
+    if (frame.empty()) {
       break;
     }
     auto const due = start + std::chrono::duration_cast<Clock::duration>(Seconds(m_Input.time()));
@@ -129,6 +154,6 @@ void Publication::run() {
     if (Clock::now() - due > std::chrono::milliseconds(500)) {
       start += Clock::now() - due;
     }
-    m_Stream->submit(frame->data(), frame->size());
+    submit(frame);
   }
 }

@@ -5,6 +5,7 @@
 #include <exception>
 #include <kavo/stream.hpp>
 #include <memory>
+#include <span>
 #include <string>
 #include <thread>
 
@@ -32,8 +33,9 @@ class Publication {
   std::string const& name() const { return m_Name; }
   std::string const& source() const { return m_Source; }
   std::string url() const { return m_Session.url(); }
-  kavo::StreamStatus status() const { return m_Stream->status(); }
+  kavo::StreamStatus status() const { return m_Stream ? m_Stream->status() : m_EncodedStream->status(); }
   CodecInfo const& codec() const { return *m_Codec; }
+  // Of the published frames.
   Size size() const { return {m_Video.outputWidth, m_Video.outputHeight}; }
   double frameRate() const { return m_Input.frameRate(); }
   std::int64_t bitsPerSecond() const { return m_Video.bitsPerSecond; }
@@ -41,8 +43,10 @@ class Publication {
  private:
   kavo::VideoOptions videoFor(CodecInfo const& codec, Options const& options) const;
   void createStream(Options const& options, Note const& note);
+  void createCopy(CopyingReader const& input);
   bool takesUsualBitrate(Options options);
   void run();
+  void submit(std::span<std::uint8_t const> frame);
 
   std::string m_Name;
   std::string m_Source;
@@ -51,7 +55,9 @@ class Publication {
   kavo::Session m_Session;
   kavo::VideoOptions m_Video;
   CodecInfo const* m_Codec = nullptr;
+  // One of them.
   std::unique_ptr<kavo::Stream> m_Stream;
+  std::unique_ptr<kavo::EncodedStream> m_EncodedStream;
 
   std::exception_ptr m_Failure;
   std::atomic<bool> m_Running = false;

@@ -24,17 +24,20 @@ void Report::introduce(std::deque<Publication> const& publications) {
     if (m_Json) {
       print({{"stream", publication.name()},
              {"url", publication.url()},
-             {"codec", publication.codec().codec == kavo::Codec::Jpeg ? "jpeg" : "h264"},
+             {"codec", publication.codec().shortName},
              {"width", width},
              {"height", height},
              {"frame_rate", publication.frameRate()},
              {"target_bits_per_second", publication.bitsPerSecond()}});
       continue;
     }
-    std::printf("Publishing %s, %dx%d at %g frames a second, as %s of about %.3g Mbit/s:\n\n  %s\n\n",
+    std::printf("Publishing %s, %dx%d at %g frames a second, as %s",
                 publication.source().empty() ? "the test pattern" : publication.source().c_str(), width, height,
-                publication.frameRate(), publication.codec().name,
-                static_cast<double>(publication.bitsPerSecond()) / 1e6, publication.url().c_str());
+                publication.frameRate(), publication.codec().name);
+    if (publication.bitsPerSecond() > 0) {
+      std::printf(" of about %.3g Mbit/s", static_cast<double>(publication.bitsPerSecond()) / 1e6);
+    }
+    std::printf(":\n\n  %s\n\n", publication.url().c_str());
   }
   if (!m_Json) {
     Publication const& first = publications.front();

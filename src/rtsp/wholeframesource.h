@@ -1,4 +1,4 @@
-// Delivers H.264 access units from a stream's queue to the sink. Event-loop thread, but for
+// Delivers frames from a stream's queue to the sink as they are. Event-loop thread, but for
 // signalNewFrameData().
 #pragma once
 
@@ -10,11 +10,11 @@
 
 namespace kavo::impl {
 
-class H264Source : public QueuedSource<FramedSource> {
+class WholeFrameSource : public QueuedSource<FramedSource> {
  public:
-  static H264Source* createNew(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler)
+  static WholeFrameSource* createNew(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler)
       KAVO_REQUIRES(eventLoopRole) {
-    return new H264Source(env, std::move(handler));
+    return new WholeFrameSource(env, std::move(handler));
   }
 
  protected:
@@ -25,5 +25,7 @@ class H264Source : public QueuedSource<FramedSource> {
     std::memcpy(fTo, packet.data, deliverable);
   }
 };
+
+using H264Source = WholeFrameSource;
 
 }  // namespace kavo::impl
