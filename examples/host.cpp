@@ -14,15 +14,14 @@ namespace {
 constexpr int width = 640;
 constexpr int height = 480;
 
-// A grey ramp that moves to the left, with a white bar that shows the time.
-void draw(std::vector<std::uint8_t>& pixels, int frame) {
-  std::uint8_t* pixel = pixels.data();
+// A grey ramp that moves to the left, with a white bar that shows the time. Of the frame's planes
+// the first is brightness, 0 to 255 as JPEG shows it; the others, colour, stay at none.
+void draw(std::vector<std::uint8_t>& planes, int frame) {
+  std::uint8_t* pixel = planes.data();
   for (int y = 0; y < height; ++y) {
-    for (int x = 0; x < width; ++x, pixel += 3) {
+    for (int x = 0; x < width; ++x, ++pixel) {
       bool const bar = y > height - 40 && x < frame * 4 % width;
-      pixel[0] = bar ? 255 : static_cast<std::uint8_t>(x + frame * 3);
-      pixel[1] = bar ? 255 : static_cast<std::uint8_t>(y);
-      pixel[2] = bar ? 255 : 128;
+      *pixel = bar ? 255 : static_cast<std::uint8_t>(x + frame * 3);
     }
   }
 }
@@ -35,17 +34,17 @@ int main(int argc, char** argv) try {
   kavo::VideoOptions video;
   video.width = width;
   video.height = height;
-  video.format = kavo::PixelFormat::Rgb24;
+  video.format = kavo::PixelFormat::Yuv420p;
   video.codec = kavo::Codec::Jpeg;
   kavo::Stream stream = session.createStream(video);
   std::printf("%s\n", session.url().c_str());
   std::fflush(stdout);
 
-  std::vector<std::uint8_t> pixels(stream.frameSize());
+  std::vector<std::uint8_t> planes(stream.frameSize(), 128);
   int const frames = argc > 2 ? std::atoi(argv[2]) * video.frameRate : -1;
   for (int frame = 0; frame != frames; ++frame) {
-    draw(pixels, frame);
-    stream.submit(pixels.data(), pixels.size());
+    draw(planes, frame);
+    stream.submit(planes.data(), planes.size());
     std::this_thread::sleep_for(std::chrono::milliseconds(1000 / video.frameRate));
   }
 } catch (std::exception const& failure) {

@@ -1,6 +1,5 @@
-// A camera read directly: the driver's buffers are handed over where they lie: images of a
-// camera that encodes JPEG itself as they are, raw frames converted only if the camera gives a
-// layout that the library does not take.
+// A camera read directly: images of one that encodes JPEG itself are handed over as they are,
+// where they lie in the driver's buffers; raw frames are converted to JPEG's range.
 //
 //   c++ -std=c++17 v4l2.cpp -o v4l2 -lkavo_stream -lswscale -lavutil
 //   ./v4l2 [/dev/video0] [PORT] [SECONDS]
@@ -19,7 +18,6 @@
 #include <kavo/convert.hpp>
 #include <kavo/stream.hpp>
 #include <memory>
-#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -28,20 +26,16 @@ namespace {
 
 struct Layout {
   std::uint32_t v4l2;
-  AVPixelFormat ffmpeg;                          // what a converter is told
-  std::optional<kavo::PixelFormat> asItIs = {};  // when none is needed
+  AVPixelFormat ffmpeg;  // what a converter is told
 
   bool isJpeg() const { return ffmpeg == AV_PIX_FMT_NONE; }
 };
 
 // In the order of our liking.
 constexpr Layout layouts[] = {
-    {V4L2_PIX_FMT_MJPEG, AV_PIX_FMT_NONE},
-    {V4L2_PIX_FMT_YUV420, AV_PIX_FMT_YUV420P, kavo::PixelFormat::Yuv420p},
-    {V4L2_PIX_FMT_RGB24, AV_PIX_FMT_RGB24, kavo::PixelFormat::Rgb24},
-    {V4L2_PIX_FMT_BGR24, AV_PIX_FMT_BGR24, kavo::PixelFormat::Bgr24},
-    {V4L2_PIX_FMT_YUYV, AV_PIX_FMT_YUYV422},
-    {V4L2_PIX_FMT_NV12, AV_PIX_FMT_NV12},
+    {V4L2_PIX_FMT_MJPEG, AV_PIX_FMT_NONE},   {V4L2_PIX_FMT_YUV420, AV_PIX_FMT_YUV420P},
+    {V4L2_PIX_FMT_RGB24, AV_PIX_FMT_RGB24},  {V4L2_PIX_FMT_BGR24, AV_PIX_FMT_BGR24},
+    {V4L2_PIX_FMT_YUYV, AV_PIX_FMT_YUYV422}, {V4L2_PIX_FMT_NV12, AV_PIX_FMT_NV12},
     {V4L2_PIX_FMT_GREY, AV_PIX_FMT_GRAY8},
 };
 
@@ -153,21 +147,14 @@ Submit publisherOf(kavo::Session& session, Camera const& camera) {
       stream.submit(image, size);
     };
   }
-  // A padded line is as much a reason to convert as another layout.
-  bool const padded = camera.stride() > av_image_get_linesize(camera.layout().ffmpeg, camera.width(), 0);
-  auto const plain = padded ? std::nullopt : camera.layout().asItIs;
+  auto const converter = std::make_shared<kavo::Converter>(camera.layout().ffmpeg, camera.width(), camera.height(),
+                                                           camera.stride(), kavo::Range::Full);
   kavo::VideoOptions video;
   video.width = camera.width();
   video.height = camera.height();
-  video.format = plain.value_or(kavo::Converter::format());
+  video.format = kavo::Converter::format();
   video.codec = kavo::Codec::Jpeg;
-  kavo::Stream stream = session.createStream(video);
-  if (plain) {
-    return [stream](std::uint8_t const* frame, std::size_t size) mutable { stream.submit(frame, size); };
-  }
-  auto const converter =
-      std::make_shared<kavo::Converter>(camera.layout().ffmpeg, camera.width(), camera.height(), camera.stride());
-  return [stream, converter](std::uint8_t const* frame, std::size_t size) mutable {
+  return [stream = session.createStream(video), converter](std::uint8_t const* frame, std::size_t size) mutable {
     if (size >= converter->sourceSize()) {
       auto const& converted = converter->convert(frame);
       stream.submit(converted.data(), converted.size());

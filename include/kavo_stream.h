@@ -4,7 +4,7 @@
  * The whole library is one function, kv_Stream(command, param, size): a command
  * number, the address of the command's record, and the record's size in bytes.
  * It returns one of the result codes below and never throws. Link with
- * -lkavo_stream. The header serves C (C11) and C++ (C++11) on 64-bit Linux.
+ * -lkavo_stream. The header serves C (C99) and C++ (C++11) on 64-bit Linux.
  *
  * Threads. Any thread may call, any number at once; calls are serialised. A
  * frame is scaled and encoded inside its submit call, on the calling thread. The
@@ -32,10 +32,11 @@
 #include <stdint.h>
 
 /** @cond */
-#ifndef __cplusplus
-#include <assert.h>
-#endif
+#ifdef __cplusplus
 #define KV_STATIC_ASSERT(condition) static_assert(condition, #condition)
+#else
+#define KV_STATIC_ASSERT(condition) __extension__ _Static_assert(condition, #condition)
+#endif
 #define KV_FIELD_AT(record, field, position) KV_STATIC_ASSERT(offsetof(record, field) == (position))
 /** @endcond */
 
@@ -83,6 +84,30 @@ enum kv_result {
   KV_CODEC_FAILURE = 7,     /**< frame size or settings that the codec refuses, or OpenH264 is missing */
   KV_UNEXPECTED = -1        /**< anything else: no memory, where the standard library says so */
 };
+
+/** What a result says, in a few words; of any number. */
+inline static char const* kv_result_text(int result) {
+  switch (result) {
+    case KV_OK:
+      return "success";
+    case KV_NOT_STARTED:
+      return "the server is not running";
+    case KV_ALREADY_THERE:
+      return "already exists";
+    case KV_INVALID_PARAMETER:
+      return "invalid value";
+    case KV_NAME_IN_USE:
+      return "another session has this name";
+    case KV_UNKNOWN:
+      return "no such session or stream";
+    case KV_RESOURCE_FAILURE:
+      return "resource unavailable (port in use? the policy file? out of descriptors or memory?)";
+    case KV_CODEC_FAILURE:
+      return "the codec refused";
+    default:
+      return "unexpected failure";
+  }
+}
 
 /** Raw frame layouts. A frame is tightly packed: no padding between rows or
  * planes. In the planar layouts the Y plane is followed by U and V; their rows
@@ -144,7 +169,7 @@ typedef struct kv_video_record {
   int32_t dst_width;        /**< encoded frames, pixels; frames of another size are scaled */
   int32_t dst_height;       /**< pixels. JPEG: each at most 2040 and a multiple of 4; choose multiples of 8, the
                              * steps that RTP/JPEG can express (of other sizes viewers see the last 4 rows or
-                             * columns missing). H.264: at most 4096 x 2304, even */
+                             * columns missing, of a width of 16 n + 4 garbage). H.264: at most 4096 x 2304, even */
   int32_t src_pixel_format; /**< one of kv_pixel_format */
   int32_t dst_pixel_format; /**< not used */
   int32_t src_codec;        /**< KV_CODEC_RAW; KV_CODEC_MJPEG is accepted too, and frames are raw all the same */

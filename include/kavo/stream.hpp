@@ -36,35 +36,11 @@ class Error : public std::runtime_error {
  public:
   /// what: the action that failed; advice: what to do about it.
   Error(std::string const& what, int result, std::string const& advice = "")
-      : std::runtime_error(what + ": " + meaning(result) + (advice.empty() ? "" : ": " + advice)),
+      : std::runtime_error(what + ": " + kv_result_text(result) + (advice.empty() ? "" : ": " + advice)),
         m_Result(static_cast<kv_result>(result)) {}
 
   /// The command's result code.
   kv_result result() const noexcept { return m_Result; }
-
-  /// What a result code means, in a few words.
-  static char const* meaning(int result) noexcept {
-    switch (result) {
-      case KV_OK:
-        return "success";
-      case KV_NOT_STARTED:
-        return "the server is not running";
-      case KV_ALREADY_THERE:
-        return "already exists";
-      case KV_INVALID_PARAMETER:
-        return "invalid value";
-      case KV_NAME_IN_USE:
-        return "another session has this name";
-      case KV_UNKNOWN:
-        return "no such session or stream";
-      case KV_RESOURCE_FAILURE:
-        return "resource unavailable (port in use? the policy file? out of descriptors or memory?)";
-      case KV_CODEC_FAILURE:
-        return "the codec refused";
-      default:
-        return "unexpected failure";
-    }
-  }
 
  private:
   kv_result m_Result;

@@ -110,3 +110,24 @@ TEST(PublicLayer, TheConverterReadsNothingPastTheFrame) {
     EXPECT_NEAR(converted[640 * 480 - 1], converted[0], 1) << layout;
   }
 }
+
+// White is white in JPEG; what is half a row of colour at an odd height is not left as it was.
+TEST(PublicLayer, TheConverterFillsTheFrameInItsRange) {
+  for (auto const& [range, white] : {std::pair(kavo::Range::Full, 255), {kavo::Range::Limited, 235}}) {
+    kavo::Converter converter(AV_PIX_FMT_RGB24, 64, 47, 0, range);
+    auto const& converted = converter.convert(std::vector<std::uint8_t>(64 * 47 * 3, 255).data());
+    EXPECT_NEAR(converted[0], white, 1);
+    EXPECT_NEAR(converted[64 * 47 - 1], white, 1);
+    EXPECT_NEAR(converted.back(), 128, 1);
+  }
+  for (int const height : {1, 47}) {
+    kavo::Converter converter(AV_PIX_FMT_YUYV422, 64, height);
+    auto const& converted = converter.convert(std::vector<std::uint8_t>(64 * 47 * 2, 128).data());
+    EXPECT_EQ(converted, std::vector<std::uint8_t>(kavo::frameSize(kavo::PixelFormat::Yuv420p, 64, height), 128));
+  }
+  EXPECT_THROW(kavo::Converter(AV_PIX_FMT_NONE, 64, 48), std::runtime_error);
+  EXPECT_THROW(kavo::Converter(AV_PIX_FMT_VAAPI, 64, 48), std::runtime_error);
+  EXPECT_THROW(kavo::Converter(AV_PIX_FMT_RGB24, 64, 48, -192), std::runtime_error);
+  EXPECT_THROW(kavo::Converter(AV_PIX_FMT_RGB24, 64, 48, 191), std::runtime_error);
+  EXPECT_THROW(kavo::Converter(AV_PIX_FMT_RGB24, 0, 48), std::runtime_error);
+}

@@ -28,6 +28,7 @@ watched() {
 
 p=$(free_port); watched host "$p" "$built/example_host" "$p" 30
 p=$(free_port); watched host "$p" "$built/example_host_c" "$p" 30
+p=$(free_port); watched encoded "$p" "$built/example_host_c" "$p" 30
 p=$(free_port); watched camera3 "$p" "$built/example_many_cameras" 5 "$p" 30
 p=$(free_port); watched encoded "$p" "$built/example_encoded" "$p" 30
 p=$(free_port); watched host "$p" python3 "$sources/host.py" "$p" 30

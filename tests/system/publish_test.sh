@@ -58,6 +58,21 @@ stop
 [ -f "$work/seen40.png" ] || die "the file did not start again"
 green "$work/seen1.png"
 
+# As JPEG, white is white and red is red, in the input's size and in another.
+for colour in white:ffffff red:fe0000; do
+  ffmpeg -v error -f lavfi -i color=c=${colour%:*}:size=320x240:rate=25 -t 1 -pix_fmt yuv420p -y "$work/colour.mp4"
+  for size in 320x240 640x480; do
+    start --loop --codec jpeg --size $size "$work/colour.mp4"
+    ffmpeg -v error -rtsp_transport tcp -i "rtsp://127.0.0.1:$port/kavo" -frames:v 1 -y "$work/colour.png"
+    stop
+    python3 - "$(pixel "$work/colour.png")" ${colour#*:} <<'EOF' || die "$colour is $(pixel "$work/colour.png")"
+import sys
+seen, wanted = (bytes.fromhex(text) for text in sys.argv[1:])
+assert max(abs(a - b) for a, b in zip(seen, wanted)) <= 2
+EOF
+  done
+done
+
 # Two inputs at once are two streams, and JSON tells of each.
 ffmpeg -v error -f lavfi -i testsrc=size=1280x720:rate=25 -t 1 -pix_fmt yuv420p "$work/large.mp4"
 refused 1 'missing.mp4' "$work/green.mp4" "$work/missing.mp4"

@@ -43,6 +43,8 @@ class DecodingReader : public FrameReader {
   Size size() const override { return m_Frames.size(); }
 
   kavo::PixelFormat pixelFormat() const { return m_Frames.hostFormat(); }
+  // See UprightFrames.
+  void convertForJpeg(Size size) { m_Frames.convertForJpeg(size); }
 
  private:
   CPtr<AVCodecContext, avcodec_free_context> m_Decoder;

@@ -25,7 +25,7 @@ class Input {
   Size size() const { return m_Reader->size(); }
   double frameRate() const { return m_FrameRate; }
   // Null where the input is copied, or is decoded.
-  DecodingReader const* decoded() const { return dynamic_cast<DecodingReader const*>(m_Reader.get()); }
+  DecodingReader* decoded() const { return dynamic_cast<DecodingReader*>(m_Reader.get()); }
   CopyingReader const* copied() const { return dynamic_cast<CopyingReader const*>(m_Reader.get()); }
 
   // The next frame (a raw one tightly packed), valid until the next call; empty at the end.

@@ -48,10 +48,11 @@ kavo::VideoOptions Publication::videoFor(CodecInfo const& codec, Options const& 
             std::to_string(codec.limits.step) + ": the nearest to --size " + textOf(wanted) + " is " + textOf(nearest),
         2);
   }
+  bool const isJpeg = codec.codec == kavo::Codec::Jpeg;
   kavo::VideoOptions video;
-  video.width = m_Input.size().width;
-  video.height = m_Input.size().height;
-  video.format = m_Input.decoded()->pixelFormat();
+  video.width = isJpeg ? nearest.width : m_Input.size().width;
+  video.height = isJpeg ? nearest.height : m_Input.size().height;
+  video.format = isJpeg ? kavo::PixelFormat::Yuv420p : m_Input.decoded()->pixelFormat();
   video.codec = codec.codec;
   video.outputWidth = nearest.width;
   video.outputHeight = nearest.height;
@@ -71,6 +72,9 @@ void Publication::createStream(Options const& options, Note const& note) {
     m_Video = videoFor(codec, options);
     try {
       m_Stream = std::make_unique<kavo::Stream>(m_Session.createStream(m_Video));
+      if (codec.codec == kavo::Codec::Jpeg) {
+        m_Input.decoded()->convertForJpeg({m_Video.width, m_Video.height});
+      }
       return;
     } catch (kavo::Error const& error) {
       bool const h264 = codec.codec == kavo::Codec::H264;

@@ -59,12 +59,25 @@ void UprightFrames::setUp(AVStream const& stream, AVCodecContext const& decoder)
       m_HostFormat = number;
     }
   }
+  m_Filtered.reset(av_frame_alloc());
+  allocate();
+}
+
+void UprightFrames::convertForJpeg(Size size) {
+  m_Size = size;
+  m_PixelFormat = AV_PIX_FMT_YUV420P;
+  m_HostFormat = kavo::PixelFormat::Yuv420p;
+  m_IsFullRange = true;
+  m_Graph.reset();
+  allocate();
+}
+
+void UprightFrames::allocate() {
   int const bytes = av_image_get_buffer_size(m_PixelFormat, m_Size.width, m_Size.height, 1);
   if (bytes < 0) {
     failConverting(bytes);
   }
   m_Packed.resize(static_cast<std::size_t>(bytes));
-  m_Filtered.reset(av_frame_alloc());
 }
 
 std::vector<std::uint8_t> const& UprightFrames::pack(AVFrame& frame) {
@@ -87,7 +100,8 @@ std::vector<std::uint8_t> const& UprightFrames::pack(AVFrame& frame) {
 }
 
 bool UprightFrames::isAsWanted(AVFrame const& frame) const {
-  return m_QuarterTurns == 0 && frame.format == m_PixelFormat && Size{frame.width, frame.height} == m_Size;
+  bool const isInRange = !m_IsFullRange || frame.color_range == AVCOL_RANGE_JPEG;
+  return m_QuarterTurns == 0 && isInRange && frame.format == m_PixelFormat && Size{frame.width, frame.height} == m_Size;
 }
 
 void UprightFrames::prepareFor(AVFrame const& frame) {
@@ -98,7 +112,9 @@ void UprightFrames::prepareFor(AVFrame const& frame) {
   m_InFormat = frame.format;
   m_Graph.reset(avfilter_graph_alloc());
   std::string const in = "video_size=" + std::to_string(frame.width) + "x" + std::to_string(frame.height) +
-                         ":pix_fmt=" + std::to_string(frame.format) + ":time_base=1/25:pixel_aspect=1/1";
+                         ":pix_fmt=" + std::to_string(frame.format) +
+                         ":time_base=1/25:pixel_aspect=1/1:range=" + std::to_string(frame.color_range) +
+                         ":colorspace=" + std::to_string(frame.colorspace);
   AVFilterInOut* inputs = nullptr;
   AVFilterInOut* outputs = nullptr;
   std::string const description = "buffer@in=" + in + "," + filters() + ",buffersink@out";
@@ -119,5 +135,6 @@ void UprightFrames::prepareFor(AVFrame const& frame) {
 std::string UprightFrames::filters() const {
   static constexpr char const* turns[] = {"", "transpose=clock,", "hflip,vflip,", "transpose=cclock,"};
   return turns[m_QuarterTurns] + ("scale=" + std::to_string(m_Size.width)) + ":" + std::to_string(m_Size.height) +
+         (m_IsFullRange ? ":out_range=full:out_color_matrix=bt601" : "") +
          ",format=" + av_get_pix_fmt_name(m_PixelFormat);
 }

@@ -15,6 +15,9 @@ class UprightFrames {
   // another size is scaled to the first one's.
   void setUp(AVStream const& stream, AVCodecContext const& decoder);
 
+  // From now on in this size and in full range, as JPEG shows white as white.
+  void convertForJpeg(Size size);
+
   Size size() const { return m_Size; }
   kavo::PixelFormat hostFormat() const { return m_HostFormat; }
 
@@ -24,12 +27,14 @@ class UprightFrames {
  private:
   bool isAsWanted(AVFrame const& frame) const;
   void prepareFor(AVFrame const& frame);
+  void allocate();
   std::string filters() const;
 
   int m_QuarterTurns = 0;  // clockwise, that put the frame upright
   Size m_Size{};
   AVPixelFormat m_PixelFormat = AV_PIX_FMT_NONE;
   kavo::PixelFormat m_HostFormat = kavo::PixelFormat::Yuv420p;
+  bool m_IsFullRange = false;
   CPtr<AVFilterGraph, avfilter_graph_free> m_Graph;
   AVFilterContext* m_In = nullptr;  // in the graph, which owns them
   AVFilterContext* m_Out = nullptr;
