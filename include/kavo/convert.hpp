@@ -52,8 +52,10 @@ class Converter {
     }
     m_IsPacked422 = description->log2_chroma_w == 1 && description->log2_chroma_h == 0 &&
                     (description->flags & AV_PIX_FMT_FLAG_PLANAR) == 0;
+    // Its fast way for BGR24 knows limited range alone.
+    int const flags = range == Range::Full ? SWS_POINT | SWS_ACCURATE_RND : SWS_POINT;
     m_Scaler.reset(
-        sws_getContext(width, height, layout, width, height, AV_PIX_FMT_YUV420P, SWS_POINT, nullptr, nullptr, nullptr));
+        sws_getContext(width, height, layout, width, height, AV_PIX_FMT_YUV420P, flags, nullptr, nullptr, nullptr));
     if (!m_Scaler) {
       throw std::runtime_error("libswscale cannot convert this layout");
     }

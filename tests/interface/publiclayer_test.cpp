@@ -113,8 +113,10 @@ TEST(PublicLayer, TheConverterReadsNothingPastTheFrame) {
 
 // White is white in JPEG; what is half a row of colour at an odd height is not left as it was.
 TEST(PublicLayer, TheConverterFillsTheFrameInItsRange) {
-  for (auto const& [range, white] : {std::pair(kavo::Range::Full, 255), {kavo::Range::Limited, 235}}) {
-    kavo::Converter converter(AV_PIX_FMT_RGB24, 64, 47, 0, range);
+  for (auto const& [range, white, layout] : {std::tuple(kavo::Range::Full, 255, AV_PIX_FMT_RGB24),
+                                             {kavo::Range::Full, 255, AV_PIX_FMT_BGR24},
+                                             {kavo::Range::Limited, 235, AV_PIX_FMT_BGR24}}) {
+    kavo::Converter converter(layout, 64, 47, 0, range);
     auto const& converted = converter.convert(std::vector<std::uint8_t>(64 * 47 * 3, 255).data());
     EXPECT_NEAR(converted[0], white, 1);
     EXPECT_NEAR(converted[64 * 47 - 1], white, 1);

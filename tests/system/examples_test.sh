@@ -4,6 +4,8 @@
 set -euo pipefail
 built=$1
 export KAVO_STREAM=$2
+PYTHONPATH=$(dirname "$0")/../../python
+export PYTHONPATH PYTHONDONTWRITEBYTECODE=1
 sources=$3
 . "$(dirname "$0")/publisher.sh"
 

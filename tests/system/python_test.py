@@ -1,0 +1,113 @@
+#!/usr/bin/env python3
+"""The Python module with the built library: frames of numpy and others, what is refused, what players see."""
+import os
+import socket
+import subprocess
+import sys
+import threading
+import time
+
+import numpy
+
+import kavo_stream
+
+with socket.socket() as probe:
+    probe.bind(("", 0))
+    PORT = probe.getsockname()[1]
+URL = f"rtsp://127.0.0.1:{PORT}/"
+
+
+def refused(kind, text, action):
+    try:
+        action()
+    except kind as error:
+        assert text in str(error), f"{error!r}, not {text!r}"
+        return error
+    raise AssertionError(f"not refused: {text}")
+
+
+def seen(name, submit):
+    """The first pixel that FFmpeg sees while submit() is called again and again."""
+    done = threading.Event()
+
+    def work():
+        while not done.is_set():
+            submit()
+            time.sleep(0.02)
+
+    host = threading.Thread(target=work)
+    host.start()
+    try:
+        out = subprocess.run(["ffmpeg", "-nostdin", "-v", "error", "-rtsp_transport", "tcp", "-i", URL + name,
+                              "-frames:v", "1", "-f", "rawvideo", "-pix_fmt", "rgb24", "-"], check=True,
+                             capture_output=True, timeout=60).stdout
+    finally:
+        done.set()
+        host.join()
+    return tuple(out[:3])
+
+
+def near(colour, wanted, distance):
+    assert max(abs(a - b) for a, b in zip(colour, wanted)) <= distance, f"{colour}, not {wanted}"
+
+
+refused(kavo_stream.Error, "not running", lambda: kavo_stream.Session(None, "early", "x"))
+with kavo_stream.Server(PORT) as server:
+    refused(kavo_stream.Error, "already exists", lambda: kavo_stream.Server(PORT))
+    refused(ValueError, "1 to 65535", lambda: kavo_stream.Server(0))
+    with server.create_session("jpeg") as session:
+        refused(kavo_stream.NameInUse, "has this name", lambda: server.create_session("jpeg"))
+        refused(ValueError, "1 to 19 bytes", lambda: server.create_session("n" * 20))
+        refused(kavo_stream.CodecFailure, "codec refused", lambda: session.create_stream(64, 47))
+        stream = session.create_stream(320, 240)
+        assert stream.shape == (240, 320, 3) and session.url.endswith(f":{PORT}/jpeg")
+        large = numpy.zeros((240, 640, 3), numpy.uint8)
+        for wrong in (large, large[:, ::2], large.astype(float), numpy.zeros((320, 240, 3), numpy.uint8), b"short"):
+            refused(ValueError, "(240, 320, 3)", lambda: stream.submit(wrong))
+        red = numpy.zeros((240, 320, 3), numpy.uint8)
+        red[:, :, 2] = 255
+        near(seen("jpeg", lambda: stream.submit(red)), (254, 0, 0), 3)
+        near(seen("jpeg", lambda: stream.submit(b"\xff" * stream.frame_size)), (255, 255, 255), 2)
+        status = stream.status
+        assert status.encoded > 0 and status.offered >= status.encoded + status.unwatched and status.failed == 0
+    with server.create_session("h264") as session:
+        stream = session.create_stream(320, 240, kavo_stream.PixelFormat.YUV420P, kavo_stream.Codec.H264)
+        grey = numpy.full(stream.frame_size, 128, numpy.uint8)
+        near(seen("h264", lambda: stream.submit(grey)), (130, 130, 130), 3)
+    with server.create_session("encoded") as session:
+        encoded = session.create_encoded_stream(kavo_stream.Codec.JPEG)
+        image = subprocess.run(["ffmpeg", "-v", "error", "-f", "lavfi", "-i", "color=white:s=64x64", "-frames:v", "1",
+                                "-pix_fmt", "yuvj420p", "-c:v", "mjpeg", "-huffman", "default", "-f", "mjpeg", "-"],
+                               check=True, capture_output=True).stdout
+        assert encoded.submit(image) == kavo_stream.Wanted.NOTHING
+        wanted = []
+        near(seen("encoded", lambda: wanted.append(encoded.submit(image))), (255, 255, 255), 2)
+        assert kavo_stream.Wanted.FRAME in wanted
+
+# Python's other threads go on while a frame is encoded.
+with kavo_stream.Server(PORT) as server, server.create_session("large") as session:
+    stream = session.create_stream(1920, 1080, kavo_stream.PixelFormat.BGR24, kavo_stream.Codec.H264)
+    frame = numpy.random.default_rng(1).integers(0, 255, stream.shape, numpy.uint8)
+    counted, busy = 0, threading.Event()
+
+    def count():
+        global counted
+        while not busy.is_set():
+            counted += 1
+
+    player = subprocess.Popen(["ffmpeg", "-nostdin", "-v", "error", "-rtsp_transport", "tcp", "-i", URL + "large", "-c",
+                               "copy", "-f", "null", "-"])
+    while not stream.status.wanted:
+        time.sleep(0.02)
+    counter = threading.Thread(target=count)
+    counter.start()
+    before = counted
+    stream.submit(frame)
+    during = counted - before
+    busy.set()
+    counter.join()
+    player.kill()
+    player.wait()
+    assert during > 100, f"{during} rounds of another thread"
+session.close()  # of a server that has ended: nothing
+print("passed")
