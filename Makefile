@@ -1,19 +1,20 @@
 # The everyday commands. Each sets up what it needs (see scripts/run).
 .DEFAULT_GOAL := help
-.PHONY: help package package-check scale-out-check docs players bench soak coverage build demo test test-arm64 fuzz format lint shell clean
+.PHONY: help package package-check portable portable-check scale-out-check docs players bench soak coverage build demo test test-arm64 fuzz format lint shell clean
 
 RUN := scripts/run
 PRESET ?= release
 
 help: ## list the commands
-	@sed -n 's/^\([a-z-]*\):.*## \(.*\)/  make \1	\2/p' $(MAKEFILE_LIST) | expand -t 16
+	@sed -n 's/^\([a-z0-9-]*\):.*## \(.*\)/  make \1	\2/p' $(MAKEFILE_LIST) | expand -t 24
 
 build: ## build the library and the tools into build/release (PRESET=debug, asan, tsan)
 	@$(RUN) sh -c 'cmake --preset $(PRESET) >/dev/null && cmake --build --preset $(PRESET)'
 
 demo: PRESET := demo
+demo: export KAVO_ROOT_KIND ?= demo
 demo: ## publish a moving test pattern (INPUT=file or camera, SECONDS=limit, ARGS=options)
-	@$(RUN) sh -c 'cmake --preset $(PRESET) >/dev/null && cmake --build --preset $(PRESET) --target kavo-publish'
+	@$(RUN) sh -c 'cmake --preset $(PRESET) >/dev/null && { ninja -C build/$(PRESET) -n kavo-publish | grep -q "no work to do" || cmake --build --preset $(PRESET) --target kavo-publish; }'
 	@$(RUN) build/$(PRESET)/tools/kavo-publish $(if $(SECONDS),--duration $(SECONDS)) $(ARGS) $(INPUT)
 
 test: ## build and run all tests: release, asan+ubsan, tsan, fuzz
@@ -46,6 +47,12 @@ package: ## make Debian packages and a relocatable archive in build/packages (AR
 package-check: package ## install them into fresh roots, build and run hosts there
 	@scripts/check-packages
 
+portable: ## make the archive that runs on Linux of the last years, in build/packages
+	@export KAVO_DEBIAN_MIRROR=$$(bash -c '. scripts/common.sh && debian_mirror'); KAVO_ROOT_KIND=portable KAVO_ROOT=always $(RUN) scripts/portable
+
+portable-check: portable ## try it in fresh roots of Debian 12, 13 and testing
+	@scripts/check-portable
+
 scale-out-check: package ## try docs/operating.md and scale-out.md in fresh roots: metrics, TLS, HLS and WebRTC in Chromium
 	@scripts/check-operating
 	@scripts/check-scale-out
@@ -54,7 +61,7 @@ players: build ## play with every player there is, in a root of their own, and w
 	@KAVO_ROOT_KIND=players KAVO_ROOT=always $(RUN) sh -c 'scripts/players >build/players.md && { sed "/^| player/,\$$d" docs/players.md; cat build/players.md; } >build/page.md && cp build/page.md docs/players.md'
 
 docs: ## make the API reference in build/docs (Doxygen)
-	@$(RUN) sh -c 'mkdir -p build && doxygen docs/Doxyfile'
+	@$(RUN) sh -c 'mkdir -p build && doxygen docs/Doxyfile && echo "The pages are in build/docs/html"'
 
 shell: ## open a shell where the project can be built
 	@$(RUN) bash
