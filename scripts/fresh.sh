@@ -12,7 +12,7 @@ mkdir "$work/sources"
 debian_sources "$(debian_mirror)" >"$work/sources/debian.sources"
 live555_preferences >"$work/sources/live555"
 mkdir "$work/packages"
-cp "$project"/build/packages/*[_-]"$(dpkg --print-architecture)".* "$work/packages"
+cp "$project"/build/packages/*[_-]"$(dpkg --print-architecture)".* "$project"/build/packages/*_all.deb "$work/packages" 2>/dev/null || true
 
 # fill_root ROOT NAME PACKAGES
 fill_root() {
@@ -20,7 +20,7 @@ fill_root() {
     --setup-hook="mkdir -p \"\$1/etc/apt/preferences.d\" && cp '$work/sources/live555' \"\$1/etc/apt/preferences.d/live555\"" \
     --customize-hook="cp -r '$work'/* \"\$1/root/\"" \
     --customize-hook="chroot \"\$1\" /root/inside prepare $2" \
-    trixie - "$work/sources/debian.sources" </dev/null |
+    "${suite:-trixie}" - "$work/sources/debian.sources" </dev/null |
     tar -x -C "$1" --exclude='./dev/*' --no-same-owner
 }
 

@@ -130,7 +130,7 @@ mkdir "$work/without"
 : >"$work/without/libopenh264.so"
 : >"$work/without/libopenh264.so.8"
 LD_LIBRARY_PATH=$work/without start "$work/green.mp4" --loop
-grep -q 'OpenH264 is not installed' "$work/err" || die "silent about the missing OpenH264"
+grep -q 'OpenH264 2.6 is not installed' "$work/err" || die "silent about the missing OpenH264"
 ffmpeg -v error -rtsp_transport tcp -i "rtsp://127.0.0.1:$port/kavo" -frames:v 1 -y "$work/jpeg.png"
 stop
 green "$work/jpeg.png"

@@ -86,10 +86,10 @@ void Publication::createStream(Options const& options, Note const& note) {
       if (options.codec || !h264 || error.result() != KV_CODEC_FAILURE) {
         throw Failure("cannot encode " + std::string(codec.name) + " (result " + std::to_string(error.result()) +
                       "): " +
-                      (h264 ? "install OpenH264 (on Debian: libopenh264-8), or use --codec jpeg"
+                      (h264 ? "install OpenH264 2.6 (on Debian 13: libopenh264-8), or use --codec jpeg"
                             : "choose another --size or --bitrate"));
       }
-      note("OpenH264 is not installed (on Debian: libopenh264-8), so " + m_Name + " is JPEG");
+      note("OpenH264 2.6 is not installed (on Debian 13: libopenh264-8), so " + m_Name + " is JPEG");
     }
   }
 }
