@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """links.py SECONDS: the two tables of "make bench TABLES=links": a JPEG stream over TCP
 through slow links, beside gst-rtsp-server, and an H.264 stream over UDP through a link that
-loses packets, with and without the reports that tell the server. Takes root, for network
+loses packets, with and without its reports to the server. Takes root, for network
 namespaces and TUN devices of its own."""
 import json
 import os

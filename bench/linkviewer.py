@@ -112,7 +112,7 @@ def watch_tcp(url, seconds):
         channel, packet = connection.early.pop(0) if connection.early else connection.interleaved()
         (frames.report if channel == 1 else frames.add)(packet)
     if frames.offset is None or not frames.arrivals:
-        sys.exit("no whole frame, or no report that tells its time")
+        sys.exit("no whole frame, or no report with its time")
     ages = [arrival - frames.offset for arrival in frames.arrivals]
     print(json.dumps({"frames": frames.frames, "damaged": frames.damaged, "mbit": 8e-6 * frames.bytes / (now - begin),
                       "age": statistics.median(ages), "oldest": max(ages)}))
@@ -151,7 +151,7 @@ class H264Units:
     def write(self, unit):
         self.file.write(b"\0\0\0\1" + unit)
 
-    def wish(self):
+    def request_key_frame(self):
         """Receiver report and picture loss indication."""
         block = self.ssrc + struct.pack(">IIIII", self.lost & 0xFFFFFF, self.highest, 0, 0, 0)
         return struct.pack(">BBHI", 0x81, 201, 7, 9) + block + struct.pack(">BBHI", 0x81, 206, 2, 9) + self.ssrc
@@ -172,7 +172,7 @@ def watch_udp(url, seconds, file):
         if select.select([rtp], [], [], 1)[0]:
             wants = units.add(rtp.recv(65536)) or wants
         if wants and now - wished > 0.1:
-            rtcp.sendto(units.wish(), server)
+            rtcp.sendto(units.request_key_frame(), server)
             wished, wants = now, False
 
 

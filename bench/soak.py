@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Publishes frames as fast as they go while viewers come and go, one stands still, a session
+"""Publishes frames as fast as they go while viewers come and go, one stalls, a session
 is removed now and then and the wall clock is set, and looks once a second at memory,
 descriptors and latency. Fails where they grow. Figures go to build/soak.csv, curves to
 build/soak.svg. "make soak SECONDS=..." runs it."""
@@ -27,7 +27,7 @@ SIZE = 64  # pixels
 INIT, CREATE_SESSION, REMOVE_SESSION, CREATE_STREAM, SUBMIT = 0, 2, 3, 4, 5
 WARM_UP = 120  # seconds
 MEMORY_GROWTH = 2000  # kB
-MEMORY_FOR_VIEWERS = 20000  # kB: what a few of them may take, one that stands still among them
+MEMORY_FOR_VIEWERS = 20000  # kB: what a few of them may take, a stalled one among them
 LATENCY_GROWTH = 5  # ms, and twice
 
 
@@ -72,7 +72,7 @@ class Host:
 
 
 class Load(threading.Thread):
-    """Viewers: one that stands still, one that comes each second, one that measures."""
+    """Viewers: one that stalls, one that joins each second, one that measures."""
 
     def __init__(self, port):
         super().__init__(daemon=True)

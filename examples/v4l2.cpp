@@ -26,7 +26,7 @@ namespace {
 
 struct Layout {
   std::uint32_t v4l2;
-  AVPixelFormat ffmpeg;  // what a converter is told
+  AVPixelFormat ffmpeg;  // the converter's name for it
 
   bool isJpeg() const { return ffmpeg == AV_PIX_FMT_NONE; }
 };

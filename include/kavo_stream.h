@@ -25,8 +25,8 @@
 
 /* The release that this header belongs to. */
 #define KV_VERSION_MAJOR 2 /**< the ABI's generation */
-#define KV_VERSION_MINOR 0 /**< counts what was added to it */
-#define KV_VERSION_PATCH 0 /**< counts releases without additions */
+#define KV_VERSION_MINOR 0 /**< backward-compatible additions */
+#define KV_VERSION_PATCH 0 /**< fixes only */
 
 #include <stddef.h>
 #include <stdint.h>
@@ -144,7 +144,7 @@ typedef void* kv_stream_id;
 
 /** KV_CREATE_SESSION and KV_GET_INFO. The three texts are the host's to give
  * when a session is created: each of 1 to 19 bytes without control characters,
- * and a NUL. UTF-8 is welcome. A URL carries a name of letters, digits and -_.~ as
+ * and a NUL. UTF-8 is accepted. A URL carries a name of letters, digits and -_.~ as
  * it is; clients have to send other bytes raw, and cannot use / ? # % and blanks. */
 typedef struct kv_session_record {
   void* reserved;           /**< not used */

@@ -71,7 +71,7 @@ struct SizeLimits {
   int largestHeight;  ///< of any width
 };
 
-/// The limits of the codec. JPEG: in the steps that RTP can express.
+/// The limits of the codec. JPEG: the sizes RTP/JPEG can represent.
 constexpr SizeLimits sizeLimits(Codec codec) {
   return codec == Codec::Jpeg ? SizeLimits{8, 16, 2040, 2040} : SizeLimits{2, 16, 4096, 2304};
 }
@@ -105,7 +105,7 @@ struct VideoOptions {
   int outputWidth = 0;                        ///< of the published frame, pixels; 0: as the submitted ones
   int outputHeight = 0;                       ///< likewise
   int frameRate = 25;                         ///< frames per second, at which frames are submitted
-  std::int64_t bitsPerSecond = 0;             ///< of either codec; 0: what suits the size
+  std::int64_t bitsPerSecond = 0;             ///< for either codec; 0 picks a default from the size
 };
 
 /// @cond

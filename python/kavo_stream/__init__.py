@@ -10,7 +10,7 @@
 
 The library is looked for as libkavo_stream.so.2, in the archive beside this module;
 the environment variable KAVO_STREAM names another file. A frame is encoded within its
-submit(), without Python's lock: other threads go on meanwhile. Different objects may be
+submit(), without Python's lock: other threads run meanwhile. Different objects may be
 used by different threads, one object by one thread at a time.
 """
 
@@ -304,7 +304,7 @@ class EncodedStream(_Published):
 
     def submit(self, data: Any, time_ns: int = 0) -> Wanted:
         """Publishes one access unit (H.264 and H.265: Annex B, without B-frames) or one JPEG image: anything with
-        the buffer protocol. time_ns is when it was captured, by time.monotonic_ns(); 0: now. Tells what the
+        the buffer protocol. time_ns is when it was captured, by time.monotonic_ns(); 0: now. Returns what the
         next frame is wanted for."""
         view = memoryview(data)
         if not view.c_contiguous:

@@ -11,7 +11,7 @@ class JpegDecoder : public IDecoder {
   explicit JpegDecoder(VideoCodecParameter const& parameter);
 
   // Leaves frame and packet as they are. A frame arrives as a pointer without a
-  // length, so JPEG data cannot be told from a raw frame: hosts submit raw
+  // length, so JPEG data cannot be distinguished from a raw frame: hosts submit raw
   // frames whatever input they declare.
   void decode(unsigned char const* frame, AVPacket& packet) override;
 };

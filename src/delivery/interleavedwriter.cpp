@@ -196,7 +196,7 @@ void InterleavedWriter::flush() {
   }
 }
 
-// How much the socket took of what is behind the bytes to skip. A broken one takes nothing
+// How much the socket took of what follows the bytes to skip. A broken one takes nothing
 // more; its connection finds out when it reads.
 std::size_t InterleavedWriter::write(std::span<iovec const> pieces, std::size_t skip, std::uint8_t channel) {
   for (; !pieces.empty() && skip >= pieces[0].iov_len; pieces = pieces.subspan(1)) {

@@ -1,5 +1,5 @@
 // What is sent on one RTSP connection besides responses: frames and reports,
-// interleaved. Never blocks; a viewer that is behind loses whole frames, never
+// interleaved. Never blocks; a viewer that lags loses whole frames, never
 // a part of one. Event-loop thread.
 #pragma once
 
@@ -26,17 +26,17 @@ class InterleavedWriter : NonCopyable {
   static constexpr std::chrono::seconds stallTimeout{10};
   // Frames that have waited longer are dropped, unless partly sent.
   static constexpr std::chrono::milliseconds maxAge{500};
-  // Limit for frames waiting behind the one partly sent.
+  // Limit for frames queued after the one partly sent.
   static constexpr std::size_t maxWaiting = std::size_t{1024} * 1024;
 
   // The socket is the connection's. setWriteInterest says whether the owner is
   // to call flush() when the socket takes more.
   InterleavedWriter(TaskScheduler& scheduler, int socket, std::function<void(bool)> setWriteInterest);
 
-  // See Transport::send(). Where the viewer is too far behind, what waits on the channel is dropped.
+  // See Transport::send(). Where the viewer lags too far, what waits on the channel is dropped.
   Transport::Outcome sendFrame(FramePtr const& frame, std::uint8_t channel, Clock::time_point now)
       KAVO_REQUIRES(eventLoopRole);
-  // Queued behind pending frames; dropped if one is queued already.
+  // Queued after pending frames; dropped if one is queued already.
   void sendReport(std::span<std::uint8_t const> report, std::uint8_t channel) KAVO_REQUIRES(eventLoopRole);
   // Stops sending on the channel, except the rest of a frame partly sent.
   void cancel(std::uint8_t channel) KAVO_REQUIRES(eventLoopRole);

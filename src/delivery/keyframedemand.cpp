@@ -11,7 +11,7 @@ constexpr KeyFrameDemand::Clock::duration longInterval = 2s;
 constexpr int fewInARow = 3;
 constexpr double lossyShare = 0.1;
 constexpr double recentPackets = 400;
-// Until so many came, a few lost ones tell nothing.
+// Below this number, a few lost packets are not significant.
 constexpr double fewPackets = 50;
 
 }  // namespace

@@ -25,7 +25,7 @@ class Pacer {
   //   rate      = the usual one, or 1.1 times what all frames for the path came to in the last
   //               second and more, if that is faster
   //   burst     = the usual one, as many times as large as the rate is faster
-  //   room(t)   = burst where nothing is queued; else 2/3 burst - queued(t), since nothing tells
+  //   room(t)   = burst where nothing is queued; else 2/3 burst - queued(t), since nothing shows
   //               how late the queue began to drain
   class Path : NonCopyable {
    public:

@@ -20,7 +20,7 @@ class Reporter : NonCopyable {
   using Clock = Viewer::Clock;
   using ViewerList = std::vector<std::unique_ptr<Viewer>>;
 
-  // The wall clock may be set at any time; the next report tells receivers.
+  // The wall clock may be set at any time; the next report carries the new time.
   static constexpr std::chrono::seconds interval{4};
 
   Reporter(TaskScheduler& scheduler, Stream& stream, ViewerList const& viewers);
@@ -30,7 +30,7 @@ class Reporter : NonCopyable {
   void stop() KAVO_REQUIRES(eventLoopRole) { m_Next.stop(); }
   // RTCP BYE, if there is memory for it.
   void sayGoodbye(Viewer& viewer) noexcept KAVO_REQUIRES(eventLoopRole);
-  // A report to a viewer whose connection has closed: its answer, or an error, tells
+  // A report to a viewer whose connection has closed: its answer, or an error, shows
   // whether somebody listens there.
   void probe(Viewer& viewer) KAVO_REQUIRES(eventLoopRole);
 

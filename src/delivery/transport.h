@@ -20,7 +20,7 @@ class Transport : NonCopyable {
   using Clock = std::chrono::steady_clock;
 
   struct Outcome {
-    // False when the viewer is too far behind: it needs a key frame to continue. A key
+    // False when the viewer lags too far: it needs a key frame to continue. A key
     // frame is always accepted.
     bool accepted = true;
     std::size_t dropped = 0;  // frames that were accepted before, and will not be sent

@@ -201,7 +201,7 @@ void UdpFanout::advance(Burst const& burst, Clock::time_point now) {
   }
 }
 
-// They are told at the end, since they may leave then.
+// Reported at the end, since the owner may remove them.
 void UdpFanout::endExceeding() {
   for (UdpTransport* const transport : std::exchange(m_Exceeding, {})) {
     if (std::exchange(transport->destination().exceedsMtu, false)) {

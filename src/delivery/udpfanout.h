@@ -72,7 +72,7 @@ class UdpFanout : NonCopyable {
   // The viewers of an address share one.
   std::shared_ptr<UdpPath> pathTo(sockaddr_storage const& address) KAVO_REQUIRES(eventLoopRole);
 
-  // See Transport::send(). While a frame is on its way the newest waits behind it: a key
+  // See Transport::send(). While a frame is on its way the newest waits for its turn: a key
   // frame takes the place of one that waits, any other finds it taken.
   Transport::Outcome add(UdpTransport& to, FramePtr const& frame, Clock::time_point now) KAVO_REQUIRES(eventLoopRole);
   // Sends what may leave now; the rest follows by itself.

@@ -32,7 +32,7 @@ class UdpSender {
   // What one system call hands over.
   static constexpr std::size_t batch = 256;
 
-  // Room for the one control message that tells the length of a segment.
+  // Room for the control message with the length of a segment.
   struct Control {
     alignas(cmsghdr) char bytes[CMSG_SPACE(sizeof(std::uint16_t))];
   };

@@ -37,7 +37,7 @@ class Viewer : NonCopyable {
   ViewerObserver& observer() { return m_Observer; }
 
   // What the response to PLAY announces: the frame that it begins with, and whether the
-  // sequence number of its first packet is known: not where it waits for a key frame behind
+  // sequence number of its first packet is known: not where it waits for a key frame after
   // frames that others get.
   Frame const* firstFrame() const { return m_FirstFrame.get(); }
   FramePtr takeFirstFrame() { return std::move(m_FirstFrame); }

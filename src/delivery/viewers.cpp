@@ -70,7 +70,7 @@ Frame const* Viewers::play(Viewer& viewer) {
     fitPackets();
   }
   FramePtr first = canBeginWithNewest(viewer) ? m_Newest : nullptr;
-  // The key frame that it waits for may come behind frames that it does not get.
+  // The key frame that it waits for may come after frames that it does not get.
   viewer.setSequenceKnown(first || m_Stream.hasKeyFramesOnly() || m_LastSent == Clock::time_point{});
   if (!first) {
     m_Stream.wantKeyFrame(true);  // of the next frame that the host submits, be it at once
@@ -79,7 +79,7 @@ Frame const* Viewers::play(Viewer& viewer) {
   return viewer.firstFrame();
 }
 
-// Not one that the viewer may have had before it paused, and none behind others, or in
+// Not one that the viewer may have had before it paused, and none after others, or in
 // packets that its path does not take.
 bool Viewers::canBeginWithNewest(Viewer const& viewer) const {
   UdpTransport const* const udp = viewer.transport().udp();

@@ -6,7 +6,7 @@
 
 namespace kavo::impl {
 
-// The request, viewer or frame that the call was for is abandoned. False if the
+// The request, viewer or frame that the call was for is lost. False if the
 // function threw; code that can recover has caught the exception before.
 template <class Function>
 bool contained(Function const& function) noexcept KAVO_NO_ANALYSIS {

@@ -33,7 +33,7 @@ class EpollScheduler : public BasicTaskScheduler {
   // Any thread. The call runs in the loop's next pass.
   void request(LoopCall& call);
   void withdraw(LoopCall& call) { m_Calls.withdraw(call); }
-  // When the loop cannot go on: whoever waits for a call is told.
+  // When the loop has failed: ends the calls that wait.
   void closeCalls() { m_Calls.close(); }
 
   void setBackgroundHandling(int socket, int conditions, BackgroundHandlerProc* handler, void* clientData) override;

@@ -16,7 +16,7 @@ namespace kavo::impl {
 using CommandHandler = std::function<void(void* param, int size)>;
 
 // Their few entries stand in the library itself: loading takes no memory that
-// could be short, and unloading leaves none behind.
+// could be short, and unloading frees it.
 template <class Value>
 using Table = std::map<int, Value, std::less<>, InPlaceAllocator<std::pair<int const, Value>>>;
 using FunctionTable = Table<CommandHandler>;

@@ -23,7 +23,7 @@ class AddressRange {
   using Bytes = std::array<std::uint8_t, 16>;
 
   static Bytes bytesOf(sockaddr_storage const& address);
-  // The bytes, with zeros behind the prefix.
+  // The bytes, with zeros after the prefix.
   Bytes network(Bytes bytes) const;
 
   int m_Family = AF_UNSPEC;

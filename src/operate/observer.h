@@ -1,5 +1,5 @@
 // What is known of streams and viewers, for whoever asks: the host, operators. Each event
-// is told to an observer once, and counted there.
+// is reported to an observer once, and counted there.
 #pragma once
 
 #include <sys/socket.h>

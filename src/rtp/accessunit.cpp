@@ -22,7 +22,7 @@ struct Meaning {
   std::size_t smallest = 2;  // bytes
 };
 
-// Whether a bit of the slice header, which is its first, tells that the picture begins here.
+// first: the slice header's first bit, set on the first slice of a picture.
 Role sliceRole(bool key, bool first) {
   return key ? first ? Role::FirstKeySlice : Role::KeySlice : first ? Role::FirstSlice : Role::Slice;
 }

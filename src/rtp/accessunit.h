@@ -22,7 +22,7 @@ enum class NalCodec { H264, H265 };
 struct AccessUnit {
   int slices = 0;
   bool isKeyFrame = false;
-  // Bytes of a delimiter at its beginning: parameter sets go behind it.
+  // Bytes of a delimiter at its beginning: parameter sets follow it.
   std::size_t delimiter = 0;
   // Whether a viewer can begin with it: all kinds of parameter sets are in it.
   bool hasParameterSets = false;

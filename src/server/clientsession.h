@@ -58,7 +58,7 @@ class ClientSession : public RTSPServer::RTSPClientSession {
   void handleReport(std::span<std::uint8_t const> packet) KAVO_REQUIRES(eventLoopRole);
   // A viewer that takes frames over TCP is alive, even if it says nothing.
   void noteProgress() KAVO_REQUIRES(eventLoopRole);
-  // Tells the viewer that its stream has ended.
+  // Sends the viewer a BYE: its stream has ended.
   void sayGoodbye() KAVO_REQUIRES(eventLoopRole);
 
  protected:

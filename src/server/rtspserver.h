@@ -26,7 +26,7 @@ class RtspConnection;
 class RtspServer : public RTSPServer {
  public:
   // Null when the port (host byte order) cannot be bound on every address family
-  // of the machine. A client session without a sign of life is closed after
+  // of the machine. An inactive client session is closed after
   // reclamationSeconds.
   static RtspServer* createNew(UsageEnvironment& env, std::uint16_t port, unsigned reclamationSeconds,
                                std::shared_ptr<Policy const> policy, std::shared_ptr<DescriptorBudget> descriptors = {},
@@ -36,7 +36,7 @@ class RtspServer : public RTSPServer {
   bool hasSession(char const* streamName) KAVO_REQUIRES(eventLoopRole);
   std::size_t connections() const KAVO_REQUIRES(eventLoopRole) { return m_Connections.size(); }
   std::size_t sessions() const KAVO_REQUIRES(eventLoopRole) { return numClientSessions(); }
-  // Says goodbye to its viewers, closes the connections that have no other
+  // Sends its viewers a BYE, closes the connections that have no other
   // stream, and deletes the media session.
   void removeSession(ServerMediaSession* session) KAVO_REQUIRES(eventLoopRole);
 
@@ -58,7 +58,7 @@ class RtspServer : public RTSPServer {
   void removeConnection(Connections::iterator place) KAVO_REQUIRES(eventLoopRole);
   void noteActivity(Connections::iterator place) KAVO_REQUIRES(eventLoopRole);
 
-  // The stream that a path names: what players write behind it (a slash, a query, the track)
+  // The stream that a path names: what players append to it (a slash, a query, the track)
   // is no part of the name. Empty if there is none.
   std::string streamOf(std::string const& path) KAVO_REQUIRES(eventLoopRole);
   // The path as live555 finds it.

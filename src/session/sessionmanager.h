@@ -68,7 +68,7 @@ class SessionManager : NonCopyable {
   std::shared_ptr<Session> sessionOf(void* handle) KAVO_EXCLUDES(m_RegistryMutex);
   // Likewise. The map changes under both locks, so either is enough to read it.
   Session& sessionUnderLock(void* handle) KAVO_REQUIRES(m_Mutex) KAVO_NO_ANALYSIS { return *m_Sessions.at(handle); }
-  // The flag behind it is atomic.
+  // It reads an atomic flag.
   void requireHealth() const KAVO_NO_ANALYSIS { m_Environment.requireHealth(); }
 
   RecursiveMutex m_Mutex;

@@ -45,7 +45,7 @@ class StreamEnvironment : NonCopyable {
   template <class Function>
   std::invoke_result_t<Function> runOnLoop(Function function) const;
 
-  // Throws "RTSP server has failed" after the loop could not go on, until stop().
+  // Throws "RTSP server has failed" after the loop has failed, until stop().
   void requireHealth() const {
     if (m_Failed) {
       throw StreamException("RTSP server has failed", ErrorResource);

@@ -15,7 +15,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// A writer whose other end reads when told. Frames are of one letter throughout.
+// A writer whose other end reads on demand. Frames are of one letter throughout.
 class InterleavedWriterTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -42,7 +42,7 @@ class InterleavedWriterTest : public ::testing::Test {
 
   void report() { m_Writer->sendReport(std::vector<std::uint8_t>(20, 'r'), 1); }
 
-  // Lets the writer go on, and reads a block; false when there was nothing.
+  // Lets the writer continue, and reads a block; false when there was nothing.
   bool readSome() {
     if (m_Blocked) {
       m_Writer->flush();

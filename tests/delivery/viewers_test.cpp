@@ -157,7 +157,7 @@ TEST_F(ViewersTest, OfWhatABusyPathDropsNothingIsMissed) {
   }
 }
 
-// Whatever ends a viewer in mid-frame: the other's frame goes on.
+// Whatever ends a viewer in mid-frame: the other's frame is completed.
 TEST_F(ViewersTest, WhoeverLeavesInMidFrameTakesNothingAlong) {
   std::function<void(Viewer&)> const ways[] = {
       [&](Viewer& viewer) { m_Viewers->remove(viewer); },

@@ -47,7 +47,7 @@ constexpr char const* headerLines[] = {
     "Authorization: Digest username=\"a\", realm=\"b\", nonce=\"c\", uri=\"d\", response=\"e\"",
 };
 
-// Receiver report, goodbye, picture loss indication.
+// Receiver report, BYE, picture loss indication.
 constexpr std::string_view reports[] = {
     {"\x81\xc9\x00\x07\x00\x00\x00\x09\x00\x00\x00\x09\x10\x00\x00\x05\x00\x00\x10\x00\x00\x00\x00\x01\x00\x00\x00\x00"
      "\x00\x00\x00\x00",

@@ -16,7 +16,7 @@ struct Step {
     Finish = 'f',    // sends no more, but reads
     Read = 'r',      // what has come
     Submit = 'h',    // the host submits a frame to each stream
-    Remove = 'm',    // the host removes a session and creates it anew
+    Remove = 'm',    // the host removes a session and creates it again
     Restart = 'x',   // the host ends serving, and begins again
   };
   Kind kind = Kind::Submit;

@@ -116,7 +116,7 @@ class Client {
     await(bytes.find("\r\n\r\n") != std::string::npos ? 5 : 0);
   }
 
-  // Takes what has come; waits for something if told to.
+  // Takes what has come; waits for something if asked to.
   void await(int milliseconds) {
     pollfd readable{m_Socket.get(), POLLIN, 0};
     while (isOpen() && poll(&readable, 1, milliseconds) > 0) {

@@ -69,7 +69,7 @@ int insist(std::function<int()> const& command) {
   int const first = command();
   for (long again = first, tries = 0; again != KV_OK && tries < g_MaxTries; ++tries) {
     again = command();
-    // 6 for good is what a server that could not go on answers.
+    // A server that has failed answers 6 until it is restarted.
     bool const gaveUp = tries == g_MaxTries - 1 && again != KV_OK && again != KV_RESOURCE_FAILURE;
     if (again == KV_ALREADY_THERE || again == KV_NAME_IN_USE || gaveUp) {
       std::fprintf(stderr, "a command that failed has half happened: %d, then %ld\n", first, again);

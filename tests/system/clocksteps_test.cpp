@@ -30,7 +30,7 @@ class Watcher {
   }
 
   // Reads frames, without a jump in RTP time from one to the next, until a sender
-  // report tells the clock that is ahead by so much: at most 5 s of RTP time, behind what
+  // report carries the clock that is ahead by so much: at most 5 s of RTP time, behind what
   // had arrived before, while others were waited for.
   void follow(std::int64_t shift) {
     std::optional<std::uint32_t> begin;
@@ -47,7 +47,7 @@ class Watcher {
       begin = begin.value_or(timestamp);
       if (m_Frames > 0) {
         ASSERT_LE(timestamp - m_Timestamp, 5U * 90000U) << "RTP time jumped, clock at " << shift;
-        ASSERT_LE(timestamp - *begin, 11U * 90000U) << "no report tells the clock at " << shift;
+        ASSERT_LE(timestamp - *begin, 11U * 90000U) << "no report carries the clock at " << shift;
       }
       m_Frames += (packet.bytes[1] & 0x80) != 0 ? 1 : 0;
       m_Timestamp = timestamp;

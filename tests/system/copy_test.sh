@@ -95,7 +95,7 @@ stop
 # refused TEXT FILE: one line with the text.
 refused() {
   ! "$publish" --port "$(free_port)" --duration 20 --copy "$work/$2" >"$work/out" 2>"$work/err" || die "$2 is copied"
-  grep -q -- "cannot be copied: .*$1.*; without --copy it is encoded anew" "$work/err" || die "$2: $(cat "$work/err")"
+  grep -q -- "cannot be copied: .*$1.*; leave --copy out to re-encode it" "$work/err" || die "$2: $(cat "$work/err")"
   [ "$(wc -l <"$work/err")" = 1 ] || die "$2: $(cat "$work/err")"
 }
 refused 'it has B-frames' bframes.mp4

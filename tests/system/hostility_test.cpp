@@ -109,21 +109,21 @@ TEST_F(Hostility, SessionsAreBoundedAndFailedOnesLeaveNothing) {
   expectAFrame();
 }
 
-// Reports of 100,000 senders, goodbyes with reasons, and what is no RTCP, from
+// Reports of 100,000 senders, byes with reasons, and what is no RTCP, from
 // nobody and from a viewer: no memory is taken, and nobody waits.
 TEST_F(Hostility, DatagramsFromAnybodyCostNothing) {
   RtspClient viewer(m_Host.port());
   ASSERT_TRUE(viewer.playOverUdp(url()) && viewer.receivesAFrame());
-  std::vector<std::uint8_t> goodbyes = {0x80, 201, 0, 1, 0, 0, 0, 1};
-  while (goodbyes.size() < 1400) {
-    goodbyes.insert(goodbyes.end(), {0x81, 203, 0, 2, 0, 0, 0, 1, 3, 'b', 'y', 'e'});
+  std::vector<std::uint8_t> byes = {0x80, 201, 0, 1, 0, 0, 0, 1};
+  while (byes.size() < 1400) {
+    byes.insert(byes.end(), {0x81, 203, 0, 2, 0, 0, 0, 1, 3, 'b', 'y', 'e'});
   }
   auto const before = mallinfo2().uordblks;
   for (std::uint32_t ssrc = 0; ssrc < 30000; ++ssrc) {
     auto const byte = [&](int shift) { return static_cast<std::uint8_t>(ssrc >> shift); };
     viewer.sendRtcp({0x80, 201, 0, 1, 1, byte(16), byte(8), byte(0)});
     if (ssrc % 10 == 0) {
-      viewer.sendFromElsewhere(goodbyes, 1);
+      viewer.sendFromElsewhere(byes, 1);
       viewer.sendFromElsewhere({1, 2, 3}, 1);
     }
   }

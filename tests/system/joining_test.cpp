@@ -60,17 +60,17 @@ TEST_F(Joining, ALaterViewerDoesNotWaitForTheRegularKeyFrame) {
   EXPECT_LT(m_Host.submitted() - asked, 25);
 }
 
-// By a report that tells of more lost packets, by RFC 4585's picture loss indication, and
+// By a report of more lost packets, by RFC 4585's picture loss indication, and
 // by RFC 5104's full intra request.
 TEST_F(Joining, AViewerThatLosesPacketsGetsAKeyFrame) {
   using Bytes = std::vector<std::uint8_t>;
   // What stands before the sender's SSRC, and behind it.
-  std::pair<Bytes, Bytes> const wishes[] = {
+  std::pair<Bytes, Bytes> const requests[] = {
       {{0x81, 201, 0, 7, 0, 0, 0, 9}, {12, 0, 0, 3, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}},
       {{0x80, 201, 0, 1, 0, 0, 0, 9, 0x81, 206, 0, 2, 0, 0, 0, 9}, {}},
       {{0x80, 201, 0, 1, 0, 0, 0, 9, 0x84, 206, 0, 4, 0, 0, 0, 9, 0, 0, 0, 0}, {1, 0, 0, 0}},
   };
-  for (auto const& [before, behind] : wishes) {
+  for (auto const& [before, behind] : requests) {
     RtspClient viewer(m_Host.port());
     ASSERT_TRUE(viewer.playOverUdp(url()));
     auto packet = viewer.packet();
@@ -80,13 +80,13 @@ TEST_F(Joining, AViewerThatLosesPacketsGetsAKeyFrame) {
     waitForFrames(18);
     int const asked = m_Host.submitted();
     auto const at = packet.bytes.begin();
-    Bytes wish = before;
-    wish.insert(wish.end(), at + 8, at + 12);
-    wish.insert(wish.end(), behind.begin(), behind.end());
+    Bytes request = before;
+    request.insert(request.end(), at + 8, at + 12);
+    request.insert(request.end(), behind.begin(), behind.end());
     if (!behind.empty() && behind[0] == 12) {
-      std::copy(at + 2, at + 4, wish.begin() + 18);  // the highest number that came
+      std::copy(at + 2, at + 4, request.begin() + 18);  // the highest number that came
     }
-    viewer.sendRtcp(wish);
+    viewer.sendRtcp(request);
     while (viewer.nextNalType() != sps) {
       ASSERT_LT(m_Host.submitted() - asked, 25);
     }
@@ -105,7 +105,7 @@ TEST_F(Joining, ViewersThatComeTogetherAllBeginWithAWholeFrame) {
   for (auto const& viewer : viewers) {
     EXPECT_EQ(viewer->nextNalType(), sps);
   }
-  // The last one's wish waited for its time, half a second, and not for the regular frame.
+  // The last request waited for its time, half a second, and not for the regular frame.
   EXPECT_LT(m_Host.submitted() - asked, 25);
 }
 

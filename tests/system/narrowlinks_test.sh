@@ -124,7 +124,7 @@ regrow() {
   stop
 }
 
-# narrow PUBLISH_ARGUMENT...: the link becomes narrower, and frames go on.
+# narrow PUBLISH_ARGUMENT...: the link's MTU shrinks, and frames still come.
 narrow() {
   mtu 1500
   start "$@"

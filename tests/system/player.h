@@ -53,7 +53,7 @@ class Player {
 
   // Waits until it has shown a frame.
   void waitForFrame() const;
-  // Stops its process, or lets it go on.
+  // Stops its process, or resumes it.
   void freeze(bool frozen) const;
   // Waits for the end and gives all frames, in order; none if the player failed.
   std::vector<Frame> frames(int width, int height);

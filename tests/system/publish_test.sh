@@ -23,7 +23,7 @@ refused 2 'WIDTHxHEIGHT' --size 640
 refused 2 'such as 800k' --bitrate fast
 refused 2 '1 to 19 ASCII' --name this-name-is-far-too-long
 refused 2 'once for each input' --name a x y
-refused 2 'an input is empty' ''
+refused 2 'empty INPUT' ''
 refused 2 'loop is for files' --loop
 refused 2 "two inputs have the name 'a'" --name a --name a x y
 refused 2 'not .a"b.' --name 'a"b'
@@ -73,7 +73,7 @@ EOF
   done
 done
 
-# Two inputs at once are two streams, and JSON tells of each.
+# Two inputs at once are two streams, and JSON has both.
 ffmpeg -v error -f lavfi -i testsrc=size=1280x720:rate=25 -t 1 -pix_fmt yuv420p "$work/large.mp4"
 refused 1 'missing.mp4' "$work/green.mp4" "$work/missing.mp4"
 start --json --codec jpeg --loop --name green --name large "$work/green.mp4" "$work/large.mp4"
@@ -91,7 +91,7 @@ assert any(line.get("viewers") == 1 for line in lines), "viewers"
 assert large["encoded"] == 0 and large["unwatched"] == large["offered"] > 0, "not watched"
 EOF
 
-# A film from a telephone on its side, with pixels half as wide as high, is put right.
+# A film from a telephone on its side, with pixels half as wide as high, is turned upright.
 ffmpeg -v error -i "$work/green.mp4" -vf setsar=1/2 "$work/narrow.mp4"
 ffmpeg -v error -display_rotation 90 -i "$work/narrow.mp4" -c copy "$work/turned.mp4"
 start --json --loop "$work/turned.mp4"
@@ -100,7 +100,7 @@ stop
 green "$work/upright.png"
 [[ $(ffprobe -v error -show_entries stream=width,height -of csv=p=0 "$work/upright.png") = 240,160 ]] || die "not upright"
 
-# A source that is lost ends it with 1, or is opened again; the picture goes on in its size.
+# A source that is lost ends it with 1, or is opened again; the picture keeps its size.
 start --loop --name camera --size 320x240 "$work/green.mp4"
 camera=$pid url=rtsp://127.0.0.1:$port/camera again=$port
 start "$url"
@@ -120,7 +120,7 @@ green "$work/back5.png"
 # Nobody reads what it prints: it ends.
 refused 0 'has one frame; --loop' "$work/upright.png"
 { timeout 60 "$publish" --port "$free" --json || echo "$?" >"$work/closed"; } | head -n 1 >"$work/out"
-[ "$(cat "$work/closed")" != 124 ] || die "goes on behind a closed pipe"
+[ "$(cat "$work/closed")" != 124 ] || die "did not end when its pipe was closed"
 status=0
 timeout 60 "$publish" --port "$free" >/dev/full 2>"$work/err" || status=$?
 [ "$status" = 1 ] && grep -q 'standard output: No space' "$work/err" || die "a full output: $status"
@@ -141,7 +141,7 @@ LD_LIBRARY_PATH=$work/without refused 1 'libopenh264-8' --codec h264 --bitrate 1
 start --size 320x240
 ffmpeg -v error -rtsp_transport tcp -i "rtsp://127.0.0.1:$port/kavo" -frames:v 2 -y "$work/moving%d.png"
 stop
-cmp -s "$work/moving1.png" "$work/moving2.png" && die "the test pattern stands still"
+cmp -s "$work/moving1.png" "$work/moving2.png" && die "the test pattern does not move"
 "$publish" --port "$port" --duration 0.3 --size 64x64 >"$work/out" || die "no end after --duration"
 # What a terminal completes.
 completed=$(bash -c '. "$1"; COMP_WORDS=("$2" --l); COMP_CWORD=1; _kavo "$2"; echo "${COMPREPLY[*]}"' - "$2" "$publish")

@@ -3,7 +3,7 @@
 # shellcheck shell=bash disable=SC2034,SC2154
 
 work=$(mktemp -d)
-# However it ends, nothing that it started goes on.
+# However it ends, nothing that it started is left running.
 end() {
   mapfile -t started < <(jobs -p)
   [ ${#started[@]} -eq 0 ] || kill "${started[@]}" 2>/dev/null || true

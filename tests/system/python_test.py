@@ -84,7 +84,7 @@ with kavo_stream.Server(PORT) as server:
         near(seen("encoded", lambda: wanted.append(encoded.submit(image))), (255, 255, 255), 2)
         assert kavo_stream.Wanted.FRAME in wanted
 
-# Python's other threads go on while a frame is encoded.
+# Python's other threads run while a frame is encoded.
 with kavo_stream.Server(PORT) as server, server.create_session("large") as session:
     stream = session.create_stream(1920, 1080, kavo_stream.PixelFormat.BGR24, kavo_stream.Codec.H264)
     frame = numpy.random.default_rng(1).integers(0, 255, stream.shape, numpy.uint8)

@@ -1,4 +1,4 @@
-// An RTSP client that does exactly what a test tells it, right or wrong.
+// An RTSP client that does exactly what a test asks for, right or wrong.
 #pragma once
 
 #include <cstdint>
@@ -18,7 +18,7 @@ class RtspClient {
   };
 
   // Connects to 127.0.0.1 or ::1, with a receive buffer of that many bytes if
-  // told; connected() tells whether it worked. What does not come within the limit
+  // given; connected(): whether it worked. What does not come within the limit
   // does not come at all.
   explicit RtspClient(std::uint32_t port, bool ipv6 = false, int receiveBuffer = 0, int limitMilliseconds = 20000);
   ~RtspClient();
@@ -44,7 +44,7 @@ class RtspClient {
 
   // Sends RTCP: on the channel, or over UDP to the server's RTCP port.
   void sendRtcp(std::vector<std::uint8_t> const& packet, int channel = 1);
-  // A receiver's report without a report block: a sign of life.
+  // A receiver's report without a report block: a keep-alive.
   void sendReport(int channel = 1) { sendRtcp({0x80, 201, 0, 1, 0, 0, 0, 9}, channel); }
   // One byte of TCP's urgent data.
   void sendUrgentByte();

@@ -13,8 +13,8 @@
 
 namespace {
 
-// Frames for which a viewer stands still. H.264 has a key frame after 50 by
-// itself, which must not be what a viewer who goes on begins with.
+// Frames for which a viewer stalls. H.264 has a key frame after 50 by
+// itself, which must not be what a resuming viewer begins with.
 constexpr int standstill = 90;
 
 class SlowViewers : public ::testing::TestWithParam<int> {
@@ -22,7 +22,7 @@ class SlowViewers : public ::testing::TestWithParam<int> {
   SlowViewers() {
     m_Host.serve();
     // Noise on the test pattern makes JPEG images large. H.264 skips frames where all
-    // is noise, makes next to nothing of what stands still, and key frames where
+    // is noise, makes next to nothing of a still picture, and key frames where
     // much changes: faint blocks that move.
     bool const jpeg = GetParam() == KV_CODEC_MJPEG;
     auto& frame = m_Host.publish("stream", KV_BGR24, GetParam(), 640, 480, 4000000).frame;

@@ -83,14 +83,14 @@ TEST_P(Viewing, TheResponseToPlayIsTheFirstThingOnTheConnection) {
   for (int i = 0; i < 10; ++i) {
     RtspClient another(m_Host.port());
     ASSERT_TRUE(another.play(url(), i % 2 == 0));
-    EXPECT_EQ(another.packet().channel, 1) << "a sender report tells the time of the first frame";
+    EXPECT_EQ(another.packet().channel, 1) << "a sender report has the time of the first frame";
     EXPECT_EQ(another.packet().channel, 0);
     EXPECT_EQ(another.dropped(), 0);
   }
   EXPECT_EQ(alone.dropped(), 0);
 }
 
-// All of a stream's viewers: nothing is encoded then, and all goes on afterwards.
+// All of a stream's viewers: nothing is encoded then, and all resume afterwards.
 TEST_P(Viewing, TheOnlyViewerMayPauseToo) {
   RtspClient viewer(m_Host.port());
   ASSERT_TRUE(viewer.play(url()));

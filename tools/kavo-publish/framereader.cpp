@@ -31,7 +31,7 @@ void DecodingReader::open(AVStream const& stream, AVCodec const& codec, std::str
 }
 
 void CopyingReader::refuse(std::string const& reason) const {
-  throw Failure(m_Title + " cannot be copied: " + reason + "; without --copy it is encoded anew");
+  throw Failure(m_Title + " cannot be copied: " + reason + "; leave --copy out to re-encode it");
 }
 
 void CopyingReader::open(AVStream const& stream, AVCodec const& codec, std::string const& title) {

@@ -63,7 +63,7 @@ class CopyingReader : public FrameReader {
   void restart() override;
   Size size() const override { return {parameters().width, parameters().height}; }
 
-  // kilobits per second, 0 where unknown, and the parameter sets that the input tells.
+  // kilobits per second, 0 where unknown, and the parameter sets of the input.
   kavo::EncodedOptions const& options() const { return m_Options; }
 
  private:

@@ -89,18 +89,18 @@ void Input::openReader() {
   bool const known = avformat_find_stream_info(m_Format.get(), nullptr) >= 0;
   m_Stream = known ? av_find_best_stream(m_Format.get(), AVMEDIA_TYPE_VIDEO, -1, -1, &codec, 0) : -1;
   if (m_Stream < 0) {
-    throw Failure("there is no video that FFmpeg can decode in " + titleOf(m_Source) + ": choose another input");
+    throw Failure("no decodable video stream in " + titleOf(m_Source) + ": choose another input");
   }
   m_Reader->open(*m_Format->streams[m_Stream], *codec, titleOf(m_Source));
 }
 
 void Input::guessFrameRate() {
   AVRational const rate = av_guess_frame_rate(m_Format.get(), m_Format->streams[m_Stream], nullptr);
-  double const told = rate.num > 0 && rate.den > 0 ? av_q2d(rate) : 0;
-  bool const tells = told >= 1 && told <= 240;
-  m_FrameRate = tells ? told : m_Options.frameRate.value_or(25);
-  if (tells && m_Options.frameRate && !m_Source.empty()) {
-    m_Note(titleOf(m_Source) + " tells its own frame rate, so --fps does not change it");
+  double const rateOfInput = rate.num > 0 && rate.den > 0 ? av_q2d(rate) : 0;
+  bool const isKnown = rateOfInput >= 1 && rateOfInput <= 240;
+  m_FrameRate = isKnown ? rateOfInput : m_Options.frameRate.value_or(25);
+  if (isKnown && m_Options.frameRate && !m_Source.empty()) {
+    m_Note(titleOf(m_Source) + " has a frame rate of its own, which --fps does not change");
   }
 }
 
@@ -184,7 +184,7 @@ bool Input::reconnect() {
   return false;
 }
 
-// Times go on evenly where an input has none, starts again or jumps.
+// Times continue evenly where an input has none, starts again or jumps.
 void Input::noteTime() {
   double const expected = m_Time < 0 ? 0 : m_Time + 1.0 / m_FrameRate;
   double time = expected;

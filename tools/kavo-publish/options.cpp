@@ -74,7 +74,7 @@ std::string nameOf(std::string const& text) {
 
 std::vector<Options::Input> inputsOf(std::vector<std::string> sources, std::vector<std::string> const& givenNames) {
   if (std::find(sources.begin(), sources.end(), "") != sources.end()) {
-    refuse("an input is empty: give a file, a camera or a URL, or no input for the test pattern");
+    refuse("empty INPUT: expected a file, camera or URL (omit it for the test pattern)");
   }
   if (sources.empty()) {
     sources.emplace_back();
@@ -128,16 +128,16 @@ std::optional<Options> readOptions(int argc, char** argv) {
       "Without an input it is a test pattern with a running clock.",
       "kavo-publish");
   app.get_formatter()->column_width(26);
-  app.set_help_flag("-h,--help", "print this and end");
-  app.set_version_flag("--version", version(), "print the version and end");
+  app.set_help_flag("-h,--help", "show this help and exit");
+  app.set_version_flag("--version", version(), "show the version and exit");
   app.add_option("INPUT", sources,
                  "a video file, a URL, a camera such as /dev/video0,\nor camera:NAME for the one with NAME in its name")
       ->type_name("");
   option(app, "--codec", "CODEC", "h264 or jpeg (h264 where OpenH264 is installed)",
          [&](auto const& text) { options.codec = codecOf(text); });
-  option(app, "--size", "WIDTHxHEIGHT", "of the published frame (the input's)",
+  option(app, "--size", "WIDTHxHEIGHT", "published frame size (default: the input's)",
          [&](auto const& text) { options.size = sizeOf(text); });
-  option(app, "--fps", "N", "frames per second of the test pattern and of inputs\nthat do not tell theirs (25)",
+  option(app, "--fps", "N", "frame rate of the test pattern and of inputs\nwithout one (default 25)",
          [&](auto const& text) { options.frameRate = numberIn("--fps", text, 1, 240, "from 1 to 240"); });
   option(app, "--bitrate", "N", "bits per second of a stream, also as 800k or 1.5M",
          [&](auto const& text) { options.bitsPerSecond = bitrateOf(text); });
@@ -155,13 +155,12 @@ std::optional<Options> readOptions(int argc, char** argv) {
   app.add_flag("--copy", options.copy, "publish H.264, H.265 or MJPEG as it is, without decoding and\nencoding it");
   app.add_flag("--loop", options.loop, "start a file again at its end");
   app.add_flag("--reconnect", options.reconnect, "open a camera or URL again when it is lost");
-  option(app, "--duration", "SECONDS", "end after this time", [&](auto const& text) {
+  option(app, "--duration", "SECONDS", "exit after this time", [&](auto const& text) {
     options.seconds = numberIn("--duration", text, 0.1, 1e9, "of seconds, 0.1 or more");
   });
   app.add_flag("--json", options.json, "print everything as JSON, an object a line");
-  app.add_option("--check-config", policyFile, "read a policy file as the library would, say what is wrong, and end")
-      ->type_name("FILE");
-  app.add_flag("--list-formats", listFormats, "print codecs, sizes, pixel formats and cameras, and end");
+  app.add_option("--check-config", policyFile, "validate a policy file and exit")->type_name("FILE");
+  app.add_flag("--list-formats", listFormats, "list codecs, sizes, pixel formats and cameras, and exit");
   try {
     app.parse(argc, argv);
   } catch (CLI::Success const& asked) {  // help or version

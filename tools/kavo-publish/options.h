@@ -23,7 +23,7 @@ struct Options {
   std::vector<Input> inputs;         // at least one
   std::optional<kavo::Codec> codec;  // without one, H.264 where OpenH264 is, else JPEG
   std::optional<Size> size;          // of the published frame; without one, the input's
-  std::optional<int> frameRate;      // of the test pattern and of inputs that do not tell theirs
+  std::optional<int> frameRate;      // of the test pattern and of inputs without one
   std::optional<std::int64_t> bitsPerSecond;
   std::uint16_t port = 8554;
   bool copy = false;  // encoded frames are published as they are

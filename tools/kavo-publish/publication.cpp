@@ -114,7 +114,7 @@ void Publication::createCopy(CopyingReader const& input) {
     m_EncodedStream = std::make_unique<kavo::EncodedStream>(m_Session.createEncodedStream(input.options()));
   } catch (kavo::Error const& error) {
     throw Failure("the parameter sets of '" + m_Source + "' cannot be copied (result " +
-                  std::to_string(error.result()) + "); without --copy it is encoded anew");
+                  std::to_string(error.result()) + "); leave --copy out to re-encode it");
   }
 }
 
@@ -154,7 +154,7 @@ void Publication::run() {
     }
     auto const due = start + std::chrono::duration_cast<Clock::duration>(Seconds(m_Input.time()));
     waitUntil(due, m_Stop);
-    // An input that fell behind is not hurried to catch up.
+    // An input that lags is not hurried to catch up.
     if (Clock::now() - due > std::chrono::milliseconds(500)) {
       start += Clock::now() - due;
     }

@@ -74,7 +74,7 @@ int main(int argc, char** argv) {
                  "of the host's status server: HOST:PORT (127.0.0.1:9554)\nor a socket's path")
       ->type_name("");
   auto* const json = app.add_flag("--json", options.json, "print the status as JSON");
-  app.add_flag("--events", options.events, "print what happens, a line each, until the host ends")->excludes(json);
+  app.add_flag("--events", options.events, "print events, one per line, until the host exits")->excludes(json);
   try {
     app.parse(argc, argv);
     show(options);

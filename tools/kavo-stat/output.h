@@ -7,5 +7,5 @@
 
 std::string tableOf(nlohmann::ordered_json const& status);
 
-// The events behind the one of that number, a line each; the number becomes the last one's.
+// The events after the one of that number, one per line; the number becomes the last one's.
 std::string eventsAfter(nlohmann::ordered_json const& status, std::uint64_t& number);

@@ -1,4 +1,4 @@
-/* An OpenH264 of an older generation: the functions are there, the version tells. */
+/* An OpenH264 of an older generation: the functions are there, the version differs. */
 #include <stddef.h>
 
 typedef struct {
