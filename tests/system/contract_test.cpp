@@ -1,0 +1,223 @@
+// What existing hosts and clients rely on, each once: numbers and texts written out here, and not
+// taken from the library.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "codec/encoding.h"
+#include "codec/openh264library.h"
+#include "kavo_stream.h"
+#include "rtsp/framesourcehandler.h"
+#include "rtsp/jpegsource.h"
+#include "system/rtspclient.h"
+
+extern "C" {
+#include <libavutil/opt.h>
+#include <libswscale/swscale.h>
+}
+
+using namespace kavo::impl;
+
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+template <class Record>
+int call(int command, Record& record) {
+  return kv_Stream(command, &record, static_cast<int>(sizeof record));
+}
+
+// The server with a stream of each codec.
+class Contract : public ::testing::Test {
+ protected:
+  Contract() {
+    EXPECT_EQ(call(KV_INIT, m_Port), KV_OK);
+    publish("jpeg", 8);
+    publish("h264", 28);
+  }
+  ~Contract() override { kv_Stream(KV_EXIT, nullptr, 0); }
+
+  void publish(char const* name, int codec) {
+    kv_session_record session{};
+    std::strcpy(session.name, name);
+    std::strcpy(session.info, "the info");
+    std::strcpy(session.description, "the description");
+    EXPECT_EQ(call(KV_CREATE_SESSION, session), KV_OK);
+    kv_video_record video{};
+    video.src_width = video.src_height = video.dst_width = video.dst_height = 64;
+    video.dst_codec = codec;
+    video.frame_rate = 25;
+    video.bitrate = 100000;
+    kv_stream_record stream{};
+    stream.handle = session.handle;
+    stream.video = &video;
+    EXPECT_EQ(call(KV_CREATE_STREAM, stream), KV_OK);
+  }
+
+  std::string url(std::string const& name) const { return "rtsp://127.0.0.1:" + std::to_string(m_Port) + "/" + name; }
+
+  std::uint32_t m_Port = freePort();
+};
+
+// Of a moving picture, so that rate control has something to do.
+Bytes pictureOf(int number, int width, int height) {
+  Bytes picture(static_cast<std::size_t>(width * height * 3 / 2) + 4096, 128);
+  for (int at = 0; at < width * height; ++at) {
+    picture[static_cast<std::size_t>(at)] = static_cast<std::uint8_t>(at * at / 97 + number * 9);
+  }
+  return picture;
+}
+
+}  // namespace
+
+TEST_F(Contract, Descriptions) {
+  std::string const head =
+      "v=0\r\no=- \\d+ 1 IN IP4 [0-9.]+\r\ns=the description\r\ni=the info\r\nt=0 0\r\na=tool:.*\r\n"
+      "a=type:broadcast\r\na=control:\\*\r\na=range:npt=now-\r\na=x-qt-text-nam:the description\r\n"
+      "a=x-qt-text-inf:the info\r\n";
+  std::string const jpeg = head + "m=video 0 RTP/AVP 26\r\nc=IN IP4 0.0.0.0\r\nb=AS:64\r\na=control:track1\r\n";
+  std::string const h264 =
+      head +
+      "m=video 0 RTP/AVP 96\r\nc=IN IP4 0.0.0.0\r\nb=AS:1048576\r\na=rtpmap:96 H264/90000\r\n"
+      "a=fmtp:96 packetization-mode=1;profile-level-id=42\\w{4};sprop-parameter-sets=Z0L[^,]+,aM[^,]+\r\n"
+      "a=control:track1\r\n";
+  for (auto const& [name, lines] : {std::pair("jpeg", jpeg), {"h264", h264}}) {
+    auto const response = RtspClient(m_Port).request("DESCRIBE", url(name)).text;
+    auto const body = response.substr(response.find("\r\n\r\n") + 4);
+    EXPECT_TRUE(std::regex_match(body, std::regex(lines))) << body;
+  }
+}
+
+TEST_F(Contract, PortsTimeoutAndThread) {
+  RtspClient client(m_Port);
+  auto const udp = client.setUpOverUdp(url("jpeg"));
+  std::smatch match;
+  std::string const transport = udp.header("Transport");
+  ASSERT_TRUE(std::regex_search(transport, match, std::regex("server_port=(\\d+)-(\\d+)"))) << transport;
+  int const rtp = std::stoi(match[1]);
+  EXPECT_EQ(rtp % 2, 0);
+  EXPECT_GE(rtp, 6970);
+  EXPECT_LT(rtp, 7500) << "as many as tests beside this one may hold";
+  EXPECT_EQ(std::stoi(match[2]), rtp + 1);
+  EXPECT_TRUE(udp.header("Session").ends_with(";timeout=65")) << udp.header("Session");
+  bool found = false;
+  for (auto const& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::string name;
+    std::getline(std::ifstream(task.path() / "comm"), name);
+    found = found || name == "kavo-rtsp";
+  }
+  EXPECT_TRUE(found) << "no thread of that name";
+}
+
+// Where nobody has it, the port is 8554.
+TEST(ContractOfInit, TheDefaultPort) {
+  if (!RtspClient(8554).connected()) {
+    ASSERT_EQ(kv_Stream(KV_INIT, nullptr, 0), KV_OK);
+    EXPECT_TRUE(RtspClient(8554).connected());
+    kv_Stream(KV_EXIT, nullptr, 0);
+  }
+}
+
+TEST(ContractOfTheQueue, TenFramesFill) {
+  FrameSourceHandler queue;
+  for (int i = 0; i < 10; ++i) {
+    EXPECT_TRUE(queue.IsBufferFree()) << i;
+    queue.push({});
+  }
+  EXPECT_FALSE(queue.IsBufferFree());
+}
+
+// Byte for byte what FFmpeg's encoder makes with these settings, of a picture scaled with this one.
+TEST(ContractOfJpeg, TheEncodersSettings) {
+  auto parameter = test::parameters(8, 0, 96, 64, 64, 48);
+  parameter.m_Bitrate = 20000;
+  Transcoder transcoder(&parameter);
+  AVCodecContext* const context = avcodec_alloc_context3(avcodec_find_encoder(AV_CODEC_ID_MJPEG));
+  context->bit_rate = 20000;
+  context->bit_rate_tolerance = 20000;
+  context->width = 64;
+  context->height = 48;
+  context->time_base = {1, 1};
+  context->pix_fmt = AV_PIX_FMT_YUVJ420P;
+  context->qcompress = 1;
+  context->qmin = 1;
+  context->qmax = 100;
+  av_opt_set(context->priv_data, "huffman", "default", 0);
+  ASSERT_EQ(avcodec_open2(context, nullptr, nullptr), 0);
+  SwsContext* const scaler = sws_getContext(96, 64, AV_PIX_FMT_YUV420P, 64, 48, AV_PIX_FMT_YUV420P, SWS_FAST_BILINEAR,
+                                            nullptr, nullptr, nullptr);
+  for (int i = 0; i < 20; ++i) {
+    Bytes const picture = pictureOf(i, 96, 64);
+    AVFrame* frame = av_frame_alloc();
+    frame->format = AV_PIX_FMT_YUVJ420P;
+    frame->width = 64;
+    frame->height = 48;
+    ASSERT_EQ(av_frame_get_buffer(frame, 0), 0);
+    std::uint8_t const* const planes[] = {picture.data(), picture.data() + 96 * 64, picture.data() + 96 * 64 + 48 * 32,
+                                          nullptr};
+    int const strides[] = {96, 48, 48, 0};
+    sws_scale(scaler, planes, strides, 0, 64, frame->data, frame->linesize);
+    AVPacket* packet = av_packet_alloc();
+    ASSERT_EQ(avcodec_send_frame(context, frame), 0);
+    ASSERT_EQ(avcodec_receive_packet(context, packet), 0);
+    EXPECT_EQ(test::encoded(transcoder, picture.data()).bytes, Bytes(packet->data, packet->data + packet->size)) << i;
+    av_packet_free(&packet);
+    av_frame_free(&frame);
+  }
+  sws_freeContext(scaler);
+  AVCodecContext* owned = context;
+  avcodec_free_context(&owned);
+}
+
+// Byte for byte what OpenH264 makes with these settings.
+TEST(ContractOfH264, TheEncodersSettings) {
+  auto parameter = test::parameters(28, 0, 64, 48, 64, 48);
+  parameter.m_Bitrate = 50000;
+  parameter.m_FrameRate = 10;
+  Transcoder transcoder(&parameter);
+  auto const encoder = OpenH264Library().createEncoder();
+  SEncParamBase base{};
+  base.iUsageType = CAMERA_VIDEO_REAL_TIME;
+  base.iPicWidth = 64;
+  base.iPicHeight = 48;
+  base.iTargetBitrate = 50000;
+  base.iRCMode = RC_BITRATE_MODE;
+  base.fMaxFrameRate = 10;
+  for (auto [option, value] : {std::pair(ENCODER_OPTION_TRACE_LEVEL, int{WELS_LOG_QUIET}),
+                               {ENCODER_OPTION_DATAFORMAT, int{videoFormatI420}},
+                               {ENCODER_OPTION_IDR_INTERVAL, 20},
+                               {ENCODER_OPTION_RC_FRAME_SKIP, 1},
+                               {ENCODER_OPTION_SPS_PPS_ID_STRATEGY, 0}}) {
+    ASSERT_EQ(encoder->SetOption(option, &value), 0);
+    if (option == ENCODER_OPTION_TRACE_LEVEL) {
+      ASSERT_EQ(encoder->Initialize(&base), 0);
+    }
+  }
+  for (int i = 0; i < 50; ++i) {
+    Bytes picture = pictureOf(i, 64, 48);
+    SSourcePicture source{};
+    source.iColorFormat = videoFormatI420;
+    source.iPicWidth = 64;
+    source.iPicHeight = 48;
+    source.iStride[0] = 64;
+    source.iStride[1] = source.iStride[2] = 32;
+    source.pData[0] = picture.data();
+    source.pData[1] = picture.data() + 64 * 48;
+    source.pData[2] = picture.data() + 64 * 48 + 32 * 24;
+    SFrameBSInfo info{};
+    ASSERT_EQ(encoder->EncodeFrame(&source, &info), 0);
+    Bytes expected;
+    if (info.eFrameType != videoFrameTypeSkip) {  // without its first start code
+      auto const* const begin = info.sLayerInfo[0].pBsBuf;
+      expected.assign(begin + 4, begin + info.iFrameSizeInBytes);
+    }
+    EXPECT_EQ(test::encoded(transcoder, picture.data()).bytes, expected) << i;
+  }
+  encoder->Uninitialize();
+}
