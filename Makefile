@@ -1,6 +1,6 @@
 # The everyday commands. Each sets up what it needs (see scripts/run).
 .DEFAULT_GOAL := help
-.PHONY: help package package-check portable portable-check scale-out-check docs players bench soak coverage build demo test test-arm64 fuzz format lint shell clean
+.PHONY: help package package-check portable portable-check scale-out-check docs players bench soak mutants coverage build demo test test-arm64 fuzz format lint shell clean
 
 RUN := scripts/run
 PRESET ?= release
@@ -28,6 +28,9 @@ fuzz: ## run the fuzz drivers for long (SECONDS=600)
 
 bench: ## measure: ours beside live555 as it comes and gst-rtsp-server (TABLES="cpu slow", all of them take 20 minutes)
 	@$(RUN) sh -c 'cmake --preset bench >/dev/null && cmake --build --preset bench >/dev/null && scripts/bench $(TABLES)'
+
+mutants: ## put the faults of tests/mutants.txt in, one at a time, and print those no test sees
+	@$(RUN) scripts/mutants
 
 coverage: ## what the tests reach of src/, by folder, and what they never do
 	@$(RUN) scripts/coverage
