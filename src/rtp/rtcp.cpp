@@ -7,7 +7,7 @@ namespace {
 constexpr std::uint8_t senderReport = 200;
 constexpr std::uint8_t receiverReport = 201;
 constexpr std::uint8_t sourceDescription = 202;
-constexpr std::uint8_t bye = 203;
+constexpr std::uint8_t byePacket = 203;
 constexpr std::uint8_t payloadFeedback = 206;
 constexpr int pictureLoss = 1;
 constexpr int fullIntraRequest = 4;
@@ -76,7 +76,7 @@ std::vector<std::uint8_t> makeSenderReport(SenderInfo const& info, std::string_v
   packet.insert(packet.end(), cname.begin(), cname.end());
   packet.resize(end);
   if (bye) {
-    appendHeader(packet, 1, bye, 1);
+    appendHeader(packet, 1, byePacket, 1);
     append(packet, info.ssrc, 4);
   }
   return packet;
