@@ -17,6 +17,6 @@ if [ ! -s "$2/hls.min.js" ]; then
     { echo "hls.sh: npm could not fetch hls.js; put its hls.min.js into $2" >&2; exit 1; }
   cp "$fetched/package/dist/hls.min.js" "$2/"
 fi
-# Segments begin with key frames, of which a host sends one every second.
+# Segments begin with key frames, of which a host sends one every two seconds.
 ffmpeg -nostdin -v warning -rtsp_transport tcp -i "$1" -c copy -an -f hls -hls_time 1 -hls_list_size 6 \
   -hls_flags delete_segments+independent_segments -y "$2/live.m3u8"

@@ -92,6 +92,10 @@ void Input::openReader() {
     throw Failure("no decodable video stream in " + titleOf(m_Source) + ": choose another input");
   }
   m_Reader->open(*m_Format->streams[m_Stream], *codec, titleOf(m_Source));
+  bool const hasSound = av_find_best_stream(m_Format.get(), AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0) >= 0;
+  if (hasSound && m_Count == 0) {
+    m_Note("the sound of " + titleOf(m_Source) + " is not published");
+  }
 }
 
 void Input::guessFrameRate() {

@@ -42,7 +42,7 @@ void Report::introduce(std::deque<Publication> const& publications) {
   if (!m_Json) {
     Publication const& first = publications.front();
     std::string const url = first.url();
-    std::printf("Watch it with one of\n  ffplay -rtsp_transport tcp %s\n  vlc %s\n", url.c_str(), url.c_str());
+    std::printf("Watch it with one of\n  ffplay -rtsp_transport tcp %s\n  mpv %s\n", url.c_str(), url.c_str());
     std::printf("  gst-launch-1.0 rtspsrc location=%s latency=100 ! %s ! autovideosink\n\nCtrl-C ends.\n", url.c_str(),
                 first.codec().gstreamer);
   }
