@@ -134,13 +134,15 @@ TEST(ContractOfTheQueue, TenFramesFill) {
 }
 
 // Byte for byte what FFmpeg's encoder makes with these settings, of a picture scaled with this one.
-TEST(ContractOfJpeg, TheEncodersSettings) {
+class ContractOfJpeg : public ::testing::TestWithParam<int> {};
+
+TEST_P(ContractOfJpeg, TheEncodersSettings) {
   auto parameter = test::parameters(8, 0, 96, 64, 64, 48);
-  parameter.m_Bitrate = 20000;
+  parameter.m_Bitrate = GetParam();
   Transcoder transcoder(&parameter);
   AVCodecContext* const context = avcodec_alloc_context3(avcodec_find_encoder(AV_CODEC_ID_MJPEG));
-  context->bit_rate = 20000;
-  context->bit_rate_tolerance = 20000;
+  context->bit_rate = GetParam();
+  context->bit_rate_tolerance = GetParam();
   context->width = 64;
   context->height = 48;
   context->time_base = {1, 1};
@@ -174,6 +176,9 @@ TEST(ContractOfJpeg, TheEncodersSettings) {
   AVCodecContext* owned = context;
   avcodec_free_context(&owned);
 }
+
+// The smallest and the largest reach the ends of the quantizer's range.
+INSTANTIATE_TEST_SUITE_P(Bitrates, ContractOfJpeg, ::testing::Values(200, 20000, 20000000));
 
 // Byte for byte what OpenH264 makes with these settings.
 TEST(ContractOfH264, TheEncodersSettings) {
