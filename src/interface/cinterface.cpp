@@ -9,7 +9,6 @@
 #include <string>
 
 #include "codec/codecparameter.h"
-#include "delivery/frame.h"
 #include "kavo_stream.h"
 #include "operate/journal.h"
 #include "session/encodedsubsession.h"
@@ -147,7 +146,7 @@ void streamCreateEncodedStream(void* param, int size) {
 
 void streamSubmitEncoded(void* param, int size) {
   auto& record = recordAt<kv_encoded_frame_record>(param, size);
-  if (record.data == nullptr || record.size == 0 || record.size > Frame::largest || record.time_ns < 0) {
+  if (record.data == nullptr || record.size == 0 || record.size > EncodedFrame::largest || record.time_ns < 0) {
     throw StreamException("Invalid frame buffer", ErrorInvalidParameter);
   }
   EncodedFrame frame{.bytes = {record.data, record.size}, .captured = std::nullopt};

@@ -150,6 +150,7 @@ void EncodedSubSession::queue(EncodedFrame const& frame, Clock::time_point now) 
 void EncodedSubSession::copy(std::span<std::uint8_t const> bytes, AccessUnit const& unit, AVPacket& packet) const {
   auto const sets = unit.isKeyFrame && !unit.hasParameterSets ? m_ParameterSets->bytes() : std::vector<std::uint8_t>();
   std::size_t const size = bytes.size() + sets.size();
+  static_assert(EncodedFrame::largest == Frame::largest);
   if (size > Frame::largest) {
     throw UnusableFrame("it is too large, with its parameter sets");
   }

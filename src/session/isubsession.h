@@ -3,6 +3,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -19,6 +20,8 @@ class StreamEnvironment;
 
 // A frame that the host has encoded.
 struct EncodedFrame {
+  static constexpr std::size_t largest = 8000000;  // bytes
+
   std::span<std::uint8_t const> bytes;
   std::optional<std::chrono::steady_clock::time_point> captured;
 };

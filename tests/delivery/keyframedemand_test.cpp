@@ -63,3 +63,15 @@ TEST(KeyFrameDemand, WhoLosesAllTheTimeGetsOneInTwoSeconds) {
   EXPECT_GE(viewer.keyFrames, 15);
   EXPECT_LE(viewer.keyFrames, 15 + 2) << "until it was known";
 }
+
+TEST(KeyFrameDemand, WhoLosesAllTheTimeIsContentWithTheRegularOnes) {
+  Reporting viewer;
+  for (int i = 0; i < 300; ++i) {
+    viewer.report(3);
+    if (i % 10 == 0) {
+      viewer.demand.keyFrameSent(static_cast<std::uint16_t>(viewer.block.highestSequence - 5), viewer.now);
+    }
+    viewer.getsKeyFrame();
+  }
+  EXPECT_LE(viewer.keyFrames, 3) << "until it was known";
+}

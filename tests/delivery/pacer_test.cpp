@@ -68,6 +68,9 @@ TEST(Pacer, TheRateFollowsALastingDemand) {
   auto const usual = timeOf();
   EXPECT_GE(usual, 5ms) << "48 kB and more are queued, at 100 Mbit/s";
   path->offer(frame, 0, now);
+  path->offer(frame, 0, now += 2ms);
+  EXPECT_EQ(timeOf(), usual) << "two frames at once are no lasting demand";
+  path->offer(frame, 0, now);
   now += 1s;
   path->offer(frame, 0, now);
   EXPECT_EQ(timeOf(), usual) << "one frame a second is within the rate";
