@@ -215,7 +215,7 @@ class Stream {
 
 /// What an EncodedStream carries.
 struct EncodedOptions {
-  Codec codec = Codec::H264;
+  Codec codec = Codec::H264;  ///< of the frames
   int kilobitsPerSecond = 0;  ///< for the description; 0: unknown
   /// SPS and PPS, for H.265 the VPS too, in Annex B form; empty: learnt from the frames.
   std::vector<std::uint8_t> parameterSets{};

@@ -3,11 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <cctype>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "delivery/udpfanout.h"
 #include "delivery/udpreceiver.h"
 #include "delivery/udptransport.h"
 #include "eventloop/epollscheduler.h"
@@ -144,6 +146,7 @@ TEST_F(ViewersTest, OfWhatABusyPathDropsNothingIsMissed) {
       send(large, keyFrame);
     }
     runUntil([&, text = std::string(received)] { return receiver.frames() == text; });
+    EXPECT_EQ(viewer.observer().figures().framesDropped, keyFrames.size() - std::strlen(received));
     if (keyFramesWanted > 0) {
       EXPECT_EQ(viewer.state(), ViewerState::AwaitingKeyFrame);
       send(small, false);
@@ -290,4 +293,32 @@ TEST_F(ViewersTest, TheRoundTripIsWithoutTheTimeThatTheReceiverTook) {
   ASSERT_TRUE(viewer.reception().roundTrip);
   EXPECT_GE(*viewer.reception().roundTrip, 50ms);
   EXPECT_LE(*viewer.reception().roundTrip, Viewer::Clock::now() - sent - 250ms);
+}
+
+// A packet that did not fit for all goes to one after the other, whoever leaves meanwhile.
+TEST(PacedFrame, ATakerThatLeavesShiftsNobodysTurn) {
+  FramePool pool;
+  PacedFrame paced;
+  paced.frame = pool.take();
+  paced.frame->packets.begin({});
+  std::vector<std::uint8_t> const payload(10);
+  for (int packet = 0; packet < 2; ++packet) {
+    paced.frame->packets.add({}, payload, false);
+  }
+  char places[3];
+  auto const taker = [&](int i) { return reinterpret_cast<UdpTransport*>(&places[i]); };
+  paced.takers = {taker(0), taker(1), taker(2)};
+  paced.advance(1, 2);
+  EXPECT_TRUE(paced.remove(*taker(0)));
+  EXPECT_FALSE(paced.remove(*taker(0)));
+  EXPECT_EQ(paced.takers.at(paced.taker), taker(2));
+  EXPECT_TRUE(paced.remove(*taker(2)));
+  EXPECT_EQ(paced.next, 1U) << "the last one that had to get the packet has left";
+  EXPECT_EQ(paced.taker, 0U);
+  EXPECT_FALSE(paced.isDone());
+  paced.takers.push_back(taker(2));
+  paced.advance(1, 1);
+  paced.clear();
+  EXPECT_EQ(paced.taker, 0U);
+  EXPECT_EQ(paced.next, 0U);
 }
