@@ -1,6 +1,6 @@
 # The everyday commands. Each sets up what it needs (see scripts/run).
 .DEFAULT_GOAL := help
-.PHONY: help package package-check portable portable-check scale-out-check docs players bench soak mutants coverage build demo test test-arm64 fuzz format lint shell clean
+.PHONY: help package package-check portable portable-check scale-out-check docs release players bench soak mutants coverage build demo test test-arm64 fuzz format lint shell clean
 
 RUN := scripts/run
 PRESET ?= release
@@ -65,6 +65,9 @@ players: build ## play with every player there is, in a root of their own, and w
 
 docs: ## make the API reference in build/docs (Doxygen)
 	@$(RUN) sh -c 'mkdir -p build && doxygen docs/Doxyfile && echo "The pages are in build/docs/html"'
+
+release: ## check, package and tag the release that the header names
+	@scripts/release
 
 shell: ## open a shell where the project can be built
 	@$(RUN) bash
