@@ -1,5 +1,5 @@
 /** @file
- * Kavo Stream: live video over RTSP from a host program's raw frames.
+ * Kavo Stream: live video over RTSP from a host program's frames, raw or encoded.
  *
  * The whole library is one function, kv_Stream(command, param, size): a command
  * number, the address of the command's record, and the record's size in bytes.
