@@ -5,6 +5,7 @@
 #define KAVO_CONVERT_HPP
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <kavo/stream.hpp>
 #include <memory>
@@ -112,7 +113,7 @@ class Converter {
 
   // libswscale leaves it out where there is half a row of it.
   void repeatLastChromaRow(std::uint8_t* const planes[4], int const strides[4]) const {
-    int const last = m_Height / 2;
+    std::ptrdiff_t const last = m_Height / 2;
     for (int plane : {1, 2}) {
       std::uint8_t* const row = planes[plane] + last * strides[plane];
       if (last > 0) {
