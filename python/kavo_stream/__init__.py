@@ -123,8 +123,10 @@ class _Status(ctypes.Structure):
 
 
 def _load() -> Any:
-    beside = pathlib.Path(__file__).resolve().parents[2] / "libkavo_stream.so.2"
-    named = os.environ.get("KAVO_STREAM") or (str(beside) if beside.exists() else "libkavo_stream.so.2")
+    name = "libkavo_stream.so.2"
+    lib = pathlib.Path(__file__).resolve().parents[2]  # of an archive
+    beside = next((str(path) for pattern in (name, f"*/{name}") for path in lib.glob(pattern)), name)
+    named = os.environ.get("KAVO_STREAM") or beside
     function = ctypes.CDLL(named)["_Z9kv_StreamiPvi"]
     function.argtypes = [ctypes.c_int, ctypes.c_void_p, ctypes.c_int]
     return function
