@@ -305,7 +305,9 @@ TEST(PacedFrame, ATakerThatLeavesShiftsNobodysTurn) {
   for (int packet = 0; packet < 2; ++packet) {
     paced.frame->packets.add({}, payload, false);
   }
-  char places[3];
+  struct alignas(UdpTransport) {
+    char bytes[sizeof(UdpTransport)];
+  } places[3];
   auto const taker = [&](int i) { return reinterpret_cast<UdpTransport*>(&places[i]); };
   paced.takers = {taker(0), taker(1), taker(2)};
   paced.advance(1, 2);
