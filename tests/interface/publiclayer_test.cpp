@@ -66,12 +66,12 @@ TEST(PublicLayer, WhatBelongedToAServerThatEndedTouchesNoOther) {
     }
     return false;
   };
-  std::optional<kavo::Server> server(serve());
+  auto server = std::make_unique<kavo::Server>(serve());
   std::optional<kavo::Session> old(server->createSession("a"));
   kavo::Stream oldStream = old->createStream(video);
   std::vector<char> const frame(oldStream.frameSize());
   server.reset();
-  server.emplace(serve());
+  server = std::make_unique<kavo::Server>(serve());
   // With the handles that the old ones had.
   kavo::Session session = server->createSession("a");
   kavo::Stream stream = session.createStream(video);
