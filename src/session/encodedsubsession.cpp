@@ -2,7 +2,7 @@
 
 #include <ServerMediaSession.hh>
 #include <algorithm>
-#include <cstring>
+#include <utility>
 
 #include "base/streamexception.h"
 #include "delivery/frame.h"
@@ -112,19 +112,19 @@ AccessUnit EncodedSubSession::read(std::span<std::uint8_t const> bytes) {
 void EncodedSubSession::queue(EncodedFrame const& frame, Clock::time_point now) {
   auto& observer = m_FrameSourceHandler->observer();
   auto const time = timeOf(frame, now);
+  bool const wasBroken = std::exchange(m_IsBroken, true);  // until this frame is queued
   FrameSourceHandler::FrameData data{};
   bool isKeyFrame = false;
   try {
     auto const unit = read(frame.bytes);
     isKeyFrame = unit.isKeyFrame;
-    if (m_IsBroken && !isKeyFrame) {
+    if (wasBroken && !isKeyFrame) {
       observer.add(Count::Skipped);
       return;
     }
     copy(frame.bytes, unit, data.packet);
   } catch (UnusableFrame const& reason) {
     observer.add(Count::Failed);
-    m_IsBroken = true;
     throw StreamException(std::string("Unusable frame: ") + reason.what(), ErrorCodec);
   }
   FrameSourceHandler::setSubmitTime(data.packet, time);
@@ -138,9 +138,9 @@ void EncodedSubSession::queue(EncodedFrame const& frame, Clock::time_point now) 
     throw;
   }
   m_LastTime = time;
+  m_IsBroken = false;
   observer.add(Count::Encoded);
   if (isKeyFrame) {
-    m_IsBroken = false;
     m_FrameSourceHandler->keyFrameRequest().grant(now);
   }
   signal();
