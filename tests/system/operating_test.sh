@@ -9,7 +9,7 @@ stat=$2
 export KAVO_STREAM_STATUS=$work/status KAVO_STREAM_CONFIG=$work/policy.toml
 printf '[server]\naddress = "127.0.0.1"\n[access.users]\nanna = "geheim"\n' >"$KAVO_STREAM_CONFIG"
 
-"$publish" --check-config "$KAVO_STREAM_CONFIG" | grep -q 'no errors' || die "the policy file has errors"
+"$publish" --check-config "$KAVO_STREAM_CONFIG" | grep 'no errors' >/dev/null || die "the policy file has errors"
 echo 'adress = 1' >"$work/wrong.toml"
 ! "$publish" --check-config "$work/wrong.toml" 2>"$work/err" || die "a wrong policy file was accepted"
 grep -q "wrong.toml:1: unknown key 'adress'" "$work/err" || die "said: $(cat "$work/err")"
@@ -19,31 +19,36 @@ url=127.0.0.1:$port/kavo
 grep -q "rtsp://127.0.0.1:$port/kavo" "$work/out" || die "another address in the URL"
 ss -Hltn "sport = :$port" | grep -qv "127.0.0.1:$port" && die "listens elsewhere: $(ss -Hltn)"
 
-for transport in tcp udp; do
-  ffmpeg -v error -rtsp_transport $transport -i "rtsp://anna:geheim@$url" -frames:v 2 -f null - || die "ffmpeg $transport"
-  for user in "" anna:wrong@ otto:geheim@; do
-    ! ffmpeg -v error -rtsp_transport $transport -i "rtsp://$user$url" -frames:v 1 -f null - 2>"$work/err" ||
-      die "played with '$user'"
-    grep -q '401 Unauthorized' "$work/err" || die "'$user': $(cat "$work/err")"
-  done
-done
+play_with_ffmpeg() { ffmpeg -v error -rtsp_transport "$1" -i "rtsp://$2$url" -frames:v 2 -f null - 2>"$work/err"; }
 # gst-launch-1.0 now and then closes its connection before it has sent its own PAUSE, and
 # fails for that: it is judged by its frames.
-gst() {
+play_with_gst() {
   timeout 60 gst-launch-1.0 -q rtspsrc location="rtsp://$url" user-id=anna user-pw="$1" ! rtph264depay ! \
     identity eos-after=3 ! filesink location="$work/gst-$1" >"$work/err" 2>&1 || true
   [ -s "$work/gst-$1" ]
 }
-gst geheim || die "GStreamer: $(cat "$work/err")"
-! gst wrong || die "GStreamer played with a wrong password"
-mpv --no-config --really-quiet --vo=null --frames=2 "rtsp://anna:geheim@$url" || die "mpv"
-! mpv --no-config --really-quiet --vo=null --frames=2 "rtsp://anna:wrong@$url" || die "mpv played with a wrong password"
+play_with_mpv() { mpv --no-config --really-quiet --vo=null --frames=2 "rtsp://anna:$1@$url"; }
+
+# Right ones first: after ten wrong ones in a second none is looked at.
+for transport in tcp udp; do
+  play_with_ffmpeg $transport anna:geheim@ || die "ffmpeg $transport: $(cat "$work/err")"
+done
+play_with_gst geheim || die "GStreamer: $(cat "$work/err")"
+play_with_mpv geheim || die "mpv"
+openRTSP -v -Q -u anna geheim "rtsp://$url" >/dev/null 2>"$work/open" &
+viewer=$!
+until grep -qs 'Started playing' "$work/open"; do sleep 0.05; done
+for transport in tcp udp; do
+  for user in "" anna:wrong@ otto:geheim@; do
+    ! play_with_ffmpeg $transport "$user" || die "played with '$user'"
+    grep -q '401 Unauthorized' "$work/err" || die "'$user': $(cat "$work/err")"
+  done
+done
+! play_with_gst wrong || die "GStreamer played with a wrong password"
+! play_with_mpv wrong || die "mpv played with a wrong password"
 
 # Nobody else can speak for a session, even from the same host and with its id. Over
 # UDP, so that ports are watched as well.
-openRTSP -v -Q -u anna geheim "rtsp://$url" >/dev/null 2>"$work/open" &
-viewer=$!
-until grep -q 'Started playing' "$work/open"; do sleep 0.05; done
 ss -Hlunp | grep "pid=$pid," >"$work/sockets" || die "no UDP sockets: $(ss -Hlunp)"
 grep -v '127.0.0.1:' "$work/sockets" && die "UDP elsewhere"
 session=$(sed -n 's/^Session: \([0-9A-F]*\).*/\1/p' "$work/open" | head -n 1)
@@ -84,8 +89,8 @@ asking.connect(sys.argv[1])
 asking.sendall(b"GET /metrics HTTP/1.1\r\nHost: localhost\r\n\r\n")
 print(asking.makefile().read())
 PY
-  grep -qE '^kavo_viewers\{port="[0-9]+",stream="kavo",transport="udp"\} 1$' || die "no metrics"
-"$stat" "$KAVO_STREAM_STATUS" | grep -q '1 viewer ' || die "no table"
+  grep -E '^kavo_viewers\{port="[0-9]+",stream="kavo",transport="udp"\} 1$' >/dev/null || die "no metrics"
+"$stat" "$KAVO_STREAM_STATUS" | grep '1 viewer ' >/dev/null || die "no table"
 { timeout 60 "$stat" --events "$KAVO_STREAM_STATUS" || true; } >"$work/events" 2>"$work/err" &
 follower=$!
 until grep -q 'refused .*no valid user' "$work/events"; do sleep 0.05; done
@@ -99,7 +104,7 @@ wait "$follower"
 grep -q 'nobody answers' "$work/err" || die "said: $(cat "$work/err")"
 [ -S "$KAVO_STREAM_STATUS" ] || die "no socket was left behind"
 start --size 320x240
-"$stat" "$KAVO_STREAM_STATUS" | grep -q '0 viewers ' || die "the next host does not answer"
+"$stat" "$KAVO_STREAM_STATUS" | grep '0 viewers ' >/dev/null || die "the next host does not answer"
 stop
 
 # refused TEXT ADDRESS: says so in one line, and ends with 1.
