@@ -17,8 +17,8 @@ demo: ## publish a moving test pattern (INPUT=file or camera, SECONDS=limit, ARG
 	@$(RUN) sh -c 'cmake --preset $(PRESET) >/dev/null && { ninja -C build/$(PRESET) -n kavo-publish | grep -q "no work to do" || cmake --build --preset $(PRESET) --target kavo-publish; }'
 	@$(RUN) build/$(PRESET)/tools/kavo-publish $(if $(SECONDS),--duration $(SECONDS)) $(ARGS) $(INPUT)
 
-test: ## build and run all tests: release, asan+ubsan, tsan, fuzz
-	@$(RUN) scripts/test
+test: ## build and run all tests: release, asan+ubsan, tsan, fuzz (ROOT=testing: on Debian testing)
+	@$(if $(filter testing,$(ROOT)),KAVO_ROOT_KIND=testing KAVO_ROOT=always) $(RUN) scripts/test
 
 test-arm64: ## build for arm64 and run the unit tests and a smoke test under QEMU
 	@scripts/test-arm64

@@ -12,7 +12,7 @@ namespace {
 constexpr std::size_t mostSteps = 24;
 constexpr unsigned connections = 4;
 // By how often they are chosen: what clients say matters most.
-constexpr std::string_view weightedKinds = "ssssssssddccfrrhhhhmx";
+constexpr std::string_view weightedKinds = "ssssssssdddgccfrrhhhhmptx";
 
 constexpr char const* messages[] = {
     "OPTIONS {U} RTSP/1.0\r\nCSeq: 1\r\n\r\n",
@@ -20,6 +20,9 @@ constexpr char const* messages[] = {
     "SETUP {U}/track1 RTSP/1.0\r\nCSeq: 3\r\nTransport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n\r\n",
     "SETUP {U}/track1 RTSP/1.0\r\nCSeq: 3\r\nTransport: RTP/AVP;unicast;client_port={P}\r\n\r\n",
     "SETUP {V}/track1 RTSP/1.0\r\nCSeq: 3\r\nSession: {S}\r\nTransport: RTP/AVP/TCP;unicast;interleaved=2-3\r\n\r\n",
+    "SETUP {W}/track1 RTSP/1.0\r\nCSeq: 3\r\nTransport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n\r\n",
+    "SETUP {W}/track1 RTSP/1.0\r\nCSeq: 3\r\nTransport: RTP/AVP;unicast;client_port={P}\r\n\r\n",
+    "PLAY {W} RTSP/1.0\r\nCSeq: 4\r\nSession: {S}\r\n\r\n",
     "PLAY {U} RTSP/1.0\r\nCSeq: 4\r\nSession: {S}\r\nRange: npt=0.000-\r\n\r\n",
     "PAUSE {U} RTSP/1.0\r\nCSeq: 5\r\nSession: {S}\r\n\r\n",
     "GET_PARAMETER {U} RTSP/1.0\r\nCSeq: 6\r\nSession: {S}\r\n\r\n",
@@ -47,13 +50,24 @@ constexpr char const* headerLines[] = {
     "Authorization: Digest username=\"a\", realm=\"b\", nonce=\"c\", uri=\"d\", response=\"e\"",
 };
 
-// Receiver report, BYE, picture loss indication.
-constexpr std::string_view reports[] = {
-    {"\x81\xc9\x00\x07\x00\x00\x00\x09\x00\x00\x00\x09\x10\x00\x00\x05\x00\x00\x10\x00\x00\x00\x00\x01\x00\x00\x00\x00"
-     "\x00\x00\x00\x00",
-     32},
-    {"\x80\xc9\x00\x01\x00\x00\x00\x09\x81\xcb\x00\x01\x00\x00\x00\x09", 16},
-    {"\x80\xc9\x00\x01\x00\x00\x00\x09\x81\xce\x00\x02\x00\x00\x00\x09\x00\x00\x00\x09", 20},
+constexpr char const* statusRequests[] = {
+    "GET /status.json HTTP/1.1\r\nHost: localhost\r\n\r\n",
+    "GET /metrics HTTP/1.0\r\nHost: 127.0.0.1\r\n\r\n",
+    "HEAD / HTTP/1.1\r\nHost: [::1]:9554\r\n\r\n",
+    "POST / HTTP/1.1\r\nHost: example.com\r\n\r\n",
+};
+
+// Receiver reports (without and with a block, which tells of loss), BYE, picture loss indication, full
+// intra request. Of the viewer's stream: {RR} is its SSRC, {LR} the time of its last sender report.
+std::string const sender = {0, 0, 0, 9};
+std::string const reports[] = {
+    std::string("\x80\xc9\x00\x01", 4) + sender,
+    std::string("\x81\xc9\x00\x07", 4) + sender + "{RR}" +
+        std::string("\x30\x00\x00\x05\x00\x01\x10\x00\x00\x00\x01\x00", 12) + "{LR}" +
+        std::string("\x00\x00\x40\x00", 4),
+    std::string("\x80\xc9\x00\x01", 4) + sender + std::string("\x81\xcb\x00\x01", 4) + sender,
+    std::string("\x81\xce\x00\x02", 4) + sender + "{RR}",
+    std::string("\x84\xce\x00\x04", 4) + sender + std::string(4, 0) + "{RR}" + std::string("\x01\x00\x00\x00", 4),
 };
 
 std::size_t below(std::mt19937& random, std::size_t limit) { return limit == 0 ? 0 : random() % limit; }
@@ -76,6 +90,8 @@ Step newStep(std::mt19937& random) {
     step.bytes = below(random, 8) == 0 ? interleaved(anyOf(reports, random), random) : anyOf(messages, random);
   } else if (step.kind == Step::Kind::Datagram) {
     step.bytes = anyOf(reports, random);
+  } else if (step.kind == Step::Kind::Status) {
+    step.bytes = anyOf(statusRequests, random);
   }
   return step;
 }

@@ -12,12 +12,15 @@ struct Step {
   enum class Kind : char {
     Send = 's',      // the bytes, on a connection, which is opened first; placeholders are filled in
     Datagram = 'd',  // the bytes, over UDP to the server's RTCP port of that connection's session
+    Status = 'g',    // the bytes, to the status server
     Close = 'c',     // the connection, as a process that dies does
     Finish = 'f',    // sends no more, but reads
     Read = 'r',      // what has come
     Submit = 'h',    // the host submits a frame to each stream
     Remove = 'm',    // the host removes a session and creates it again
-    Restart = 'x',   // the host ends serving, and begins again
+    Policy = 'p',    // the policy file of that number is written
+    Restart = 'x',   // the host ends serving, and begins again under that policy
+    Clock = 't',     // the monotonic clock jumps ahead
   };
   Kind kind = Kind::Submit;
   unsigned connection = 0;

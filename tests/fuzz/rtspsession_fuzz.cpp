@@ -1,6 +1,7 @@
 // Sequences of what clients send, over real sockets, against the library that serves in this
-// process: several connections, both transports, RTCP, abrupt ends, sessions removed, init and
-// exit in between. After each batch of them good viewers have to get whole frames, descriptors
+// process: several connections, both address families and transports, RTCP, a slow reader, abrupt
+// ends, questions to the status server; sessions removed, policies that change, init and exit, jumps
+// of the clock in between. After each batch of them good viewers have to get whole frames, descriptors
 // have to be as few as before, and nothing may be leaked. A sequence that fails is written to
 // a file by libFuzzer, and runs again when it is given that file.
 #include <arpa/inet.h>
@@ -8,21 +9,30 @@
 #include <poll.h>
 #include <sanitizer/lsan_interface.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
+#include <fstream>
 #include <iterator>
 #include <kavo/stream.hpp>
 #include <optional>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "base/uniquefd.h"
 #include "fuzz/rtspscript.h"
 #include "system/rtspclient.h"
+#include "system/surroundings.h"
 
 extern "C" std::size_t LLVMFuzzerMutate(std::uint8_t* data, std::size_t size, std::size_t maxSize);
 
@@ -39,37 +49,55 @@ constexpr std::chrono::seconds longestWait{20};
   std::abort();
 }
 
-// The host: one JPEG and one H.264 stream, small ones.
+// The monotonic clock of this process is that far ahead. It goes forward alone.
+std::atomic<std::int64_t> g_SecondsAhead{0};
+
+// What an operator may have set, from nothing to what lets hardly anybody watch.
+constexpr char const* policies[] = {
+    "# nothing is set\n",
+    "[server]\nmax_connections = 6\nmax_viewers = 4\nmax_viewers_per_address = 3\n[delivery]\npace_mbit = 1\n",
+    "[access]\nallow = ['127.0.0.1']\n[delivery]\nmax_packet = 600\n[encoding]\nparallel = true\n",
+    "[access.users]\na = 'b'\n",
+};
+
+// The host: an H.264 stream of small pictures, and one of large key frames that were encoded elsewhere.
+// Its second thread submits to a JPEG stream all the time, whatever the first one does.
 class Host {
  public:
-  Host() { start(); }
+  static constexpr std::size_t streams = 3;
+
+  Host() { restart(0); }
 
   std::uint32_t port() const { return m_Port; }
   std::string url(std::size_t stream) const {
     return "rtsp://127.0.0.1:" + std::to_string(m_Port) + "/" + names[stream % streams];
   }
+  std::string statusSocket() const { return m_Folder.file("status"); }
 
   void submit() {
-    for (auto& stream : m_Streams) {
-      stream->submit(m_Picture.data(), m_Picture.size());
+    m_Raw->submit(picture.data(), picture.size());
+    m_Encoded->submit(m_KeyFrame.data(), m_KeyFrame.size());
+  }
+
+  // The session, and creates it again.
+  void remove(std::size_t stream) {
+    if (stream % streams == 0) {
+      m_IsRemoved = true;
+    } else {
+      create(stream % streams);
     }
   }
 
-  void remove(std::size_t stream) { create(stream % streams); }
-
-  void restart() {
-    m_Streams = {};
-    m_Sessions = {};
-    m_Server.reset();
-    start();
+  void setPolicy(unsigned number) const {
+    std::ofstream(m_Folder.file("policy")) << policies[number % std::size(policies)];
   }
 
- private:
-  static constexpr int size = 64;  // pixels
-  static constexpr std::size_t streams = 2;
-  static constexpr char const* names[] = {"one", "two"};
-
-  void start() {
+  void restart(unsigned policy) {
+    setPolicy(policy);
+    m_Raw.reset();
+    m_Encoded.reset();
+    m_Sessions = {};
+    m_Server.reset();
     for (int attempt = 0; !m_Server; ++attempt) {
       m_Port = freePort();
       try {
@@ -80,33 +108,90 @@ class Host {
         }
       }
     }
-    create(0);
     create(1);
+    create(2);
   }
 
+ private:
+  static constexpr int size = 64;  // pixels
+  static constexpr std::chrono::milliseconds framePeriod{1};
+  static constexpr std::array<std::uint8_t, std::size_t{size} * size * 3 / 2> picture{};
+  static constexpr char const* names[] = {"one", "two", "three"};
+
   void create(std::size_t at) {
-    m_Streams.at(at).reset();
-    m_Sessions.at(at).reset();
-    m_Sessions.at(at).emplace(m_Server->createSession(names[at]));
+    auto& session = m_Sessions.at(at);
+    session.reset();
+    session.emplace(m_Server->createSession(names[at]));
+    if (at == 2) {
+      m_Encoded.emplace(session->createEncodedStream({}));
+      return;
+    }
     kavo::VideoOptions video;
     video.width = video.height = size;
-    video.format = kavo::PixelFormat::Yuv420p;
-    video.codec = at == 0 ? kavo::Codec::Jpeg : kavo::Codec::H264;
-    m_Streams.at(at).emplace(m_Sessions.at(at)->createStream(video));
+    m_Raw.emplace(session->createStream(video));
+  }
+
+  template <class Record>
+  static bool call(int command, Record& record) {
+    return kv_Stream(command, &record, sizeof record) == KV_OK;
+  }
+
+  void submitAlways(std::stop_token const& stop) {
+    while (!stop.stop_requested()) {
+      kv_session_record session{};
+      for (char* const text : {session.name, session.info, session.description}) {
+        std::strcpy(text, names[0]);
+      }
+      kv_video_record video{};
+      video.src_width = video.src_height = video.dst_width = video.dst_height = size;
+      video.dst_codec = KV_CODEC_MJPEG;
+      video.frame_rate = 25;
+      video.bitrate = 100000;
+      kv_stream_record stream{};
+      stream.video = &video;
+      if (call(KV_CREATE_SESSION, session)) {
+        stream.handle = session.handle;
+        call(KV_CREATE_STREAM, stream);
+        kv_frame_record frame{};
+        frame.handle = session.handle;
+        frame.stream = stream.stream;
+        frame.frame = picture.data();
+        while (!m_IsRemoved.exchange(false) && !stop.stop_requested() && call(KV_SUBMIT_FRAME, frame)) {
+          std::this_thread::sleep_for(framePeriod);
+        }
+        kv_Stream(KV_REMOVE_SESSION, session.handle, sizeof(void*));
+      }
+      std::this_thread::sleep_for(framePeriod);
+    }
   }
 
   std::uint32_t m_Port = 0;
+  TemporaryFolder m_Folder;
+  Variable m_Config{"KAVO_STREAM_CONFIG", m_Folder.file("policy")};
+  Variable m_Status{"KAVO_STREAM_STATUS", statusSocket()};
   std::optional<kavo::Server> m_Server;
   std::array<std::optional<kavo::Session>, streams> m_Sessions;
-  std::array<std::optional<kavo::Stream>, streams> m_Streams;
-  std::array<std::uint8_t, std::size_t{size} * size * 3 / 2> m_Picture{};
+  std::optional<kavo::Stream> m_Raw;
+  std::optional<kavo::EncodedStream> m_Encoded;
+  std::vector<std::uint8_t> const m_KeyFrame = [] {
+    std::vector<std::uint8_t> frame{0, 0, 0, 1, 0x67, 0x64, 0, 0x1E, 0xAC, 0, 0, 1, 0x68, 0xEB, 0, 0, 1, 0x65, 0x88};
+    frame.resize(90000, 0x55);
+    return frame;
+  }();
+  std::atomic<bool> m_IsRemoved = false;
+  std::jthread const m_SecondThread{[this](std::stop_token const& stop) { submitAlways(stop); }};
 };
 
 // A connection of the sequence, and what the server has said on it.
 class Client {
  public:
+  // One reads slowly and little, one comes over IPv6.
+  explicit Client(unsigned number) : m_IsSlow(number == 2), m_Ipv6(number == 3) {}
+
   bool isOpen() const { return m_Socket.get() >= 0; }
   std::string const& session() const { return m_Session; }
+  std::string const& ssrc() const { return m_Ssrc; }
+  std::string const& lastReport() const { return m_LastReport; }
 
   void send(std::uint32_t port, std::string const& bytes) {
     if (!isOpen()) {
@@ -118,35 +203,41 @@ class Client {
 
   // Takes what has come; waits for something if asked to.
   void await(int milliseconds) {
+    char block[16384];
     pollfd readable{m_Socket.get(), POLLIN, 0};
     while (isOpen() && poll(&readable, 1, milliseconds) > 0) {
-      char block[16384];
-      ssize_t const size = recv(m_Socket.get(), block, sizeof block, MSG_DONTWAIT);
+      ssize_t const size = recv(m_Socket.get(), block, m_IsSlow ? 1000 : sizeof block, MSG_DONTWAIT);
       if (size <= 0) {
         m_Socket = UniqueFd();
         return;
       }
       note(std::string_view(block, static_cast<std::size_t>(size)));
       milliseconds = 0;
+      if (m_IsSlow) {
+        break;
+      }
+    }
+    for (ssize_t size; m_Udp.get() >= 0 && (size = recv(m_Udp.get(), block, sizeof block, MSG_DONTWAIT)) > 0;) {
+      note(std::string_view(block, static_cast<std::size_t>(size)));
     }
   }
 
   void sendReport(std::string const& bytes) const {
-    auto const address = loopback(static_cast<std::uint32_t>(m_ServerPort + 1));
+    auto const address = loopback(m_ServerPort + 1);
     (void)sendto(m_Udp.get(), bytes.data(), bytes.size(), MSG_DONTWAIT, reinterpret_cast<sockaddr const*>(&address),
                  sizeof address);
   }
 
   std::string ports() {
+    auto any = loopback(0);
+    socklen_t size = sizeof any;
     if (m_Udp.get() < 0) {
-      m_Udp = UniqueFd(socket(AF_INET, SOCK_DGRAM, 0));
-      auto any = loopback(0);
-      socklen_t size = sizeof any;
+      m_Udp = UniqueFd(socket(any.sin6_family, SOCK_DGRAM, 0));
       bind(m_Udp.get(), reinterpret_cast<sockaddr const*>(&any), size);
-      getsockname(m_Udp.get(), reinterpret_cast<sockaddr*>(&any), &size);
-      m_Port = ntohs(any.sin_port);
     }
-    return std::to_string(m_Port) + "-" + std::to_string(m_Port);  // reports leave from where frames arrive
+    getsockname(m_Udp.get(), reinterpret_cast<sockaddr*>(&any), &size);
+    auto const port = std::to_string(ntohs(any.sin6_port));
+    return port + "-" + port;  // reports leave from where frames arrive
   }
 
   void finish() { shutdown(m_Socket.get(), SHUT_WR); }
@@ -157,17 +248,22 @@ class Client {
   }
 
  private:
-  static sockaddr_in loopback(std::uint32_t port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
+  // ::1, or 127.0.0.1 in the form of IPv6.
+  sockaddr_in6 loopback(int port) const {
+    sockaddr_in6 address{};
+    address.sin6_family = AF_INET6;
+    inet_pton(AF_INET6, m_Ipv6 ? "::1" : "::ffff:127.0.0.1", &address.sin6_addr);
+    address.sin6_port = htons(static_cast<std::uint16_t>(port));
     return address;
   }
 
   void open(std::uint32_t port) {
-    m_Socket = UniqueFd(socket(AF_INET, SOCK_STREAM, 0));
-    auto const address = loopback(port);
+    m_Socket = UniqueFd(socket(AF_INET6, SOCK_STREAM, 0));
+    int const little = 2048;
+    if (m_IsSlow) {
+      setsockopt(m_Socket.get(), SOL_SOCKET, SO_RCVBUF, &little, sizeof little);
+    }
+    auto const address = loopback(static_cast<int>(port));
     if (connect(m_Socket.get(), reinterpret_cast<sockaddr const*>(&address), sizeof address) != 0) {
       fail("the server does not listen");
     }
@@ -176,7 +272,7 @@ class Client {
   void note(std::string_view said) {
     auto const valueOf = [&](std::string_view name) {
       auto const at = said.find(name);
-      auto const from = at == std::string_view::npos ? said.size() : at + name.size();
+      auto const from = at == std::string::npos ? said.size() : at + name.size();
       return std::string(said.substr(from, said.find_first_of(";-\r\n", from) - from));
     };
     if (auto const session = valueOf("Session: "); !session.empty()) {
@@ -185,42 +281,72 @@ class Client {
     if (auto const port = valueOf("server_port="); !port.empty()) {
       m_ServerPort = std::atoi(port.c_str());
     }
+    constexpr std::string_view senderReport("\x80\xc8\x00\x06", 4);
+    if (auto const at = said.find(senderReport); at != std::string_view::npos && said.size() >= at + 28) {
+      m_Ssrc = said.substr(at + 4, 4);
+      m_LastReport = said.substr(at + 10, 4);
+    }
   }
 
+  bool const m_IsSlow;
+  bool const m_Ipv6;
   UniqueFd m_Socket;
   UniqueFd m_Udp;
-  int m_Port = 0;
   int m_ServerPort = 0;
   std::string m_Session = "none";
+  std::string m_Ssrc = std::string(4, 9);
+  std::string m_LastReport = std::string(4, 0);
 };
 
 std::string filledIn(std::string text, Host const& host, Client& client, Client const& other) {
-  auto const fill = [&](char const* name, std::string const& value) {
+  auto const fill = [&](std::string_view name, std::string const& value) {
     for (auto at = text.find(name); at != std::string::npos; at = text.find(name, at + value.size())) {
-      text.replace(at, 3, value);
+      text.replace(at, name.size(), value);
     }
   };
   fill("{U}", host.url(0));
   fill("{V}", host.url(1));
+  fill("{W}", host.url(2));
   fill("{S}", client.session());
   fill("{O}", other.session());
+  fill("{RR}", client.ssrc());
+  fill("{LR}", client.lastReport());
   if (text.find("{P}") != std::string::npos) {
     fill("{P}", client.ports());
   }
   return text;
 }
 
+// A question to the status server; only the beginning of the answer is read.
+void askForStatus(Host const& host, std::string const& bytes) {
+  UniqueFd const socket(::socket(AF_UNIX, SOCK_STREAM, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  host.statusSocket().copy(address.sun_path, sizeof address.sun_path - 1);
+  if (connect(socket.get(), reinterpret_cast<sockaddr const*>(&address), sizeof address) == 0 &&
+      send(socket.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) >= 0) {
+    char block[1000];
+    pollfd readable{socket.get(), POLLIN, 0};
+    if (poll(&readable, 1, 2) > 0) {
+      (void)!read(socket.get(), block, sizeof block);
+    }
+  }
+}
+
 void run(Script const& script, Host& host) {
-  std::array<Client, 4> clients;
+  Client clients[] = {Client(0), Client(1), Client(2), Client(3)};
   for (Step const& step : script) {
-    Client& client = clients.at(step.connection);
+    Client& client = clients[step.connection];
+    auto const bytes = filledIn(step.bytes, host, client, clients[(step.connection + 1) % std::size(clients)]);
     switch (step.kind) {
       case Step::Kind::Send:
-        client.send(host.port(),
-                    filledIn(step.bytes, host, client, clients.at((step.connection + 1) % clients.size())));
+        client.send(host.port(), bytes);
         break;
       case Step::Kind::Datagram:
-        client.sendReport(step.bytes);
+        client.sendReport(bytes);
+        break;
+      case Step::Kind::Status:
+        askForStatus(host, bytes);
         break;
       case Step::Kind::Close:
         client.vanish();
@@ -237,8 +363,14 @@ void run(Script const& script, Host& host) {
       case Step::Kind::Remove:
         host.remove(step.connection);
         break;
+      case Step::Kind::Policy:
+        host.setPolicy(step.connection);
+        break;
       case Step::Kind::Restart:
-        host.restart();
+        host.restart(step.connection);
+        break;
+      case Step::Kind::Clock:
+        g_SecondsAhead += 1 + 30 * step.connection;
         break;
     }
   }
@@ -260,11 +392,11 @@ void insist(Condition const& condition, char const* fault) {
 
 // A viewer of each stream and transport that does everything right.
 void watch(Host& host) {
-  for (std::size_t i = 0; i < 4; ++i) {
+  for (std::size_t i = 0; i < 2 * Host::streams; ++i) {
     std::optional<RtspClient> viewer;
     auto const joins = [&] {
       viewer.emplace(host.port(), false, 0, 50);
-      return i < 2 ? viewer->play(host.url(i)) : viewer->playOverUdp(host.url(i));
+      return i < Host::streams ? viewer->play(host.url(i)) : viewer->playOverUdp(host.url(i));
     };
     auto const sees = [&] {
       for (int frames = 0; frames < 3; ++frames) {  // a whole one lies between two
@@ -280,18 +412,25 @@ void watch(Host& host) {
 
 }  // namespace
 
+// Of everything in this process.
+extern "C" int clock_gettime(clockid_t clock, timespec* now) {
+  long const result = syscall(SYS_clock_gettime, clock, now);
+  now->tv_sec += clock == CLOCK_MONOTONIC ? g_SecondsAhead.load(std::memory_order_relaxed) : 0;
+  return static_cast<int>(result);
+}
+
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
   static Host host;
   static std::size_t const fewest = [] {
     watch(host);
-    host.restart();
+    host.restart(0);
     return descriptors();
   }();
   static int sequences = 0;
   run(parseScript(std::string(data, data + size)), host);
   if (++sequences % batch == 0) {
+    host.restart(0);  // what is still set up over UDP would time out in a minute
     watch(host);
-    host.restart();  // what is still set up over UDP would time out in a minute
     insist([] { return descriptors() <= fewest + 2; }, "descriptors are left open");
     if (__lsan_do_recoverable_leak_check() != 0) {
       fail("memory is leaked");

@@ -4,25 +4,13 @@
 
 #include <atomic>
 #include <cstdint>
-#include <cstdlib>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "kavo_stream.h"
-
-// A variable of the environment, for as long as the object lives.
-class Variable {
- public:
-  Variable(char const* name, std::string const& value) : m_Name(name) { setenv(name, value.c_str(), 1); }
-  ~Variable() { unsetenv(m_Name); }
-  Variable(Variable const&) = delete;
-  Variable& operator=(Variable const&) = delete;
-
- private:
-  char const* m_Name;
-};
+#include "system/surroundings.h"
 
 class Host {
  public:

@@ -63,25 +63,6 @@ int Process::wait(std::chrono::seconds limit) {
   return -1;
 }
 
-TemporaryFolder::TemporaryFolder() : m_Path("/tmp/kavo-test-XXXXXX") {
-  if (mkdtemp(m_Path.data()) == nullptr) {
-    std::abort();
-  }
-}
-
-TemporaryFolder::~TemporaryFolder() {
-  if (!m_Path.empty()) {
-    std::filesystem::remove_all(m_Path);
-  }
-}
-
-std::string contentOf(std::string const& file) {
-  std::ifstream stream(file, std::ios::binary);
-  std::ostringstream text;
-  text << stream.rdbuf();
-  return text.str();
-}
-
 namespace {
 
 std::vector<std::string> commandOf(Player::Client client, Player::Transport transport, std::string const& url,

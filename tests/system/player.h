@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "system/surroundings.h"
 #include "system/testpattern.h"
 
 // A child process; killed with its object if it still runs.
@@ -25,22 +26,6 @@ class Process {
  private:
   int m_Pid;
 };
-
-// A directory that goes away with its object.
-class TemporaryFolder {
- public:
-  TemporaryFolder();
-  ~TemporaryFolder();
-  TemporaryFolder(TemporaryFolder&& other) noexcept : m_Path(std::exchange(other.m_Path, "")) {}
-  TemporaryFolder& operator=(TemporaryFolder const&) = delete;
-
-  std::string file(std::string const& name) const { return m_Path + "/" + name; }
-
- private:
-  std::string m_Path;
-};
-
-std::string contentOf(std::string const& file);
 
 // One player watching one stream, from its construction until its frames are taken.
 class Player {
