@@ -16,61 +16,8 @@ import statistics
 import struct
 import sys
 import time
-import urllib.parse
 
-
-class Connection:
-    def __init__(self, url):
-        self.url = url
-        target = urllib.parse.urlparse(url)
-        self.host = target.hostname
-        self.socket = socket.create_connection((target.hostname, target.port), 20)
-        self.buffer = b""
-        self.sequence = 0
-        self.early = []  # packets that came before a response
-
-    def need(self, size):
-        while len(self.buffer) < size:
-            data = self.socket.recv(65536)
-            if not data:
-                sys.exit("the server closed the connection")
-            self.buffer += data
-
-    def take(self, size):
-        self.need(size)
-        data, self.buffer = self.buffer[:size], self.buffer[size:]
-        return data
-
-    def interleaved(self):
-        """Channel and packet."""
-        head = self.take(4)
-        return head[1], self.take(head[2] << 8 | head[3])
-
-    def request(self, method, url, headers=""):
-        self.sequence += 1
-        self.socket.sendall(f"{method} {url} RTSP/1.0\r\nCSeq: {self.sequence}\r\n{headers}\r\n".encode())
-        self.need(4)
-        while self.buffer[:1] == b"$":
-            self.early.append(self.interleaved())
-            self.need(4)
-        while b"\r\n\r\n" not in self.buffer:
-            self.need(len(self.buffer) + 1)
-        head, self.buffer = self.buffer.split(b"\r\n\r\n", 1)
-        head = head.decode()
-        if not head.startswith("RTSP/1.0 200"):
-            sys.exit(f"{method}: {head}")
-        length = re.search(r"Content-Length: *(\d+)", head, re.I)
-        return head + self.take(int(length[1])).decode() if length else head
-
-    def play(self, transport):
-        """The response to SETUP."""
-        description = self.request("DESCRIBE", self.url)
-        track = re.search(r"m=video.*?a=control:(\S+)", description, re.S)[1]
-        track = track if "://" in track else f"{self.url}/{track}"
-        setup = self.request("SETUP", track, f"Transport: {transport}\r\n")
-        self.session = "Session: " + re.search(r"Session: *([^;\s]+)", setup)[1] + "\r\n"
-        self.request("PLAY", self.url, self.session)
-        return setup
+from rtsp import Connection
 
 
 class JpegFrames:

@@ -18,7 +18,7 @@ import sys
 import threading
 import time
 
-import linkviewer
+from rtsp import Connection
 
 PROJECT = pathlib.Path(__file__).resolve().parent.parent
 BUILD = PROJECT / "build" / "release"
@@ -85,7 +85,7 @@ class Load(threading.Thread):
         count = 0
         while True:
             if stalled is None or select.select([stalled.socket], [], [], 0)[0] and self.has_ended(stalled):
-                stalled = linkviewer.Connection(self.url + "steady")
+                stalled = Connection(self.url + "steady")
                 stalled.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
                 stalled.play("RTP/AVP/TCP;unicast;interleaved=0-1")
             count += 1
@@ -93,7 +93,7 @@ class Load(threading.Thread):
                 rtp.bind(("127.0.0.1", 0))
                 at = rtp.getsockname()[1]
                 transport = (f"RTP/AVP;unicast;client_port={at}-{at}" if count % 2 else "RTP/AVP/TCP;unicast;interleaved=0-1")
-                viewer = linkviewer.Connection(self.url + ("steady", "passing")[count // 2 % 2])
+                viewer = Connection(self.url + ("steady", "passing")[count // 2 % 2])
                 viewer.play(transport)
                 time.sleep(0.5)
                 viewer.socket.close()
@@ -111,7 +111,7 @@ class Load(threading.Thread):
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as rtp:
             rtp.bind(("127.0.0.1", 0))
             at = rtp.getsockname()[1]
-            viewer = linkviewer.Connection(self.url + "steady")
+            viewer = Connection(self.url + "steady")
             viewer.play(f"RTP/AVP;unicast;client_port={at}-{at + 1}")
             alive = time.monotonic()
             while True:
@@ -120,7 +120,7 @@ class Load(threading.Thread):
                 fewest = lateness if fewest is None else min(fewest, lateness)
                 self.latencies.append(lateness - fewest)
                 if time.monotonic() - alive > 20:
-                    viewer.request("GET_PARAMETER", viewer.url, viewer.session)
+                    viewer.ask("GET_PARAMETER")
                     alive = time.monotonic()
 
 

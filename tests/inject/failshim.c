@@ -15,23 +15,37 @@
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
-static atomic_int armed;
-static atomic_long calls;
-static long first, count;
-static char function[32];
+#define FUNCTIONS(F)                                                                                                   \
+  F(malloc)                                                                                                            \
+  F(calloc) F(realloc) F(posix_memalign) F(socket) F(bind) F(listen) F(accept4) F(send) F(sendmsg) F(sendmmsg) F(recv) \
+      F(setsockopt) F(epoll_create1) F(epoll_ctl) F(eventfd) F(epoll_pwait2) F(pthread_create) F(dlopen)
+#define INDEX_OF(name) index_##name,
+#define NAME_OF(name) #name,
+enum { FUNCTIONS(INDEX_OF) functions, none };
+static char const* const names[] = {FUNCTIONS(NAME_OF)};
 
+static atomic_long calls[functions];
+static int failing = none;
+static long first, count;
+static atomic_int armed;
+
+/* The name of the function of that number, or nothing, and its calls since the last arming. */
+char const* kavo_inject_name(int number) { return number < functions ? names[number] : NULL; }
+long kavo_inject_calls(int number) { return atomic_load(&calls[number]); }
+
+/* From the at-th call on, as many fail as it says. With no name, calls are counted alone. */
 void kavo_inject_arm(char const* name, long at, long times) {
-  strncpy(function, name, sizeof function - 1);
+  failing = none;
+  for (int i = 0; i < functions; ++i) {
+    failing = strcmp(name, names[i]) == 0 ? i : failing;
+    atomic_store(&calls[i], 0);
+  }
   first = at;
   count = times;
-  atomic_store(&calls, 0);
   atomic_store(&armed, 1);
 }
 
-long kavo_inject_disarm(void) {
-  atomic_store(&armed, 0);
-  return atomic_load(&calls);
-}
+void kavo_inject_disarm(void) { atomic_store(&armed, 0); }
 
 /* Whether the calling thread is in the library. */
 static __thread int inside __attribute__((tls_model("initial-exec")));
@@ -63,24 +77,24 @@ static int is_inside_live555(void) {
  * then pass through live555. */
 enum { beyond_reserve = 64 };
 
-static int fails(char const* name, void const* caller) {
-  if (!inside || !atomic_load(&armed) || strcmp(name, function) != 0) {
+static int fails(int function, void const* caller) {
+  if (!inside || !atomic_load(&armed)) {
     return 0;
   }
-  long const call = atomic_fetch_add(&calls, 1) + 1;
-  int failing = call >= first && call < first + count && !is_openh264(caller);
-  if (failing && count > beyond_reserve) {
+  long const call = atomic_fetch_add(&calls[function], 1) + 1;
+  int fails = function == failing && call >= first && call < first + count && !is_openh264(caller);
+  if (fails && count > beyond_reserve) {
     inside = 0;
-    failing = !is_inside_live555();
+    fails = !is_inside_live555();
     inside = 1;
   }
-  if (failing && getenv("KAVO_INJECT_TRACE") != NULL) {
+  if (fails && getenv("KAVO_INJECT_TRACE") != NULL) {
     void* stack[40];
     inside = 0;
     backtrace_symbols_fd(stack, backtrace(stack, 40), 2);
     inside = 1;
   }
-  return failing;
+  return fails;
 }
 
 extern void* __libc_malloc(size_t size);
@@ -88,67 +102,20 @@ extern void* __libc_calloc(size_t number, size_t size);
 extern void* __libc_realloc(void* old, size_t size);
 extern void* __libc_memalign(size_t alignment, size_t size);
 
-void* malloc(size_t size) {
-  if (fails("malloc", __builtin_return_address(0))) {
-    errno = ENOMEM;
-    return NULL;
-  }
-  return __libc_malloc(size);
-}
+/* What follows in the order of libraries. */
+#define NEXT(name)                              \
+  ({                                            \
+    static __typeof__(name)* next;              \
+    if (next == NULL) {                         \
+      *(void**)&next = dlsym(RTLD_NEXT, #name); \
+    }                                           \
+    next;                                       \
+  })
 
-void* calloc(size_t number, size_t size) {
-  if (fails("calloc", __builtin_return_address(0))) {
-    errno = ENOMEM;
-    return NULL;
-  }
-  return __libc_calloc(number, size);
-}
-
-void* realloc(void* old, size_t size) {
-  if (fails("realloc", __builtin_return_address(0))) {
-    errno = ENOMEM;
-    return NULL;
-  }
-  return __libc_realloc(old, size);
-}
-
-int posix_memalign(void** result, size_t alignment, size_t size) {
-  if (fails("posix_memalign", __builtin_return_address(0))) {
-    return ENOMEM;
-  }
+static int into_memalign(void** result, size_t alignment, size_t size) {
   *result = __libc_memalign(alignment, size);
   return *result == NULL ? ENOMEM : 0;
 }
-
-#define FAILING(name, error, result, parameters, arguments, type) \
-  type name parameters {                                          \
-    static type(*real) parameters;                                \
-    if (real == NULL) {                                           \
-      *(void**)&real = dlsym(RTLD_NEXT, #name);                   \
-    }                                                             \
-    if (fails(#name, __builtin_return_address(0))) {              \
-      errno = error;                                              \
-      return result;                                              \
-    }                                                             \
-    return real arguments;                                        \
-  }
-
-FAILING(socket, EMFILE, -1, (int domain, int type, int protocol), (domain, type, protocol), int)
-FAILING(bind, ENOMEM, -1, (int s, __CONST_SOCKADDR_ARG a, socklen_t n), (s, a, n), int)
-FAILING(listen, ENOMEM, -1, (int s, int backlog), (s, backlog), int)
-FAILING(accept4, EMFILE, -1, (int s, __SOCKADDR_ARG a, socklen_t* n, int flags), (s, a, n, flags), int)
-FAILING(send, ENOBUFS, -1, (int s, void const* bytes, size_t n, int flags), (s, bytes, n, flags), ssize_t)
-FAILING(sendmsg, ENOBUFS, -1, (int s, struct msghdr const* m, int flags), (s, m, flags), ssize_t)
-FAILING(sendmmsg, ENOBUFS, -1, (int s, struct mmsghdr* m, unsigned n, int flags), (s, m, n, flags), int)
-FAILING(recv, ENOMEM, -1, (int s, void* bytes, size_t n, int flags), (s, bytes, n, flags), ssize_t)
-FAILING(setsockopt, ENOMEM, -1, (int s, int l, int o, void const* v, socklen_t n), (s, l, o, v, n), int)
-FAILING(epoll_create1, EMFILE, -1, (int flags), (flags), int)
-FAILING(epoll_ctl, ENOMEM, -1, (int e, int op, int s, struct epoll_event* event), (e, op, s, event), int)
-FAILING(eventfd, EMFILE, -1, (unsigned value, int flags), (value, flags), int)
-FAILING(epoll_pwait2, EPERM, -1,
-        (int e, struct epoll_event* events, int n, struct timespec const* t, sigset_t const* mask),
-        (e, events, n, t, mask), int)
-FAILING(dlopen, ENOMEM, NULL, (char const* file, int mode), (file, mode), void*)
 
 /* The library's threads are those that it starts. */
 struct start {
@@ -163,19 +130,47 @@ static void* run(void* argument) {
   return start.function(start.argument);
 }
 
-int pthread_create(pthread_t* thread, pthread_attr_t const* attributes, void* (*function)(void*), void* argument) {
-  static int (*real)(pthread_t*, pthread_attr_t const*, void* (*)(void*), void*);
-  if (real == NULL) {
-    *(void**)&real = dlsym(RTLD_NEXT, "pthread_create");
-  }
+static int create_thread(pthread_t* thread, pthread_attr_t const* attributes, void* (*function)(void*),
+                         void* argument) {
   if (!inside) {
-    return real(thread, attributes, function, argument);
-  }
-  if (fails("pthread_create", __builtin_return_address(0))) {
-    return EAGAIN;
+    return NEXT(pthread_create)(thread, attributes, function, argument);
   }
   struct start* const start = __libc_malloc(sizeof *start);
-  start->function = function;
-  start->argument = argument;
-  return real(thread, attributes, run, start);
+  *start = (struct start){function, argument};
+  return NEXT(pthread_create)(thread, attributes, run, start);
 }
+
+#define FAILING(name, error, result, type, parameters, real, arguments) \
+  type name parameters {                                                \
+    if (fails(index_##name, __builtin_return_address(0))) {             \
+      errno = error;                                                    \
+      return result;                                                    \
+    }                                                                   \
+    return real arguments;                                              \
+  }
+
+FAILING(malloc, ENOMEM, NULL, void*, (size_t n), __libc_malloc, (n))
+FAILING(calloc, ENOMEM, NULL, void*, (size_t n, size_t size), __libc_calloc, (n, size))
+FAILING(realloc, ENOMEM, NULL, void*, (void* old, size_t n), __libc_realloc, (old, n))
+FAILING(posix_memalign, 0, ENOMEM, int, (void** p, size_t alignment, size_t n), into_memalign, (p, alignment, n))
+FAILING(socket, EMFILE, -1, int, (int domain, int type, int protocol), NEXT(socket), (domain, type, protocol))
+FAILING(bind, ENOMEM, -1, int, (int s, __CONST_SOCKADDR_ARG a, socklen_t n), NEXT(bind), (s, a, n))
+FAILING(listen, ENOMEM, -1, int, (int s, int backlog), NEXT(listen), (s, backlog))
+FAILING(accept4, EMFILE, -1, int, (int s, __SOCKADDR_ARG a, socklen_t* n, int flags), NEXT(accept4), (s, a, n, flags))
+FAILING(send, ENOBUFS, -1, ssize_t, (int s, void const* bytes, size_t n, int flags), NEXT(send), (s, bytes, n, flags))
+FAILING(sendmsg, ENOBUFS, -1, ssize_t, (int s, struct msghdr const* m, int flags), NEXT(sendmsg), (s, m, flags))
+FAILING(sendmmsg, ENOBUFS, -1, int, (int s, struct mmsghdr* m, unsigned n, int flags), NEXT(sendmmsg), (s, m, n, flags))
+FAILING(recv, ENOMEM, -1, ssize_t, (int s, void* bytes, size_t n, int flags), NEXT(recv), (s, bytes, n, flags))
+FAILING(setsockopt, ENOMEM, -1, int, (int s, int l, int o, void const* v, socklen_t n), NEXT(setsockopt),
+        (s, l, o, v, n))
+FAILING(epoll_create1, EMFILE, -1, int, (int flags), NEXT(epoll_create1), (flags))
+FAILING(epoll_ctl, ENOMEM, -1, int, (int e, int op, int s, struct epoll_event* event), NEXT(epoll_ctl),
+        (e, op, s, event))
+FAILING(eventfd, EMFILE, -1, int, (unsigned value, int flags), NEXT(eventfd), (value, flags))
+FAILING(epoll_pwait2, EPERM, -1, int,
+        (int e, struct epoll_event* events, int n, struct timespec const* t, sigset_t const* mask), NEXT(epoll_pwait2),
+        (e, events, n, t, mask))
+FAILING(dlopen, ENOMEM, NULL, void*, (char const* file, int mode), NEXT(dlopen), (file, mode))
+FAILING(pthread_create, 0, EAGAIN, int,
+        (pthread_t * thread, pthread_attr_t const* attributes, void* (*function)(void*), void* argument), create_thread,
+        (thread, attributes, function, argument))

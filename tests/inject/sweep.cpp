@@ -1,8 +1,7 @@
-// One call fails: the n-th of a function, for all n, or for a sample that takes
-// some seconds. A host with viewers runs through all commands; each gets a result,
-// the process lives, nothing hangs, and afterwards everything works.
+// One call fails: the n-th of a function, for all n, or for a sample of so many runs. A host with viewers runs through
+// all commands; each gets a result, the process lives, nothing hangs, and afterwards everything works.
 //
-//   inject_sweep LIBRARY [all | SECONDS] [FUNCTION [N]]
+//   inject_sweep LIBRARY all | RUNS [FUNCTION]
 #include <dlfcn.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -12,15 +11,20 @@
 
 #include <algorithm>
 #include <chrono>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iostream>
+#include <optional>
 #include <random>
+#include <sstream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "kavo_stream.h"
@@ -28,12 +32,17 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 void (*g_Arm)(char const*, long, long);
-long (*g_Disarm)();
+void (*g_Disarm)();
+char const* (*g_Name)(int);
+long (*g_Calls)(int);
 void (*g_Enter)(int);
 int (*g_Function)(int, void*, int);
+
+template <class Function>
+void find(Function& function, char const* name) {
+  function = reinterpret_cast<Function>(dlsym(RTLD_DEFAULT, name));
+}
 
 int library(int command, void* param, int size) {
   g_Enter(1);
@@ -190,7 +199,7 @@ int openDescriptors() {
 }
 
 // In a process of its own: the script with the failure, then twice without.
-// Prints the number of calls.
+// Prints each function with its number of calls.
 int runOne(char const* file, std::string const& function, long at, long count) {
   alarm(limitSeconds);
   void* const handle = dlopen(file, RTLD_NOW | RTLD_LOCAL);
@@ -202,19 +211,22 @@ int runOne(char const* file, std::string const& function, long at, long count) {
   }
   g_Arm(function.c_str(), at, count);
   script(freePort(), false);
-  long const calls = g_Disarm();
+  g_Disarm();
   library(KV_EXIT, nullptr, 0);
   script(freePort(), true);
   if (openDescriptors() > before) {
     std::fprintf(stderr, "%d descriptors are left\n", openDescriptors() - before);
     return 5;
   }
-  std::printf("%ld\n", calls);
+  for (int i = 0; g_Name(i) != nullptr; ++i) {
+    std::cout << g_Name(i) << ' ' << g_Calls(i) << '\n';
+  }
   return 0;
 }
 
-// Its number of calls, or -1 and a line about what went wrong.
-long runApart(char const* self, char const* library, std::string const& function, long at, long count) {
+// What it printed, or nothing and a line about what went wrong.
+std::optional<std::string> runApart(char const* self, char const* library, std::string const& function, long at,
+                                    long count) {
   std::string const command = std::string("timeout -s ALRM ") + std::to_string(2 * limitSeconds) + " " + self + " " +
                               library + " one " + function + " " + std::to_string(at) + " " + std::to_string(count) +
                               " 2>&1";
@@ -228,32 +240,27 @@ long runApart(char const* self, char const* library, std::string const& function
   if (status != 0) {
     std::printf("FAILED: call %ld of %s (%ld in a row): status %d: %s\n", at, function.c_str(), count,
                 WEXITSTATUS(status), output.c_str());
-    return -1;
+    return std::nullopt;
   }
-  return std::atol(output.c_str());
+  return output;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  g_Arm = reinterpret_cast<void (*)(char const*, long, long)>(dlsym(RTLD_DEFAULT, "kavo_inject_arm"));
-  g_Disarm = reinterpret_cast<long (*)()>(dlsym(RTLD_DEFAULT, "kavo_inject_disarm"));
-  g_Enter = reinterpret_cast<void (*)(int)>(dlsym(RTLD_DEFAULT, "kavo_inject_enter"));
+  find(g_Arm, "kavo_inject_arm");
+  find(g_Disarm, "kavo_inject_disarm");
+  find(g_Name, "kavo_inject_name");
+  find(g_Calls, "kavo_inject_calls");
+  find(g_Enter, "kavo_inject_enter");
   if (argc < 3 || g_Arm == nullptr) {
-    std::fprintf(stderr, "usage: LD_PRELOAD=libfailshim.so inject_sweep LIBRARY all|SECONDS [FUNCTION]\n");
+    std::fprintf(stderr, "usage: LD_PRELOAD=libfailshim.so inject_sweep LIBRARY all|RUNS [FUNCTION]\n");
     return 2;
   }
   std::string const mode = argv[2];
   if (mode == "one") {
     g_Folder = std::filesystem::path(std::getenv("KAVO_STREAM_STATUS")).parent_path();
     return runOne(argv[1], argv[3], std::atol(argv[4]), std::atol(argv[5]));
-  }
-  std::vector<std::string> functions = {"malloc",   "calloc",       "realloc",        "posix_memalign", "socket",
-                                        "bind",     "listen",       "accept4",        "send",           "sendmsg",
-                                        "sendmmsg", "recv",         "setsockopt",     "epoll_create1",  "epoll_ctl",
-                                        "eventfd",  "epoll_pwait2", "pthread_create", "dlopen"};
-  if (argc > 3) {
-    functions = {argv[3]};
   }
   // Hosts read a policy and answer who asks.
   char folder[] = "/tmp/inject_XXXXXX";
@@ -262,32 +269,30 @@ int main(int argc, char** argv) {
   std::ofstream(policy) << "[access]\nallow = [\"127.0.0.0/8\"]\n[server]\nmax_viewers = 100\n";
   setenv("KAVO_STREAM_CONFIG", policy.c_str(), 1);
   setenv("KAVO_STREAM_STATUS", (g_Folder + "/%p").c_str(), 1);
-  auto const end = Clock::now() + std::chrono::seconds(mode == "all" ? 1000000 : std::atol(mode.c_str()));
-  std::mt19937 random(static_cast<unsigned>(std::time(nullptr)));
-  int runs = 0;
-  int failed = 0;
-  std::vector<long> calls;
-  for (auto const& function : functions) {
-    calls.push_back(runApart(argv[0], argv[1], function, 1000000000, 1));
-    failed += calls.back() < 0 ? 1 : 0;
-  }
-  for (long round = 1; Clock::now() < end; ++round) {
-    bool any = false;
-    for (std::size_t i = 0; i < functions.size() && Clock::now() < end; ++i) {
-      if (mode == "all" ? round > calls[i] : calls[i] < 1) {
-        continue;
-      }
-      any = true;
-      long const at = mode == "all" ? round : 1 + static_cast<long>(random() % static_cast<unsigned long>(calls[i]));
-      long const count = round % 7 == 0 ? 30 : round % 7 == 3 && functions[i] == "malloc" ? 100 : 1;
-      failed += runApart(argv[0], argv[1], functions[i], at, count) < 0 ? 1 : 0;
-      ++runs;
+
+  std::vector<std::pair<std::string, long>> calls;  // of functions that were called at all
+  std::istringstream counted(runApart(argv[0], argv[1], "none", 1, 1).value_or(""));
+  for (auto [name, number] = std::pair(std::string(), 0L); counted >> name >> number;) {
+    if (number > 0 && (argc < 4 || name == argv[3])) {
+      calls.emplace_back(name, number);
     }
-    if (!any) {
-      break;
+  }
+  std::mt19937 random(static_cast<unsigned>(std::time(nullptr)));
+  long const wanted = mode == "all" ? LONG_MAX : std::atol(mode.c_str());
+  long runs = 0;
+  long failed = 0;
+  for (long round = 1, last = -1; runs < wanted && runs > last; ++round) {
+    last = runs;
+    for (auto const& [function, number] : calls) {
+      long const at = mode == "all" ? round : 1 + static_cast<long>(random() % static_cast<unsigned long>(number));
+      if (at <= number && runs < wanted) {
+        long const count = round % 7 == 0 ? 30 : round % 7 == 3 && function == "malloc" ? 100 : 1;
+        failed += runApart(argv[0], argv[1], function, at, count) ? 0 : 1;
+        ++runs;
+      }
     }
   }
   std::filesystem::remove_all(g_Folder);
-  std::printf("%d runs, %d failed\n", runs, failed);
+  std::printf("%ld runs, %ld failed\n", runs, failed);
   return failed == 0 && runs > 0 ? 0 : 1;
 }

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <optional>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -19,7 +19,7 @@ inline void require(bool condition, char const* what) {
   }
 }
 
-inline std::uint32_t numberAt(Bytes const& bytes, std::size_t at, int size) {
+inline std::uint32_t numberAt(std::span<std::uint8_t const> bytes, std::size_t at, int size) {
   std::uint32_t number = 0;
   for (int i = 0; i < size; ++i) {
     number = number << 8 | bytes[at + static_cast<std::size_t>(i)];

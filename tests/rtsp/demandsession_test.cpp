@@ -152,15 +152,3 @@ TEST(KeyFrameRequest, IsGrantedOnceInHalfASecond) {
   request.withdraw();
   EXPECT_FALSE(request.take(now + 10s));
 }
-
-TEST(FrameQueue, TakesTenFrames) {
-  FrameSourceHandler queue;
-  for (std::uint32_t frames = 0; frames < 10; ++frames) {
-    EXPECT_TRUE(queue.IsBufferFree());
-    queue.push({});
-  }
-  EXPECT_FALSE(queue.IsBufferFree());
-  queue.pop();
-  EXPECT_TRUE(queue.IsBufferFree());
-  EXPECT_EQ(queue.size(), 9U);
-}

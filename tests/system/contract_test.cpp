@@ -140,6 +140,8 @@ TEST(ContractOfTheQueue, TenFramesFill) {
     queue.push({});
   }
   EXPECT_FALSE(queue.IsBufferFree());
+  queue.pop();
+  EXPECT_TRUE(queue.IsBufferFree());
 }
 
 // Byte for byte what FFmpeg's encoder makes with these settings, of a picture scaled with this one.

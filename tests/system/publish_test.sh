@@ -2,6 +2,7 @@
 # kavo-publish: its mistakes in one line each, a real file seen in a player, a clean end.
 set -euo pipefail
 publish=$1
+fakes=$3  # of libopenh264
 . "$(dirname "$0")/publisher.sh"
 
 free=$(free_port)  # for those that get as far as serving
@@ -57,6 +58,14 @@ ffmpeg -v error -rtsp_transport tcp -i "rtsp://127.0.0.1:$port/kavo" -frames:v 4
 stop
 [ -f "$work/seen40.png" ] || die "the file did not start again"
 green "$work/seen1.png"
+
+# Without OpenH264, or with something else behind its name, H.264 is refused and JPEG works.
+for kind in absent old lacking; do
+  LD_LIBRARY_PATH=$fakes/$kind refused 1 'cannot encode H.264 (result 7)' --codec h264
+  LD_LIBRARY_PATH=$fakes/$kind "$publish" --port "$free" --codec jpeg --duration 0.1 >"$work/out" || die "no JPEG: $kind"
+done
+# The run-time package alone, without the development package's link, is enough.
+LD_LIBRARY_PATH=$fakes/runtime "$publish" --port "$free" --codec h264 --duration 0.1 >"$work/out" || die "no H.264"
 
 # As JPEG, white is white and red is red, in the input's size and in another.
 for colour in white:ffffff red:fe0000; do

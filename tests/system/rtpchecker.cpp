@@ -2,17 +2,11 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdlib>
+#include <stdexcept>
 
 namespace {
 
-std::uint32_t numberAt(std::span<std::uint8_t const> bytes, std::size_t at, int size) {
-  std::uint32_t number = 0;
-  for (int i = 0; i < size; ++i) {
-    number = number << 8 | bytes[at + static_cast<std::size_t>(i)];
-  }
-  return number;
-}
+using reassembly::numberAt;
 
 bool holdsStartCode(std::span<std::uint8_t const> bytes) {
   constexpr std::uint8_t startCode[] = {0, 0, 1};
@@ -43,9 +37,13 @@ void RtpChecker::rtp(std::span<std::uint8_t const> packet, double arrival) {
     require(ssrc == m_Ssrc, "another SSRC");
     require((timestamp == m_Timestamp) != m_FrameEnded, "time stamp and marker bit disagree");
   }
-  payload(packet.subspan(12), marker);
-  if (m_Codec != 8 && m_Packets > 0 && sequence != static_cast<std::uint16_t>(m_Sequence + 1)) {
-    require(m_NalTypes.back() == 7, "a frame that builds on a lost one");
+  m_BehindGap = m_BehindGap || (m_Packets > 0 && sequence != static_cast<std::uint16_t>(m_Sequence + 1));
+  m_Payloads.emplace_back(packet.begin() + 12, packet.end());
+  if (marker) {
+    std::size_t const before = m_NalTypes.size();
+    frame();
+    require(m_Codec == 8 || !m_BehindGap || m_NalTypes.at(before) == 7, "a frame that builds on a lost one");
+    m_BehindGap = false;
   }
   if (m_FrameEnded) {
     checkClock(timestamp, arrival);
@@ -58,56 +56,29 @@ void RtpChecker::rtp(std::span<std::uint8_t const> packet, double arrival) {
   ++m_Packets;
 }
 
-void RtpChecker::payload(std::span<std::uint8_t const> payload, bool marker) {
-  if (m_Codec == 8) {
-    jpeg(payload, marker);
-  } else {
-    h264(payload, marker);
-  }
-}
-
-void RtpChecker::h264(std::span<std::uint8_t const> payload, bool marker) {
-  int const type = payload[0] & 0x1F;
-  require(!holdsStartCode(payload), "start code in a payload");
-  require((payload[0] & 0x80) == 0, "forbidden bit set");
-  if (type == 28 && payload.size() > 2) {
-    bool const start = (payload[1] & 0x80) != 0;
-    bool const end = (payload[1] & 0x40) != 0;
-    int const inner = payload[1] & 0x1F;
-    require(start == (m_FragmentedType == 0), "fragment without a start, or a second start");
-    require(start || inner == m_FragmentedType, "fragments of different types");
-    require(!(start && end), "a single fragment");
-    require(!marker || end, "marker bit inside a NAL unit");
-    if (start) {
-      m_NalTypes.push_back(inner);
+// What a reader puts together of the payloads, once all of them are there.
+void RtpChecker::frame() {
+  try {
+    if (m_Codec == 8) {
+      auto const image = reassembly::jpegOf(m_Payloads);
+      require(image.header[0] == 1 && image.header[1] == 195, "wrong type or Q");
+      require(image.header[2] > 0 && image.header[3] > 0, "no size");
+      require(image.tables.size() == 128, "no quantization tables");
+      require(std::equal(image.scan.end() - 2, image.scan.end(), "\xFF\xD9",
+                         [](auto a, char b) { return a == std::uint8_t(b); }),
+              "the image does not end with its marker");
+    } else {
+      for (auto const& unit : reassembly::nalUnitsOf(m_Payloads)) {
+        require(!holdsStartCode(unit), "start code in a NAL unit");
+        require((unit[0] & 0x80) == 0, "forbidden bit set");
+        m_NalTypes.push_back(unit[0] & 0x1F);
+      }
+      require(m_NalTypes.back() >= 1 && m_NalTypes.back() <= 5, "a frame that does not end with a slice");
     }
-    m_FragmentedType = end ? 0 : inner;
-    return;
+  } catch (std::runtime_error const& error) {
+    require(false, error.what());
   }
-  require(m_FragmentedType == 0, "fragments without an end");
-  require(type >= 1 && type <= 23, "unexpected packet type");
-  require(!marker || (type != 7 && type != 8), "marker bit on a parameter set");
-  m_NalTypes.push_back(type);
-}
-
-void RtpChecker::jpeg(std::span<std::uint8_t const> payload, bool marker) {
-  require(payload.size() > 8, "JPEG header is cut");
-  if (payload.size() <= 8) {
-    return;
-  }
-  require(numberAt(payload, 1, 3) == m_JpegOffset, "fragment offset does not follow");
-  require(payload[4] == 1 && payload[5] == 195, "wrong type or Q");
-  require(payload[6] > 0 && payload[7] > 0, "no size");
-  std::size_t header = 8;
-  if (m_JpegOffset == 0) {
-    require(payload.size() > 8 + 4 + 128 && numberAt(payload, 10, 2) == 128, "no quantization tables");
-    header += 4 + 128;
-  }
-  m_JpegOffset += static_cast<std::uint32_t>(payload.size() - std::min(payload.size(), header));
-  if (marker) {
-    require(payload[payload.size() - 2] == 0xFF && payload.back() == 0xD9, "the image does not end with its marker");
-    m_JpegOffset = 0;
-  }
+  m_Payloads.clear();
 }
 
 void RtpChecker::checkClock(std::uint32_t timestamp, double arrival) {

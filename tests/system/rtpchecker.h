@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "rtp/reassembly.h"
+
 class RtpChecker {
  public:
   explicit RtpChecker(int codec) : m_Codec(codec) {}
@@ -21,14 +23,12 @@ class RtpChecker {
   // Of the last packet.
   std::uint32_t timestamp() const { return m_Timestamp; }
   int senderReports() const { return m_SenderReports; }
-  // Types of the H.264 NAL units begun so far, in order.
+  // Types of the H.264 NAL units so far, in order.
   std::vector<int> const& nalTypes() const { return m_NalTypes; }
 
  private:
   void require(bool condition, char const* what);
-  void payload(std::span<std::uint8_t const> payload, bool marker);
-  void h264(std::span<std::uint8_t const> payload, bool marker);
-  void jpeg(std::span<std::uint8_t const> payload, bool marker);
+  void frame();
   void checkClock(std::uint32_t timestamp, double arrival);
   void senderReport(std::span<std::uint8_t const> report);
 
@@ -46,8 +46,8 @@ class RtpChecker {
   std::uint32_t m_Ssrc = 0;
   std::uint32_t m_Timestamp = 0;
   bool m_FrameEnded = true;
-  int m_FragmentedType = 0;  // of the H.264 fragments begun and not ended
-  std::uint32_t m_JpegOffset = 0;
+  bool m_BehindGap = false;
+  std::vector<reassembly::Bytes> m_Payloads;  // of a frame that has not ended
   std::vector<int> m_NalTypes;
   std::optional<Clock> m_Clock;
 };

@@ -2,15 +2,17 @@
 """What a stranger can cost: each attack comes from 127.0.0.1, while a viewer at 127.0.0.2 watches
 and is to miss no picture. Usage: strangers_test.py KAVO_PUBLISH"""
 import contextlib
-import hashlib
 import os
-import re
+import pathlib
 import socket
 import subprocess
 import sys
 import tempfile
 import threading
 import time
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "bench"))
+import rtsp
 
 PUBLISH = sys.argv[1]
 LIMIT = 60  # seconds that anything may take on a busy machine
@@ -30,52 +32,15 @@ def free_port():
         return s.getsockname()[1]
 
 
-class Client:
-    """An RTSP connection from an address, with a user or without one."""
+class Client(rtsp.Connection):
+    """From an address to a stream of the host."""
 
     def __init__(self, host, source, user=None):
-        self.host, self.source, self.user = host, source, user
-        self.socket = socket.create_connection(("127.0.0.1", host.port), LIMIT, (source, 0))
-        self.session = self.challenge = None
-        self.buffer = b""
+        self.root = f"rtsp://127.0.0.1:{host.port}/"
+        super().__init__(self.root + "kavo", source, user)
 
-    def read(self, end):
-        while end not in self.buffer:
-            more = self.socket.recv(65536)
-            if not more:
-                raise ConnectionError("closed")
-            self.buffer += more
-        text, self.buffer = self.buffer.split(end, 1)
-        return text
-
-    def ask(self, method, path="kavo", headers="", version="RTSP/1.0", uri=None):
-        url = f"rtsp://127.0.0.1:{self.host.port}/{path}"
-        lines = f"CSeq: 1\r\n{headers}" + (f"Session: {self.session}\r\n" if self.session else "")
-        if self.user and self.challenge:
-            lines += self.authorization(method, url if uri is None else uri)
-        self.socket.sendall(f"{method} {url} {version}\r\n{lines}\r\n".encode())
-        while True:
-            response = self.read(b"\r\n\r\n").decode("latin-1")
-            if "RTSP/1.0 " in response:
-                break
-        response = response[response.index("RTSP/1.0 "):]
-        body = int((re.search(r"Content-Length: (\d+)", response) or [0, 0])[1])
-        while len(self.buffer) < body:
-            self.buffer += self.socket.recv(65536)
-        self.body, self.buffer = self.buffer[:body], self.buffer[body:]
-        self.response = response
-        if found := re.search(r'realm="([^"]*)", nonce="([^"]*)"', response):
-            self.challenge = found.groups()
-        if found := re.search(r"Session: (\w+)", response):
-            self.session = found[1]
-        return int(response.split()[1])
-
-    def authorization(self, method, uri):
-        md5 = lambda text: hashlib.md5(text.encode()).hexdigest()
-        (user, password), (realm, nonce) = self.user, self.challenge
-        answer = md5(f"{md5(f'{user}:{realm}:{password}')}:{nonce}:{md5(f'{method}:{uri}')}")
-        return (f'Authorization: Digest username="{user}", realm="{realm}", nonce="{nonce}", uri="{uri}", '
-                f'response="{answer}"\r\n')
+    def ask(self, method, path="kavo", *arguments, **named):
+        return super().ask(method, self.root + path, *arguments, **named)
 
     def set_up(self, transport="RTP/AVP/TCP;unicast;interleaved=0-1", path="kavo"):
         status = self.ask("SETUP", path + "/track1", f"Transport: {transport}\r\n")
