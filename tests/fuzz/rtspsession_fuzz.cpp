@@ -42,7 +42,7 @@ using kavo::impl::UniqueFd;
 using Clock = std::chrono::steady_clock;
 
 constexpr int batch = 200;  // sequences
-constexpr std::chrono::seconds longestWait{20};
+constexpr std::chrono::seconds longestWait{60};
 
 [[noreturn]] void fail(char const* what) {
   std::fprintf(stderr, "rtspsession: %s\n", what);
@@ -98,6 +98,7 @@ class Host {
     m_Encoded.reset();
     m_Sessions = {};
     m_Server.reset();
+    m_IsRemoved = false;
     for (int attempt = 0; !m_Server; ++attempt) {
       m_Port = freePort();
       try {

@@ -1,8 +1,11 @@
 // A stream from its queue to its viewers' sockets.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
+#include <iterator>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,6 +20,34 @@ using namespace std::chrono_literals;
 
 namespace {
 
+struct Player {
+  // The time stamps of the frames that have come, whose packets all came in turn.
+  std::vector<std::uint32_t> timeStamps() {
+    std::vector<std::uint32_t> stamps;
+    for (auto const& packet : rtp.packets()) {
+      auto const number = static_cast<std::uint16_t>(reassembly::numberAt(packet, 2, 2));
+      EXPECT_TRUE(!next || number == *next) << "a packet is missing";
+      first = first.value_or(number);
+      next = static_cast<std::uint16_t>(number + 1);
+      payload += packet.size() - 12;
+      if ((packet[1] & 0x80) != 0) {
+        stamps.push_back(reassembly::numberAt(packet, 4, 4));
+      }
+    }
+    return stamps;
+  }
+
+  UdpReceiver rtp;
+  UdpReceiver rtcp;
+  std::optional<std::uint16_t> first;  // packet
+  std::optional<std::uint16_t> next;
+  std::size_t payload = 0;
+  // What PLAY said.
+  void* viewer = nullptr;
+  std::uint16_t sequence = 0;
+  std::uint32_t time = 0;
+};
+
 class DemandSessionTest : public ::testing::Test {
  protected:
   using Clock = std::chrono::steady_clock;
@@ -26,70 +57,119 @@ class DemandSessionTest : public ::testing::Test {
     m_Environment->reclaim();
   }
 
-  // A viewer over UDP, up to the response to PLAY.
-  void* join() {
-    ServerMediaSubsession& session = *m_Session;
-    sockaddr_storage to = m_Rtp.address;
+  // Over UDP, up to PLAY, and then up to the response to it.
+  void play(Player& player) {
+    sockaddr_storage to = player.rtp.address;
     u_int8_t ttl = 0;
     Boolean multicast = False;
     Port serverRtp(0);
     Port serverRtcp(0);
-    void* viewer = nullptr;
-    session.getStreamParameters(1, m_Rtp.address, Port(m_Rtp.port()), Port(m_Rtcp.port()), -1, 0, 0, nullptr, to, ttl,
-                                multicast, serverRtp, serverRtcp, viewer);
-    unsigned short sequence = 0;
-    unsigned time = 0;
-    session.startStream(1, viewer, nullptr, nullptr, sequence, time, nullptr, nullptr);
-    static_cast<Viewer*>(viewer)->viewers().begin(*static_cast<Viewer*>(viewer));
-    return viewer;
+    session().getStreamParameters(1, player.rtp.address, Port(player.rtp.port()), Port(player.rtcp.port()), -1, 0, 0,
+                                  nullptr, to, ttl, multicast, serverRtp, serverRtcp, player.viewer);
+    session().startStream(1, player.viewer, nullptr, nullptr, player.sequence, player.time, nullptr, nullptr);
   }
+  void begin(Player& player) { viewer(player).viewers().begin(viewer(player)); }
+  void join(Player& player) {
+    play(player);
+    begin(player);
+  }
+  void leave(Player& player) { session().deleteStream(1, player.viewer); }
 
-  // An IDR picture that was submitted at that time.
-  void push(Clock::time_point submitted) {
+  // A picture of one slice, submitted a minute after the one before.
+  void push(bool isKeyFrame = true, int size = 3000) { push(m_Time += 60s, isKeyFrame, size); }
+  void push(Clock::time_point submitted, bool isKeyFrame = true, int size = 3000) {
     FrameSourceHandler::FrameData frame{};
-    ASSERT_EQ(av_new_packet(&frame.packet, 3000), 0);
-    std::fill_n(frame.packet.data, 3000, 0x11);
-    std::copy_n("\0\0\0\1\x65", 5, frame.packet.data);
-    frame.packet.flags = AV_PKT_FLAG_KEY;
+    ASSERT_EQ(av_new_packet(&frame.packet, size), 0);
+    std::fill_n(frame.packet.data, size, 0x11);
+    std::copy_n(isKeyFrame ? "\0\0\0\1\x65" : "\0\0\0\1\x41", 5, frame.packet.data);
+    frame.packet.flags = isKeyFrame ? AV_PKT_FLAG_KEY : 0;
     FrameSourceHandler::setSubmitTime(frame.packet, submitted);
+    m_Queue->observer().add(Count::Offered);
     m_Queue->push(frame);
     m_Session->signalNewFrame(m_Scheduler.get());
   }
 
+  // The time stamps of so many frames that come, and of those that came before.
+  std::vector<std::uint32_t> receive(Player& player, std::size_t count) {
+    std::vector<std::uint32_t> stamps;
+    for (auto const end = Clock::now() + 20s; stamps.size() < count && Clock::now() < end;) {
+      static_cast<BasicTaskScheduler0&>(*m_Scheduler).SingleStep(1000);
+      std::ranges::copy(player.timeStamps(), std::back_inserter(stamps));
+    }
+    return stamps;
+  }
   void step() {
     for (int i = 0; i < 20; ++i) {
       static_cast<BasicTaskScheduler0&>(*m_Scheduler).SingleStep(1);
     }
   }
 
-  // The time stamps of the frames that have come.
-  std::vector<std::uint32_t> timeStamps() {
-    step();
-    std::vector<std::uint32_t> stamps;
-    for (auto const& packet : m_Rtp.packets()) {
-      m_Payload += packet.size() - 12;
-      if ((packet[1] & 0x80) != 0) {
-        stamps.push_back(reassembly::numberAt(packet, 4, 4));
-      }
-    }
-    return stamps;
-  }
+  ServerMediaSubsession& session() { return *m_Session; }
+  static Viewer& viewer(Player& player) { return *static_cast<Viewer*>(player.viewer); }
 
   EventLoopRole::Holder const m_Role{eventLoopRole};
   std::unique_ptr<EpollScheduler> const m_Scheduler{EpollScheduler::createNew(10000)};
   UsageEnvironment* const m_Environment = QuietUsageEnvironment::createNew(*m_Scheduler);
   std::shared_ptr<FrameSourceHandler> const m_Queue = std::make_shared<FrameSourceHandler>();
   H264DemandSession* const m_Session = H264DemandSession::createNew(*m_Environment, m_Queue);
-  UdpReceiver m_Rtp;
-  UdpReceiver m_Rtcp;
-  std::size_t m_Payload = 0;
+  Player m_Player;
+  Clock::time_point m_Time = Clock::now();
 };
 
 }  // namespace
 
+// Frames that leave at once, and some that are paced.
+TEST_F(DemandSessionTest, WhoeverJoinsBeginsWithTheNewestFrame) {
+  for (int const size : {3000, 100000}) {
+    SCOPED_TRACE(size);
+    Player first;
+    join(first);
+    push(true, size);
+    push(true, size);
+    EXPECT_EQ(receive(first, 2).size(), 2U);
+    Player later;
+    join(later);
+    push(true, size);
+    auto const stamps = receive(later, 2);
+    ASSERT_EQ(stamps.size(), 2U) << "the next one follows it";
+    EXPECT_EQ(stamps[0], later.time);
+    EXPECT_EQ(later.first, later.sequence);
+    EXPECT_EQ(receive(first, 1).size(), 1U);
+    leave(first);
+    leave(later);
+  }
+  // After all have left it is sent once more, unless others have been submitted since.
+  Player afterAll;
+  join(afterAll);
+  EXPECT_EQ(receive(afterAll, 1), std::vector{afterAll.time});
+  EXPECT_EQ(afterAll.first, afterAll.sequence);
+  leave(afterAll);
+  m_Queue->observer().add(Count::Offered);
+  Player last;
+  join(last);
+  step();
+  EXPECT_EQ(last.timeStamps().size(), 0U) << "a picture that others have followed";
+}
+
+// Where its key frame comes after frames that it does not get.
+TEST_F(DemandSessionTest, WhoeverWaitsForAKeyFrameIsToldNoFirstPacket) {
+  join(m_Player);
+  EXPECT_TRUE(viewer(m_Player).isSequenceKnown());
+  push();
+  push(false);
+  EXPECT_EQ(receive(m_Player, 2).size(), 2U);
+  Player later;
+  join(later);
+  EXPECT_FALSE(viewer(later).isSequenceKnown());
+  push(false);
+  push();
+  EXPECT_EQ(receive(later, 1).size(), 1U);
+  EXPECT_EQ(receive(m_Player, 2).size(), 2U);
+}
+
 // Also where none came for longer than RTP time takes to come round, or two came at once.
 TEST_F(DemandSessionTest, RtpTimeFollowsTheTimeOfSubmission) {
-  join();
+  join(m_Player);
   auto const begin = Clock::now();
   std::chrono::microseconds const times[] = {0us, 40ms, 40ms + 1us, 40ms + 2us, 80ms, 7h, 7h + 40ms, 20h, 20h + 40ms};
   std::vector<std::uint32_t> expected;
@@ -100,7 +180,7 @@ TEST_F(DemandSessionTest, RtpTimeFollowsTheTimeOfSubmission) {
   }
   expected[2] += 1;  // frames of different times never share one
   expected[3] += 2;
-  auto const stamps = timeStamps();
+  auto const stamps = receive(m_Player, std::size(times));
   ASSERT_EQ(stamps.size(), std::size(times));
   for (std::size_t i = 0; i < stamps.size(); ++i) {
     EXPECT_NEAR(static_cast<std::int32_t>(stamps[i] - stamps[0] - expected[i]), 0, 1) << "frame " << i;
@@ -110,32 +190,34 @@ TEST_F(DemandSessionTest, RtpTimeFollowsTheTimeOfSubmission) {
 
 TEST_F(DemandSessionTest, NothingIsEncodedAfterTheLastViewerHasLeft) {
   EXPECT_FALSE(m_Queue->IsStreaming());
-  void* viewer = join();
+  join(m_Player);
   EXPECT_TRUE(m_Queue->IsStreaming());
   auto const before = Clock::now();
   push(before);
-  EXPECT_EQ(timeStamps().size(), 1U);
-  static_cast<ServerMediaSubsession*>(m_Session)->deleteStream(1, viewer);
+  EXPECT_EQ(receive(m_Player, 1).size(), 1U);
+  leave(m_Player);
   EXPECT_FALSE(m_Queue->IsStreaming());
-  join();
+  Player again;
+  join(again);
   push(before);
-  EXPECT_EQ(timeStamps().size(), 0U) << "a frame that was submitted before everybody left";
-  push(Clock::now());
-  EXPECT_EQ(timeStamps().size(), 1U);
+  step();
+  EXPECT_EQ(again.timeStamps().size(), 0U) << "a frame that was submitted before everybody left";
+  push();
+  EXPECT_EQ(receive(again, 1).size(), 1U);
 }
 
 // Reports count packets, and the octets of their payloads.
 TEST_F(DemandSessionTest, SenderReportsCountWhatWasSent) {
-  void* const viewer = join();
-  push(Clock::now());
-  push(Clock::now());
-  EXPECT_EQ(timeStamps().size(), 2U);
-  static_cast<Viewer*>(viewer)->viewers().reporter().probe(*static_cast<Viewer*>(viewer));
-  auto const reports = m_Rtcp.packets();
+  join(m_Player);
+  push();
+  push();
+  EXPECT_EQ(receive(m_Player, 2).size(), 2U);
+  viewer(m_Player).viewers().reporter().probe(viewer(m_Player));
+  auto const reports = m_Player.rtcp.packets();
   ASSERT_EQ(reports.size(), 2U);
   EXPECT_EQ(reassembly::numberAt(reports[0], 20, 4), 0U);
   EXPECT_EQ(reassembly::numberAt(reports[1], 20, 4), 6U);
-  EXPECT_EQ(reassembly::numberAt(reports[1], 24, 4), m_Payload);
+  EXPECT_EQ(reassembly::numberAt(reports[1], 24, 4), m_Player.payload);
 }
 
 TEST(KeyFrameRequest, IsGrantedOnceInHalfASecond) {

@@ -49,12 +49,18 @@ TEST_F(Joining, TheFirstViewerBeginsWithAKeyFrame) {
 
 // The regular key frame comes every 50 frames.
 TEST_F(Joining, ALaterViewerDoesNotWaitForTheRegularKeyFrame) {
+  // RTP-Info names the first packet where it is known.
+  auto const join = [&](RtspClient& viewer) {
+    EXPECT_EQ(viewer.setUpOverUdp(url()).status, 200);
+    return viewer.request("PLAY", url()).header("RTP-Info");
+  };
   RtspClient first(m_Host.port());
-  ASSERT_TRUE(first.play(url()));
+  EXPECT_NE(join(first).find(";seq="), std::string::npos);
   EXPECT_EQ(first.nextNalType(), sps);
   waitForFrames(18);
   RtspClient second(m_Host.port());
-  ASSERT_TRUE(second.play(url()));
+  auto const announced = join(second);
+  EXPECT_EQ(announced.substr(announced.find(';'), 9), ";rtptime=") << announced;
   int const asked = m_Host.submitted();
   EXPECT_EQ(second.nextNalType(), sps);
   EXPECT_LT(m_Host.submitted() - asked, 25);
