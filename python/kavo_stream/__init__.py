@@ -214,7 +214,7 @@ class _FullRange:
     @classmethod
     def library(cls) -> Any:
         """libswscale of any generation, or None."""
-        for number in range(9, 4, -1):
+        for number in range(15, 4, -1):
             try:
                 cls._library = cls._library or ctypes.CDLL(f"libswscale.so.{number}")
             except OSError:
