@@ -6,7 +6,9 @@
 // that, beside one viewer, twenty more come, one after the other; "join" is the time
 // from PLAY to their first whole frame.
 // With CRAWL, two more watch over TCP and are not counted: one that reads
-// nothing, and one that reads as many bytes a second.
+// nothing, and one that reads as many bytes a second. With KAVO_BENCH_SERVER in the
+// environment the server is at that address, and each viewer at one of its own, from
+// 10.80.0.1 on.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -49,16 +51,24 @@ struct Counts {
 class Viewer {
  public:
   Viewer(int port, int stream, bool tcp, Counts& counts) : m_Tcp(tcp), m_Counts(counts) {
-    m_Url = "rtsp://127.0.0.1:" + std::to_string(port) + "/" + std::to_string(stream);
-    m_Rtsp = socket(AF_INET, SOCK_STREAM, 0);
-    auto const address = loopback(port);
+    static std::uint32_t number = 0;
+    ++number;
+    char const* const server = std::getenv("KAVO_BENCH_SERVER");
+    m_Address = server == nullptr ? INADDR_LOOPBACK : 0x0A500000 + number / 250 * 256 + number % 250 + 1;
+    m_Url = std::string("rtsp://") + (server == nullptr ? "127.0.0.1" : server) + ":" + std::to_string(port) + "/" +
+            std::to_string(stream);
+    open(m_Rtsp, SOCK_STREAM);
+    auto address = at(INADDR_LOOPBACK, port);
+    if (server != nullptr) {
+      inet_pton(AF_INET, server, &address.sin_addr);
+    }
     if (connect(m_Rtsp, reinterpret_cast<sockaddr const*>(&address), sizeof address) != 0) {
       fail("connect");
     }
     std::string transport = "RTP/AVP/TCP;unicast;interleaved=0-1";
     if (!tcp) {
-      int const first = openUdp(m_Rtp);
-      int const second = openUdp(m_Rtcp);
+      int const first = open(m_Rtp, SOCK_DGRAM);
+      int const second = open(m_Rtcp, SOCK_DGRAM);
       transport = "RTP/AVP;unicast;client_port=" + std::to_string(first) + "-" + std::to_string(second);
     }
     auto const description = request("DESCRIBE", m_Url, "Accept: application/sdp\r\n");
@@ -113,17 +123,18 @@ class Viewer {
   void startCounting() { m_Counting = true; }
 
  private:
-  static sockaddr_in loopback(int port) {
+  static sockaddr_in at(std::uint32_t host, int port) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_addr.s_addr = htonl(host);
     address.sin_port = htons(static_cast<std::uint16_t>(port));
     return address;
   }
 
-  static int openUdp(int& result) {
-    result = socket(AF_INET, SOCK_DGRAM, 0);
-    auto address = loopback(0);
+  // At this viewer's address; the port.
+  int open(int& result, int type) const {
+    result = socket(AF_INET, type, 0);
+    auto address = at(m_Address, 0);
     socklen_t size = sizeof address;
     if (bind(result, reinterpret_cast<sockaddr*>(&address), size) != 0) {
       fail("bind");
@@ -220,6 +231,7 @@ class Viewer {
 
   bool m_Tcp;
   Counts& m_Counts;
+  std::uint32_t m_Address = 0;
   std::string m_Url;
   std::string m_Session;
   std::string m_Buffer;
