@@ -27,10 +27,10 @@ fuzz: ## run the fuzz drivers for long (SECONDS=600)
 	@$(RUN) sh -c 'cmake --preset fuzz -DKAVO_FUZZ_SECONDS=$(or $(SECONDS),600) >/dev/null && cmake --build --preset fuzz && ctest --test-dir build/fuzz --output-on-failure --timeout 100000; status=$$?; cmake --preset fuzz -UKAVO_FUZZ_SECONDS >/dev/null; exit $$status'
 
 bench: ## measure: ours beside live555 as it comes and gst-rtsp-server (TABLES="cpu slow", all of them take 20 minutes)
-	@$(RUN) sh -c 'cmake --preset bench >/dev/null && cmake --build --preset bench >/dev/null && scripts/bench $(TABLES)'
+	@$(RUN) sh -c 'cmake --preset bench >/dev/null && cmake --build --preset bench >/dev/null && bench/run.py $(TABLES)'
 
-mutants: ## put the faults of tests/mutants.txt in, one at a time, and print those no test sees
-	@$(RUN) scripts/mutants
+mutants: ## put the faults of tests/mutants/faults.txt in, one at a time, and print those no test sees
+	@$(RUN) tests/mutants/run
 
 coverage: ## what the tests reach of src/, by folder, and what they never do
 	@$(RUN) scripts/coverage
@@ -56,12 +56,11 @@ portable: ## make the archive that runs on Linux of the last years, in build/pac
 portable-check: portable ## try it in fresh roots of Debian 12, 13 and testing
 	@scripts/check-portable
 
-scale-out-check: package ## try docs/operating.md and scale-out.md in fresh roots: metrics, TLS, HLS and WebRTC in Chromium
-	@scripts/check-operating
-	@scripts/check-scale-out
+scale-out-check: package ## try docs/operating.md, scale-out.md and OpenCV in fresh roots: metrics, TLS, HLS and WebRTC in Chromium
+	@scripts/check-packages operating scale-out opencv
 
 players: build ## play with every player there is, in a root of their own, and write docs/players.md
-	@KAVO_ROOT_KIND=players KAVO_ROOT=always $(RUN) sh -c 'scripts/players >build/players.md && { sed "/^| player/,\$$d" docs/players.md; cat build/players.md; } >build/page.md && cp build/page.md docs/players.md'
+	@KAVO_ROOT_KIND=players KAVO_ROOT=always $(RUN) sh -c 'tests/players/table >build/players.md && { sed "/^| player/,\$$d" docs/players.md; cat build/players.md; } >build/page.md && cp build/page.md docs/players.md'
 
 docs: ## make the API reference in build/docs (Doxygen)
 	@$(RUN) sh -c 'mkdir -p build && doxygen docs/Doxyfile && echo "The pages are in build/docs/html"'

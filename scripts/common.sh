@@ -10,8 +10,8 @@ fail() {
   exit 1
 }
 
-# packages [-KIND]: what a root of the kind has, one a line.
-packages() { sed -e 's/#.*//' -e '/^[[:space:]]*$/d' "$scripts/packages${1:-}.txt"; }
+# packages [KIND]: what a root of the kind has, one a line.
+packages() { sed -n "/^\[${1:-build}\]/,/^\[/{s/[[:space:]]*#.*//; /^\[/d; /./p}" "$scripts/packages.txt"; }
 
 # The Debian mirror that this machine uses itself; its address is nobody's to guess.
 debian_mirror() {

@@ -13,15 +13,16 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/epoll.h>
+#include <sys/random.h>
 #include <sys/socket.h>
 
 #define FUNCTIONS(F)                                                                                                   \
-  F(malloc)                                                                                                            \
-  F(calloc) F(realloc) F(posix_memalign) F(socket) F(bind) F(listen) F(accept4) F(send) F(sendmsg) F(sendmmsg) F(recv) \
-      F(setsockopt) F(epoll_create1) F(epoll_ctl) F(eventfd) F(epoll_pwait2) F(pthread_create) F(dlopen)
-#define INDEX_OF(name) index_##name,
-#define NAME_OF(name) #name,
-enum { FUNCTIONS(INDEX_OF) functions, none };
+  F(malloc), F(calloc), F(realloc), F(posix_memalign), F(socket), F(bind), F(listen), F(accept4), F(send), F(sendmsg), \
+      F(sendmmsg), F(recv), F(setsockopt), F(epoll_create1), F(epoll_ctl), F(eventfd), F(getrandom), F(epoll_pwait2),  \
+      F(pthread_create), F(dlopen)
+#define INDEX_OF(name) index_##name
+#define NAME_OF(name) #name
+enum { FUNCTIONS(INDEX_OF), functions, none };
 static char const* const names[] = {FUNCTIONS(NAME_OF)};
 
 static atomic_long calls[functions];
@@ -170,6 +171,7 @@ FAILING(eventfd, EMFILE, -1, int, (unsigned value, int flags), NEXT(eventfd), (v
 FAILING(epoll_pwait2, EPERM, -1, int,
         (int e, struct epoll_event* events, int n, struct timespec const* t, sigset_t const* mask), NEXT(epoll_pwait2),
         (e, events, n, t, mask))
+FAILING(getrandom, EAGAIN, -1, ssize_t, (void* bytes, size_t n, unsigned flags), NEXT(getrandom), (bytes, n, flags))
 FAILING(dlopen, ENOMEM, NULL, void*, (char const* file, int mode), NEXT(dlopen), (file, mode))
 FAILING(pthread_create, 0, EAGAIN, int,
         (pthread_t * thread, pthread_attr_t const* attributes, void* (*function)(void*), void* argument), create_thread,

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """What a stranger can cost: each attack comes from 127.0.0.1, while a viewer at 127.0.0.2 watches
-and is to miss no picture. Usage: strangers_test.py KAVO_PUBLISH"""
+and is to miss no picture. Usage: strangers_test.py KAVO_PUBLISH [SECONDS of everything at once]"""
 import contextlib
 import os
 import pathlib
@@ -15,6 +15,7 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "bench"))
 import rtsp
 
 PUBLISH = sys.argv[1]
+SECONDS = float(sys.argv[2]) if len(sys.argv) > 2 else 2
 LIMIT = 60  # seconds that anything may take on a busy machine
 STRANGER, FRIEND, THIRD = "127.0.0.1", "127.0.0.2", "127.0.0.3"
 
@@ -189,11 +190,47 @@ def pipelined_requests(host):
             assert attempt < 19, "a newcomer was answered after all of it"
 
 
+def wrong_passwords(host):
+    """They are looked at ten times a second."""
+    guesser = Client(host, STRANGER, ("anna", "guess"))
+    for _ in range(8):
+        guesser.ask("DESCRIBE")
+
+
 ATTACKS = (descriptors_of_ghosts_and_connections, places_held_without_watching, pipelined_requests)
 
 
+def everything_at_once(host):
+    """Each again and again, from threads of their own, and 512 connections that stay as long as they may."""
+    end = time.monotonic() + SECONDS
+    faults = []
+
+    def repeat(attack):
+        while time.monotonic() < end:
+            try:
+                attack(host)
+            except OSError:  # turned out
+                pass
+            except Exception as fault:
+                faults.append(fault)
+                return
+
+    def crowd(host):
+        held = []
+        for _ in range(512):
+            with contextlib.suppress(OSError):
+                held.append(Client(host, STRANGER))
+
+    threads = [threading.Thread(target=repeat, args=(attack,)) for attack in (*ATTACKS, wrong_passwords, crowd)]
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join()
+    assert not faults, faults
+
+
 def attacks():
-    for attack in ATTACKS:
+    for attack in (*ATTACKS, everything_at_once):
         with Host() as host:
             viewer = Viewer(host)
             viewer.sees()
