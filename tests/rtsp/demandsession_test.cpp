@@ -122,6 +122,7 @@ class DemandSessionTest : public ::testing::Test {
 TEST_F(DemandSessionTest, WhoeverJoinsBeginsWithTheNewestFrame) {
   for (int const size : {3000, 100000}) {
     SCOPED_TRACE(size);
+    m_Queue->observer().add(Count::Offered);  // there is no newest frame yet
     Player first;
     join(first);
     push(true, size);
