@@ -1,6 +1,6 @@
 # The everyday commands. Each sets up what it needs (see scripts/run).
 .DEFAULT_GOAL := help
-.PHONY: help package package-check portable portable-check scale-out-check docs release players bench soak mutants coverage build demo test test-arm64 fuzz format lint shell clean
+.PHONY: help package package-check portable portable-check scale-out-check docs release players bench soak soak-threads mutants coverage build demo test test-arm64 fuzz format lint shell clean
 
 RUN := scripts/run
 PRESET ?= release
@@ -37,6 +37,9 @@ coverage: ## what the tests reach of src/, by folder, and what they never do
 
 soak: ## publish for long while viewers come and go; fails where memory, descriptors or latency grow (SECONDS=600)
 	@$(RUN) sh -c 'cmake --preset release >/dev/null && cmake --build --preset release >/dev/null && bench/soak.py $(or $(SECONDS),600)'
+
+soak-threads: ## submits, removals, exits and viewers at once under the thread sanitizer (SECONDS=600)
+	@$(RUN) sh -c 'cmake --preset fuzz -B build/fuzz-thread -DKAVO_SANITIZE=thread -DKAVO_FUZZ_SECONDS=$(or $(SECONDS),600) >/dev/null && cmake --build build/fuzz-thread --target rtspsession_fuzz && ctest --test-dir build/fuzz-thread -R rtspsession --output-on-failure --timeout 100000'
 
 format: ## bring the sources into shape with clang-format
 	@$(RUN) sh -c 'find include src tools tests bench examples -name "*.h" -o -name "*.c" -o -name "*.cpp" -o -name "*.hpp" | xargs clang-format -i'

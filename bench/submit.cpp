@@ -256,7 +256,7 @@ BENCHMARK_CAPTURE(parallelStreams, h264_1080p_2, Shape{1920, 1080, 28}, 2)
     ->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(parallelStreams, jpeg_1080p_4, Shape{1920, 1080, 8}, 4)->Iterations(7)->Unit(benchmark::kMillisecond);
 
-// A frame that nobody waits for, through the whole of kv_Stream.
+// A frame of a stream without viewers, through the whole of kv_Stream.
 void submitWithoutViewer(benchmark::State& state) {
   Host host({640, 480, KV_CODEC_MJPEG}, 1, false);
   std::vector<std::uint8_t> const pixels(640 * 480 * 3);

@@ -15,8 +15,8 @@
  * only during the call and keeps no pointer to them. A record is written only
  * when the call returns KV_OK.
  *
- * The process. The library's thread blocks all signals, and SIGPIPE does what it
- * did before. The calls of a child forked between KV_INIT and KV_EXIT answer
+ * The process. The library's thread blocks all signals; SIGPIPE handling is
+ * left unchanged. In a child forked between KV_INIT and KV_EXIT, calls return
  * KV_RESOURCE_FAILURE (KV_EXIT: KV_OK) and leave the server to the parent. Where
  * memory is short, a call fails and changes nothing: the same call may succeed later.
  */

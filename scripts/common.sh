@@ -13,7 +13,7 @@ fail() {
 # packages [KIND]: what a root of the kind has, one a line.
 packages() { sed -n "/^\[${1:-build}\]/,/^\[/{s/[[:space:]]*#.*//; /^\[/d; /./p}" "$scripts/packages.txt"; }
 
-# The Debian mirror that this machine uses itself; its address is nobody's to guess.
+# The Debian mirror that this machine uses itself; never hard-coded.
 debian_mirror() {
   if [ -n "${KAVO_DEBIAN_MIRROR:-}" ]; then
     printf '%s\n' "$KAVO_DEBIAN_MIRROR"

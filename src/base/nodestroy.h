@@ -26,8 +26,8 @@ class NoDestroy : NonCopyable {
   alignas(T) mutable std::byte m_Bytes[sizeof(T)];
 };
 
-// Takes memory from a block in the library's own image, once and for all: for
-// containers that are filled when the library is loaded, and never changed.
+// Allocates from a static block and never frees: for containers that are filled when
+// the library is loaded, and never changed.
 template <class T>
 struct InPlaceAllocator {
   using value_type = T;

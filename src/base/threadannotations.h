@@ -31,7 +31,7 @@
 #define KAVO_EXCLUDES(...) KAVO_THREAD_ATTRIBUTE(locks_excluded(__VA_ARGS__))
 #define KAVO_ACQUIRE(...) KAVO_THREAD_ATTRIBUTE(acquire_capability(__VA_ARGS__))
 #define KAVO_RELEASE(...) KAVO_THREAD_ATTRIBUTE(release_capability(__VA_ARGS__))
-// For a function that calls back whoever called it, with what the caller holds.
+// For a function that calls its caller back, with the locks that the caller holds.
 #define KAVO_NO_ANALYSIS KAVO_THREAD_ATTRIBUTE(no_thread_safety_analysis)
 #define KAVO_ASSERTS(x) KAVO_THREAD_ATTRIBUTE(assert_capability(x))
 

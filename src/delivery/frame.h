@@ -1,4 +1,4 @@
-// One encoded frame with its RTP packets, which whoever still sends it holds.
+// One encoded frame with its RTP packets, shared by all that still send it.
 // Event-loop thread.
 #pragma once
 
@@ -46,7 +46,7 @@ class Frame : NonCopyable {
 
 using FramePtr = std::shared_ptr<Frame>;
 
-// Frames whose memory is used again once nobody holds them.
+// Frames whose memory is reused once the last reference is gone.
 class FramePool {
  public:
   FramePtr take() {

@@ -103,7 +103,7 @@ void InterleavedWriter::giveUp() {
 
 void InterleavedWriter::wait(Waiting waiting, std::size_t sent) {
   if (std::ranges::all_of(m_Waiting, &Waiting::cancelled)) {
-    m_LastProgress = waiting.since;  // nobody was waiting until now
+    m_LastProgress = waiting.since;  // nothing was waiting until now
   }
   try {
     m_Waiting.push_back(std::move(waiting));
@@ -228,7 +228,7 @@ std::size_t InterleavedWriter::write(std::span<iovec const> pieces, std::size_t 
   return total;
 }
 
-// Whoever has nothing to wait for is not stalled, a paused viewer above all.
+// A viewer that nothing waits for is not stalled, such as a paused one.
 bool InterleavedWriter::isStalled(Clock::time_point now) const {
   return now - m_LastProgress > stallTimeout && !std::ranges::all_of(m_Waiting, &Waiting::cancelled);
 }

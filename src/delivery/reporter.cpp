@@ -111,7 +111,7 @@ void Reporter::receive(int socket) {
   }
 }
 
-// That nobody listens where a report was sent to. Each error names the address.
+// ECONNREFUSED for reports that were sent. Each error names the address.
 void Reporter::receiveErrors(int socket) {
   for (int i = 0; i < datagramsInARow; ++i) {
     sockaddr_storage to{};

@@ -1,4 +1,4 @@
-// What TCP has found out about the path of a connection. Event-loop thread.
+// TCP's own estimate of a connection's path. Event-loop thread.
 #pragma once
 
 #include <chrono>
@@ -6,8 +6,8 @@
 namespace kavo::impl {
 
 // How long until the path takes another frame; 0: now. More than it holds and can send
-// in a moment would only queue on the way, where nobody can take it back: the
-// viewer would see old frames, and a small queue would lose some.
+// in a moment would only queue in the network, where it cannot be dropped: the viewer
+// would see old frames, and a small queue would lose some.
 std::chrono::microseconds untilPathTakesMore(int socket);
 
 }  // namespace kavo::impl

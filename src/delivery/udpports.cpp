@@ -28,7 +28,7 @@ UniqueFd openSocket(int family) {
   return socket;
 }
 
-// That nobody listens where a report was sent to comes with the address, through the error queue.
+// ECONNREFUSED for a report that was sent comes with the address, through the error queue.
 void setReceiveErrors(UniqueFd const& socket, int family) {
   int const on = 1;
   setsockopt(socket.get(), family == AF_INET6 ? IPPROTO_IPV6 : IPPROTO_IP,

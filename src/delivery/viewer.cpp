@@ -63,7 +63,7 @@ Viewer::Sent Viewer::send(FramePtr const& frame, Clock::time_point now) {
   return {isSent, wantsKeyFrame(now)};
 }
 
-// A key frame is large for everybody: a viewer that was too slow asks when it can take one.
+// A key frame is large for all viewers: one that was too slow asks when it can take it.
 bool Viewer::wantsKeyFrame(Clock::time_point now) {
   return m_State == State::Joining ||
          (isActive() && !(m_State == State::AwaitingKeyFrame && m_Transport->isBusy()) && m_KeyFrames.take(now));

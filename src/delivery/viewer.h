@@ -68,7 +68,7 @@ class Viewer : NonCopyable {
   Reception const& reception() const { return m_Reception; }
   // Called whenever a report has come, and whether it answers a report of ours.
   void onReport(std::function<void(bool)> function) { m_OnReport = std::move(function); }
-  // After its connection has closed its port is probed: how often nobody listened there.
+  // After its connection has closed its port is probed: how often that was refused.
   int probesRefused() const { return m_ProbesRefused; }
   void probeRefused() { ++m_ProbesRefused; }
 

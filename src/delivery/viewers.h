@@ -54,9 +54,9 @@ class Viewers final : NonCopyable, UdpFanout::Owner {
   // Whether any viewer takes such a frame.
   bool takes(bool keyFrame) const KAVO_REQUIRES(eventLoopRole);
 
-  // Sends a frame to everybody who takes it.
+  // Sends a frame to every viewer that takes it.
   void send(FramePtr const& frame) KAVO_REQUIRES(eventLoopRole);
-  // No more frames come for a while.
+  // The source has stopped: drops the newest frame, and the rest of those being sent.
   void forgetFrames() KAVO_REQUIRES(eventLoopRole);
   // Frames were lost, which others may reference: every viewer waits for a key frame.
   void failed() override;

@@ -20,7 +20,7 @@ namespace {
 
 constexpr unsigned int defaultPort = 8554;
 
-// Never destroyed, so calls during and after static destruction still find it;
+// Never destroyed, so it remains usable during and after static destruction;
 // g_ExitAtUnload releases what it owns.
 NoDestroy<SessionManager> g_SessionManager;
 

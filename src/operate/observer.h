@@ -1,4 +1,4 @@
-// What is known of streams and viewers, for whoever asks: the host, operators. Each event
+// What is known of streams and viewers, for the host and operators. Each event
 // is reported to an observer once, and counted there.
 #pragma once
 

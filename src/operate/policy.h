@@ -30,7 +30,7 @@ struct Policy {
   std::optional<std::size_t> maxViewersPerAddress;
 
   std::string realm = "live video";
-  std::map<std::string, std::string> users;  // names and passwords; empty: everybody may watch
+  std::map<std::string, std::string> users;  // names and passwords; empty: anyone may watch
   std::vector<AddressRange> allow;           // empty: from everywhere
 
   Delivery delivery;

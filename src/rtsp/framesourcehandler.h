@@ -56,8 +56,8 @@ class FrameSourceHandler : NonCopyable {
   void pop() KAVO_EXCLUDES(m_Mutex);
   // Removes and releases all of them.
   void clear() KAVO_EXCLUDES(m_Mutex);
-  // Queues the newest frame once more: for a stream whose host submits rarely, when somebody
-  // comes after everybody had left. Returns when it was submitted, or nothing if it is no
+  // Queues the newest frame once more: for a stream whose host submits rarely, when a viewer
+  // joins after all others have left. Returns when it was submitted, or nothing if it is no
   // key frame, not the last that the host has submitted, or no longer fresh.
   std::optional<std::chrono::steady_clock::time_point> requeueNewest() KAVO_EXCLUDES(m_Mutex);
 
@@ -67,7 +67,7 @@ class FrameSourceHandler : NonCopyable {
   // Whether one more frame may be encoded and pushed.
   bool IsBufferFree() const;
 
-  // How old a frame may be and still be shown to whoever joins: as long as passed between the
+  // How old a frame may be and still be shown to a joining viewer: as long as passed between the
   // last two submits, at most a minute. 0 when the frames of the two were not both queued, or
   // the next one is late.
   std::chrono::steady_clock::duration freshness() const;

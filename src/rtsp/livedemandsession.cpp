@@ -67,7 +67,7 @@ FramedSource* LiveDemandSession::createNewStreamSource(unsigned /*clientSessionI
   return source;
 }
 
-// Removed first, so that nobody signals it; closed outside the lock.
+// Removed first, so that no host thread signals it; closed outside the lock.
 void LiveDemandSession::closeStreamSource(FramedSource* inputSource) {
   {
     MutexLock lock(m_Mutex);

@@ -15,8 +15,8 @@ inline std::chrono::microseconds wallClock() {
   return std::chrono::seconds(now.tv_sec) + std::chrono::microseconds(now.tv_usec);
 }
 
-// A wall clock that is set later moves no presentation time; receivers learn of
-// it from the sender reports.
+// Setting the wall clock later moves no presentation time; sender reports carry the
+// new time to receivers.
 inline timeval presentationTime(std::chrono::steady_clock::time_point time) {
   using std::chrono::microseconds;
   static microseconds const offset =

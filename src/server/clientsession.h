@@ -34,7 +34,7 @@ class ClientSession : public RTSPServer::RTSPClientSession {
   bool isUnused() const KAVO_REQUIRES(eventLoopRole);
   bool isPlaying() const KAVO_REQUIRES(eventLoopRole) { return viewer() != nullptr && viewer()->isActive(); }
   sockaddr_storage const& clientAddress() const KAVO_REQUIRES(eventLoopRole) { return m_ClientAddress; }
-  // Who set it up; empty where everybody may.
+  // The user who set it up; empty without users.
   std::string const& user() const KAVO_REQUIRES(eventLoopRole) { return m_User; }
 
   // Whether requests from the address may use it: those of the host that made it.
@@ -66,7 +66,7 @@ class ClientSession : public RTSPServer::RTSPClientSession {
                        char const* fullRequestStr) override;
   void handleCmd_withinSession(RTSPServer::RTSPClientConnection* connection, char const* cmdName,
                                char const* urlPreSuffix, char const* urlSuffix, char const* fullRequestStr) override;
-  // live555's has a body that nobody asked for.
+  // live555's has a body, which is not expected.
   void handleCmd_GET_PARAMETER(RTSPServer::RTSPClientConnection* connection, ServerMediaSubsession* /*subsession*/,
                                char const* /*fullRequestStr*/) override {
     setRTSPResponse(connection, "200 OK", fOurSessionId);

@@ -245,8 +245,8 @@ std::string_view RtspConnection::refusalOf(Request const& request) {
   return "";
 }
 
-// live555 asks this for DESCRIBE and SETUP, and sends the response that is made where the answer
-// is no. A new session takes a place only once it is clear that it will not fail.
+// Called by live555 for DESCRIBE and SETUP; on False it sends the response made here. A new
+// session takes a place only once it is clear that the request will not fail.
 Boolean RtspConnection::authenticationOK(char const* method, char const* urlSuffix, char const* /*fullRequest*/) {
   eventLoopRole.assertHeld();
   if (!hasValidCredentials(method, urlSuffix)) {

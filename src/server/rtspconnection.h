@@ -47,7 +47,7 @@ class RtspConnection : public RTSPServer::RTSPClientConnection {
   std::vector<ClientSession*> const& sessions() const KAVO_REQUIRES(eventLoopRole) { return m_Sessions; }
 
   sockaddr_storage const& clientAddress() const { return fClientAddr; }
-  // Who sends the request that is being answered; empty where everybody may.
+  // The user of the request that is being answered; empty without users.
   std::string user() const KAVO_REQUIRES(eventLoopRole);
   // The request that is being answered.
   Request const& request() const KAVO_REQUIRES(eventLoopRole) { return m_Reader.request(); }

@@ -91,7 +91,7 @@ class RtspServer : public RTSPServer {
 
   std::shared_ptr<Policy const> m_Policy KAVO_GUARDED_BY(eventLoopRole);
   PolicyFile m_PolicyFile KAVO_GUARDED_BY(eventLoopRole);
-  std::unique_ptr<UserAuthenticationDatabase> m_Users KAVO_GUARDED_BY(eventLoopRole);  // null: everybody
+  std::unique_ptr<UserAuthenticationDatabase> m_Users KAVO_GUARDED_BY(eventLoopRole);  // null: no passwords
   PasswordBrake m_Brake KAVO_GUARDED_BY(eventLoopRole);
   std::shared_ptr<DescriptorBudget> const m_Descriptors;
   ListeningSockets const m_Listening;

@@ -117,7 +117,7 @@ StatusServer::~StatusServer() {
   }
 }
 
-// Whoever comes while there are too many is closed at once.
+// A connection beyond the limit is closed at once.
 void StatusServer::accept() {
   UniqueFd client(accept4(m_Socket.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
   auto share = client.get() >= 0 && m_Connections.size() < mostConnections ? m_Descriptors->take(1) : std::nullopt;

@@ -146,7 +146,7 @@ void EncodedSubSession::queue(EncodedFrame const& frame, Clock::time_point now) 
   signal();
 }
 
-// A key frame that comes without gets all parameter sets, so that whoever begins with it can decode it.
+// A key frame without parameter sets gets all of them, so that a viewer that begins with it can decode it.
 void EncodedSubSession::copy(std::span<std::uint8_t const> bytes, AccessUnit const& unit, AVPacket& packet) const {
   auto const sets = unit.isKeyFrame && !unit.hasParameterSets ? m_ParameterSets->bytes() : std::vector<std::uint8_t>();
   std::size_t const size = bytes.size() + sets.size();

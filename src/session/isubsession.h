@@ -31,7 +31,7 @@ class ISubSession : NonCopyable {
   explicit ISubSession(StreamEnvironment const& env);
   virtual ~ISubSession() = default;
 
-  // Encodes and queues one raw frame, or drops it unencoded while nobody waits
+  // Encodes and queues one raw frame, or drops it unencoded while no viewer waits
   // for it or the queue is full. Throws.
   virtual void submitFrame(unsigned char const* frame);
   // Queues a frame that is encoded already, or drops it as submitFrame() does. Returns what

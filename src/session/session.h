@@ -46,14 +46,14 @@ class Session : NonCopyable {
     MutexLock lock(m_Mutex);
     function(streamOf(streamId));
   }
-  // The same where the caller keeps everybody else out.
+  // The same where the caller excludes all other calls.
   template <class Function>
   void submitAlone(void* streamId, Function const& function) KAVO_NO_ANALYSIS {
     function(streamOf(streamId));
   }
   // Throws as submitData() does. Waits for no submit.
   void status(void* streamId, kv_status_record& record) const;
-  // Calls the function while no submit is inside. If it throws, nothing has changed;
+  // Calls the function with no submit in progress. If it throws, nothing has changed;
   // otherwise submits find no session any more.
   template <class Function>
   void end(Function const& function) KAVO_EXCLUDES(m_Mutex) {

@@ -80,7 +80,7 @@ void Report::line(std::string const& name, kavo::StreamStatus const& status) con
               m_Terminal ? "\033[K" : "");
 }
 
-// Nobody reads what a full disk swallows: that ends the program, as a closed pipe does.
+// Output that a full disk loses ends the program, as a closed pipe does.
 void Report::flush() {
   if (std::fflush(stdout) != 0) {
     throw Failure(std::string("cannot write to standard output: ") + std::strerror(errno));
