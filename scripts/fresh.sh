@@ -16,7 +16,7 @@ cp "$project"/build/packages/*[_-]"$(dpkg --print-architecture)".* "$project"/bu
 
 # fill_root ROOT NAME PACKAGES
 fill_root() {
-  mmdebstrap --quiet --variant=apt --aptopt='Acquire::Retries "5"' --include="$3" \
+  mmdebstrap --quiet --variant=apt --aptopt='Acquire::Retries "5"' --dpkgopt=force-unsafe-io --include="$3" \
     --setup-hook="mkdir -p \"\$1/etc/apt/preferences.d\" && cp '$work/sources/live555' \"\$1/etc/apt/preferences.d/live555\"" \
     --customize-hook="cp -r '$work'/* \"\$1/root/\"" \
     --customize-hook="chroot \"\$1\" /root/inside prepare $2" \

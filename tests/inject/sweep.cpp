@@ -72,6 +72,7 @@ struct Stream {
   kv_session_record session{};
   kv_stream_record record{};
   kv_frame_record frame{};
+  int encodedFrames = 0;  // of a stream whose frames are encoded already
 };
 
 std::vector<std::uint8_t> const g_Pixels(64 * 64 * 3 + 4096, 90);
@@ -91,11 +92,16 @@ int insist(std::function<int()> const& command) {
   return first;
 }
 
-bool publish(Stream& stream, char const* name, int codec) {
+void createSession(Stream& stream, char const* name) {
   std::strcpy(stream.session.name, name);
   std::strcpy(stream.session.info, "i");
   std::strcpy(stream.session.description, "d");
   insist([&] { return call(KV_CREATE_SESSION, stream.session); });
+  stream.frame.handle = stream.session.handle;
+}
+
+bool publish(Stream& stream, char const* name, int codec) {
+  createSession(stream, name);
   static kv_video_record video{};
   video.src_width = video.src_height = video.dst_width = video.dst_height = 64;
   video.src_pixel_format = KV_RGB24;
@@ -106,16 +112,68 @@ bool publish(Stream& stream, char const* name, int codec) {
   stream.record.video = &video;
   // What OpenH264 breaks when it is out of memory is its own.
   insist([&] { return call(KV_CREATE_STREAM, stream.record); });
-  stream.frame.handle = stream.session.handle;
   stream.frame.stream = stream.record.stream;
   stream.frame.frame = g_Pixels.data();
   return stream.record.stream != nullptr;
 }
 
+bool publishEncoded(Stream& stream, char const* name) {
+  createSession(stream, name);
+  kv_encoded_stream_record record{};
+  record.handle = stream.session.handle;
+  record.codec = KV_CODEC_H264;
+  insist([&] { return call(KV_CREATE_ENCODED_STREAM, record); });
+  stream.frame.stream = record.stream;
+  stream.encodedFrames = 1;
+  return record.stream != nullptr;
+}
+
+// Numbered, every fifth a key frame.
+void submitEncoded(Stream& stream) {
+  int const number = stream.encodedFrames++;
+  std::vector<std::uint8_t> bytes;
+  if (number % 5 == 1) {
+    bytes = {0, 0, 1, 0x67, 0x64, 0, 0x1E, 0xAC, 0, 0, 1, 0x68, 0xEB};
+  }
+  bytes.insert(bytes.end(), {0, 0, 1, static_cast<std::uint8_t>(number % 5 == 1 ? 0x65 : 0x41), 0x88,
+                             static_cast<std::uint8_t>(1 + number / 200), static_cast<std::uint8_t>(1 + number % 200)});
+  kv_encoded_frame_record frame{};
+  frame.handle = stream.frame.handle;
+  frame.stream = stream.frame.stream;
+  frame.data = bytes.data();
+  frame.size = bytes.size();
+  call(KV_SUBMIT_ENCODED, frame);
+}
+
+// What has come over TCP since PLAY, of which no frame may refer to one that is missing; their number.
+int checkedFrames(RtspClient& viewer) {
+  int frames = 0;
+  for (int last = -1; viewer.hasPacket();) {
+    auto const packet = viewer.packet();
+    if (packet.channel < 0) {
+      break;
+    }
+    if (packet.channel == 0 && packet.bytes.size() == 16) {
+      int const number = (packet.bytes[14] - 1) * 200 + packet.bytes[15] - 1;
+      if (number != last + 1 && packet.bytes[12] != 0x65) {
+        std::fprintf(stderr, "frame %d came after %d\n", number, last);
+        std::_Exit(7);
+      }
+      last = number;
+      ++frames;
+    }
+  }
+  return frames;
+}
+
 void submit(std::vector<Stream>& streams, int rounds) {
   for (int i = 0; i < rounds; ++i) {
     for (Stream& stream : streams) {
-      call(KV_SUBMIT_FRAME, stream.frame);
+      if (stream.encodedFrames > 0) {
+        submitEncoded(stream);
+      } else {
+        call(KV_SUBMIT_FRAME, stream.frame);
+      }
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
@@ -170,11 +228,12 @@ void script(std::uint32_t port, bool strict) {
     }
   };
   insist([&] { return call(KV_INIT, port); });
-  std::vector<Stream> streams(2);
+  std::vector<Stream> streams(3);
   require(publish(streams[0], "jpeg", KV_CODEC_MJPEG), "no JPEG stream");
   require(publish(streams[1], "h264", KV_CODEC_H264), "no H.264 stream");
-  for (bool const jpeg : {true, false}) {
-    std::string const url = jpeg ? "rtsp://127.0.0.1/jpeg" : "rtsp://127.0.0.1/h264";
+  require(publishEncoded(streams[2], "encoded"), "no encoded stream");
+  for (auto const& stream : streams) {
+    std::string const url = std::string("rtsp://127.0.0.1/") + stream.session.name;
     RtspClient tcp(port, false, 0, strict ? 10000 : impatient);
     RtspClient udp(port, false, 0, strict ? 10000 : impatient);
     require(tcp.play(url), "no viewer over TCP");
@@ -189,6 +248,7 @@ void script(std::uint32_t port, bool strict) {
     tcp.request("PLAY", url);
     submit(streams, 2);
     udp.request("TEARDOWN", url);
+    require(stream.encodedFrames == 0 || checkedFrames(tcp) > 0, "no encoded frame");
     requireService(port, streams, url);
   }
   call(KV_GET_INFO, streams[0].session);
