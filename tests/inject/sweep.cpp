@@ -241,6 +241,7 @@ void script(std::uint32_t port, bool strict) {
     submit(streams, 10);
     require(status().find("\"playing\"") != std::string::npos, "no status");
     require(tcp.hasPacket() && udp.hasPacket(), "no frame");
+    require(stream.encodedFrames == 0 || checkedFrames(tcp) > 0, "no encoded frame");
     tcp.sendReport();
     udp.sendReport();
     tcp.request("PAUSE", url);
@@ -248,7 +249,6 @@ void script(std::uint32_t port, bool strict) {
     tcp.request("PLAY", url);
     submit(streams, 2);
     udp.request("TEARDOWN", url);
-    require(stream.encodedFrames == 0 || checkedFrames(tcp) > 0, "no encoded frame");
     requireService(port, streams, url);
   }
   call(KV_GET_INFO, streams[0].session);
