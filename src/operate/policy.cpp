@@ -244,9 +244,9 @@ Policy readPolicy(std::string const& file) {
     toml::table const root = toml::parse(contentOf(file));
     Policy policy;
     fill(policy, Value(file, "", root));
-    auto const own = localAddress(policy.delivery.address.find(':') == std::string::npos ? AF_INET : AF_INET6,
-                                  policy.delivery.address);
-    if (!policy.delivery.address.empty() && own && !policy.allows(*own)) {
+    int const family = policy.delivery.address.find(':') == std::string::npos ? AF_INET : AF_INET6;
+    auto const own = localAddress(family, policy.delivery.address);
+    if (own && !isSameHost(*own, *localAddress(family, "")) && !policy.allows(*own)) {
       throw PolicyError(file + ":" + std::to_string(root["access"]["allow"].node()->source().begin.line) +
                         ": access.allow shuts out server.address, " + policy.delivery.address +
                         ": nobody can connect, not even from this machine");

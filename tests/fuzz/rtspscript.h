@@ -18,7 +18,7 @@ struct Step {
     Read = 'r',      // what has come
     Submit = 'h',    // the host submits a frame to each stream
     Remove = 'm',    // the host removes a session and creates it again
-    Policy = 'p',    // the policy file of that number is written
+    Policy = 'p',    // another policy file is written
     Restart = 'x',   // the host ends serving, and begins again under that policy
     Clock = 't',     // the monotonic clock jumps ahead
   };

@@ -23,6 +23,7 @@
 #include <fstream>
 #include <iterator>
 #include <kavo/stream.hpp>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -57,12 +58,18 @@ constexpr std::chrono::seconds longestWait{60};
 // The monotonic clock of this process is that far ahead. It goes forward alone.
 std::atomic<std::int64_t> g_SecondsAhead{0};
 
-// What an operator may have set, from nothing to what lets hardly anybody watch.
+// What an operator may have set, from nothing to what lets hardly anybody watch. With those behind
+// the first four no server starts; they may come while it runs.
+constexpr unsigned goodPolicies = 4;
 constexpr char const* policies[] = {
     "# nothing is set\n",
-    "[server]\nmax_connections = 6\nmax_viewers = 4\nmax_viewers_per_address = 3\n[delivery]\npace_mbit = 1\n",
-    "[access]\nallow = ['127.0.0.1']\n[delivery]\nmax_packet = 600\n[encoding]\nparallel = true\n",
-    "[access.users]\na = 'b'\n",
+    "[server]\nmax_connections = 2\nmax_viewers = 2\nmax_viewers_per_address = 1\n[delivery]\npace_mbit = 1\n",
+    "[access]\nallow = ['::1', '127.0.0.1']\n[delivery]\nmax_packet = 600\n[encoding]\nparallel = true\n",
+    "[access]\nrealm = 'r'\n[access.users]\na = 'b'\n'c d' = 'e'\n",
+    "[server]\nmax_viewers = 'many'\n",
+    "[access]\nallow = ['127.0.0.1/8']\n",
+    "[access.users]\na = 5\n",
+    "[server",
 };
 
 // The host: an H.264 stream of small pictures, and one of large key frames that were encoded elsewhere.
@@ -98,10 +105,12 @@ class Host {
   }
 
   void restart(unsigned policy) {
-    setPolicy(policy);
+    setPolicy(policy % goodPolicies);
     m_Raw.reset();
     m_Encoded.reset();
     m_Sessions = {};
+    std::lock_guard const lock(m_Mutex);  // a session may get the handle of one that ended
+    ++m_ServerNumber;
     m_Server.reset();
     m_IsRemoved = false;
     for (int attempt = 0; !m_Server; ++attempt) {
@@ -142,31 +151,45 @@ class Host {
     return kv_Stream(command, &record, sizeof record) == KV_OK;
   }
 
+  // The record that submits, if there is a server.
+  std::optional<kv_frame_record> createFirst() const {
+    kv_session_record session{};
+    for (char* const text : {session.name, session.info, session.description}) {
+      std::strcpy(text, names[0]);
+    }
+    if (!call(KV_CREATE_SESSION, session)) {
+      return std::nullopt;
+    }
+    kv_video_record video{};
+    video.src_width = video.src_height = video.dst_width = video.dst_height = size;
+    video.dst_codec = KV_CODEC_MJPEG;
+    video.frame_rate = 25;
+    video.bitrate = 100000;
+    kv_stream_record stream{};
+    stream.handle = session.handle;
+    stream.video = &video;
+    call(KV_CREATE_STREAM, stream);
+    kv_frame_record frame{};
+    frame.handle = session.handle;
+    frame.stream = stream.stream;
+    frame.frame = picture.data();
+    return frame;
+  }
+
   void submitAlways(std::stop_token const& stop) {
     while (!stop.stop_requested()) {
-      kv_session_record session{};
-      for (char* const text : {session.name, session.info, session.description}) {
-        std::strcpy(text, names[0]);
+      std::unique_lock lock(m_Mutex);
+      unsigned const server = m_ServerNumber;
+      auto frame = createFirst();
+      lock.unlock();
+      while (frame && !m_IsRemoved.exchange(false) && !stop.stop_requested() && call(KV_SUBMIT_FRAME, *frame)) {
+        std::this_thread::sleep_for(framePeriod);
       }
-      kv_video_record video{};
-      video.src_width = video.src_height = video.dst_width = video.dst_height = size;
-      video.dst_codec = KV_CODEC_MJPEG;
-      video.frame_rate = 25;
-      video.bitrate = 100000;
-      kv_stream_record stream{};
-      stream.video = &video;
-      if (call(KV_CREATE_SESSION, session)) {
-        stream.handle = session.handle;
-        call(KV_CREATE_STREAM, stream);
-        kv_frame_record frame{};
-        frame.handle = session.handle;
-        frame.stream = stream.stream;
-        frame.frame = picture.data();
-        while (!m_IsRemoved.exchange(false) && !stop.stop_requested() && call(KV_SUBMIT_FRAME, frame)) {
-          std::this_thread::sleep_for(framePeriod);
-        }
-        kv_Stream(KV_REMOVE_SESSION, session.handle, sizeof(void*));
+      lock.lock();
+      if (frame && server == m_ServerNumber) {
+        kv_Stream(KV_REMOVE_SESSION, frame->handle, sizeof(void*));
       }
+      lock.unlock();
       std::this_thread::sleep_for(framePeriod);
     }
   }
@@ -184,6 +207,8 @@ class Host {
     frame.resize(90000, 0x55);
     return frame;
   }();
+  std::mutex m_Mutex;
+  unsigned m_ServerNumber = 0;
   std::atomic<bool> m_IsRemoved = false;
   std::jthread const m_SecondThread{[this](std::stop_token const& stop) { submitAlways(stop); }};
 };
@@ -370,7 +395,7 @@ void run(Script const& script, Host& host) {
         host.remove(step.connection);
         break;
       case Step::Kind::Policy:
-        host.setPolicy(step.connection);
+        host.setPolicy(step.connection + static_cast<unsigned>(bytes.size()));
         break;
       case Step::Kind::Restart:
         host.restart(step.connection);

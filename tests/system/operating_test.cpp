@@ -344,8 +344,13 @@ TEST_F(OperatingServer, APolicyThatMakesNoSenseLetsNothingStart) {
     EXPECT_EQ(m_Host.serveOn(freePort()), KV_RESOURCE_FAILURE) << reason;
     EXPECT_NE(::testing::internal::GetCapturedStderr().find(reason), std::string::npos) << reason;
   }
-  usePolicy("# nothing is set\n");
-  m_Host.serve();
+  for (auto const* good :
+       {"# nothing is set\n", "[server]\naddress = '0.0.0.0'\n[access]\nallow = ['192.168.1.0/24']\n",
+        "[server]\naddress = '::'\n[access]\nallow = ['::1']\n"}) {
+    usePolicy(good);
+    EXPECT_EQ(m_Host.serveOn(freePort()), KV_OK) << good;
+    m_Host.exit();
+  }
 }
 
 TEST_F(OperatingServer, LimitsAndRangesAreKept) {
