@@ -50,7 +50,10 @@ struct Player {
 
 class ViewersTest : public ::testing::Test, public Stream {
  protected:
-  void wantKeyFrame(bool wanted) override { m_KeyFramesWanted += wanted ? 1 : 0; }
+  void wantKeyFrame(bool wanted) override {
+    m_KeyFramesWanted += wanted ? 1 : 0;
+    m_IsKeyFrameWanted = wanted;
+  }
   bool hasKeyFramesOnly() const override { return false; }
   Viewer::Clock::duration freshness() const override { return 1h; }
   SenderInfo senderInfo() override {
@@ -102,6 +105,7 @@ class ViewersTest : public ::testing::Test, public Stream {
   std::uint32_t m_Frames = 0;
   std::uint64_t m_Ntp = 0;
   int m_KeyFramesWanted = 0;
+  bool m_IsKeyFrameWanted = false;
   std::unique_ptr<Viewers> m_Viewers = std::make_unique<Viewers>(
       *m_Scheduler, DeliveryContext{.policy = {.address = "", .paceMbit = 8}}, *this, m_Observer);
 };
@@ -210,7 +214,9 @@ TEST_F(ViewersTest, AViewerWhosePathNarrowsWaitsForAKeyFrame) {
   EXPECT_EQ(receiver.frames(), "A");
   EXPECT_GT(m_KeyFramesWanted, 0);
   EXPECT_LT(m_Viewers->maxPacket(), before);
+  EXPECT_TRUE(m_IsKeyFrameWanted);
   send(small, true);
+  EXPECT_FALSE(m_IsKeyFrameWanted) << "there is one now";
   send(small, false);
   EXPECT_EQ(receiver.frames(), "ADE");
 }

@@ -73,6 +73,14 @@ TEST(JpegImage, IsTakenInEveryFormThatRtpCanSay) {
        },
        1, 0},
       {"with padding", [](Bytes& b) { b.resize(b.size() + 1000); }, 1, 0},
+      {"with more restarts than there are markers for",
+       [&](Bytes& b) {
+         insertInterval(b);
+         for (int i = 0; i <= 8; ++i) {
+           b.insert(b.end() - 2, {0x11, 0xFF, static_cast<std::uint8_t>(0xD0 + i % 8)});
+         }
+       },
+       65, 7},
   };
   for (Case const& c : cases) {
     Bytes bytes = good;

@@ -102,7 +102,7 @@ TEST(Packetizers, OfJpegKeepTheImage) {
       Bytes const scan = nalUnit(1, size, random);
       packets.begin(rtpHeader);
       bool const hasRestarts = size % 2 == 0;
-      auto const type = static_cast<std::uint8_t>(hasRestarts ? 65 : 1);
+      auto const type = static_cast<std::uint8_t>(hasRestarts ? 64 + size / 2 % 2 : 1);
       packetizeJpeg({.type = type,
                      .q = 195,
                      .width = 80,

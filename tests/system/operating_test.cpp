@@ -384,7 +384,7 @@ TEST_F(OperatingServer, LimitsAndRangesAreKept) {
     EXPECT_TRUE(second.isClosedWhileReading());
   }
   m_Host.exit();
-  usePolicy("[access]\nallow = ['192.0.2.0/24', '::1']\n");
+  usePolicy("[access]\nallow = ['192.0.2.0/24', '::/0']\n");
   m_Host.serveLive("stream");
   RtspClient refused(m_Host.port());
   EXPECT_TRUE(refused.isClosedWhileReading());

@@ -62,7 +62,8 @@ TEST_P(Timeouts, WithoutAConnectionAViewerLivesByAnsweringReports) {
   EXPECT_TRUE(lives(viewers[1].session()));
 }
 
-// Over IPv6 too when the stream was first watched over IPv4, and when others have gone.
+// Over IPv6 too when the stream was first watched over IPv4, and when others have gone; and, behind
+// NAT, where its reports come from another port from some time on.
 TEST_P(Timeouts, AViewerOverUdpLivesByItsReports) {
   RtspClient silent(m_Publisher.port());
   RtspClient viewers[] = {RtspClient(m_Publisher.port()), RtspClient(m_Publisher.port(), true),
@@ -71,9 +72,14 @@ TEST_P(Timeouts, AViewerOverUdpLivesByItsReports) {
   for (auto& viewer : viewers) {
     ASSERT_TRUE(viewer.playOverUdp(url()));
   }
-  pass(130, [&] {
+  pass(130, [&, round = 0]() mutable {
+    ++round;
     for (auto& viewer : viewers) {
-      viewer.sendReport();
+      if (&viewer == &viewers[1] && round > 3) {
+        viewer.sendFromElsewhere({0x80, 201, 0, 1, 0, 0, 0, 9}, 1);
+      } else {
+        viewer.sendReport();
+      }
     }
   });
   for (auto& viewer : viewers) {
