@@ -57,7 +57,7 @@ constexpr char const* statusRequests[] = {
     "POST / HTTP/1.1\r\nHost: example.com\r\n\r\n",
 };
 
-// Receiver reports (without and with a block, which tells of loss), BYE, picture loss indication, full
+// Receiver reports (without and with a block, which reports loss), BYE, picture loss indication, full
 // intra request. Of the viewer's stream: {RR} is its SSRC, {LR} the time of its last sender report.
 std::string const sender = {0, 0, 0, 9};
 std::string const reports[] = {
