@@ -246,7 +246,8 @@ Policy readPolicy(std::string const& file) {
     fill(policy, Value(file, "", root));
     int const family = policy.delivery.address.find(':') == std::string::npos ? AF_INET : AF_INET6;
     auto const own = localAddress(family, policy.delivery.address);
-    if (own && !isSameHost(*own, *localAddress(family, "")) && !policy.allows(*own)) {
+    auto const every = localAddress(family, "");
+    if (own && every && !isSameHost(*own, *every) && !policy.allows(*own)) {
       throw PolicyError(file + ":" + std::to_string(root["access"]["allow"].node()->source().begin.line) +
                         ": access.allow shuts out server.address, " + policy.delivery.address +
                         ": nobody can connect, not even from this machine");
