@@ -22,7 +22,7 @@ inline in_port_t& portOf(sockaddr_storage& address) {  // network byte order
 }
 inline in_port_t portOf(sockaddr_storage const& address) { return portOf(const_cast<sockaddr_storage&>(address)); }
 
-// Whether both are of one host, whatever their ports.
+// Whether both have the same IP address; ports are ignored.
 inline bool isSameHost(sockaddr_storage const& a, sockaddr_storage const& b) {
   if (a.ss_family != b.ss_family) {
     return false;
@@ -37,7 +37,7 @@ inline bool isSameHost(sockaddr_storage const& a, sockaddr_storage const& b) {
          reinterpret_cast<sockaddr_in const&>(b).sin_addr.s_addr;
 }
 
-// What counts as one client: an IPv4 address, or the /64 that an IPv6 address is in.
+// What limits count as one client: an IPv4 address, or the /64 network of an IPv6 address.
 using Network = std::array<std::uint8_t, 9>;
 inline Network networkOf(sockaddr_storage const& address) {
   Network network{static_cast<std::uint8_t>(address.ss_family)};
@@ -55,11 +55,11 @@ inline bool isLoopback(sockaddr_storage const& address) {
              : ntohl(reinterpret_cast<sockaddr_in const&>(address).sin_addr.s_addr) >> 24 == IN_LOOPBACKNET;
 }
 
-// The address in the text, or any of the family if it is empty; without a port.
-// Nothing if it is not of the family.
+// Parses an address of the family; an empty text is the wildcard address. The port is 0.
+// nullopt if the text is not an address of that family.
 std::optional<sockaddr_storage> localAddress(int family, std::string const& text);
 
-// One of this machine's that others can reach it by, IPv4 before IPv6; 127.0.0.1 while it has none.
+// An address at which others can reach this machine, preferably IPv4; 127.0.0.1 if it has none.
 std::string machineAddress();
 
 // Such as 192.0.2.7:5000 or [2001:db8::7]:5000.

@@ -1,4 +1,4 @@
-// For objects that outlive static destruction, while other threads may still call. Any thread.
+// Objects that outlive static destruction, because other threads may still use them. Any thread.
 #pragma once
 
 #include <cstddef>
@@ -26,8 +26,8 @@ class NoDestroy : NonCopyable {
   alignas(T) mutable std::byte m_Bytes[sizeof(T)];
 };
 
-// Allocates from a static block and never frees: for containers that are filled when
-// the library is loaded, and never changed.
+// Allocates from a static block and never frees, for containers that are filled when
+// the library is loaded and do not change afterwards.
 template <class T>
 struct InPlaceAllocator {
   using value_type = T;

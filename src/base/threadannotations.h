@@ -1,17 +1,17 @@
 // Names for clang's thread-safety analysis, and mutexes that carry them.
 //
-// Three words are used throughout the library:
+// Comments throughout the library use three terms:
 //   host thread        a thread of the application, inside a call of kv_Stream;
 //   event-loop thread  the one thread that runs live555's event loop;
 //   any thread         either of the two.
 //
-// Lock order, outermost first; a thread that holds one of them takes only
-// those further down:
-//   1. SessionManager::m_Mutex   (host threads only; not by submits that run in parallel)
+// Lock order, outermost first; a thread that holds one of them acquires only
+// those below it:
+//   1. SessionManager::m_Mutex   (host threads only; not taken by parallel submits)
 //   2. Session::m_Mutex          (host threads only)
 //   3. LiveDemandSession's m_Mutex
-//   4. SessionManager::m_RegistryMutex, FrameSourceHandler::m_Mutex and the status page's
-//      of stream records (innermost; none is held while another is taken)
+//   4. SessionManager::m_RegistryMutex, FrameSourceHandler::m_Mutex and Journal::m_Mutex
+//      (innermost: no thread holds two of them)
 #pragma once
 
 #include <mutex>
@@ -31,7 +31,7 @@
 #define KAVO_EXCLUDES(...) KAVO_THREAD_ATTRIBUTE(locks_excluded(__VA_ARGS__))
 #define KAVO_ACQUIRE(...) KAVO_THREAD_ATTRIBUTE(acquire_capability(__VA_ARGS__))
 #define KAVO_RELEASE(...) KAVO_THREAD_ATTRIBUTE(release_capability(__VA_ARGS__))
-// For a function that calls its caller back, with the locks that the caller holds.
+// For functions that call back into their caller while it holds the locks.
 #define KAVO_NO_ANALYSIS KAVO_THREAD_ATTRIBUTE(no_thread_safety_analysis)
 #define KAVO_ASSERTS(x) KAVO_THREAD_ATTRIBUTE(assert_capability(x))
 

@@ -1,4 +1,4 @@
-// What a stream is made of: the host's video parameters, as every codec class copies them.
+// The host's video parameters. Each codec class keeps its own copy.
 #pragma once
 
 #include <cstdint>
@@ -12,12 +12,12 @@ class ICodecParameter {
   virtual std::int32_t GetBitrate() const { return m_Bitrate; }
 
   std::int32_t m_MediaType = 0;  // 0: video
-  std::int32_t m_Bitrate = 0;    // bits per second; see JpegEncoder for what JPEG makes of it
+  std::int32_t m_Bitrate = 0;    // bits per second; JpegEncoder interprets it differently
 };
 
 inline constexpr std::int32_t MediaTypeVideo = 0;
 
-// Pixel formats and codec ids are the host's numbers here (see hostnumbers.h).
+// Pixel formats and codec ids are the host's numbers (see hostnumbers.h).
 class VideoCodecParameter : public ICodecParameter {
  public:
   std::int32_t m_DstWidth = 0;  // encoded frame, pixels

@@ -1,7 +1,6 @@
-// The pixel format and codec numbers of the host's boundary. They are those of
-// libavutil 54 and libavcodec 56, permanently; newer FFmpeg uses other values for
-// some of them, translated in hostnumbers.cpp.
-// Any thread.
+// The pixel format and codec numbers that hosts use. They are fixed to the values of
+// libavutil 54 and libavcodec 56; where newer FFmpeg versions differ, hostnumbers.cpp
+// translates. Any thread.
 #pragma once
 
 #include <cstdint>
@@ -13,11 +12,11 @@ extern "C" {
 
 namespace kavo::impl {
 
-// The linked FFmpeg's value for the host's number; AV_PIX_FMT_NONE for a number
-// that is none of the ten formats a host may submit.
+// The linked FFmpeg's value for the host's number; AV_PIX_FMT_NONE unless it is one of
+// the ten formats that hosts may submit.
 AVPixelFormat pixelFormatOf(std::int32_t hostNumber);
 
-// The linked FFmpeg's value; AV_CODEC_ID_NONE for a number the boundary does not know.
+// The linked FFmpeg's value; AV_CODEC_ID_NONE for an unknown number.
 AVCodecID codecIdOf(std::int32_t hostNumber);
 
 }  // namespace kavo::impl

@@ -1,5 +1,5 @@
-// What both encoders share: validated parameters, the frame that wraps the
-// host's memory and the scaled frame that is encoded. Host thread, one at a time.
+// The common base of both encoders: validated parameters, a frame that wraps the
+// host's memory, and the scaled frame to encode. Host thread, one at a time.
 #pragma once
 
 #include <cstdint>
@@ -22,15 +22,15 @@ class IEncoder : NonCopyable {
  public:
   virtual ~IEncoder() = default;
 
-  // Encodes one raw frame, tightly packed in the layout the parameters give. It is
-  // read during the call only. The packet arrives zeroed; its payload, if
-  // there is one, then belongs to the caller (av_packet_unref).
+  // Encodes one raw frame, tightly packed in the layout that the parameters specify. The
+  // frame is read only during the call. The caller passes a zeroed packet and owns its
+  // payload, if any, afterwards (av_packet_unref).
   virtual void encode(unsigned char const* frame, AVPacket& packet) = 0;
 
   // Makes the next frame a key frame; a no-op for intra-only codecs.
   virtual void requestKeyFrame() {}
 
-  // Parameter sets for the SDP, in Annex B form; empty for codecs without any.
+  // The parameter sets for the SDP in Annex B form; empty for codecs that have none.
   virtual std::vector<std::uint8_t> parameterSets() { return {}; }
 
  protected:
@@ -38,8 +38,8 @@ class IEncoder : NonCopyable {
   // FFmpeg's log for the process.
   explicit IEncoder(VideoCodecParameter const& parameter);
 
-  // Allocates both frames and the scaler; called once by each encoder, when its
-  // m_DstPixelFmt is set.
+  // Allocates both frames and the scaler. Each encoder calls it once, after setting
+  // m_DstPixelFmt.
   void allocFrame();
   void allocSrcFrame();
   void allocDstFrame();

@@ -1,4 +1,4 @@
-// The stage of a stream that declares JPEG input. Host thread.
+// The decoder stage of a stream that declares JPEG input. Host thread.
 #pragma once
 
 #include "codec/idecoder.h"
@@ -10,9 +10,8 @@ class JpegDecoder : public IDecoder {
   // Throws when libavcodec has no working MJPEG decoder.
   explicit JpegDecoder(VideoCodecParameter const& parameter);
 
-  // Leaves frame and packet as they are. A frame arrives as a pointer without a
-  // length, so JPEG data cannot be distinguished from a raw frame: hosts submit raw
-  // frames whatever input they declare.
+  // Does nothing. A frame is a pointer without a length, so JPEG data cannot be told
+  // from a raw frame: hosts submit raw frames whatever input they declare.
   void decode(unsigned char const* frame, AVPacket& packet) override;
 };
 

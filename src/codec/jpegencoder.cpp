@@ -12,7 +12,7 @@ namespace kavo::impl {
 
 namespace {
 
-// Out of memory is not the codec's refusal.
+// Running out of memory is not a codec failure.
 int errorOf(int result) { return result == AVERROR(ENOMEM) ? ErrorResource : ErrorCodec; }
 
 }  // namespace
@@ -40,16 +40,16 @@ void JpegEncoder::openCodec() {
   m_CodecContext->bit_rate_tolerance = m_Parameter.m_Bitrate;
   m_CodecContext->width = m_Parameter.m_DstWidth;
   m_CodecContext->height = m_Parameter.m_DstHeight;
-  // One frame a second as far as rate control knows: the bitrate is in effect
-  // the size of each frame in bits, whatever the real frame rate.
+  // Rate control assumes one frame a second, so the bitrate is in effect the size of
+  // each frame in bits, whatever the real frame rate.
   m_CodecContext->time_base = {1, 1};
   m_CodecContext->pix_fmt = pixelFormatOf(m_Parameter.m_DstPixelFmt);
   m_CodecContext->qcompress = 1.0F;
   m_CodecContext->qmin = 1;
   m_CodecContext->qmax = 100;
 
-  // RTP/JPEG carries no Huffman tables, receivers use the standard ones; with
-  // FFmpeg's default, optimised tables, they would decode garbage.
+  // RTP/JPEG carries no Huffman tables: receivers assume the standard ones and would
+  // decode garbage with the optimized tables that are FFmpeg's default.
   AVDictionary* options = nullptr;
   av_dict_set(&options, "huffman", "default", 0);
   int const opened = avcodec_open2(m_CodecContext.get(), codec, &options);
@@ -62,7 +62,7 @@ void JpegEncoder::openCodec() {
 void JpegEncoder::encode(unsigned char const* frame, AVPacket& packet) {
   scaleFrame(frame);
   int result = avcodec_send_frame(m_CodecContext.get(), m_DstFrame.get());
-  if (result == AVERROR(EAGAIN)) {  // an image that could not be received before
+  if (result == AVERROR(EAGAIN)) {  // an earlier image could not be received
     result = avcodec_receive_packet(m_CodecContext.get(), &packet);
     av_packet_unref(&packet);
     result = result < 0 ? result : avcodec_send_frame(m_CodecContext.get(), m_DstFrame.get());

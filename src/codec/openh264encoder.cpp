@@ -15,7 +15,7 @@ namespace {
 
 constexpr int startCodeSize = 4;
 
-// The size is checked before OpenH264 is looked for.
+// Checks the size before loading OpenH264.
 OpenH264Library libraryFor(VideoCodecParameter const& parameter) {
   if (parameter.m_DstWidth > OpenH264Encoder::maxWidth || parameter.m_DstHeight > OpenH264Encoder::maxHeight) {
     throw StreamException("AVCodec invalid frame size", ErrorCodec);
@@ -33,7 +33,7 @@ OpenH264Encoder::OpenH264Encoder(VideoCodecParameter const& parameter)
   setOption(ENCODER_OPTION_DATAFORMAT, videoFormatI420);
   setOption(ENCODER_OPTION_IDR_INTERVAL, 2 * std::min(m_Parameter.m_FrameRate, std::numeric_limits<int>::max() / 2));
   setOption(ENCODER_OPTION_RC_FRAME_SKIP, 1);
-  // Otherwise each key frame has sets of its own, and the description's are those of the first alone.
+  // Otherwise every key frame gets new parameter sets, and those in the SDP match only the first.
   setOption(ENCODER_OPTION_SPS_PPS_ID_STRATEGY, CONSTANT_ID);
   allocFrame();
 }
@@ -85,15 +85,15 @@ void OpenH264Encoder::encode(unsigned char const* frame, AVPacket& packet) {
   if (av_new_packet(&packet, size) != 0) {
     throw StreamException("AVPacket allocation failed", ErrorResource);
   }
-  // All layers and NAL units are contiguous, starting at the first layer.
+  // Layers and NAL units are contiguous from the first layer on.
   std::memcpy(packet.data, info.sLayerInfo[0].pBsBuf + startCodeSize, static_cast<std::size_t>(size));
   if (info.eFrameType == videoFrameTypeIDR) {
     packet.flags |= AV_PKT_FLAG_KEY;
-    m_KeyFrameWanted = false;  // not before: rate control may have skipped the frame that was to be one
+    m_KeyFrameWanted = false;  // only now: rate control may skip the frame that should have become one
   }
 }
 
-// SPS and PPS, which need no frame.
+// SPS and PPS are available before the first frame.
 std::vector<std::uint8_t> OpenH264Encoder::parameterSets() {
   SFrameBSInfo info{};
   if (m_Encoder->EncodeParameterSets(&info) != 0 || info.iLayerNum < 1) {

@@ -14,9 +14,9 @@ class OpenH264Encoder : public IEncoder {
   explicit OpenH264Encoder(VideoCodecParameter const& parameter);
   ~OpenH264Encoder() override;
 
-  // The packet holds one access unit in Annex B form without its first start
-  // code; it is marked as a key frame when it is an IDR picture. It stays empty
-  // when rate control skipped the frame, or OpenH264 failed on it.
+  // The packet receives one access unit in Annex B form without the first start code,
+  // flagged as a key frame if it is an IDR picture. It stays empty when rate control
+  // skipped the frame or OpenH264 failed to encode it.
   void encode(unsigned char const* frame, AVPacket& packet) override;
   void requestKeyFrame() override { m_KeyFrameWanted = true; }
   std::vector<std::uint8_t> parameterSets() override;

@@ -21,8 +21,7 @@ bool isOurGeneration(decltype(&WelsGetCodecVersionEx) getVersion) {
   return version.uMajor == OPENH264_MAJOR && version.uMinor == OPENH264_MINOR;
 }
 
-// The plain name is the development package's link; the other is what the
-// run-time package alone installs.
+// The development package installs the first name, the run-time package only the second.
 constexpr char const* names[] = {"libopenh264.so", "libopenh264.so.8"};
 
 }  // namespace
@@ -37,9 +36,9 @@ OpenH264Library::OpenH264Library() {
 }
 
 bool OpenH264Library::open(char const* name) {
-  // Never closed. It stays in the process in any case (it has unique symbols),
-  // and the last encoder goes while this library itself is being unloaded, where
-  // the loader aborts the process if such a library is closed.
+  // Never closed: it has unique symbols and so stays loaded anyway, and the last encoder
+  // may be destroyed while this library is being unloaded, when closing such a library
+  // makes the loader abort the process.
   void* const library = dlopen(name, RTLD_LAZY | RTLD_LOCAL);
   if (library == nullptr) {
     return false;

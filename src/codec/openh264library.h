@@ -1,4 +1,4 @@
-// The OpenH264 shared library, loaded when an encoder first needs it. Host thread.
+// The OpenH264 shared library, loaded when an encoder needs it. Host thread.
 #pragma once
 
 #include <wels/codec_api.h>
@@ -9,9 +9,8 @@ namespace kavo::impl {
 
 class OpenH264Library {
  public:
-  // Throws "OpenH264 library initialization failed failed" when no library
-  // can be loaded that has the functions and the version of the header this is
-  // compiled with.
+  // Throws "OpenH264 library initialization failed failed" unless a library can be
+  // loaded that has the functions and the version of the header used at compile time.
   OpenH264Library();
 
   using DestroyEncoder = decltype(&WelsDestroySVCEncoder);

@@ -17,8 +17,8 @@ namespace kavo::impl {
 
 namespace {
 
-// libswscale's vector code reads up to this many bytes past a plane's end
-// (measured: 60), of which it uses nothing.
+// libswscale's vector code reads, but does not use, up to this many bytes past a plane's
+// end (60 were measured).
 constexpr std::size_t overread = 64;
 
 std::size_t bytesLeftInPage(std::uint8_t const* end) {
@@ -42,8 +42,8 @@ Scaler::Scaler(int srcWidth, int srcHeight, AVPixelFormat srcFormat, int dstWidt
 void Scaler::scale(AVFrame const& source, std::uint8_t const* frameEnd, AVFrame& destination) {
   Slice whole{{}, 0, source.height};
   std::copy_n(source.data, 4, whole.planes);
-  // Memory can end only where a page ends: with enough of the last page past
-  // the frame's end, an over-read stays in mapped memory.
+  // Mapped memory ends at a page boundary: if enough of the last page follows the frame,
+  // an over-read stays in mapped memory.
   if (bytesLeftInPage(frameEnd) >= overread) {
     scaleSlice(whole, source.linesize, destination);
     return;
@@ -57,9 +57,8 @@ void Scaler::scale(AVFrame const& source, std::uint8_t const* frameEnd, AVFrame&
   scaleSlice(copyOfTail(source, tail), source.linesize, destination);
 }
 
-// How many of the last rows are to be scaled from a copy, so that reading too
-// far in the rows above them stays inside the frame. libswscale wants slices to
-// start at an even row.
+// How many rows at the end must be scaled from a copy so that over-reads from the rows
+// above stay inside the frame. libswscale requires slices to start at an even row.
 int Scaler::tailRows(AVFrame const& source) const {
   int const lastPlane = planeCount(source) - 1;
   int const shift = lastPlane > 0 ? m_ChromaRowShift : 0;

@@ -1,5 +1,5 @@
-// Converts and resizes one raw frame to planar 4:2:0, never reading
-// outside the frame. Host thread.
+// Converts one raw frame to planar 4:2:0 and resizes it, without reading outside the
+// frame. Host thread.
 #pragma once
 
 #include <cstddef>
@@ -20,8 +20,8 @@ class Scaler {
   // Throws "SWS get context failed" when libswscale cannot do the conversion.
   Scaler(int srcWidth, int srcHeight, AVPixelFormat srcFormat, int dstWidth, int dstHeight);
 
-  // Scales from the host's memory that source's planes point into. Its rows are
-  // tightly packed, and frameEnd is one past its end.
+  // The source's planes point into the host's memory, tightly packed; frameEnd is one
+  // past its end.
   void scale(AVFrame const& source, std::uint8_t const* frameEnd, AVFrame& destination);
 
  private:

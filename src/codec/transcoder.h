@@ -14,8 +14,8 @@ namespace kavo::impl {
 
 class Transcoder : NonCopyable {
  public:
-  // Builds the stages for the parameters' codec ids, or throws what they throw;
-  // "Invalid codec parameter" for ids that there is no stage for.
+  // Builds the stages for the codec ids and throws what they throw, or "Invalid codec
+  // parameter" for unsupported ids.
   explicit Transcoder(VideoCodecParameter const* parameter);
   virtual ~Transcoder() = default;
 
@@ -27,7 +27,7 @@ class Transcoder : NonCopyable {
   std::vector<std::uint8_t> parameterSets() { return m_Encoder->parameterSets(); }
 
  private:
-  // In this order: an unusable input is reported before an unusable output.
+  // In this order, so that an unusable input is reported before an unusable output.
   std::shared_ptr<IDecoder> m_Decoder;
   std::shared_ptr<IEncoder> m_Encoder;
 };

@@ -1,4 +1,4 @@
-// One encoded frame with its RTP packets, shared by all that still send it.
+// One encoded frame with its RTP packets, shared by all transports that are still sending it.
 // Event-loop thread.
 #pragma once
 
@@ -15,17 +15,17 @@
 
 namespace kavo::impl {
 
-// Filled by the source, packetized by the sink, and unchanged from then on.
+// Filled by the source and packetized by the sink; immutable afterwards.
 class Frame : NonCopyable {
  public:
-  // A frame that is larger arrives truncated.
+  // Larger frames are truncated.
   static constexpr std::size_t largest = 8000000;
 
-  // Room for so many bytes, at most the largest; what was in it is lost.
+  // Makes room for that many bytes, up to the limit. Discards the content.
   std::span<std::uint8_t> reserve(std::size_t size) {
     size = std::min(size, largest);
     if (size > m_Size) {
-      // A quarter more than asked for, so that slowly growing frames rarely find it too small.
+      // A quarter more than requested, so that slowly growing frames rarely reallocate.
       m_Size = 0;
       std::size_t const rounded = std::min(largest, size + size / 4);
       m_Bytes.reset(new std::uint8_t[rounded]);
@@ -46,7 +46,7 @@ class Frame : NonCopyable {
 
 using FramePtr = std::shared_ptr<Frame>;
 
-// Frames whose memory is reused once the last reference is gone.
+// Reuses the memory of frames that nobody references any more.
 class FramePool {
  public:
   FramePtr take() {

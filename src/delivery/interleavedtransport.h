@@ -1,4 +1,4 @@
-// A viewer on its RTSP connection. Event-loop thread.
+// Delivers to a viewer over its RTSP connection. Event-loop thread.
 #pragma once
 
 #include <memory>
@@ -14,7 +14,7 @@ class InterleavedTransport : public Transport {
   InterleavedTransport(std::uint8_t rtpChannel, std::uint8_t rtcpChannel)
       : m_RtpChannel(rtpChannel), m_RtcpChannel(rtcpChannel) {}
 
-  // The connection that it sends on. Nothing is sent before.
+  // Sets the connection to send on. Nothing is sent before.
   void attach(std::shared_ptr<InterleavedWriter> writer) { m_Writer = std::move(writer); }
 
   Outcome send(FramePtr const& frame, Clock::time_point now) override KAVO_REQUIRES(eventLoopRole) {
@@ -35,7 +35,7 @@ class InterleavedTransport : public Transport {
   InterleavedTransport* interleaved() override { return this; }
 
   bool usesChannel(int channel) const { return channel == m_RtpChannel || channel == m_RtcpChannel; }
-  // Whether the viewer has taken anything since the last call.
+  // Whether the viewer has received anything since the last call.
   bool takeProgress() KAVO_REQUIRES(eventLoopRole) { return m_Writer && m_Writer->takeProgress(m_RtpChannel); }
 
  private:

@@ -15,12 +15,12 @@ namespace kavo::impl {
 
 namespace {
 
-// The kernel accepts a frame only when it has sent all before (checked where a
-// record ended). It cannot give frames back, so a viewer that resumes reading
-// would get old ones first.
+// The kernel accepts a frame only after sending everything before it (it checks at the
+// end of a record). Frames in the kernel cannot be dropped, so a viewer that resumes
+// reading would get old ones first.
 constexpr int unsentInKernel = 1;
 
-// The most that one system call takes.
+// The limit of one system call.
 constexpr std::size_t maxPieces = 1024;
 
 std::size_t sizeOf(std::span<iovec const> pieces) {
@@ -42,21 +42,21 @@ InterleavedWriter::InterleavedWriter(TaskScheduler& scheduler, int socket, std::
         }
       }) {
   int const on = 1;
-  // A frame's last packet would wait for the client's delayed acknowledgement, 40 ms.
+  // Otherwise the last packet of a frame waits up to 40 ms for the client's delayed acknowledgement.
   setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
   setsockopt(socket, IPPROTO_TCP, TCP_NOTSENT_LOWAT, &unsentInKernel, sizeof unsentInKernel);
 }
 
 void InterleavedWriter::close() {
-  m_Socket = -1;  // the number may be another connection's soon
+  m_Socket = -1;  // another connection may soon have the number
   m_Waiting.clear();
   m_FrontOffset = 0;
   m_Blocked = false;
   m_NextTry.stop();
 }
 
-// live555 ignores how much of a response the socket took, so one is only made
-// where the kernel calls the socket writable: a third of its buffer is free.
+// live555 does not check how much of a response the socket accepted, so a response is
+// allowed only while the kernel reports the socket writable: a third of its buffer is free.
 bool InterleavedWriter::prepareForResponse() {
   pollfd socket{m_Socket, POLLOUT, 0};
   if (m_FrontOffset == 0 && poll(&socket, 1, 0) > 0) {
@@ -70,7 +70,7 @@ bool InterleavedWriter::prepareForResponse() {
 Transport::Outcome InterleavedWriter::sendFrame(FramePtr const& frame, std::uint8_t channel, Clock::time_point now) {
   Transport::Outcome outcome;
   if (!m_Waiting.empty() && (frame->isKeyFrame || isBehind(*frame, channel, now))) {
-    outcome = {.accepted = frame->isKeyFrame, .dropped = dropUnsent(channel)};  // which a key frame makes needless
+    outcome = {.accepted = frame->isKeyFrame, .dropped = dropUnsent(channel)};  // a key frame supersedes it
   }
   if (m_Socket >= 0 && outcome.accepted) {
     std::size_t const sent = m_Blocked || !hasRoom() ? 0 : write(frame->packets.interleaved(channel), 0, channel);
@@ -95,9 +95,9 @@ void InterleavedWriter::sendReport(std::span<std::uint8_t const> report, std::ui
   }
 }
 
-// Without memory for the rest of what was begun, the connection is of no use.
+// Without memory for the rest of a frame partly sent, the connection is unusable.
 void InterleavedWriter::giveUp() {
-  shutdown(m_Socket, SHUT_RDWR);  // which its owner will read
+  shutdown(m_Socket, SHUT_RDWR);  // its owner sees the end when it reads
   close();
 }
 
@@ -117,13 +117,13 @@ void InterleavedWriter::wait(Waiting waiting, std::size_t sent) {
   }
 }
 
-// Whether a frame may be begun; if not, flush() is called when one may.
+// Whether a new frame may be started. If not, flush() is called as soon as it may.
 bool InterleavedWriter::hasRoom() {
   eventLoopRole.assertHeld();
   auto const time = untilPathTakesMore(m_Socket);
   if (time > time.zero()) {
     m_Blocked = true;
-    setWriteInterest(false);  // the socket would take more
+    setWriteInterest(false);  // the socket itself would accept more
     m_NextTry.start(time);
   }
   return time == time.zero();
@@ -147,7 +147,7 @@ void InterleavedWriter::cancel(std::uint8_t channel) {
   }
 }
 
-// Whether what waits would come too late with the next frame, or be too much.
+// Whether the queued frames would be too old, or too large together with the next one.
 bool InterleavedWriter::isBehind(Frame const& next, std::uint8_t channel, Clock::time_point now) const {
   std::size_t bytes = 0;
   bool late = false;
@@ -196,8 +196,8 @@ void InterleavedWriter::flush() {
   }
 }
 
-// How much the socket took of what follows the bytes to skip. A broken one takes nothing
-// more; its connection finds out when it reads.
+// Returns how many bytes the socket accepted after those to skip. A broken socket accepts
+// none; the connection notices when it reads.
 std::size_t InterleavedWriter::write(std::span<iovec const> pieces, std::size_t skip, std::uint8_t channel) {
   for (; !pieces.empty() && skip >= pieces[0].iov_len; pieces = pieces.subspan(1)) {
     skip -= pieces[0].iov_len;
@@ -228,7 +228,7 @@ std::size_t InterleavedWriter::write(std::span<iovec const> pieces, std::size_t 
   return total;
 }
 
-// A viewer that nothing waits for is not stalled, such as a paused one.
+// A viewer without anything queued, such as a paused one, is not stalled.
 bool InterleavedWriter::isStalled(Clock::time_point now) const {
   return now - m_LastProgress > stallTimeout && !std::ranges::all_of(m_Waiting, &Waiting::cancelled);
 }

@@ -25,7 +25,7 @@ void KeyFrameDemand::reported(ReceiverReport const& report, bool overUdp) {
 
 void KeyFrameDemand::blockReported(ReportBlock const& block) {
   std::int32_t const lost = block.packetsLost - m_PacketsLost;
-  // What was lost before the last key frame does no harm any more.
+  // Losses before the last key frame do no more harm.
   bool const isAfterKeyFrame =
       m_LastKeyFrame == Clock::time_point{} ||
       static_cast<std::int16_t>(static_cast<std::uint16_t>(block.highestSequence) - m_KeyFrame) >= 0;

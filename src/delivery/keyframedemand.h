@@ -1,6 +1,6 @@
-// When a viewer asks for a key frame: because it reports damage, or because it was too slow
-// for a frame. Key frames cost all viewers' quality, so a viewer that asks all the time
-// gets few of them. Event-loop thread.
+// Decides when one viewer requests a key frame: after it reported damage, or was too slow
+// for a frame. Key frames reduce every viewer's quality, so a viewer that requests them
+// constantly gets few. Event-loop thread.
 #pragma once
 
 #include <chrono>
@@ -14,14 +14,15 @@ class KeyFrameDemand {
  public:
   using Clock = std::chrono::steady_clock;
 
-  // The viewer has reported; over TCP it loses nothing, whatever it says.
+  // The viewer has sent a report. Over TCP it cannot lose packets, whatever it reports.
   void reported(ReceiverReport const& report, bool overUdp);
-  // It was too slow.
+  // The viewer was too slow for a frame.
   void fellBehind() { m_IsNeeded = m_IsBehind = true; }
-  // A key frame that begins with this packet is on its way to it.
+  // A key frame, starting with this sequence number, is on its way to the viewer.
   void keyFrameSent(std::uint16_t sequence, Clock::time_point now);
-  // True when it asks for one now; the next must wait then: half a second, or two seconds
-  // where it was too slow, loses all the time or has asked three times in a row.
+  // Whether it requests a key frame now. If so, the next request has to wait for half a
+  // second, or for two if the viewer was too slow, keeps losing packets or has made three
+  // requests in a row.
   bool take(Clock::time_point now);
 
  private:
@@ -34,11 +35,11 @@ class KeyFrameDemand {
   Clock::time_point m_LastKeyFrame{};
   Clock::time_point m_LastAsked{};
   int m_AskedInARow = 0;
-  // What its last report said.
+  // From its last report.
   bool m_HasReported = false;
   std::uint32_t m_HighestSequence = 0;
   std::int32_t m_PacketsLost = 0;
-  // Of the last few hundred packets.
+  // Among the last few hundred packets.
   double m_RecentPackets = 0;
   double m_RecentLost = 0;
 };

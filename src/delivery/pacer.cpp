@@ -13,18 +13,18 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr int usualMbit = 100;
-// Switches queue 64 kB and more for a port, and sockets 208 kB.
+// Switches queue at least 64 kB for each port, and sockets 208 kB.
 constexpr std::size_t usualBurst = 49152;
-// Half of what a socket of 208 kB takes in packets of 1400 bytes, as the kernel counts them.
+// Half of what a socket of 208 kB holds in packets of 1400 bytes, by the kernel's accounting.
 constexpr std::size_t localBurst = 65536;
-// Where the operator names a pace, queues are small.
+// An operator who sets a pace has small queues.
 constexpr std::size_t smallBurst = 12288;
-// UDP, IP and Ethernet headers, which a link carries too.
+// UDP, IP and Ethernet headers, which also take up the link.
 constexpr std::size_t headerSize = 46;
 
-// Of the demand: frames are to be through a little before the next ones come.
+// Over the demand, so that frames are through a little before the next ones arrive.
 constexpr double margin = 1.1;
-// A single large frame is no demand: it may take longer than until the next one.
+// A single large frame does not raise the rate: it may take longer than one frame interval.
 constexpr auto demandPeriod = 1s;
 
 double bytesPerMicrosecond(int mbit) { return mbit / 8.0; }
@@ -77,7 +77,7 @@ std::size_t Pacer::Path::room(Clock::time_point now) const {
 
 std::chrono::microseconds Pacer::Path::until(std::size_t bytes, Clock::time_point now) const {
   double const limit = burst() * 2 / 3;
-  // Of more than half, the link would idle where this thread wakes late.
+  // Waiting for more than half would let the link idle when this thread wakes late.
   double const excess = queued(now) + std::min(static_cast<double>(bytes), limit / 2) - limit;
   return std::chrono::microseconds(static_cast<std::int64_t>(std::ceil(std::max(0.0, excess) / rate())));
 }
@@ -85,7 +85,7 @@ std::chrono::microseconds Pacer::Path::until(std::size_t bytes, Clock::time_poin
 void Pacer::Path::offer(std::size_t bytes, std::size_t packets, Clock::time_point now) {
   auto const since = now - m_OfferedSince;
   if (since >= demandPeriod) {
-    double const queue = queued(now);  // at the rate until now
+    double const queue = queued(now);  // at the old rate
     m_Demand = m_Offered / microseconds(since);
     m_Offered = 0;
     m_OfferedSince = now;

@@ -1,4 +1,4 @@
-// How fast UDP leaves for each address: a token bucket, which all streams share.
+// Paces UDP to each address with a token bucket that all streams share.
 // Event-loop thread.
 #pragma once
 
@@ -18,29 +18,29 @@ class Pacer {
  public:
   using Clock = std::chrono::steady_clock;
 
-  // The path to one address, taken for a link of a certain rate with a queue in front of it:
+  // The path to one address, modelled as a link of some rate with a queue in front of it:
   //
-  //   queued(t) = queued(t0) + bytes sent - rate * (t - t0), from 0 to 2 * burst: what would be
-  //               more has left or was dropped
-  //   rate      = the usual one, or 1.1 times what all frames for the path came to in the last
-  //               second and more, if that is faster
-  //   burst     = the usual one, as many times as large as the rate is faster
-  //   room(t)   = burst where nothing is queued; else 2/3 burst - queued(t), since nothing shows
-  //               how late the queue began to drain
+  //   queued(t) = queued(t0) + bytes sent - rate * (t - t0), clamped to 0 to 2 * burst: anything
+  //               beyond has left or was dropped
+  //   rate      = the larger of the usual rate and 1.1 times the demand, which is the size of all
+  //               frames for the path in the last measuring period (at least a second)
+  //   burst     = the usual burst * rate / the usual rate
+  //   room(t)   = burst if nothing is queued, else 2/3 burst - queued(t), because we cannot see
+  //               when the queue began to drain
   class Path : NonCopyable {
    public:
     Path(sockaddr_storage const& address, double rate, std::size_t burst)
         : m_Address(address), m_UsualRate(rate), m_UsualBurst(burst) {}
 
     sockaddr_storage const& address() const { return m_Address; }
-    // Whether a frame of this size leaves at once, since ordinary queues take it.
+    // Whether a frame of this size is sent at once because ordinary queues hold it.
     bool takesAtOnce(std::size_t bytes) const { return bytes <= m_UsualBurst; }
     bool isIdle(Clock::time_point now) const { return queued(now) == 0; }
-    // Bytes that may leave now, and how long until so many may.
+    // How many bytes may be sent now, and how long until that many may.
     std::size_t room(Clock::time_point now) const;
     std::chrono::microseconds until(std::size_t bytes, Clock::time_point now) const;
 
-    // A frame for one viewer there, whether it will be sent or not; and packets that were sent.
+    // Records a frame for one viewer at the address, sent or not; and packets actually sent.
     void offer(std::size_t bytes, std::size_t packets, Clock::time_point now);
     void sent(std::size_t bytes, std::size_t packets, Clock::time_point now);
 
@@ -59,11 +59,11 @@ class Pacer {
     Clock::time_point m_OfferedSince{};
   };
 
-  // paceMbit is the operator's: Mbit/s, 0 for no pacing; without it 100.
+  // paceMbit is the operator's setting in Mbit/s; 0: no pacing; nullopt: 100.
   explicit Pacer(std::optional<int> paceMbit);
 
-  // The one of the address, whatever the port. On this machine there is no link to share, and
-  // each viewer has its own: the bottleneck is its socket.
+  // The path to the address, whatever the port. Viewers on this machine get a path each: there
+  // is no link to share, and the bottleneck is their socket.
   std::shared_ptr<Path> pathTo(sockaddr_storage const& address);
 
  private:

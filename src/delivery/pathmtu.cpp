@@ -11,7 +11,7 @@ std::optional<unsigned> maxUdpPayload(sockaddr_storage const& address) {
   int const headers = ipv6 ? 48 : 28;  // IP and UDP
   UniqueFd const probe(socket(address.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   sockaddr_storage remote = address;
-  portOf(remote) = htons(9);  // connecting takes a port; any will do
+  portOf(remote) = htons(9);  // connect() needs a port; any will do
   int mtu = 0;
   socklen_t size = sizeof mtu;
   if (probe.get() < 0 || connect(probe.get(), reinterpret_cast<sockaddr const*>(&remote), sizeOf(remote)) != 0 ||

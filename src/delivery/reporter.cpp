@@ -15,13 +15,14 @@ namespace kavo::impl {
 
 namespace {
 
-// Datagrams that are read before other sockets get their turn.
+// How many datagrams are read before other sockets are served.
 constexpr int datagramsInARow = 64;
 constexpr std::size_t maxDatagram = 1500;
-// A viewer that has not reported for this time may do so from another port of its address.
+// A viewer that has not reported for this long may report from another port of its address.
 constexpr std::chrono::seconds reportPortTimeout{10};
 
-// One report serves all viewers that are probed: answers refer to it, and there is room for few.
+// All viewers probed within this time get the same report: few sent reports are remembered for
+// the answers that refer to them.
 constexpr std::chrono::milliseconds probeInterval{500};
 
 std::uint32_t middleOf(std::uint64_t ntpTime) { return static_cast<std::uint32_t>(ntpTime >> 16); }
@@ -60,7 +61,7 @@ void Reporter::sendToAll() {
   }
 }
 
-void Reporter::sayGoodbye(Viewer& viewer) noexcept {
+void Reporter::sendBye(Viewer& viewer) noexcept {
   if (viewer.state() != Viewer::State::SetUp) {
     contained([&]() KAVO_REQUIRES(eventLoopRole) {
       viewer.transport().sendReport(makeSenderReport(m_Stream.senderInfo(), m_Cname, true));
@@ -92,7 +93,7 @@ void Reporter::handle(Viewer& viewer, std::span<std::uint8_t const> packet) {
   }
 }
 
-// Datagrams that are not a viewer's report cost the time to read them, no more.
+// Datagrams that are not a viewer's report cost only the time to read them.
 void Reporter::receive(int socket) {
   receiveErrors(socket);
   std::array<std::uint8_t, maxDatagram> buffer;
@@ -111,7 +112,7 @@ void Reporter::receive(int socket) {
   }
 }
 
-// ECONNREFUSED for reports that were sent. Each error names the address.
+// Reads ECONNREFUSED errors for sent reports. Each error carries the destination address.
 void Reporter::receiveErrors(int socket) {
   for (int i = 0; i < datagramsInARow; ++i) {
     sockaddr_storage to{};
@@ -138,9 +139,9 @@ void Reporter::receiveErrors(int socket) {
   }
 }
 
-// The viewer that reports from this address. Behind NAT the port may be
-// another than the one that was announced; it belongs to the viewer of that
-// address that has been silent longest, and stays with it.
+// The viewer that reports from this address. Behind NAT the source port may differ from
+// the announced one; it is then assigned to the viewer of that address that has been
+// silent longest.
 Viewer* Reporter::reporterAt(sockaddr_storage const& from, Clock::time_point now) {
   Viewer* found = nullptr;
   Viewer* silent = nullptr;
@@ -150,7 +151,7 @@ Viewer* Reporter::reporterAt(sockaddr_storage const& from, Clock::time_point now
       continue;
     }
     if (udp->reportsFromPort(portOf(from))) {
-      found = found == nullptr || viewer->isActive() ? viewer.get() : found;  // others gave their ports up to it
+      found = found == nullptr || viewer->isActive() ? viewer.get() : found;  // an active viewer owns its ports
     } else if (now - viewer->lastReport() > reportPortTimeout &&
                (silent == nullptr || viewer->lastReport() < silent->lastReport())) {
       silent = viewer.get();
@@ -163,7 +164,7 @@ Viewer* Reporter::reporterAt(sockaddr_storage const& from, Clock::time_point now
   return found;
 }
 
-// By when that report was sent here, whatever has become of the wall clock since.
+// Uses the monotonic time at which the report was sent, so that changes of the wall clock do not matter.
 std::optional<std::chrono::microseconds> Reporter::roundTripOf(ReportBlock const& block, Clock::time_point now) const {
   auto const sent = std::ranges::find(m_Sent, block.lastSenderReport, &SentReport::ntpMiddle);
   if (block.lastSenderReport == 0 || sent == m_Sent.end()) {

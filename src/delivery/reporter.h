@@ -1,4 +1,4 @@
-// RTCP of a stream: reports to its viewers and from them. Event-loop thread.
+// A stream's RTCP: reports to and from its viewers. Event-loop thread.
 #pragma once
 
 #include <array>
@@ -20,21 +20,21 @@ class Reporter : NonCopyable {
   using Clock = Viewer::Clock;
   using ViewerList = std::vector<std::unique_ptr<Viewer>>;
 
-  // The wall clock may be set at any time; the next report carries the new time.
+  // Also how long viewers may not know that the wall clock was set.
   static constexpr std::chrono::seconds interval{4};
 
   Reporter(TaskScheduler& scheduler, Stream& stream, ViewerList const& viewers);
 
-  // The viewer gets a report now, and all active ones every few seconds until stop().
+  // Sends the viewer a report now, and all active viewers one every few seconds until stop().
   void start(Viewer& viewer) KAVO_REQUIRES(eventLoopRole);
   void stop() KAVO_REQUIRES(eventLoopRole) { m_Next.stop(); }
-  // RTCP BYE, if there is memory for it.
-  void sayGoodbye(Viewer& viewer) noexcept KAVO_REQUIRES(eventLoopRole);
-  // A report to a viewer whose connection has closed: its answer, or an error, shows
-  // whether somebody listens there.
+  // Sends an RTCP BYE if there is memory for it.
+  void sendBye(Viewer& viewer) noexcept KAVO_REQUIRES(eventLoopRole);
+  // Sends a report to a viewer whose connection has closed: an answer or an error shows
+  // whether anything still listens on its port.
   void probe(Viewer& viewer) KAVO_REQUIRES(eventLoopRole);
 
-  // RTCP has come for the viewer, or on one of our sockets.
+  // Handles RTCP from the viewer, or whatever has arrived on one of our sockets.
   void handle(Viewer& viewer, std::span<std::uint8_t const> packet) KAVO_REQUIRES(eventLoopRole);
   void receive(int socket) KAVO_REQUIRES(eventLoopRole);
 
@@ -57,7 +57,7 @@ class Reporter : NonCopyable {
   std::string const m_Cname;
   std::vector<std::uint8_t> m_Probe KAVO_GUARDED_BY(eventLoopRole);
   Clock::time_point m_ProbeMade KAVO_GUARDED_BY(eventLoopRole){};
-  // Reports that receivers may refer to.
+  // Sent reports that receivers may refer to.
   std::array<SentReport, 64> m_Sent KAVO_GUARDED_BY(eventLoopRole){};
   std::size_t m_NextSent KAVO_GUARDED_BY(eventLoopRole) = 0;
 };

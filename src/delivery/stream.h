@@ -1,4 +1,4 @@
-// What the viewers of a stream need of it. Event-loop thread.
+// What a stream provides to its viewers. Event-loop thread.
 #pragma once
 
 #include <chrono>
@@ -10,13 +10,13 @@ namespace kavo::impl {
 
 class Stream {
  public:
-  // True: a viewer needs a key frame; false: none does any more.
+  // True if a viewer needs a key frame, false if none does any more.
   virtual void wantKeyFrame(bool wanted) KAVO_REQUIRES(eventLoopRole) = 0;
-  // Whether a viewer can begin with any frame.
+  // Whether a viewer can start with any frame.
   virtual bool hasKeyFramesOnly() const = 0;
-  // How old a frame may be that a joining viewer begins with.
+  // The maximum age of the frame that a joining viewer starts with.
   virtual std::chrono::steady_clock::duration freshness() const = 0;
-  // Of this moment.
+  // As of now.
   virtual SenderInfo senderInfo() KAVO_REQUIRES(eventLoopRole) = 0;
 
  protected:

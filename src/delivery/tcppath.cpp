@@ -15,7 +15,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// A few packets harm no path; nor is it worth a system call to look.
+// A few packets do no harm on any path and are not worth another system call.
 constexpr int fewBytes = 16384;
 constexpr std::chrono::microseconds queueing = 80ms;
 constexpr std::chrono::microseconds shortestWait = 2ms;

@@ -5,9 +5,9 @@
 
 namespace kavo::impl {
 
-// How long until the path takes another frame; 0: now. More than it holds and can send
-// in a moment would only queue in the network, where it cannot be dropped: the viewer
-// would see old frames, and a small queue would lose some.
+// How long until the path has room for another frame; 0: it has now. Data beyond what the
+// path carries would only queue in the network, where it cannot be dropped: the viewer
+// would see old frames, and small queues would lose packets.
 std::chrono::microseconds untilPathTakesMore(int socket);
 
 }  // namespace kavo::impl

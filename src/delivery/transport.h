@@ -1,4 +1,4 @@
-// How frames and reports reach one viewer. Event-loop thread.
+// Delivers frames and reports to one viewer. Event-loop thread.
 #pragma once
 
 #include <chrono>
@@ -20,24 +20,24 @@ class Transport : NonCopyable {
   using Clock = std::chrono::steady_clock;
 
   struct Outcome {
-    // False when the viewer lags too far: it needs a key frame to continue. A key
-    // frame is always accepted.
+    // False if the viewer lags too far: it needs a key frame to continue. Key frames
+    // are always accepted.
     bool accepted = true;
-    std::size_t dropped = 0;  // frames that were accepted before, and will not be sent
+    std::size_t dropped = 0;  // frames accepted earlier that will not be sent
   };
 
   virtual ~Transport() = default;
 
-  // Sends the frame, or keeps it until the path takes it. Over UDP it leaves with
-  // UdpFanout::flush().
+  // Sends the frame, or queues it until the path has room. Over UDP, UdpFanout::flush()
+  // sends it.
   virtual Outcome send(FramePtr const& frame, Clock::time_point now) KAVO_REQUIRES(eventLoopRole) = 0;
   virtual void sendReport(std::span<std::uint8_t const> report) KAVO_REQUIRES(eventLoopRole) = 0;
-  // Drops what waits; on a connection the rest of a frame partly sent still comes.
+  // Drops the queue; on a connection the rest of a frame partly sent is still sent.
   virtual void cancel() KAVO_REQUIRES(eventLoopRole) = 0;
-  // Whether something waits until the path takes it.
+  // Whether something is waiting for the path.
   virtual bool isBusy() const KAVO_REQUIRES(eventLoopRole) = 0;
 
-  // This, where it is of that kind.
+  // This object if it is of that kind, else null.
   virtual UdpTransport* udp() { return nullptr; }
   virtual InterleavedTransport* interleaved() { return nullptr; }
 };

@@ -13,28 +13,28 @@ namespace kavo::impl {
 
 namespace {
 
-// Bytes that are worth a system call for every viewer.
+// The fewest bytes for each viewer that are worth a system call.
 constexpr std::size_t smallestBurst = 16384;
 constexpr std::chrono::microseconds leastWait{100};
 
 }  // namespace
 
-void PacedFrame::advance(std::size_t packets, std::size_t toTakers) {
-  taker += toTakers;
-  if (taker >= takers.size()) {
-    taker = 0;
+void PacedFrame::advance(std::size_t packets, std::size_t toRecipients) {
+  recipient += toRecipients;
+  if (recipient >= recipients.size()) {
+    recipient = 0;
     next += packets;
   }
 }
 
 bool PacedFrame::remove(UdpTransport const& to) {
-  auto const place = std::ranges::find(takers, &to);
-  if (place == takers.end()) {
+  auto const place = std::ranges::find(recipients, &to);
+  if (place == recipients.end()) {
     return false;
   }
-  taker -= place - takers.begin() < static_cast<std::ptrdiff_t>(taker) ? 1 : 0;
-  takers.erase(place);
-  if (taker > 0) {
+  recipient -= place - recipients.begin() < static_cast<std::ptrdiff_t>(recipient) ? 1 : 0;
+  recipients.erase(place);
+  if (recipient > 0) {
     advance(1, 0);
   }
   return true;
@@ -42,8 +42,8 @@ bool PacedFrame::remove(UdpTransport const& to) {
 
 void PacedFrame::clear() {
   frame.reset();
-  takers.clear();
-  next = taker = 0;
+  recipients.clear();
+  next = recipient = 0;
 }
 
 bool UdpFanout::Burst::operator<(Burst const& other) const {
@@ -108,7 +108,7 @@ Transport::Outcome UdpFanout::add(UdpTransport& to, FramePtr const& frame, Clock
     m_Busy.push_back(&path);
   }
   if (path.current.frame == frame && path.current.next == 0) {
-    path.current.takers.push_back(&to);
+    path.current.recipients.push_back(&to);
     return {};
   }
   if (path.waiting.frame != frame) {
@@ -119,24 +119,25 @@ Transport::Outcome UdpFanout::add(UdpTransport& to, FramePtr const& frame, Clock
     path.waiting.clear();
     path.waiting.frame = frame;
   }
-  path.waiting.takers.push_back(&to);
+  path.waiting.recipients.push_back(&to);
   return {.accepted = true, .dropped = path.hasReplaced ? 1U : 0U};
 }
 
-// All of a large frame at once would overflow the buffers along the path. Where the room is
-// too small for a packet to each of many viewers, they get it one after the other.
+// A large frame sent at once would overflow the buffers along the path. If there is no room
+// for one packet to each of many viewers, they get it one after another.
 UdpFanout::Burst UdpFanout::burstOn(UdpPath& path, Clock::time_point now) {
   PacedFrame const& current = path.current;
   FramePackets const& packets = current.frame->packets;
-  int const family = current.takers.front()->address().ss_family;
+  int const family = current.recipients.front()->address().ss_family;
   Burst burst{&path, current.frame.get(), family, current.next, current.next};
   std::size_t const room =
-      path.pace->takesAtOnce(packets.bytes()) ? packets.bytes() * current.takers.size() : path.pace->room(now);
+      path.pace->takesAtOnce(packets.bytes()) ? packets.bytes() * current.recipients.size() : path.pace->room(now);
   std::size_t const least = path.pace->isIdle(now) ? 1 : 0;
-  burst.takers = std::min(std::max(room / packets.size(current.next), least), current.takers.size() - current.taker);
-  while (burst.takers > 0 && burst.last < packets.count() &&
-         (burst.last == burst.first ||
-          (burst.takers == current.takers.size() && (burst.bytes + packets.size(burst.last)) * burst.takers <= room))) {
+  burst.recipients =
+      std::min(std::max(room / packets.size(current.next), least), current.recipients.size() - current.recipient);
+  while (burst.recipients > 0 && burst.last < packets.count() &&
+         (burst.last == burst.first || (burst.recipients == current.recipients.size() &&
+                                        (burst.bytes + packets.size(burst.last)) * burst.recipients <= room))) {
     burst.bytes += packets.size(burst.last++);
   }
   return burst;
@@ -150,7 +151,7 @@ void UdpFanout::flush() {
       m_Bursts.push_back(burstOn(*path, now));
     }
   }
-  if (!std::is_sorted(m_Bursts.begin(), m_Bursts.end())) {  // it nearly always is: one frame goes to all
+  if (!std::is_sorted(m_Bursts.begin(), m_Bursts.end())) {  // usually sorted: all paths get the same frame
     std::sort(m_Bursts.begin(), m_Bursts.end());
   }
   for (std::span<Burst const> rest = m_Bursts; !rest.empty();) {
@@ -170,16 +171,16 @@ void UdpFanout::send(std::span<Burst const> bursts) {
     m_Destinations.clear();
     for (Burst const& burst : bursts) {
       PacedFrame const& current = burst.path->current;
-      for (UdpTransport* const taker : std::span(current.takers).subspan(current.taker, burst.takers)) {
-        m_Destinations.push_back(&taker->destination());
+      for (UdpTransport* const recipient : std::span(current.recipients).subspan(current.recipient, burst.recipients)) {
+        m_Destinations.push_back(&recipient->destination());
       }
     }
     m_Sender.send(ports(all.family).rtpSocket(), all.frame->packets, all.first, all.last, m_Destinations);
   }
-  auto const now = Clock::now();  // not before: what a pause of this thread held back is only now on its way
+  auto const now = Clock::now();  // after sending: this thread may have been suspended before
   for (Burst const& burst : bursts) {
-    std::ranges::copy_if(burst.path->current.takers, std::back_inserter(m_Exceeding),
-                         [](UdpTransport* taker) { return taker->destination().exceedsMtu; });
+    std::ranges::copy_if(burst.path->current.recipients, std::back_inserter(m_Exceeding),
+                         [](UdpTransport* recipient) { return recipient->destination().exceedsMtu; });
     advance(burst, now);
   }
 }
@@ -188,8 +189,8 @@ void UdpFanout::advance(Burst const& burst, Clock::time_point now) {
   UdpPath& path = *burst.path;
   PacedFrame& current = path.current;
   std::size_t const packetCount = burst.last - burst.first;
-  path.pace->sent(burst.bytes * burst.takers, packetCount * burst.takers, now);
-  current.advance(packetCount, burst.takers);
+  path.pace->sent(burst.bytes * burst.recipients, packetCount * burst.recipients, now);
+  current.advance(packetCount, burst.recipients);
   if (current.isDone()) {
     current.clear();
     std::swap(current, path.waiting);
@@ -197,11 +198,11 @@ void UdpFanout::advance(Burst const& burst, Clock::time_point now) {
   } else {
     FramePackets const& packets = burst.frame->packets;
     std::size_t const bytes = packets.bytes() * (packets.count() - current.next) / packets.count();
-    path.due = now + path.pace->until(std::min(smallestBurst, bytes) * current.takers.size(), now);
+    path.due = now + path.pace->until(std::min(smallestBurst, bytes) * current.recipients.size(), now);
   }
 }
 
-// Reported at the end, since the owner may remove them.
+// Reported last, because the owner may remove the transports.
 void UdpFanout::endExceeding() {
   for (UdpTransport* const transport : std::exchange(m_Exceeding, {})) {
     if (std::exchange(transport->destination().exceedsMtu, false)) {

@@ -1,6 +1,6 @@
-// Sends a stream's frames over UDP. A frame goes in one system call to all viewers whose
-// paths take it at once; a path that does not take it whole gets the rest at its own
-// pace, and holds up no other. Event-loop thread.
+// Sends a stream's frames over UDP. One system call sends a frame to all viewers whose paths
+// have room for it; a path that does not gets the rest at its own pace, without delaying the
+// others. Event-loop thread.
 #pragma once
 
 #include <array>
@@ -20,27 +20,27 @@
 
 namespace kavo::impl {
 
-// A frame that leaves packet by packet to some viewers at one address.
+// A frame that is being sent to the viewers at one address.
 struct PacedFrame {
   FramePtr frame;  // null: none
-  std::vector<UdpTransport*> takers;
-  std::size_t next = 0;   // packet
-  std::size_t taker = 0;  // the first one that has not got this packet
+  std::vector<UdpTransport*> recipients;
+  std::size_t next = 0;       // the next packet
+  std::size_t recipient = 0;  // the first recipient that packet has not been sent to
 
-  bool isDone() const { return takers.empty() || next == frame->packets.count(); }
-  void advance(std::size_t packets, std::size_t toTakers);
+  bool isDone() const { return recipients.empty() || next == frame->packets.count(); }
+  void advance(std::size_t packets, std::size_t toRecipients);
   bool remove(UdpTransport const& to);
-  // Keeps the room of the list.
+  // Keeps the list's capacity.
   void clear();
 };
 
-// One stream's path to one address, with what is on its way there.
+// One stream's path to one address, with the frames on their way there.
 struct UdpPath {
   std::shared_ptr<Pacer::Path> pace;
   PacedFrame current;
-  // The newest frame, while another one is on its way.
+  // The newest frame, while another is being sent.
   PacedFrame waiting;
-  bool hasReplaced = false;  // what waits took the place of another frame
+  bool hasReplaced = false;  // the waiting frame replaced another
   std::chrono::steady_clock::time_point due{};
 };
 
@@ -50,32 +50,32 @@ class UdpFanout : NonCopyable {
 
   class Owner {
    public:
-    // A packet was too long for the viewer's path: it lost the frame.
+    // A packet exceeded the viewer's path MTU, so the viewer lost the frame.
     virtual void exceedsMtu(UdpTransport& transport) KAVO_REQUIRES(eventLoopRole) = 0;
-    // Out of memory: frames were lost.
+    // Frames were lost because memory ran out.
     virtual void failed() KAVO_REQUIRES(eventLoopRole) = 0;
 
    protected:
     ~Owner() = default;
   };
 
-  // Sends from the local address, unless it is empty.
+  // Sends from the local address if it is not empty.
   UdpFanout(TaskScheduler& scheduler, std::shared_ptr<Pacer> pacer, std::shared_ptr<DescriptorBudget> descriptors,
             std::string address, Owner& owner);
 
-  // Opens the family's sockets if they are not open; onReport is called when RTCP, or an
-  // error, has come on one. False when no sockets are available.
+  // Opens the family's sockets if they are not open yet; onReport is called when RTCP or an
+  // error arrives on one. False if no sockets are available.
   bool open(int family, std::function<void(int socket)> onReport) KAVO_REQUIRES(eventLoopRole);
   UdpPorts const& ports(int family) const KAVO_REQUIRES(eventLoopRole) { return m_Families[indexOf(family)]->ports; }
   void close() KAVO_REQUIRES(eventLoopRole);
 
-  // The viewers of an address share one.
+  // Viewers at the same address share a path.
   std::shared_ptr<UdpPath> pathTo(sockaddr_storage const& address) KAVO_REQUIRES(eventLoopRole);
 
-  // See Transport::send(). While a frame is on its way the newest waits for its turn: a key
-  // frame takes the place of one that waits, any other finds it taken.
+  // See Transport::send(). While a frame is being sent, the newest one waits: a key frame
+  // replaces a waiting frame, any other frame is refused.
   Transport::Outcome add(UdpTransport& to, FramePtr const& frame, Clock::time_point now) KAVO_REQUIRES(eventLoopRole);
-  // Sends what may leave now; the rest follows by itself.
+  // Sends what may be sent now and schedules the rest.
   void flush() KAVO_REQUIRES(eventLoopRole);
   void cancel(UdpTransport& to) KAVO_REQUIRES(eventLoopRole);
   void cancelAll() KAVO_REQUIRES(eventLoopRole);
@@ -86,15 +86,15 @@ class UdpFanout : NonCopyable {
     UdpPorts ports;
     SocketWatch rtcp;
   };
-  // What may leave now on a path: packets to all takers, or one packet to some.
+  // What may be sent on a path now: packets to all recipients, or one packet to some.
   struct Burst {
     UdpPath* path;
     Frame* frame;
     int family;
     std::size_t first;
     std::size_t last;
-    std::size_t bytes = 0;  // to each
-    std::size_t takers = 0;
+    std::size_t bytes = 0;  // to each recipient
+    std::size_t recipients = 0;
 
     bool leavesWith(Burst const& other) const {
       return frame == other.frame && first == other.first && last == other.last && family == other.family;
@@ -121,7 +121,7 @@ class UdpFanout : NonCopyable {
   std::vector<UdpPath*> m_Busy KAVO_GUARDED_BY(eventLoopRole);  // with a current frame
   Timer m_NextBurst KAVO_GUARDED_BY(eventLoopRole);
   UdpSender m_Sender KAVO_GUARDED_BY(eventLoopRole);
-  // Used within flush() alone.
+  // Scratch space of flush().
   std::vector<Burst> m_Bursts KAVO_GUARDED_BY(eventLoopRole);
   std::vector<UdpDestination*> m_Destinations KAVO_GUARDED_BY(eventLoopRole);
   std::vector<UdpTransport*> m_Exceeding KAVO_GUARDED_BY(eventLoopRole);

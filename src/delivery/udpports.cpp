@@ -14,7 +14,7 @@ namespace {
 
 constexpr unsigned firstPort = 6970;
 constexpr unsigned lastPort = 65534;
-// The kernel caps it at its limit.
+// The kernel caps it at its own limit.
 constexpr int sendBuffer = 4 * 1024 * 1024;
 
 UniqueFd openSocket(int family) {
@@ -28,14 +28,14 @@ UniqueFd openSocket(int family) {
   return socket;
 }
 
-// ECONNREFUSED for a report that was sent comes with the address, through the error queue.
+// Has the error queue report ECONNREFUSED for sent reports, with the destination address.
 void setReceiveErrors(UniqueFd const& socket, int family) {
   int const on = 1;
   setsockopt(socket.get(), family == AF_INET6 ? IPPROTO_IPV6 : IPPROTO_IP,
              family == AF_INET6 ? IPV6_RECVERR : IP_RECVERR, &on, sizeof on);
 }
 
-// 0, or the error.
+// Returns 0 or the error.
 int bindTo(sockaddr_storage local, unsigned port, UniqueFd const& socket) {
   portOf(local) = htons(static_cast<std::uint16_t>(port));
   return bind(socket.get(), reinterpret_cast<sockaddr const*>(&local), sizeOf(local)) == 0 ? 0 : errno;
@@ -43,8 +43,8 @@ int bindTo(sockaddr_storage local, unsigned port, UniqueFd const& socket) {
 
 }  // namespace
 
-// Only a taken port is a reason to try the next one: without descriptors the
-// search would never end.
+// Tries the next port only if this one is in use: without descriptors the search would
+// otherwise try them all.
 std::optional<UdpPorts> UdpPorts::open(int family, std::string const& address) {
   auto const local = localAddress(family, address);
   if (!local) {

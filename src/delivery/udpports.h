@@ -13,14 +13,14 @@ namespace kavo::impl {
 
 class UdpPorts {
  public:
-  // On the first free pair of ports from 6970 up, on the local address unless that is
-  // empty. nullopt when it is of another family, when all are
-  // taken, the process is out of descriptors, or the machine lacks the family.
+  // Binds the first free pair of ports from 6970 up, on the local address if it is not
+  // empty. nullopt if the address is of another family, all ports are in use, the process
+  // is out of descriptors, or the machine lacks the family.
   static std::optional<UdpPorts> open(int family, std::string const& address);
 
   int rtpSocket() const { return m_Rtp.get(); }
   int rtcpSocket() const { return m_Rtcp.get(); }
-  // Of RTP, host byte order; RTCP's is the next.
+  // The RTP port in host byte order; RTCP uses the next one.
   std::uint16_t port() const { return m_Port; }
 
  private:

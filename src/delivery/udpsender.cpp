@@ -12,13 +12,13 @@ namespace kavo::impl {
 
 namespace {
 
-// What one segmented message may carry.
+// The limits of one segmented message.
 constexpr std::size_t maxSegments = 64;
 constexpr std::size_t maxBytes = 65507;
 constexpr std::size_t piecesPerPacket = 2;
 
-// The kernel, or this path, has no segmentation offload (EIO: an IPsec tunnel;
-// EINVAL also from older kernels where the path has become narrower).
+// The kernel or this path does not support segmentation offload (EIO: an IPsec tunnel;
+// EINVAL: also older kernels when the path MTU has shrunk).
 bool isWithoutSegmentation(int error) {
   return error == EINVAL || error == EIO || error == EOPNOTSUPP || error == ENOPROTOOPT;
 }
@@ -84,8 +84,8 @@ void UdpSender::add(UdpDestination& destination, std::span<iovec const> pieces, 
   m_Targets[m_Count++] = &destination;
 }
 
-// Filters of some containers refuse sendmmsg, with whatever error they like: it is left alone
-// once sendmsg has taken the very same message.
+// Some containers' filters refuse sendmmsg with arbitrary errors: it is not used again once
+// sendmsg has accepted the message that it refused.
 int UdpSender::sendSome(std::size_t first) {
   if (m_HasSendmmsg) {
     int const sent = sendmmsg(m_Socket, &m_Messages[first], static_cast<unsigned>(m_Count - first), MSG_DONTWAIT);
@@ -109,7 +109,7 @@ void UdpSender::flush() {
     if (sent > 0) {
       at += static_cast<std::size_t>(sent);
     } else {
-      // It stops in front of a message that is refused.
+      // sendmmsg stops before the message that is refused.
       int const error = sent < 0 ? errno : EIO;
       retry(m_Messages[at++], next, error);
     }

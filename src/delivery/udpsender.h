@@ -17,26 +17,26 @@ namespace kavo::impl {
 struct UdpDestination {
   sockaddr_storage address{};
   bool segmentation = true;  // off once its path has refused segmentation offload
-  bool exceedsMtu = false;   // a packet exceeded its path MTU; nothing is sent to it until this is reset
+  bool exceedsMtu = false;   // a packet exceeded the path MTU; nothing is sent until this is reset
   std::uint64_t lost = 0;    // packets the kernel refused
 };
 
 class UdpSender {
  public:
-  // Packets [first, last) of the frame, in order. A failing destination does not
+  // Sends packets [first, last) of the frame in order. A failing destination does not
   // affect the others.
   void send(int socket, FramePackets const& packets, std::size_t first, std::size_t last,
             std::span<UdpDestination* const> destinations);
 
  private:
-  // What one system call hands over.
+  // Messages in one system call.
   static constexpr std::size_t batch = 256;
 
-  // Room for the control message with the length of a segment.
+  // A control message with the segment length.
   struct Control {
     alignas(cmsghdr) char bytes[CMSG_SPACE(sizeof(std::uint16_t))];
   };
-  // Packets that one message carries: of one length, but for the last.
+  // The packets in one message: all of the same length except the last, which may be shorter.
   struct Train {
     std::span<iovec const> pieces;
     Control control;

@@ -33,7 +33,7 @@ UdpTransport::~UdpTransport() {
 
 void UdpTransport::sendReport(std::span<std::uint8_t const> report) {
   int const socket = m_Fanout.ports(m_RtcpAddress.ss_family).rtcpSocket();
-  // The first try may return what became of a report to somebody else.
+  // The first attempt may return the error of an earlier report to another viewer.
   for (int tries = 0; tries < 2; ++tries) {
     if (sendto(socket, report.data(), report.size(), MSG_DONTWAIT, reinterpret_cast<sockaddr const*>(&m_RtcpAddress),
                sizeOf(m_RtcpAddress)) >= 0) {

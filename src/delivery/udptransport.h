@@ -1,4 +1,4 @@
-// A viewer over UDP. Event-loop thread.
+// Delivers to a viewer over UDP. Event-loop thread.
 #pragma once
 
 #include <memory>
@@ -12,7 +12,7 @@ namespace kavo::impl {
 
 class UdpTransport : public Transport {
  public:
-  // Ports in host byte order. The fan-out has sockets of the address's family.
+  // Ports are in host byte order. The fan-out must have open sockets of the address's family.
   UdpTransport(UdpFanout& fanout, sockaddr_storage const& address, std::uint16_t rtpPort, std::uint16_t rtcpPort)
       KAVO_REQUIRES(eventLoopRole);
   ~UdpTransport() override;
@@ -28,18 +28,17 @@ class UdpTransport : public Transport {
   UdpPath& path() { return *m_Path; }
   UdpDestination& destination() { return m_Destination; }
   sockaddr_storage const& address() const { return m_Destination.address; }
-  // The RTP packet that the path takes, bytes; not more than the limit.
+  // The largest RTP packet that the path carries, in bytes; at most the limit.
   std::size_t maxPacket() const { return m_MaxPacket; }
   void measureMaxPacket(std::size_t limit) KAVO_REQUIRES(eventLoopRole);
-  // After a packet was refused as too long.
+  // Call after a packet exceeded the path MTU.
   void reduceMaxPacket(std::size_t limit) KAVO_REQUIRES(eventLoopRole);
 
   // Whether both send to the same address and port.
   bool hasPortsOf(UdpTransport const& other) const {
     return isSameHost(address(), other.address()) && portOf(address()) == portOf(other.address());
   }
-  // Whether its RTCP comes from this address, and from this port of it: the one that was
-  // announced, or one that was learnt.
+  // Whether its RTCP comes from this address, and from this port: the announced or a learnt one.
   bool reportsFrom(sockaddr_storage const& from) const { return isSameHost(m_RtcpAddress, from); }
   bool reportsFromPort(in_port_t port) const { return port == portOf(m_RtcpAddress) || port == m_ReportPort; }
   void learnReportPort(in_port_t port) { m_ReportPort = port; }

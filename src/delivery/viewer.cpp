@@ -4,7 +4,7 @@ namespace kavo::impl {
 
 namespace {
 
-// Reports that come faster are dropped, unless they answer one of ours: others of the address may send as well.
+// More frequent reports are ignored unless they answer one of ours: others at the address may send them too.
 constexpr std::chrono::milliseconds shortestReportInterval{50};
 
 }  // namespace
@@ -63,7 +63,7 @@ Viewer::Sent Viewer::send(FramePtr const& frame, Clock::time_point now) {
   return {isSent, wantsKeyFrame(now)};
 }
 
-// A key frame is large for all viewers: one that was too slow asks when it can take it.
+// Key frames are large for all viewers, so one that was too slow requests one only when it has room for it.
 bool Viewer::wantsKeyFrame(Clock::time_point now) {
   return m_State == State::Joining ||
          (isActive() && !(m_State == State::AwaitingKeyFrame && m_Transport->isBusy()) && m_KeyFrames.take(now));

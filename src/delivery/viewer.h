@@ -1,4 +1,4 @@
-// One client session's part in a stream: what it gets, and when. Event-loop thread.
+// One client session's view of a stream: which frames it gets, and when. Event-loop thread.
 #pragma once
 
 #include <chrono>
@@ -25,34 +25,34 @@ class Viewer : NonCopyable {
 
   Viewer(Viewers& viewers, std::unique_ptr<Transport> transport, StreamObserver& stream);
 
-  // Those that it is one of.
+  // The group that it belongs to.
   Viewers& viewers() const { return m_Viewers; }
   State state() const { return m_State; }
-  // Whether it wants frames, now or from the next key frame on.
+  // Whether it wants frames, immediately or from the next key frame on.
   bool isActive() const { return m_State != State::SetUp && m_State != State::Paused; }
-  // Whether it takes such a frame.
+  // Whether it would be sent such a frame.
   bool takes(bool keyFrame) const { return m_State == State::Playing || (keyFrame && isActive()); }
   bool hasPlayed() const { return m_HasPlayed; }
   Transport& transport() const { return *m_Transport; }
   ViewerObserver& observer() { return m_Observer; }
 
-  // What the response to PLAY announces: the frame that it begins with, and whether the
-  // sequence number of its first packet is known: not where it waits for a key frame after
-  // frames that others get.
+  // For the response to PLAY: the frame that it starts with, and whether the sequence number of
+  // its first packet is known. It is not if others get frames before the key frame that this
+  // viewer waits for.
   Frame const* firstFrame() const { return m_FirstFrame.get(); }
   FramePtr takeFirstFrame() { return std::move(m_FirstFrame); }
   void setFirstFrame(FramePtr frame) { m_FirstFrame = std::move(frame); }
   bool isSequenceKnown() const { return m_IsSequenceKnown; }
   void setSequenceKnown(bool known) { m_IsSequenceKnown = known; }
 
-  // Why it is about to leave: the first reason counts.
+  // Why it is leaving; only the first reason set counts.
   Departure departure() const { return m_Departure; }
   void setDeparture(Departure departure) { m_Departure = m_Departure == Departure::TimedOut ? departure : m_Departure; }
 
-  // True when it was not active before.
+  // True if it was not active before.
   bool play();
   void pause() KAVO_REQUIRES(eventLoopRole);
-  // It lost a frame that others may reference.
+  // It lost a frame that later ones may reference.
   void awaitKeyFrame() KAVO_REQUIRES(eventLoopRole);
   struct Sent {
     bool isSent;
@@ -61,14 +61,14 @@ class Viewer : NonCopyable {
   // Sends the frame, or drops it.
   Sent send(FramePtr const& frame, Clock::time_point now) KAVO_REQUIRES(eventLoopRole);
 
-  // Its report has come. True when it asks for a key frame.
+  // Handles its report. True if it requests a key frame.
   bool reported(ReceiverReport const& report, std::optional<std::chrono::microseconds> roundTrip, Clock::time_point now)
       KAVO_REQUIRES(eventLoopRole);
   Clock::time_point lastReport() const { return m_LastReport; }
   Reception const& reception() const { return m_Reception; }
-  // Called whenever a report has come, and whether it answers a report of ours.
+  // The function is called for each report, with whether it answers one of ours.
   void onReport(std::function<void(bool)> function) { m_OnReport = std::move(function); }
-  // After its connection has closed its port is probed: how often that was refused.
+  // How many probes of its port were refused since its connection closed.
   int probesRefused() const { return m_ProbesRefused; }
   void probeRefused() { ++m_ProbesRefused; }
 

@@ -48,7 +48,7 @@ void Viewers::remove(Viewer& viewer) {
   }
 }
 
-// A client that starts again with the same ports would get every packet twice
+// A client that restarts with the same ports would otherwise get every packet twice
 // until its old session times out.
 void Viewers::takePortsFromOthers(Viewer const& viewer) {
   for (auto const& other : m_Viewers) {
@@ -70,17 +70,17 @@ Frame const* Viewers::play(Viewer& viewer) {
     fitPackets();
   }
   FramePtr first = canBeginWithNewest(viewer) ? m_Newest : nullptr;
-  // The key frame that it waits for may come after frames that it does not get.
+  // Other viewers may get frames before the key frame that this one waits for.
   viewer.setSequenceKnown(first || m_Stream.hasKeyFramesOnly() || m_LastSent == Clock::time_point{});
   if (!first) {
-    m_Stream.wantKeyFrame(true);  // of the next frame that the host submits, be it at once
+    m_Stream.wantKeyFrame(true);  // now, so that the next submitted frame is one
   }
   viewer.setFirstFrame(std::move(first));
   return viewer.firstFrame();
 }
 
-// Not one that the viewer may have had before it paused, and none after others, or in
-// packets that its path does not take.
+// Not if the viewer may have seen it before pausing, if something is still queued for it, or
+// if the packets exceed its path MTU.
 bool Viewers::canBeginWithNewest(Viewer const& viewer) const {
   UdpTransport const* const udp = viewer.transport().udp();
   return m_Newest != nullptr && !viewer.hasPlayed() && !viewer.transport().isBusy() &&
@@ -156,7 +156,7 @@ void Viewers::failed() {
   m_Stream.wantKeyFrame(true);
 }
 
-// This viewer lost the frame, so frames that reference it would be damaged.
+// The viewer lost this frame, so frames that reference it would be damaged.
 void Viewers::exceedsMtu(UdpTransport& transport) {
   eventLoopRole.assertHeld();
   transport.reduceMaxPacket(m_Policy.maxPacket);

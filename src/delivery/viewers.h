@@ -1,4 +1,4 @@
-// The viewers of a stream: who they are, and what each of them gets. Event-loop thread.
+// The viewers of a stream, and which frames each of them gets. Event-loop thread.
 #pragma once
 
 #include <chrono>
@@ -18,7 +18,7 @@
 
 namespace kavo::impl {
 
-// What all streams of a server share.
+// Shared by all streams of a server.
 struct DeliveryContext {
   Policy::Delivery policy;
   std::shared_ptr<DescriptorBudget> descriptors = std::make_shared<DescriptorBudget>();
@@ -29,36 +29,37 @@ class Viewers final : NonCopyable, UdpFanout::Owner {
  public:
   using Clock = Viewer::Clock;
 
-  // The stream and its observer have to live as long as this.
+  // The stream and its observer must outlive this object.
   Viewers(TaskScheduler& scheduler, DeliveryContext const& context, Stream& stream, StreamObserver& observer);
 
-  // A viewer over UDP; null when no sockets are available. Ports in host byte order.
+  // Adds a viewer over UDP; null if no sockets are available. Ports are in host byte order.
   Viewer* addUdp(sockaddr_storage const& address, std::uint16_t rtpPort, std::uint16_t rtcpPort)
       KAVO_REQUIRES(eventLoopRole);
   Viewer* addInterleaved(std::uint8_t rtpChannel, std::uint8_t rtcpChannel) KAVO_REQUIRES(eventLoopRole);
   void remove(Viewer& viewer) KAVO_REQUIRES(eventLoopRole);
-  // The RTP port that viewers of the address family are sent to from, host byte order.
+  // The local RTP port of the address family, in host byte order.
   std::uint16_t serverPort(int family) const KAVO_REQUIRES(eventLoopRole) { return m_Udp.ports(family).port(); }
 
-  // Its first frame is the one returned: the newest, where the viewer can begin with it and
-  // it is fresh. Null: it is the next key frame. Nothing is sent before begin().
+  // Returns the frame that the viewer starts with: the newest, if it is fresh and the viewer
+  // can start with it; else null, and the viewer starts with the next key frame. Nothing is
+  // sent before begin().
   Frame const* play(Viewer& viewer) KAVO_REQUIRES(eventLoopRole);
-  // The response to PLAY is on its way: the first report and the newest frame follow.
+  // Call after the response to PLAY: sends the first report and the first frame.
   void begin(Viewer& viewer) KAVO_REQUIRES(eventLoopRole);
   void pause(Viewer& viewer) KAVO_REQUIRES(eventLoopRole);
 
   bool empty() const KAVO_REQUIRES(eventLoopRole) { return m_Viewers.empty(); }
   bool anyActive() const KAVO_REQUIRES(eventLoopRole);
-  // The size of RTP packet that all active viewers' paths take.
+  // The largest RTP packet that the paths of all active viewers carry, in bytes.
   std::size_t maxPacket() const KAVO_REQUIRES(eventLoopRole) { return m_MaxPacket; }
-  // Whether any viewer takes such a frame.
+  // Whether any viewer would be sent such a frame.
   bool takes(bool keyFrame) const KAVO_REQUIRES(eventLoopRole);
 
-  // Sends a frame to every viewer that takes it.
+  // Sends the frame to every viewer that wants it.
   void send(FramePtr const& frame) KAVO_REQUIRES(eventLoopRole);
-  // The source has stopped: drops the newest frame, and the rest of those being sent.
+  // The source has stopped: drops the newest frame and whatever is still being sent.
   void forgetFrames() KAVO_REQUIRES(eventLoopRole);
-  // Frames were lost, which others may reference: every viewer waits for a key frame.
+  // Frames were lost that later ones may reference: every viewer waits for a key frame.
   void failed() override;
 
   Reporter& reporter() KAVO_REQUIRES(eventLoopRole) { return m_Reporter; }

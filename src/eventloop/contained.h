@@ -1,13 +1,13 @@
-// Calls made by the event loop that let no exception escape: above all, any of
-// them may run out of memory. Event-loop thread.
+// Event-loop calls from which no exception escapes: any of them may run out of memory.
+// Event-loop thread.
 #pragma once
 
 #include "base/threadannotations.h"
 
 namespace kavo::impl {
 
-// The request, viewer or frame that the call was for is lost. False if the
-// function threw; code that can recover has caught the exception before.
+// False if the function threw: the request, viewer or frame that the call was for is lost.
+// Code that can recover catches the exception itself.
 template <class Function>
 bool contained(Function const& function) noexcept KAVO_NO_ANALYSIS {
   try {

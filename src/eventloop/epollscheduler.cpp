@@ -27,8 +27,8 @@ std::uint32_t eventsOf(int conditions) {
          ((conditions & SOCKET_EXCEPTION) != 0 ? EPOLLPRI : 0U);
 }
 
-// On error, report every requested condition; the handler finds the error when it
-// reads or writes.
+// On error, reports every requested condition: the handler finds the error when it reads or
+// writes.
 int conditionsOf(std::uint32_t events) {
   if ((events & (EPOLLERR | EPOLLHUP)) != 0) {
     return SOCKET_READABLE | SOCKET_WRITABLE | SOCKET_EXCEPTION;
@@ -37,8 +37,8 @@ int conditionsOf(std::uint32_t events) {
          ((events & EPOLLPRI) != 0 ? SOCKET_EXCEPTION : 0);
 }
 
-// The descriptor may have been closed and reopened unnoticed, so our record of it
-// may be stale.
+// The descriptor may have been closed and reopened without our knowledge, so our record of
+// it may be stale.
 bool watch(int epoll, int socket, epoll_event event) {
   return epoll_ctl(epoll, EPOLL_CTL_MOD, socket, &event) == 0 ||
          (errno == ENOENT && epoll_ctl(epoll, EPOLL_CTL_ADD, socket, &event) == 0);
@@ -46,8 +46,8 @@ bool watch(int epoll, int socket, epoll_event event) {
 
 }  // namespace
 
-// To the microsecond where the kernel can. Old kernels do not know the call, and
-// the filters of some containers refuse it, with whatever error they like.
+// Waits with microsecond precision if the kernel supports it. Old kernels lack the call, and
+// some containers' filters refuse it with arbitrary errors.
 int EpollScheduler::wait(std::span<epoll_event> events, std::chrono::microseconds limit) {
   auto const room = static_cast<int>(events.size());
   if (m_HasPwait2) {
@@ -87,7 +87,7 @@ void EpollScheduler::unscheduleDelayedTask(TaskToken& task) {
 void EpollScheduler::request(LoopCall& call) {
   if (m_Calls.request(call)) {
     std::uint64_t const one = 1;
-    // It can only fail when the counter is saturated, and then a wake-up is pending.
+    // This can fail only if the counter is saturated, and then a wake-up is pending.
     (void)!write(m_WakeUp.get(), &one, sizeof one);
   }
 }

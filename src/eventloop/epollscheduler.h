@@ -1,6 +1,6 @@
-// live555's task scheduler on epoll: sockets of any number, calls from other threads that
+// live555's task scheduler on epoll: any number of sockets, calls from other threads that
 // wake the loop at once, and timers unaffected by clock changes. live555's event triggers,
-// which would wake it up to 10 ms later, are not served.
+// which would wake the loop up to 10 ms late, are not supported.
 #pragma once
 
 #include <sys/epoll.h>
@@ -16,24 +16,24 @@
 
 namespace kavo::impl {
 
-// Event-loop thread, but for request(), which any thread may call.
+// Event-loop thread, except request(), which any thread may call.
 class EpollScheduler : public BasicTaskScheduler {
  public:
-  // The loop iterates at least every maxGranularity microseconds. Null
-  // when the process has no descriptors left.
+  // The loop iterates at least every maxGranularity microseconds. Null if the process has no
+  // descriptors left.
   static EpollScheduler* createNew(unsigned maxGranularity);
 
   TaskToken scheduleDelayedTask(int64_t microseconds, TaskFunc* task, void* clientData) override;
   void unscheduleDelayedTask(TaskToken& task) override;
 
-  // Whether events of the socket will be reported: the kernel may be out of memory,
-  // or the user out of watches.
+  // Whether events of the socket will be reported. They are not if the kernel had no memory or
+  // the user's limit of watches is reached.
   bool isWatched(int socket) const { return m_Handlers.contains(socket); }
 
-  // Any thread. The call runs in the loop's next pass.
+  // Any thread. Runs the call in the loop's next pass.
   void request(LoopCall& call);
   void withdraw(LoopCall& call) { m_Calls.withdraw(call); }
-  // When the loop has failed: ends the calls that wait.
+  // Call when the loop has failed: ends the pending calls.
   void closeCalls() { m_Calls.close(); }
 
   void setBackgroundHandling(int socket, int conditions, BackgroundHandlerProc* handler, void* clientData) override;

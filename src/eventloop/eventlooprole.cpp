@@ -5,9 +5,9 @@
 namespace kavo::impl {
 
 namespace {
-// Without a destructor, so that it never keeps the library from unloading; and in
-// the static part of a thread's memory, since the loader ends the process when it
-// cannot allocate the other part.
+// Has no destructor, which would keep the library from being unloaded; and is in the static
+// part of thread-local memory, because the loader ends the process if it cannot allocate the
+// dynamic part.
 [[gnu::tls_model("initial-exec")]] constinit thread_local bool t_Held = false;
 }  // namespace
 

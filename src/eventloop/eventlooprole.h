@@ -1,5 +1,5 @@
-// The right to call live555: held by the event-loop thread while it runs the
-// loop, and by a host thread while no loop runs and it does loop work itself.
+// The right to call live555: the event-loop thread holds it while it runs the loop; a host
+// thread holds it while no loop runs and it does the loop's work itself.
 #pragma once
 
 #include "base/noncopyable.h"
@@ -9,7 +9,7 @@ namespace kavo::impl {
 
 class KAVO_CAPABILITY("role") EventLoopRole {
  public:
-  // Takes the role for the calling thread until the end of the scope.
+  // Holds the role for the calling thread until the end of the scope.
   class KAVO_SCOPED_CAPABILITY Holder : NonCopyable {
    public:
     explicit Holder(EventLoopRole& role) KAVO_ACQUIRE(role);
@@ -22,12 +22,12 @@ class KAVO_CAPABILITY("role") EventLoopRole {
   // Whether the calling thread holds the role.
   bool isHeld() const;
 
-  // Comes first in every function that live555 calls back: debug builds abort when
-  // the calling thread does not hold the role.
+  // The first call in every function that live555 calls back: debug builds abort if the
+  // calling thread does not hold the role.
   void assertHeld() const KAVO_ASSERTS(this);
 };
 
-// One role for the process: a thread holds it or does not.
+// The one role of the process.
 extern EventLoopRole eventLoopRole;
 
 }  // namespace kavo::impl

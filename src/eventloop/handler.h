@@ -1,4 +1,4 @@
-// A function that the event loop calls for its owner. Event-loop thread.
+// A function that the event loop calls on behalf of its owner. Event-loop thread.
 #pragma once
 
 #include <functional>
@@ -8,8 +8,8 @@
 
 namespace kavo::impl {
 
-// The function may delete the handler while it runs: until it returns, the function
-// itself is kept on the stack.
+// The function may delete the handler while it runs: until it returns, the function object
+// is kept on the stack.
 template <class... Arguments>
 class Handler : NonCopyable {
  public:

@@ -8,7 +8,7 @@ namespace kavo::impl {
 
 namespace {
 
-// Stands in the list's place after close().
+// Marks the list as closed, in place of its head.
 class Closed final : public LoopCall {
   void run(bool /*onLoop*/) override {}
 };
@@ -45,12 +45,12 @@ void LoopCalls::takeRequested() {
   *end = oldest;
 }
 
-// What these request runs in the loop's next pass.
+// Calls requested by these run in the loop's next pass.
 void LoopCalls::runTaken(bool onLoop) {
   while (m_Taken != nullptr) {
     LoopCall& call = *std::exchange(m_Taken, m_Taken->m_Next);
     call.m_Next = nullptr;
-    call.m_IsPending.exchange(false);  // sees what was done before the requests until now
+    call.m_IsPending.exchange(false);  // synchronizes with all requests made so far
     contained([&] { call.run(onLoop); });
   }
 }

@@ -1,4 +1,4 @@
-// The queue of calls that other threads ask the event-loop thread for.
+// The queue of calls that other threads request from the event-loop thread.
 #pragma once
 
 #include <atomic>
@@ -9,13 +9,13 @@ namespace kavo::impl {
 
 class LoopCalls;
 
-// One call; its owner keeps it where it is until it has run or was withdrawn.
+// One call. Its owner keeps it alive, at the same address, until it has run or was withdrawn.
 class LoopCall : NonCopyable {
  protected:
   LoopCall() = default;
   virtual ~LoopCall() = default;
 
-  // On the event-loop thread; or with false, on any, when the loop does not run any more.
+  // Runs on the event-loop thread; or, with false, on any thread if the loop no longer runs.
   virtual void run(bool onLoop) = 0;
 
  private:
@@ -25,19 +25,19 @@ class LoopCall : NonCopyable {
   LoopCall* m_Next = nullptr;
 };
 
-// Without a lock: threads push calls in front of a list, and the event-loop thread takes
-// all of it at once.
+// Lock-free: threads push calls to the front of a list, and the event-loop thread takes the
+// whole list at once.
 class LoopCalls : NonCopyable {
  public:
-  // Any thread. Requests coalesce until the call runs. True if the loop must be woken.
+  // Any thread. Requests coalesce until the call runs. Returns whether the loop must be woken.
   bool request(LoopCall& call);
 
-  // Event-loop thread, or while no loop runs. Runs what was requested, in that order. A call
-  // may request others and withdraw any; an exception ends the call alone.
+  // The rest: event-loop thread, or while no loop runs. Runs the requested calls in order. A
+  // call may request others and withdraw any; an exception ends only that call.
   void runAll();
-  // The call does not run.
+  // Cancels the call if it is pending.
   void withdraw(LoopCall& call);
-  // What was requested, and what will be, runs off the loop.
+  // Runs all calls, also those requested later, with false.
   void close();
 
  private:
@@ -47,7 +47,7 @@ class LoopCalls : NonCopyable {
   std::atomic<LoopCall*> m_Requested = nullptr;  // the newest first
   // Event-loop thread.
   LoopCall* m_Taken = nullptr;  // the oldest first
-  LoopCall* m_Empty = nullptr;  // what m_Requested is when nothing is requested
+  LoopCall* m_Empty = nullptr;  // the value of m_Requested if nothing is requested
 };
 
 }  // namespace kavo::impl

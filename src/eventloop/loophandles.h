@@ -1,5 +1,5 @@
-// What an object on the event loop has called for it: after a delay, when a socket is
-// ready, when any thread asks. Each ends with its owner.
+// Callbacks for objects on the event loop: after a delay, when a socket is ready, or when
+// any thread fires a trigger. Destroying a handle cancels its callback.
 #pragma once
 
 #include <UsageEnvironment.hh>
@@ -31,7 +31,7 @@ class Timer : LoopHandle<> {
   Timer(TaskScheduler& scheduler, std::function<void()> function) : LoopHandle(scheduler, std::move(function)) {}
   ~Timer() { m_Scheduler.unscheduleDelayedTask(m_Task); }
 
-  // Calls the function once after the delay; a call that is still pending is replaced.
+  // Calls the function once after the delay; replaces a pending call.
   void start(std::chrono::microseconds delay) KAVO_REQUIRES(eventLoopRole) {
     stop();
     m_Task = m_Scheduler.scheduleDelayedTask(delay.count(), expire, this);
@@ -58,9 +58,9 @@ class SocketWatch : LoopHandle<int> {
       : LoopHandle(scheduler, std::move(function)), m_Socket(socket) {}
   ~SocketWatch() { m_Scheduler.disableBackgroundHandling(m_Socket); }
 
-  // Throws when the socket cannot be watched.
+  // Throws if the socket cannot be watched.
   void start(int conditions) KAVO_REQUIRES(eventLoopRole) {
-    // The analyzer does not follow the scheduler through the base class.
+    // The analyzer loses track of the scheduler in the base class.
     m_Scheduler.setBackgroundHandling(m_Socket, conditions, ready, this);  // NOLINT(clang-analyzer-core.CallAndMessage)
     if (m_Socket >= 0 && !m_Scheduler.isWatched(m_Socket)) {
       throw StreamException("Socket cannot be watched", ErrorResource);
@@ -83,8 +83,8 @@ class EventTrigger : LoopHandle<>, LoopCall {
   EventTrigger(TaskScheduler& scheduler, std::function<void()> function) : LoopHandle(scheduler, std::move(function)) {}
   ~EventTrigger() override { m_Scheduler.withdraw(*this); }
 
-  // Any thread. Calls coalesce until the function runs, so it must look at what
-  // there is to do and not count the calls.
+  // Any thread. Calls coalesce until the function runs, so it must check what there is to do
+  // instead of counting calls.
   void fire() { m_Scheduler.request(*this); }
 
  private:

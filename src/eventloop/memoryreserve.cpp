@@ -9,7 +9,7 @@ namespace kavo::impl {
 
 namespace {
 
-// Far more than live555 allocates for any request.
+// All blocks together are far more than live555 allocates for any request.
 constexpr std::size_t blockSize = 16 * std::size_t{1024};
 constinit std::array<void*, 64> g_Blocks{};
 constinit std::new_handler g_Before = nullptr;

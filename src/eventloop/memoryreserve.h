@@ -1,6 +1,6 @@
 // Memory reserved for the event loop. live555 does not survive a failing `new`: an
 // exception leaves entries in its tables that crash it later, and its destructors
-// allocate. On the event-loop thread, a failing `new` draws on this reserve and
+// allocate. On the event-loop thread, a failing `new` releases part of this reserve and
 // retries.
 #pragma once
 
@@ -12,15 +12,15 @@
 
 namespace kavo::impl {
 
-// One at a time. Installs a new handler, which passes allocations of other threads
-// on to the handler installed before.
+// One object at a time. Installs a new-handler, which forwards the failures of other threads
+// to the handler installed before.
 class MemoryReserve : NonCopyable {
  public:
-  // Throws std::bad_alloc when there is no memory for it.
+  // Throws std::bad_alloc if there is no memory for it.
   MemoryReserve();
   ~MemoryReserve();
 
-  // Replenishes what was used; false while there is no memory for it.
+  // Replaces what was used. False if there is no memory for it yet.
   static bool refill() KAVO_REQUIRES(eventLoopRole);
 };
 

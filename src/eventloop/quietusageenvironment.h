@@ -1,5 +1,5 @@
-// live555's usage environment without its complaints on standard error, which
-// belongs to the host. Event-loop thread.
+// live555's usage environment without its messages on standard error, which belongs to the
+// host. Event-loop thread.
 #pragma once
 
 #include <BasicUsageEnvironment.hh>

@@ -1,5 +1,5 @@
-// Delayed tasks on the monotonic clock, so setting the wall clock neither hurries
-// nor delays any. Event-loop thread.
+// Delayed tasks on the monotonic clock, unaffected by changes of the wall clock. Event-loop
+// thread.
 #pragma once
 
 #include <UsageEnvironment.hh>
@@ -16,16 +16,16 @@ class Timers {
  public:
   using Clock = std::chrono::steady_clock;
 
-  // Due at once for a delay of zero or less. Tasks due at the same time run in
-  // the order in which they were scheduled.
+  // A delay of zero or less is due at once. Tasks due at the same time run in the order in
+  // which they were scheduled.
   TaskToken schedule(std::int64_t microseconds, TaskFunc* task, void* clientData);
-  // Nothing happens for a task that has run or was never scheduled.
+  // Does nothing for a task that has run or was never scheduled.
   void cancel(TaskToken token);
 
   // How long until the next task is due, at most the limit and never below zero.
   std::chrono::microseconds untilNext(std::chrono::microseconds limit) const;
-  // Runs tasks that are due, and those that they schedule at once; bounded, so
-  // that sockets are not starved. An exception ends its task only.
+  // Runs the tasks that are due, including new ones that they schedule, up to a limit so that
+  // sockets are not starved. An exception ends only its task.
   void runDue();
 
  private:
@@ -35,7 +35,7 @@ class Timers {
     void* clientData;
   };
 
-  // Tasks that come and go all the time use the same memory again.
+  // Reuses memory, because tasks come and go all the time.
   std::pmr::unsynchronized_pool_resource m_Memory;
   std::pmr::map<Key, Task> m_Tasks{&m_Memory};
   std::pmr::unordered_map<std::uintptr_t, Clock::time_point> m_DueTimes{&m_Memory};

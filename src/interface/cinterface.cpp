@@ -20,16 +20,16 @@ namespace {
 
 constexpr unsigned int defaultPort = 8554;
 
-// Never destroyed, so it remains usable during and after static destruction;
-// g_ExitAtUnload releases what it owns.
+// Never destroyed, so that it remains usable during and after static destruction;
+// g_ExitAtUnload releases its resources.
 NoDestroy<SessionManager> g_SessionManager;
 
-// A child that the host forked off has the memory of a server, but not its thread:
-// its calls must leave the parent's sockets alone. A host that forked before it served
-// (a daemon) is no such child.
+// Set in a child process forked while a server existed: it has the server's memory but not
+// its thread, and its calls must not touch the parent's sockets. A host that forks before
+// serving (a daemon) is not affected.
 std::atomic<bool> g_InChild = false;
 
-// When the library is unloaded, or the process ends.
+// Stops serving when the library is unloaded or the process exits.
 struct ExitAtUnload : NonCopyable {
   ExitAtUnload() {
     pthread_atfork(nullptr, nullptr, [] { g_InChild = g_InChild || g_SessionManager->mayServe(); });
@@ -57,7 +57,7 @@ void requireTerminated(char const (&text)[Size]) {
   }
 }
 
-// The texts become lines of the SDP; a line break would start another line.
+// The texts become lines of the SDP, where a line break would start another line.
 template <std::size_t Size>
 void requireText(char const (&text)[Size]) {
   requireTerminated(text);

@@ -1,5 +1,5 @@
-// The boundary's inner side: the command table, the error table and the
-// handlers' common check. Any thread after load.
+// The inner side of the boundary: the command tables, the error table and the handlers'
+// common check. Any thread after loading.
 #pragma once
 
 #include <functional>
@@ -15,8 +15,8 @@ namespace kavo::impl {
 
 using CommandHandler = std::function<void(void* param, int size)>;
 
-// Their few entries stand in the library itself: loading takes no memory that
-// could be short, and unloading frees it.
+// The few entries are stored in the library's own data: loading it cannot run out of memory
+// for them, and unloading frees them.
 template <class Value>
 using Table = std::map<int, Value, std::less<>, InPlaceAllocator<std::pair<int const, Value>>>;
 using FunctionTable = Table<CommandHandler>;
@@ -25,11 +25,11 @@ using ErrorTable = Table<int>;
 // The seven commands, and those that came later.
 extern NoDestroy<FunctionTable const> const g_FunctionTable;
 extern NoDestroy<FunctionTable const> const g_MoreFunctions;
-// From StreamException's code to what kv_Stream returns.
+// Maps StreamException's codes to the results of kv_Stream.
 extern NoDestroy<ErrorTable const> const g_ErrorTable;
 
-// The reader of an optional record that holds one value: the default for no
-// record at all, otherwise what the record holds. Throws "Invalid input parameter".
+// Reads an optional record of one value: returns the default if there is no record, else its
+// value. Throws "Invalid input parameter".
 template <class T>
 T ValidateInput(void* param, int size, T defaultValue) {
   bool const absent = param == nullptr && size == 0;
@@ -40,8 +40,8 @@ T ValidateInput(void* param, int size, T defaultValue) {
   return present ? *static_cast<T*>(param) : defaultValue;
 }
 
-// Calls the function and translates what it throws into a result code; noteFailure
-// gets the text.
+// Calls the function and translates exceptions into result codes; noteFailure gets the
+// message.
 template <class Function, class Note>
 int resultOf(Function const& function, Note const& noteFailure) noexcept {
   auto const failed = [&](int result, char const* text) {

@@ -18,7 +18,7 @@ std::optional<AddressRange> AddressRange::parse(std::string const& text) {
     return std::nullopt;
   }
   if (range.m_Family == AF_INET6 && IN6_IS_ADDR_V4MAPPED(reinterpret_cast<in6_addr const*>(range.m_Bytes.data()))) {
-    return std::nullopt;  // our sockets see no such address
+    return std::nullopt;  // never matches: IPv6 sockets do not accept IPv4
   }
   range.m_PrefixBits = allBits;
   if (slash != std::string::npos) {
@@ -28,7 +28,7 @@ std::optional<AddressRange> AddressRange::parse(std::string const& text) {
       return std::nullopt;
     }
   }
-  // 192.0.2.7/24 may be meant as one address or as its network.
+  // 192.0.2.7/24 is ambiguous: one address or its network.
   return range.network(range.m_Bytes) == range.m_Bytes ? std::optional(range) : std::nullopt;
 }
 

@@ -12,8 +12,8 @@ namespace kavo::impl {
 
 class AddressRange {
  public:
-  // Nothing if the text is no address, host bits are set, or it is an IPv4 address written
-  // as IPv6.
+  // nullopt if the text is not an address or range, host bits are set, or it is an IPv4 address
+  // written as IPv6.
   static std::optional<AddressRange> parse(std::string const& text);
 
   bool isOneAddress() const { return m_PrefixBits == (m_Family == AF_INET6 ? 128 : 32); }
@@ -23,7 +23,7 @@ class AddressRange {
   using Bytes = std::array<std::uint8_t, 16>;
 
   static Bytes bytesOf(sockaddr_storage const& address);
-  // The bytes, with zeros after the prefix.
+  // The bytes with everything after the prefix set to zero.
   Bytes network(Bytes bytes) const;
 
   int m_Family = AF_UNSPEC;

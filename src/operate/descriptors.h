@@ -1,5 +1,5 @@
-// Bounds the descriptors that a server opens: half of the process's; the rest is the
-// host's. Event-loop thread, or while no loop runs.
+// Limits the descriptors that a server opens to half of the process's limit, leaving the rest
+// to the host. Event-loop thread, or while no loop runs.
 #pragma once
 
 #include <sys/resource.h>
@@ -16,7 +16,7 @@ namespace kavo::impl {
 
 class DescriptorBudget : NonCopyable {
  public:
-  // Some of them, for as long as it exists.
+  // A reservation of some descriptors, released on destruction.
   class Share {
    public:
     Share(Share&& other) noexcept : m_Budget(other.m_Budget), m_Count(std::exchange(other.m_Count, 0)) {}
@@ -31,7 +31,7 @@ class DescriptorBudget : NonCopyable {
     std::size_t m_Count;
   };
 
-  // The descriptors that the event loop itself has are among them.
+  // The event loop's own descriptors count too.
   DescriptorBudget() {
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);
@@ -39,7 +39,7 @@ class DescriptorBudget : NonCopyable {
   }
 
   std::size_t limit() const { return m_Limit; }
-  // The function closes something that is dispensable; false where there is nothing.
+  // The function closes something dispensable, or returns false if there is nothing.
   void onShortage(std::function<bool()> makeRoom) { m_MakeRoom = std::move(makeRoom); }
   std::optional<Share> take(std::size_t count) {
     while (m_Used + count > m_Limit) {

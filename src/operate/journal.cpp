@@ -23,7 +23,7 @@ double Journal::now() {
 void Journal::close() {
   m_IsOpen.store(false, std::memory_order_relaxed);
   MutexLock lock(m_Mutex);
-  auto const gone = std::exchange(m_Content, {});  // which keeps no memory, as an assignment would
+  auto const gone = std::exchange(m_Content, {});  // frees the memory, which an assignment would keep
   m_Refusers.clear();
   std::vector<StreamObserver*>(m_Streams).swap(m_Streams);
 }
@@ -45,7 +45,7 @@ void Journal::note(char const* kind, std::string_view stream, std::string_view a
     try {
       MutexLock lock(m_Mutex);
       add(kind, stream, address, text);
-    } catch (...) {  // no memory: no event
+    } catch (...) {  // without memory the event is lost
     }
   }
 }
@@ -70,7 +70,7 @@ void Journal::refused(Refusal refusal, sockaddr_storage const& address, char con
     } else {
       number = add("refused", "", text, why)->number;
     }
-  } catch (...) {  // no memory: no event
+  } catch (...) {  // without memory the event is lost
   }
 }
 
@@ -80,7 +80,7 @@ void Journal::failed(char const* text) noexcept {
     try {
       MutexLock lock(m_Mutex);
       m_Content.lastError = {now(), text};
-    } catch (...) {  // no memory: the one before
+    } catch (...) {  // without memory the previous error remains
     }
   }
 }

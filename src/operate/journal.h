@@ -1,5 +1,5 @@
-// What has happened in this process, and its streams: events, refusals, the last error.
-// Events are kept once somebody may ask for them. Any thread.
+// The events, refusals and last error of this process, and its streams. Events are recorded
+// only while there is a status server. Any thread.
 #pragma once
 
 #include <sys/socket.h>
@@ -45,20 +45,20 @@ class Journal : NonCopyable {
   static double now();
 
   void open() { m_IsOpen.store(true, std::memory_order_relaxed); }
-  // Nothing is kept any more.
+  // Stops recording and discards everything.
   void close() KAVO_EXCLUDES(m_Mutex);
 
   void note(char const* kind, std::string_view stream, std::string_view address, std::string_view text) noexcept
       KAVO_EXCLUDES(m_Mutex);
-  // One event a minute for an address and a reason, however many there are.
+  // Records one event a minute for each address and reason, however many refusals there are.
   void refused(Refusal refusal, sockaddr_storage const& address, char const* why) noexcept KAVO_EXCLUDES(m_Mutex);
-  // A command of the host, or the policy file.
+  // A command of the host failed, or the policy file is invalid.
   void failed(char const* text) noexcept KAVO_EXCLUDES(m_Mutex);
   Content content() KAVO_EXCLUDES(m_Mutex);
 
   void addStream(StreamObserver& stream) KAVO_EXCLUDES(m_Mutex);
   void removeStream(StreamObserver& stream) KAVO_EXCLUDES(m_Mutex);
-  // Calls the function with each; none goes away meanwhile.
+  // Calls the function with each stream; none is removed meanwhile.
   template <class Function>
   void forEachStream(Function const& function) KAVO_EXCLUDES(m_Mutex) {
     MutexLock lock(m_Mutex);
@@ -77,11 +77,11 @@ class Journal : NonCopyable {
   Mutex m_Mutex;
   Content m_Content KAVO_GUARDED_BY(m_Mutex);
   std::uint64_t m_LastNumber KAVO_GUARDED_BY(m_Mutex) = 0;
-  std::map<Refuser, std::uint64_t> m_Refusers KAVO_GUARDED_BY(m_Mutex);  // number of the event
+  std::map<Refuser, std::uint64_t> m_Refusers KAVO_GUARDED_BY(m_Mutex);  // event numbers
   std::vector<StreamObserver*> m_Streams KAVO_GUARDED_BY(m_Mutex);
 };
 
-// The one of the process.
+// The journal of the process.
 extern NoDestroy<Journal> g_Journal;
 
 }  // namespace kavo::impl

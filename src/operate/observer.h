@@ -1,5 +1,5 @@
-// What is known of streams and viewers, for the host and operators. Each event
-// is reported to an observer once, and counted there.
+// The figures about streams and viewers, for the host and operators. Each event is reported
+// to an observer once, which counts it.
 #pragma once
 
 #include <sys/socket.h>
@@ -22,7 +22,7 @@ enum class ViewerState { SetUp, Joining, AwaitingKeyFrame, Playing, Paused };
 // Why a viewer left.
 enum class Departure { TimedOut, Teardown, ConnectionClosed, Stalled, Unreachable, SessionRemoved, NotAllowed };
 
-// What a viewer's reports say.
+// The content of a viewer's reports.
 struct Reception {
   std::uint8_t fractionLost = 0;  // in 1/256
   std::int32_t packetsLost = 0;
@@ -32,21 +32,21 @@ struct Reception {
 
 class ViewerObserver;
 
-// What is counted of a stream: frames, but for the bytes of RTP packets sent.
+// A stream's counters. All count frames, except SentBytes: bytes of RTP packets.
 enum class Count {
   Offered,  // submitted
   Encoded,
-  Unwatched,  // not encoded, since nobody watched
+  Unwatched,  // not encoded because nobody watched
   Skipped,    // by rate control
   Failed,
-  QueueFull,  // not encoded for that
+  QueueFull,  // not encoded because the queue was full
   KeyFramesRequested,
   SentFrames,
   SentBytes
 };
 
-// One stream. Each count has one writer at a time, a host thread or the event-loop thread;
-// any thread reads it.
+// Observes one stream. Each counter has one writer at a time, a host thread or the event-loop
+// thread; any thread may read it.
 class StreamObserver : NonCopyable {
  public:
   using Clock = std::chrono::steady_clock;
@@ -59,7 +59,7 @@ class StreamObserver : NonCopyable {
 
   StreamObserver() = default;
   ~StreamObserver();
-  // Any thread, once: from now on it is among the streams of the journal.
+  // Any thread; call once. Adds the stream to the journal.
   void describe(Description description);
   Description const& description() const { return m_Description; }
 
@@ -70,12 +70,12 @@ class StreamObserver : NonCopyable {
   std::uint64_t operator[](Count count) const {
     return m_Counts[static_cast<std::size_t>(count)].load(std::memory_order_relaxed);
   }
-  // How many viewers play, or are about to.
+  // How many viewers play or are about to.
   std::uint32_t watching() const { return m_Watching.load(std::memory_order_relaxed); }
 
   // Event-loop thread.
   void delivered(Clock::time_point submitted) { m_Newest = submitted; }
-  // When the newest frame that was delivered was submitted, if any was.
+  // The submit time of the newest frame delivered, if any.
   std::optional<Clock::time_point> newest() const { return m_Newest; }
   std::vector<ViewerObserver const*> const& viewers() const { return m_Viewers; }
 
@@ -89,7 +89,7 @@ class StreamObserver : NonCopyable {
   std::vector<ViewerObserver const*> m_Viewers;
 };
 
-// What is known of a viewer.
+// The figures of one viewer.
 struct ViewerFigures {
   std::string address;
   std::string user;
@@ -103,7 +103,7 @@ struct ViewerFigures {
   std::size_t maxPacket = 0;  // bytes; 0 on an RTSP connection
 };
 
-// One viewer. Event-loop thread.
+// Observes one viewer. Event-loop thread.
 class ViewerObserver : NonCopyable {
  public:
   ViewerObserver(StreamObserver& stream, bool overUdp);
@@ -119,7 +119,7 @@ class ViewerObserver : NonCopyable {
   void left(Departure departure);
   void paused() { note("paused", ""); }
   void pathNarrowed(std::size_t maxPacket);
-  // More of it may still wait.
+  // isBusy: whether something is still waiting for the viewer's path.
   void sent(std::size_t bytes, bool isBusy);
   void dropped(std::size_t frames);
   void reported(Reception const& reception) { m_Figures.reception = reception; }

@@ -19,7 +19,7 @@ namespace kavo::impl {
 
 namespace {
 
-// One key's value: throws what is wrong with it, and with its place.
+// The value of one key. Its readers throw what is wrong with it, and where.
 class Value {
  public:
   Value(std::string const& file, std::string name, toml::node const& node)
@@ -88,7 +88,7 @@ class Value {
     return ranges;
   }
 
-  // Calls the reader of each key of the table.
+  // Calls the reader for each key in the table.
   void table(std::map<std::string, std::function<void(Value const&)>> const& readers) const {
     auto const* const values = m_Node.as_table();
     if (values == nullptr) {
@@ -113,7 +113,7 @@ class Value {
     refuseAt(node.source().begin.line, reason);
   }
 
-  // Texts go into headers of responses.
+  // Texts become part of response headers.
   std::string plain(std::string text, toml::node const& node) const {
     bool const bad =
         std::any_of(text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7F || c == '"'; });
@@ -128,10 +128,11 @@ class Value {
   toml::node const& m_Node;
 };
 
-// Opened without waiting, as a FIFO would have it, and read only if it is a small file.
+// Opens the file without blocking, which matters for a FIFO, and reads it only if it is a small
+// regular file.
 std::string contentOf(std::string const& file) {
   constexpr off_t largest = 65536;
-  constexpr std::size_t longestLine = 4096;  // toml++ descends into each part of a dotted key
+  constexpr std::size_t longestLine = 4096;  // toml++ recurses into each part of a dotted key
   UniqueFd const descriptor(open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   struct stat status{};
   if (descriptor.get() < 0 || fstat(descriptor.get(), &status) != 0) {

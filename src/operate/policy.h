@@ -1,5 +1,6 @@
-// Operator settings, independent of the host program: who may watch, from where, how many,
-// and how frames are sent and encoded. Without a policy file it is as below. Any thread.
+// The operator's settings, independent of the host program: who may watch, from where, how
+// many, and how frames are sent and encoded. The defaults apply without a policy file. Any
+// thread.
 #pragma once
 
 #include <array>
@@ -18,9 +19,9 @@ namespace kavo::impl {
 
 struct Policy {
   struct Delivery {
-    std::string address;           // of this machine, to listen on and send from alone; empty: all
-    std::size_t maxPacket = 1400;  // RTP packet, bytes: what fits every ordinary path, with room for tunnels
-    std::optional<int> paceMbit;   // rate at which large frames leave over UDP; 0: all at once
+    std::string address;           // the only local address to listen on and send from; empty: all
+    std::size_t maxPacket = 1400;  // RTP packet, bytes; fits every ordinary path, with room for tunnels
+    std::optional<int> paceMbit;   // rate at which large frames are sent over UDP; 0: all at once
 
     bool operator==(Delivery const&) const = default;
   };
@@ -34,12 +35,12 @@ struct Policy {
   std::vector<AddressRange> allow;           // empty: from everywhere
 
   Delivery delivery;
-  bool parallelEncoding = false;  // of different streams
+  bool parallelEncoding = false;  // whether different streams encode in parallel
 
   bool allows(sockaddr_storage const& address) const;
 };
 
-// Says file, line and reason.
+// The message gives file, line and reason.
 struct PolicyError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
@@ -50,14 +51,14 @@ Policy readPolicy(std::string const& file);
 // A policy file that may change. One thread at a time.
 class PolicyFile {
  public:
-  // An empty name: there is none, and everything is allowed.
+  // An empty name means that there is no file, and everything is allowed.
   explicit PolicyFile(std::string name) : m_Name(std::move(name)) {}
 
   std::string const& name() const { return m_Name; }
   // Throws PolicyError.
   Policy read();
-  // Call once a second: whether it is another file than was read last, and has been still
-  // since the last call.
+  // Call once a second. Whether the file differs from the one read last and has not changed
+  // since the previous call.
   bool hasChanged();
 
  private:

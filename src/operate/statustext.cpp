@@ -42,7 +42,7 @@ std::string version() {
 
 double lossOf(Reception const& reception) { return reception.fractionLost / 256.0; }
 
-// Of the newest frame that was delivered, in seconds; not a number where there is none.
+// The age of the newest frame delivered, in seconds; NaN if there is none.
 double ageOf(StreamObserver const& stream) {
   auto const newest = stream.newest();
   return newest ? std::chrono::duration<double>(StreamObserver::Clock::now() - *newest).count()
@@ -54,13 +54,13 @@ std::string jsonOf(Value const& value) {
   return nlohmann::json(value).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
-// An object or array as JSON. The library's own ones allocate memory while they are destroyed,
-// so a process that has none ends there; its texts and numbers do not.
+// A JSON object or array as text. nlohmann's own objects allocate memory in their destructors,
+// which ends a process that is out of memory; its strings and numbers do not.
 class JsonText {
  public:
   explicit JsonText(char const (&brackets)[3]) : m_End(brackets[1]), m_Text(1, brackets[0]) {}
 
-  // An item that is JSON already.
+  // Appends an item that is JSON already.
   JsonText& item(std::string const& json) {
     m_Text += m_Text.size() > 1 ? "," + json : json;
     return *this;
@@ -79,7 +79,7 @@ class JsonText {
 
 JsonText textOf(ViewerFigures const& viewer) {
   auto const& reception = viewer.reception;
-  // What is not a number is null.
+  // JSON has null for NaN.
   double const roundTrip = reception.roundTrip ? static_cast<double>(reception.roundTrip->count()) / 1000
                                                : std::numeric_limits<double>::quiet_NaN();
   return JsonText("{}")

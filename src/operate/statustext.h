@@ -1,4 +1,4 @@
-// The status of the process as text. Event-loop thread, since viewers are read.
+// The status of the process as text. Event-loop thread, because it reads the viewers.
 #pragma once
 
 #include <cstddef>
@@ -7,7 +7,7 @@
 
 namespace kavo::impl {
 
-// What the server knows.
+// The server's own figures.
 struct ServerFigures {
   unsigned port = 0;
   double started = 0;  // seconds since 1970
@@ -18,7 +18,7 @@ struct ServerFigures {
 std::string statusAsJson(ServerFigures const& server);
 // In Prometheus' text format.
 std::string statusAsMetrics(ServerFigures const& server);
-// A page for people, which asks for the JSON.
+// A web page that fetches and shows the JSON.
 extern std::string_view const statusPage;
 
 }  // namespace kavo::impl

@@ -11,7 +11,7 @@ namespace kavo::impl {
 
 namespace {
 
-// More would not fit the description; real ones take some hundred bytes.
+// In bytes. More would not fit in the SDP; real ones take a few hundred.
 constexpr std::size_t mostParameterSets = 4096;
 
 enum class Role { Other, Slice, FirstSlice, KeySlice, FirstKeySlice, Delimiter, ParameterSet };
@@ -22,14 +22,14 @@ struct Meaning {
   std::size_t smallest = 2;  // bytes
 };
 
-// first: the slice header's first bit, set on the first slice of a picture.
+// first is the first bit of the slice header, which is set in the first slice of a picture.
 Role sliceRole(bool key, bool first) {
   return key ? first ? Role::FirstKeySlice : Role::KeySlice : first ? Role::FirstSlice : Role::Slice;
 }
 
 Meaning h264Meaning(NalUnit nalUnit) {
   auto const type = static_cast<int>(typeOf(nalUnit));
-  if (type == 0 || type > 23) {  // those are the packets' own
+  if (type == 0 || type > 23) {  // RTP uses these for its own packets
     throw UnusableFrame("a NAL unit of type " + std::to_string(type) + ", which H.264 does not have");
   }
   constexpr int slice = 1;

@@ -1,5 +1,5 @@
-// Access units of H.264 and H.265 from an encoder that is not ours: whether one is whole, and
-// the parameter sets that a viewer needs before it can decode. Any thread, one at a time.
+// Access units of H.264 and H.265 from other encoders: checks that they are complete, and
+// keeps the parameter sets that a viewer needs for decoding. Any thread, one at a time.
 #pragma once
 
 #include <array>
@@ -11,7 +11,7 @@
 
 namespace kavo::impl {
 
-// Why bytes are no frame that can be sent.
+// Why bytes are not a frame that can be sent.
 class UnusableFrame : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -22,9 +22,9 @@ enum class NalCodec { H264, H265 };
 struct AccessUnit {
   int slices = 0;
   bool isKeyFrame = false;
-  // Bytes of a delimiter at its beginning: parameter sets follow it.
+  // The size of the delimiter at the beginning, in bytes; parameter sets belong after it.
   std::size_t delimiter = 0;
-  // Whether a viewer can begin with it: all kinds of parameter sets are in it.
+  // Whether it contains all kinds of parameter sets, so that a viewer can start with it.
   bool hasParameterSets = false;
 };
 
@@ -33,10 +33,10 @@ class ParameterSets {
  public:
   explicit ParameterSets(NalCodec codec) : m_Codec(codec) {}
 
-  // Throws UnusableFrame unless the bytes are parameter sets alone, in Annex B form, of each kind at least one.
+  // Throws UnusableFrame unless the bytes are only parameter sets, in Annex B form, at least one of each kind.
   void read(std::span<std::uint8_t const> bytes);
-  // Throws UnusableFrame unless the bytes are one access unit in Annex B form. The parameter sets that
-  // are in it replace those of their kind.
+  // Throws UnusableFrame unless the bytes are one access unit in Annex B form. Parameter sets in it
+  // replace the known ones of their kind.
   AccessUnit learn(std::span<std::uint8_t const> bytes);
 
   bool areComplete() const;

@@ -1,5 +1,5 @@
-// The RTP packets of one frame, the same for all viewers. Headers are written
-// here; payloads stay where the frame lies. Any thread, one at a time.
+// The RTP packets of one frame, the same for all viewers. Stores the headers; the payloads
+// stay in the frame's own memory. Any thread, one at a time.
 #pragma once
 
 #include <sys/uio.h>
@@ -11,7 +11,7 @@
 
 namespace kavo::impl {
 
-// What the fixed headers of a frame's packets say (RFC 3550, 5.1).
+// The fields of the fixed RTP header (RFC 3550, 5.1).
 struct RtpHeader {
   std::uint8_t payloadType;
   std::uint16_t sequence;  // of the first packet
@@ -22,31 +22,31 @@ struct RtpHeader {
 class FramePackets {
  public:
   static constexpr std::size_t rtpHeaderSize = 12;
-  // '$', channel and length, which precede each packet on an RTSP connection (RFC 2326, 10.12).
+  // '$', channel and length before each packet on an RTSP connection (RFC 2326, 10.12).
   static constexpr std::size_t interleavedHeaderSize = 4;
-  // Pieces of a packet in datagrams().
+  // Pieces of each packet in datagrams().
   static constexpr std::size_t datagramPieces = 2;
 
-  // Starts a new frame. Keeps the room of earlier ones.
+  // Starts a new frame. Keeps the capacity of earlier ones.
   void begin(RtpHeader const& header);
-  // The next packet: the payload format's header is copied, the payload is not.
+  // Adds the next packet: copies the header of the payload format, but not the payload.
   void add(std::span<std::uint8_t const> payloadHeader, std::span<std::uint8_t const> payload, bool marker);
-  // After the last packet.
+  // Call after the last packet.
   void end();
 
   RtpHeader const& header() const { return m_Header; }
   std::size_t count() const { return m_Packets.size(); }
-  // Bytes of one RTP packet, of all of them, and of the largest.
+  // The bytes of one RTP packet, of all together, and of the largest.
   std::size_t size(std::size_t packet) const { return m_Packets[packet].size; }
   std::size_t bytes() const { return m_Bytes; }
   std::size_t largest() const { return m_Largest; }
-  // Bytes of all of them on an RTSP connection.
+  // The bytes of all packets on an RTSP connection.
   std::size_t interleavedBytes() const { return m_Bytes + count() * interleavedHeaderSize; }
 
-  // All packets, two pieces each: header and payload. After end().
+  // All packets, two pieces each: header and payload. Valid after end().
   std::span<iovec const> datagrams() const { return m_Datagrams; }
-  // All of them as they go over an RTSP connection on the channel. The pieces that several
-  // calls return are not the same, their bytes are.
+  // All packets as sent on the channel of an RTSP connection. The same bytes may be split into
+  // pieces differently from call to call.
   std::span<iovec const> interleaved(std::uint8_t channel);
 
  private:
@@ -56,8 +56,8 @@ class FramePackets {
     std::span<std::uint8_t const> payload;
     std::size_t size;
   };
-  // On one channel. Many viewers get one contiguous copy, since a system call takes
-  // microseconds longer for many pieces.
+  // The packets for one channel. If many viewers use it, they get one contiguous copy, because
+  // a system call takes microseconds longer for many pieces.
   struct Interleaved {
     int channel = -1;
     int uses = 0;
@@ -75,7 +75,7 @@ class FramePackets {
   std::vector<std::uint8_t> m_Headers;
   std::vector<Packet> m_Packets;
   std::vector<iovec> m_Datagrams;
-  std::vector<Interleaved> m_Interleaved;  // what is not of this frame has no channel
+  std::vector<Interleaved> m_Interleaved;  // channel -1: left from earlier frames
 };
 
 }  // namespace kavo::impl

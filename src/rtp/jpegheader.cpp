@@ -9,13 +9,13 @@ namespace {
 constexpr std::size_t positions = 623;
 constexpr std::size_t tableSize = 64;
 
-// A 16-bit big-endian number of pixels, in units of 8 pixels.
+// Reads a 16-bit big-endian number of pixels and converts it to units of 8 pixels.
 std::uint8_t unitsAt(std::span<std::uint8_t const> bytes) {
   return static_cast<std::uint8_t>(bytes[0] * 32 + bytes[1] / 8);
 }
 
-// FFmpeg's encoder scales one table for both components, so the first of a
-// segment serves for both.
+// FFmpeg's encoder uses one scaled table for both components, so the first one in a segment
+// serves for both.
 JpegHeader::QuantizationTables tablesAt(std::span<std::uint8_t const> table) {
   JpegHeader::QuantizationTables tables;
   std::copy_n(table.begin(), tableSize, tables.begin());

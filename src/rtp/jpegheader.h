@@ -1,4 +1,4 @@
-// Reads from a JPEG image what RTP/JPEG sends in place of its header. Any thread.
+// Reads from a JPEG image the parameters that RTP/JPEG sends instead of its header. Any thread.
 #pragma once
 
 #include <array>
@@ -17,12 +17,12 @@ struct JpegHeader {
     std::uint8_t height;
   };
 
-  std::size_t length = 0;  // bytes up to the scan data; 0: its end was not found
+  std::size_t length = 0;  // bytes before the scan data; 0: not found
   std::optional<Size> size;
   std::optional<QuantizationTables> tables;
 };
 
-// Looks for markers at the image's first 623 positions, and never past its end.
+// Looks for markers at the first 623 positions of the image, never past its end.
 JpegHeader readJpegHeader(std::span<std::uint8_t const> image);
 
 }  // namespace kavo::impl

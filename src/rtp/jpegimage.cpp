@@ -30,8 +30,8 @@ void require(bool condition, char const* reason) {
 
 std::size_t pairAt(std::span<std::uint8_t const> bytes, std::size_t at) { return bytes[at] * 256U + bytes[at + 1]; }
 
-// The tables that receivers take (JPEG, annex K.3): class and id, then how many codes there are of each
-// length, then their values.
+// The tables that receivers assume (JPEG, annex K.3): class and id, the number of codes of each length,
+// then the values.
 constexpr std::uint8_t yDc[] = {0x00, 0, 1, 5, 1, 1, 1, 1, 1, 1, 0, 0, 0,  0, 0,
                                 0,    0, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11};
 constexpr std::uint8_t chromaDc[] = {0x01, 0, 3, 1, 1, 1, 1, 1, 1, 1, 1, 1, 0,  0, 0,
@@ -144,7 +144,7 @@ void JpegImage::readFrameHeader(Bytes segment) {
   m_Frame.type = is420 ? 1 : 0;
 }
 
-// Receivers take it for granted that Y has the tables 0, and the others the tables 1.
+// Receivers assume that Y uses the tables 0, and Cb and Cr the tables 1.
 void JpegImage::readScanHeader(Bytes segment) {
   constexpr std::size_t size = 10;
   require(m_Frame.width != 0 && segment.size() == size && segment[0] == m_Components.size(),
@@ -164,7 +164,7 @@ void JpegImage::readScanHeader(Bytes segment) {
   m_Frame.tables = m_Tables;
 }
 
-// Up to the end of the image; what follows is padding.
+// Reads up to the end of the image; anything after it is padding.
 void JpegImage::readScan(Bytes scan) {
   constexpr std::uint8_t withRestarts = 64;
   m_Frame.type = static_cast<std::uint8_t>(m_Frame.type + (m_Frame.restartInterval > 0 ? withRestarts : 0));

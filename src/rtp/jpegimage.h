@@ -1,4 +1,4 @@
-// JPEG images from an encoder that is not ours, such as a USB camera's. Any thread.
+// JPEG images from other encoders, such as those of USB cameras. Any thread.
 #pragma once
 
 #include <array>
@@ -12,12 +12,12 @@ namespace kavo::impl {
 
 class JpegImage {
  public:
-  // Throws UnusableFrame, with the reason, for what RTP/JPEG cannot carry, or what is no whole image:
-  // taken are baseline images of 8 bits in 4:2:0 or 4:2:2, in steps of 8 up to 2040x2040, with the
-  // standard Huffman tables or none. The image's bytes are not copied.
+  // Throws UnusableFrame, with the reason, unless the bytes are a complete image that RTP/JPEG can
+  // carry: baseline, 8 bits, 4:2:0 or 4:2:2, in steps of 8 up to 2040x2040, with the standard Huffman
+  // tables or none. The bytes are not copied.
   explicit JpegImage(std::span<std::uint8_t const> bytes);
 
-  // Valid as long as this object and the bytes.
+  // Valid as long as this object and the bytes exist.
   JpegFrame const& frame() const { return m_Frame; }
 
   JpegImage(JpegImage const&) = delete;
@@ -41,7 +41,7 @@ class JpegImage {
   JpegFrame m_Frame{};
   std::array<Component, 3> m_Components{};  // Y, Cb, Cr
   std::array<Bytes, 4> m_TablesById{};
-  std::array<std::uint8_t, 2 * tableSize> m_Tables{};  // of Y, and of Cb and Cr
+  std::array<std::uint8_t, 2 * tableSize> m_Tables{};  // for Y, then for Cb and Cr
 };
 
 }  // namespace kavo::impl

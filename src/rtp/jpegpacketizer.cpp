@@ -16,14 +16,14 @@ using Header = std::array<std::uint8_t, mainHeaderSize + restartHeaderSize + tab
 
 std::uint8_t byteOf(std::size_t number, int index) { return static_cast<std::uint8_t>(number >> 8 * index); }
 
-// Writes the main header, the restart header of the types that have one, and the tables at the
-// start of a frame. Returns their size.
+// Writes the main header, the restart header for types that have one, and, at the start of a
+// frame, the tables. Returns their size.
 std::size_t writeHeader(JpegFrame const& frame, std::size_t offset, Header& header) {
   header = {0, byteOf(offset, 2), byteOf(offset, 1), byteOf(offset, 0), frame.type, frame.q, frame.width, frame.height};
   std::size_t size = mainHeaderSize;
   constexpr std::uint8_t firstWithRestarts = 64;
   if (frame.type >= firstWithRestarts) {
-    // Packets do not begin at restart markers: the whole frame has to be there to be decoded.
+    // Packets do not begin at restart markers, so only a complete frame can be decoded.
     constexpr std::uint8_t wholeFrame = 0xFF;
     for (auto const byte :
          {byteOf(frame.restartInterval, 1), byteOf(frame.restartInterval, 0), wholeFrame, wholeFrame}) {

@@ -15,7 +15,7 @@ constexpr std::uint8_t endBit = 0x40;
 struct H264 {
   static constexpr std::size_t headerSize = 1;
   static bool isKey(NalUnit nalUnit) { return typeOf(nalUnit) == NalUnitType::Idr; }
-  // The FU indicator, and the FU header without its bits.
+  // The FU indicator, and the FU header without its start and end bits.
   static std::array<std::uint8_t, 2> fragmentHeader(NalUnit nalUnit) {
     constexpr std::uint8_t fuA = 28;
     return {static_cast<std::uint8_t>((nalUnit[0] & 0xE0) | fuA), static_cast<std::uint8_t>(nalUnit[0] & 0x1F)};

@@ -10,9 +10,9 @@
 
 namespace kavo::impl {
 
-// The access unit is in Annex B form. A NAL unit that fits a packet of maxPacket bytes is
-// sent as it is, a larger one in fragments (FU-A, FU). True for a picture that decoding can
-// begin with: IDR, in H.265 any IRAP.
+// The access unit is in Annex B form. A NAL unit that fits in a packet of maxPacket bytes is
+// sent unchanged, a larger one in fragments (FU-A, FU). Returns whether decoding can start
+// with the picture: IDR, in H.265 any IRAP.
 bool packetizeH264(std::span<std::uint8_t const> accessUnit, std::size_t maxPacket, FramePackets& packets);
 bool packetizeH265(std::span<std::uint8_t const> accessUnit, std::size_t maxPacket, FramePackets& packets);
 

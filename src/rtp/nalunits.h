@@ -1,4 +1,4 @@
-// Byte streams of H.264 and H.265 (Annex B of both): where the NAL units are. Any thread.
+// Finds the NAL units in byte streams of H.264 and H.265 (Annex B of both). Any thread.
 #pragma once
 
 #include <cstdint>
@@ -20,9 +20,9 @@ inline bool isIrap(H265NalUnitType type) {
   return type >= H265NalUnitType::FirstIrap && type <= H265NalUnitType::LastIrap;
 }
 
-// Takes the first NAL unit off the byte stream, without start codes (of three or
-// four bytes) and trailing zeros; the first may come without a start code. Empty
-// ones are skipped, and an empty result means that there is none left.
+// Removes the first NAL unit from the byte stream and returns it without its start code (of
+// three or four bytes) and trailing zeros; the first one may lack a start code. Skips empty
+// ones; an empty result means that there are no more.
 NalUnit takeNalUnit(std::span<std::uint8_t const>& byteStream);
 
 // The first NAL unit of the type; empty if there is none.

@@ -20,7 +20,8 @@ void append(std::vector<std::uint8_t>& packet, std::uint64_t number, int size) {
   }
 }
 
-// A packet's header; count is of report blocks or sources, words are those that follow.
+// A packet's header; count is the number of report blocks or sources, words the length after
+// the header.
 void appendHeader(std::vector<std::uint8_t>& packet, int count, std::uint8_t type, std::size_t words) {
   packet.push_back(static_cast<std::uint8_t>(2 << 6 | count));
   packet.push_back(type);
@@ -47,8 +48,8 @@ ReportBlock blockAt(std::span<std::uint8_t const> bytes) {
   return block;
 }
 
-// The first names the sender in its header, the second in the entry after it.
-bool isKeyFrameWish(std::span<std::uint8_t const> packet, std::uint32_t ssrc) {
+// Picture loss names the sender in its header, full intra request in the entry after it.
+bool isKeyFrameRequest(std::span<std::uint8_t const> packet, std::uint32_t ssrc) {
   int const kind = packet[0] & 0x1F;
   return packet[1] == payloadFeedback &&
          ((kind == pictureLoss && packet.size() >= 12 && numberAt(packet, 8) == ssrc) ||
@@ -98,7 +99,7 @@ std::optional<ReceiverReport> readReceiverReport(std::span<std::uint8_t const> p
         report->block = blockAt(packet.subspan(at));
       }
     }
-    report->wantsKeyFrame = report->wantsKeyFrame || isKeyFrameWish(packet.first(size), ssrc);
+    report->wantsKeyFrame = report->wantsKeyFrame || isKeyFrameRequest(packet.first(size), ssrc);
     packet = packet.subspan(size);
   }
   return report;

@@ -1,4 +1,4 @@
-// RTCP (RFC 3550, 6): sender reports out, receiver reports in. Any thread.
+// Makes RTCP sender reports and reads receiver reports (RFC 3550, 6). Any thread.
 #pragma once
 
 #include <cstdint>
@@ -9,7 +9,7 @@
 
 namespace kavo::impl {
 
-// The same moment on the wall clock and in RTP time, and what was sent until then.
+// One moment on the wall clock and in RTP time, and what was sent until then.
 struct SenderInfo {
   std::uint32_t ssrc;
   std::uint64_t ntpTime;  // seconds since 1900 in the upper, their fraction in the lower half
@@ -27,16 +27,16 @@ struct ReportBlock {
   std::int32_t packetsLost = 0;         // since it began
   std::uint32_t highestSequence = 0;    // extended
   std::uint32_t jitter = 0;             // in units of RTP time
-  std::uint32_t lastSenderReport = 0;   // the middle of that one's NTP time; 0: none came
+  std::uint32_t lastSenderReport = 0;   // the middle 32 bits of its NTP time; 0: none was received
   std::uint32_t sinceSenderReport = 0;  // in 1/65536 s
 };
 
 struct ReceiverReport {
-  std::optional<ReportBlock> block;  // what it says of this sender, if anything
+  std::optional<ReportBlock> block;  // the one about this sender, if any
   bool wantsKeyFrame = false;        // picture loss (RFC 4585, 6.3.1) or full intra request (RFC 5104, 4.3.1)
 };
 
-// Nothing unless the packet is RTCP that begins with a report.
+// nullopt unless the packet is RTCP that begins with a report.
 std::optional<ReceiverReport> readReceiverReport(std::span<std::uint8_t const> packet, std::uint32_t ssrc);
 
 }  // namespace kavo::impl

@@ -1,5 +1,5 @@
-// A stream of JPEG images from an encoder that is not ours, as live555 serves it (RFC 2435,
-// payload type 26). Event-loop thread.
+// live555's subsession for JPEG images that the host has encoded (RFC 2435, payload type 26).
+// Event-loop thread.
 #pragma once
 
 #include <JPEGVideoRTPSink.hh>

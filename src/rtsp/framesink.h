@@ -1,6 +1,6 @@
-// What the sinks of all payload formats share: they take one whole encoded frame
-// from their source, and its packets go to all viewers in one call. live555's
-// classes keep counters, time stamps and SDP. Event-loop thread.
+// The common part of the sinks of all payload formats: they get whole encoded frames from
+// their source and send each frame's packets to all viewers in one call. live555's classes
+// keep the counters, time stamps and SDP. Event-loop thread.
 #pragma once
 
 #include <MediaSink.hh>
@@ -17,21 +17,21 @@
 
 namespace kavo::impl {
 
-// What a demand session sees of its sink.
+// A demand session's interface to its sink.
 class LiveSink {
  public:
   virtual RTPSink& rtp() = 0;
-  // RTP time and wall clock of this moment, and what was sent so far.
+  // The current RTP time and wall clock, and the counts of what was sent.
   virtual SenderInfo senderInfo() KAVO_REQUIRES(eventLoopRole) = 0;
-  // RTP time of that moment.
+  // The RTP time that corresponds to the time point.
   virtual std::uint32_t rtpTimeAt(std::chrono::steady_clock::time_point time) KAVO_REQUIRES(eventLoopRole) = 0;
 
  protected:
   ~LiveSink() = default;
 };
 
-// While it exists, live555's sinks are made with a buffer of one packet instead
-// of one for the largest frame: theirs is not used.
+// While it exists, live555's sinks are created with a buffer for one packet instead of the
+// largest frame, because we do not use their buffer.
 class SmallOutPacketBuffer : NonCopyable {
  public:
   SmallOutPacketBuffer() { OutPacketBuffer::maxSize = 2000; }
@@ -41,7 +41,7 @@ class SmallOutPacketBuffer : NonCopyable {
   unsigned const m_Before = OutPacketBuffer::maxSize;
 };
 
-// Base is live555's sink of the payload format, Source a QueuedSource.
+// Base is live555's sink for the payload format, Source a QueuedSource.
 template <class Base, class Source>
 class FrameSink : public Base, public LiveSink {
  public:
@@ -68,12 +68,12 @@ class FrameSink : public Base, public LiveSink {
   FrameSink(UsageEnvironment& env, Groupsock* rtpGroupsock, Viewers& viewers, Arguments&&... arguments)
       : Base(env, rtpGroupsock, std::forward<Arguments>(arguments)...), m_Viewers(viewers) {}
 
-  // Cuts the frame's bytes, which the source has just given, into packets, and says whether it is a key frame.
+  // Splits the bytes of the frame just delivered into packets. Returns whether it is a key frame.
   virtual bool packetize(Source& source, std::span<std::uint8_t const> bytes, std::size_t maxPacket,
                          FramePackets& packets) KAVO_REQUIRES(eventLoopRole) = 0;
 
  private:
-  // Only the demand session starts it, with a source of its own.
+  // Only the demand session starts the sink, with its own source.
   Boolean sourceIsCompatibleWithUs(MediaSource& /*source*/) override { return True; }
 
   Boolean continuePlaying() override {
@@ -98,7 +98,8 @@ class FrameSink : public Base, public LiveSink {
     self.continuePlaying();
   }
 
-  // The frame in packets; null where no viewer takes it: numbering it would look like loss.
+  // The frame in packets; null if no viewer wants it, since skipped sequence numbers would look
+  // like loss.
   FramePtr takeFrame(unsigned size, timeval time) KAVO_REQUIRES(eventLoopRole) {
     auto& source = static_cast<Source&>(*this->fSource);
     FramePtr frame = source.takeFrame();
@@ -118,7 +119,7 @@ class FrameSink : public Base, public LiveSink {
     return frame;
   }
 
-  // RTP time counted from 1970, as live555 rounds it. Frames of different times never share one.
+  // RTP time since 1970, rounded as live555 does. Frames with different times never share one.
   static std::int64_t ticksOf(timeval time) {
     constexpr std::int64_t frequency = 90000;
     return frequency * time.tv_sec + (2 * frequency * time.tv_usec + 1000000) / 2000000;

@@ -6,7 +6,7 @@
 namespace kavo::impl {
 
 namespace {
-// What a moment's delay of the event loop fills: 0.4 s at 25 frames a second.
+// In frames; absorbs a delay of the event loop of 0.4 s at 25 frames a second.
 constexpr std::uint32_t capacity = 10;
 constexpr std::chrono::steady_clock::duration longestFreshness = std::chrono::seconds(60);
 }  // namespace
@@ -37,7 +37,7 @@ void FrameSourceHandler::add(FrameData const& frame) {
   m_Size.store(static_cast<std::uint32_t>(m_Frames.size()), std::memory_order_release);
 }
 
-// Another reference to its bytes. Without memory for that there is none to keep.
+// Keeps another reference to the bytes, or nothing if there is no memory for one.
 void FrameSourceHandler::keep(AVPacket const& packet) {
   av_packet_unref(&m_Newest);
   if (packet.buf != nullptr && (packet.flags & AV_PKT_FLAG_KEY) != 0) {
@@ -112,7 +112,7 @@ void FrameSourceHandler::removeFront() {
   m_Size.store(static_cast<std::uint32_t>(m_Frames.size()), std::memory_order_release);
 }
 
-// Bytes without a buffer are not ours.
+// Bytes without a buffer do not belong to the queue.
 void FrameSourceHandler::release(AVPacket& packet) {
   if (packet.data != nullptr && packet.buf != nullptr) {
     av_packet_unref(&packet);

@@ -1,4 +1,4 @@
-// An H.264 stream as live555 serves it (RFC 6184).
+// live555's subsession for H.264 streams (RFC 6184).
 #pragma once
 
 #include "rtsp/h264sink.h"

@@ -14,7 +14,7 @@ namespace kavo::impl {
 
 class H264Sink : public FrameSink<H264VideoRTPSink, H264Source> {
  public:
-  // The parameter sets (SPS and PPS in Annex B form, or nothing) are for the SDP.
+  // The parameter sets (SPS and PPS in Annex B form, or none) are for the SDP.
   static H264Sink* createNew(UsageEnvironment& env, Groupsock* rtpGroupsock, unsigned char payloadType,
                              Viewers& viewers, std::span<std::uint8_t const> parameterSets) {
     SmallOutPacketBuffer const small;
@@ -27,7 +27,7 @@ class H264Sink : public FrameSink<H264VideoRTPSink, H264Source> {
  private:
   using FrameSink::FrameSink;
 
-  // live555 has no line where it knows no parameter sets, which would promise that no NAL unit is fragmented.
+  // Without parameter sets live555 adds no line, which would mean that no NAL unit is fragmented.
   char const* auxSDPLine() override {
     char const* const line = FrameSink::auxSDPLine();
     m_Line = "a=fmtp:" + std::to_string(rtpPayloadType()) + " packetization-mode=1\r\n";

@@ -1,4 +1,4 @@
-// An H.265 stream as live555 serves it (RFC 7798). Event-loop thread.
+// live555's subsession for H.265 streams (RFC 7798). Event-loop thread.
 #pragma once
 
 #include <H265VideoRTPSink.hh>
@@ -14,7 +14,7 @@ namespace kavo::impl {
 
 class H265Sink : public FrameSink<H265VideoRTPSink, WholeFrameSource> {
  public:
-  // The parameter sets (VPS, SPS and PPS in Annex B form, or nothing) are for the SDP.
+  // The parameter sets (VPS, SPS and PPS in Annex B form, or none) are for the SDP.
   static H265Sink* createNew(UsageEnvironment& env, Groupsock* rtpGroupsock, unsigned char payloadType,
                              Viewers& viewers, std::span<std::uint8_t const> parameterSets) {
     SmallOutPacketBuffer const small;

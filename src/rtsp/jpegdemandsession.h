@@ -1,4 +1,4 @@
-// A JPEG stream as live555 serves it (RFC 2435, payload type 26).
+// live555's subsession for JPEG streams (RFC 2435, payload type 26).
 #pragma once
 
 #include "rtsp/jpegsink.h"

@@ -21,7 +21,7 @@ class JpegSink : public FrameSink<JPEGVideoRTPSink, JpegSource> {
  private:
   using FrameSink::FrameSink;
 
-  // Every JPEG image is a key frame. What its header said, the source knows.
+  // Every JPEG image is a key frame. The source has parsed its header.
   bool packetize(JpegSource& source, std::span<std::uint8_t const> bytes, std::size_t maxPacket,
                  FramePackets& packets) override {
     JpegFrame image{.type = source.type(),

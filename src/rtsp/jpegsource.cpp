@@ -14,10 +14,10 @@ JpegSource* JpegSource::createNew(UsageEnvironment& env, std::shared_ptr<FrameSo
 JpegSource::JpegSource(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler)
     : QueuedSource(env, std::move(handler)) {}
 
-// 4:2:0, which is what JpegEncoder makes.
+// 4:2:0, as JpegEncoder produces.
 u_int8_t JpegSource::type() { return 1; }
 
-// 128 and more: the tables travel with the frame.
+// Values from 128 on mean that the tables are sent along.
 u_int8_t JpegSource::qFactor() { return 195; }
 
 u_int8_t JpegSource::width() {
@@ -37,7 +37,7 @@ u_int8_t const* JpegSource::quantizationTables(u_int8_t& precision, u_int16_t& l
     length = 0;
     return nullptr;
   }
-  // The bits of the two tables sent are clear: both hold 8-bit coefficients.
+  // The two tables' bits are clear: both have 8-bit coefficients.
   precision = 8;
   length = static_cast<u_int16_t>(m_QuantizationTables->size());
   return m_QuantizationTables->data();

@@ -1,5 +1,5 @@
-// Moves JPEG images from a stream's queue to live555's JPEG sink. Event-loop
-// thread, but for signalNewFrameData().
+// Moves JPEG images from a stream's queue to live555's JPEG sink. Event-loop thread, except
+// signalNewFrameData().
 #pragma once
 
 #include <JPEGVideoSource.hh>
@@ -10,8 +10,8 @@
 
 namespace kavo::impl {
 
-// RTP/JPEG sends a few parameters in place of the image's header; they are read
-// from each image, of which only the scan data is delivered.
+// RTP/JPEG sends a few parameters instead of the image's header: they are read from each
+// image, and only the scan data is delivered.
 class JpegSource : public QueuedSource<JPEGVideoSource> {
  public:
   static JpegSource* createNew(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler)

@@ -6,8 +6,8 @@
 
 namespace kavo::impl {
 
-// Key frames are several times as large as others, so requests coalesce and are
-// granted at most once per interval, however many viewers join.
+// Key frames are several times larger than others, so requests coalesce and are granted at
+// most once per interval, however many viewers join.
 class KeyFrameRequest {
  public:
   using Clock = std::chrono::steady_clock;
@@ -21,7 +21,7 @@ class KeyFrameRequest {
   // Any thread.
   bool isPending() const { return m_Asked.load(std::memory_order_relaxed); }
 
-  // Host thread, before each frame: whether this one is to be a key frame.
+  // Host thread, before each frame: whether this one must be a key frame.
   bool take(Clock::time_point now) {
     bool const isDue = isPending() && mayAsk(now);
     if (isDue) {
@@ -29,7 +29,8 @@ class KeyFrameRequest {
     }
     return isDue;
   }
-  // Host threads, where the encoder is the host's: whether it may be asked for one; and one has come.
+  // Host threads, if the host encodes: whether it may be asked for a key frame; and call when it
+  // has submitted one.
   bool mayAsk(Clock::time_point now) const { return now - m_LastTaken >= interval; }
   void grant(Clock::time_point now) {
     m_Asked.store(false, std::memory_order_relaxed);

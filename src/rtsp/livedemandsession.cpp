@@ -67,7 +67,7 @@ FramedSource* LiveDemandSession::createNewStreamSource(unsigned /*clientSessionI
   return source;
 }
 
-// Removed first, so that no host thread signals it; closed outside the lock.
+// Clears m_Source first, so that no host thread signals it, and closes outside the lock.
 void LiveDemandSession::closeStreamSource(FramedSource* inputSource) {
   {
     MutexLock lock(m_Mutex);
@@ -94,8 +94,8 @@ RTPSink* LiveDemandSession::createNewRTPSink(Groupsock* rtpGroupsock, unsigned c
   return &newSink(rtpGroupsock, rtpPayloadTypeIfDynamic, m_FrameSourceHandler->parameterSets())->rtp();
 }
 
-// Described without a source, so it triggers no encoding and takes no frame from
-// viewers. Its address is of the asking client's family.
+// Describes the stream without a source, so that nothing is encoded for it and no viewer
+// loses a frame. The address is of the client's family.
 char const* LiveDemandSession::sdpLines(int addressFamily) {
   eventLoopRole.assertHeld();
   unsigned const parameterSets = m_FrameSourceHandler->parameterSetChanges();
@@ -105,7 +105,7 @@ char const* LiveDemandSession::sdpLines(int addressFamily) {
     try {
       setSDPLinesFromRTPSink(&sink.live->rtp(), nullptr, m_EstimatedBitrate);
     } catch (...) {
-      fSDPLines = nullptr;  // live555 frees it before it has memory for the next
+      fSDPLines = nullptr;  // live555 has freed it, but had no memory for the new one
       sink.close();
       throw;
     }
@@ -116,7 +116,7 @@ char const* LiveDemandSession::sdpLines(int addressFamily) {
   return fSDPLines;
 }
 
-// Without a stream token the client gets an error response.
+// The client gets an error response if there is no stream token.
 void LiveDemandSession::getStreamParameters(unsigned /*clientSessionId*/, sockaddr_storage const& clientAddress,
                                             Port const& clientRTPPort, Port const& clientRTCPPort, int tcpSocketNum,
                                             unsigned char rtpChannelId, unsigned char rtcpChannelId,
@@ -152,13 +152,13 @@ void LiveDemandSession::startStream(unsigned /*clientSessionId*/, void* streamTo
     m_Sink = makeSink(AF_INET);
   }
   auto const first = startSource(*viewer).value_or(std::chrono::steady_clock::now());
-  // Of the first packet that it gets.
+  // Sequence number and time of the viewer's first packet.
   Frame const* const newest = m_Viewers.play(*viewer);
   rtpSeqNum = newest != nullptr ? newest->packets.header().sequence : m_Sink.live->rtp().currentSeqNo();
   rtpTimestamp = newest != nullptr ? newest->packets.header().timestamp : m_Sink.live->rtpTimeAt(first);
 }
 
-// Submit time of the requeued frame that the source starts with, if any.
+// Returns the submit time of the requeued frame that the source starts with, if any.
 std::optional<std::chrono::steady_clock::time_point> LiveDemandSession::startSource(Viewer const& viewer) {
   {
     MutexLock lock(m_Mutex);
@@ -199,7 +199,7 @@ void LiveDemandSession::stopSourceIfUnused() {
   }
 }
 
-// Before anybody played there is no clock; nothing is sent then.
+// There is no clock before the first PLAY; nothing is sent then.
 SenderInfo LiveDemandSession::senderInfo() { return m_Sink.live != nullptr ? m_Sink.live->senderInfo() : SenderInfo{}; }
 
 void LiveDemandSession::seekStream(unsigned /*clientSessionId*/, void* /*streamToken*/, double& /*seekNPT*/,

@@ -1,5 +1,5 @@
-// A stream as live555 serves it: one source and one sink, shared by all viewers.
-// Event-loop thread, but for signalNewFrame().
+// live555's subsession for a stream: one source and one sink, shared by all viewers.
+// Event-loop thread, except signalNewFrame().
 #pragma once
 
 #include <OnDemandServerMediaSubsession.hh>
@@ -16,18 +16,18 @@
 
 namespace kavo::impl {
 
-// What the two payload formats share; they add the source and the sink.
+// The common part of all payload formats; they add the source and the sink.
 //
 // live555 calls the functions below for the RTSP requests that it answers. The
 // stream token of a client session is its Viewer. The sink exists from the first
-// PLAY until the last viewer has gone; the source, and with it the encoding, only
+// PLAY until the last viewer leaves; the source exists, and frames are encoded, only
 // while somebody plays.
 class LiveDemandSession : public OnDemandServerMediaSubsession, public Stream {
  public:
-  // Any thread, after a frame was queued: wakes the open source.
+  // Any thread. Call after queueing a frame: wakes the source if it is open.
   virtual void signalNewFrame(TaskScheduler* scheduler) KAVO_EXCLUDES(m_Mutex);
 
-  // Closes the open source.
+  // Closes the source if it is open.
   virtual void closeSession() KAVO_REQUIRES(eventLoopRole) KAVO_EXCLUDES(m_Mutex);
 
   Viewers& viewers() KAVO_REQUIRES(eventLoopRole) { return m_Viewers; }
@@ -37,7 +37,7 @@ class LiveDemandSession : public OnDemandServerMediaSubsession, public Stream {
   SenderInfo senderInfo() override KAVO_REQUIRES(eventLoopRole);
 
  protected:
-  // estimatedBitrate in kbit/s: for the SDP's bandwidth line.
+  // estimatedBitrate is for the SDP's bandwidth line, in kbit/s.
   LiveDemandSession(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler, bool reuseFirstSource,
                     unsigned estimatedBitrate, DeliveryContext const& context) KAVO_REQUIRES(eventLoopRole);
   ~LiveDemandSession() override;
@@ -69,7 +69,7 @@ class LiveDemandSession : public OnDemandServerMediaSubsession, public Stream {
   void closeStreamSource(FramedSource* inputSource) override;
 
   virtual FramedSource* openSource(std::shared_ptr<FrameSourceHandler> handler) KAVO_REQUIRES(eventLoopRole) = 0;
-  // Any thread, with m_Mutex held, so that the source is not being closed.
+  // Any thread, with m_Mutex held, so that the source cannot be closed meanwhile.
   virtual void wakeSource(TaskScheduler* scheduler, FramedSource* source) = 0;
   virtual LiveSink* newSink(Groupsock* groupsock, unsigned char payloadType,
                             std::span<std::uint8_t const> parameterSets) KAVO_REQUIRES(eventLoopRole) = 0;
@@ -78,8 +78,8 @@ class LiveDemandSession : public OnDemandServerMediaSubsession, public Stream {
                             FramedSource* inputSource) override;
 
  private:
-  // The groupsock that live555's sinks want. Packets do not go through it, so it
-  // has no socket once the sink is made.
+  // live555's sinks require a groupsock. Packets do not go through it, so it has no socket
+  // once the sink is created.
   struct Sink {
     std::unique_ptr<Groupsock> groupsock;
     LiveSink* live = nullptr;  // closed with close()
@@ -96,7 +96,7 @@ class LiveDemandSession : public OnDemandServerMediaSubsession, public Stream {
   unsigned const m_EstimatedBitrate;
   Viewers m_Viewers KAVO_GUARDED_BY(eventLoopRole);
   Sink m_Sink KAVO_GUARDED_BY(eventLoopRole);
-  // Of the SDP lines that live555 keeps.
+  // The state that live555's cached SDP lines describe.
   int m_DescribedFamily KAVO_GUARDED_BY(eventLoopRole) = AF_UNSPEC;
   unsigned m_DescribedParameterSets KAVO_GUARDED_BY(eventLoopRole) = 0;
   Mutex m_Mutex;

@@ -1,4 +1,4 @@
-// The demand session of one payload format. Event-loop thread, but for signalNewFrame().
+// The demand session of one payload format. Event-loop thread, except signalNewFrame().
 #pragma once
 
 #include <cstdint>
@@ -10,12 +10,12 @@
 
 namespace kavo::impl {
 
-// Codec names the format's Source and Sink, its usual bitrate in kbit/s, for the SDP's bandwidth
-// line, and whether all of its frames are key frames.
+// Codec defines the format's Source and Sink, its default bitrate in kbit/s for the SDP's
+// bandwidth line, and whether all its frames are key frames.
 template <class Codec>
 class MediaDemandSession : public LiveDemandSession {
  public:
-  // The queue knows the parameter sets for the SDP. kilobits: what the host says of its bitrate.
+  // The queue has the parameter sets for the SDP. kilobits is the bitrate that the host states.
   static MediaDemandSession* createNew(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler,
                                        DeliveryContext const& context = {}, unsigned kilobits = Codec::kilobits)
       KAVO_REQUIRES(eventLoopRole) {

@@ -1,5 +1,5 @@
-// Presentation times: the wall clock as it was when the process began to stream,
-// and since then as even as the monotonic clock. Any thread.
+// Presentation times: they start at the wall clock when the process begins to stream, and
+// then advance with the monotonic clock. Any thread.
 #pragma once
 
 #include <sys/time.h>
@@ -15,7 +15,7 @@ inline std::chrono::microseconds wallClock() {
   return std::chrono::seconds(now.tv_sec) + std::chrono::microseconds(now.tv_usec);
 }
 
-// Setting the wall clock later moves no presentation time; sender reports carry the
+// Setting the wall clock later does not change presentation times; sender reports carry the
 // new time to receivers.
 inline timeval presentationTime(std::chrono::steady_clock::time_point time) {
   using std::chrono::microseconds;

@@ -1,6 +1,6 @@
-// What the sources of both payload formats share: they take frames out of a
-// stream's queue when the sink asks for one or a host thread has queued one.
-// Event-loop thread, but for signalNewFrameData().
+// The common part of the sources: they deliver frames from a stream's queue when the sink
+// requests one or a host thread has queued one. Event-loop thread, except
+// signalNewFrameData().
 #pragma once
 
 #include <FramedSource.hh>
@@ -16,13 +16,13 @@
 
 namespace kavo::impl {
 
-// Base is the source class of live555 that the sink wants. In place of live555's buffer it
-// fills a Frame, which grows with the frames of the stream and is the sink's from then on.
+// Base is the live555 source class that the sink requires. Instead of live555's buffer it
+// fills a Frame, which grows as needed and then belongs to the sink.
 template <class Base>
 class QueuedSource : public Base {
  public:
-  // Any thread: wakes the event loop for a frame. Nothing happens for a null
-  // pointer or a source of another type.
+  // Any thread. Wakes the event loop for a frame. Does nothing for a null pointer or a
+  // source of another type.
   static void signalNewFrameData(TaskScheduler* scheduler, FramedSource* source) {
     auto* queued = dynamic_cast<QueuedSource*>(source);
     if (scheduler != nullptr && queued != nullptr) {
@@ -30,7 +30,7 @@ class QueuedSource : public Base {
     }
   }
 
-  // What was delivered last; once for each frame.
+  // The frame delivered last. Call once for each frame.
   FramePtr takeFrame() KAVO_REQUIRES(eventLoopRole) { return std::move(m_Frame); }
 
  protected:
@@ -49,8 +49,8 @@ class QueuedSource : public Base {
     m_FrameSourceHandler->clear();
   }
 
-  // A frame may have been queued while the sink was not waiting. It is delivered
-  // from the loop, to avoid nesting and to let sockets take their turn.
+  // A frame may have been queued while the sink was not waiting. The loop delivers it, to
+  // avoid nesting and so that sockets are served in between.
   void doGetNextFrame() override {
     eventLoopRole.assertHeld();
     if (!m_FrameSourceHandler->empty()) {
@@ -58,11 +58,11 @@ class QueuedSource : public Base {
     }
   }
 
-  // Copies the packet, of which the first deliverable bytes fit, to fTo and sets fFrameSize.
+  // Copies the first deliverable bytes of the packet to fTo and sets fFrameSize.
   virtual void copyFrame(AVPacket const& packet, unsigned deliverable) KAVO_REQUIRES(eventLoopRole) = 0;
 
  private:
-  // At most one frame, since the sink asks for each; empty ones are skipped.
+  // Delivers at most one frame, because the sink requests each; skips empty ones.
   void deliverFrame() KAVO_REQUIRES(eventLoopRole) {
     while (this->isCurrentlyAwaitingData() && !m_FrameSourceHandler->empty()) {
       AVPacket const packet = m_FrameSourceHandler->front().packet;

@@ -1,4 +1,4 @@
-// Delivers frames from a stream's queue to the sink as they are. Event-loop thread, but for
+// Delivers frames from a stream's queue to the sink unchanged. Event-loop thread, except
 // signalNewFrameData().
 #pragma once
 

@@ -81,15 +81,15 @@ void ClientSession::begin() {
   }
 }
 
-void ClientSession::sayGoodbye() {
+void ClientSession::sendBye() {
   if (Viewer* const watching = viewer()) {
     setDeparture(Departure::SessionRemoved);
-    watching->viewers().reporter().sayGoodbye(*watching);
+    watching->viewers().reporter().sendBye(*watching);
   }
 }
 
-// live555 answers every SETUP for a track that exists with 200, so what must not
-// be served is refused here, before or after it has looked.
+// live555 answers every SETUP for an existing track with 200, so this refuses what must not
+// be served, before or after live555 has handled the request.
 void ClientSession::handleCmd_SETUP(RTSPServer::RTSPClientConnection* connection, char const* urlPreSuffix,
                                     char const* urlSuffix, char const* /*fullRequestStr*/) {
   eventLoopRole.assertHeld();
@@ -107,7 +107,7 @@ void ClientSession::handleCmd_SETUP(RTSPServer::RTSPClientConnection* connection
   try {
     RTSPClientSession::handleCmd_SETUP(connection, urlPreSuffix, urlSuffix, headers.c_str());
   } catch (...) {
-    // live555 frees each before it has memory for the next.
+    // live555 has freed these, but had no memory for the new ones.
     fURLPreSuffix = fURLSuffix = fFullRequestStr = fTrackId = nullptr;
     throw;
   }
@@ -119,7 +119,7 @@ void ClientSession::handleCmd_SETUP(RTSPServer::RTSPClientConnection* connection
     m_ClientAddress = ours.clientAddress();
     m_User = ours.user();
     watching->observer().setUser(m_User);
-    // Anybody can forge an address: without a connection only who echoes our reports is there.
+    // Source addresses can be forged: without a connection, only a viewer that echoes our reports is alive.
     watching->onReport([this](bool echoes) KAVO_REQUIRES(eventLoopRole) {
       if (m_Connection != nullptr || echoes) {
         noteLiveness();
@@ -127,7 +127,7 @@ void ClientSession::handleCmd_SETUP(RTSPServer::RTSPClientConnection* connection
     });
     joinConnection(ours);
   } else if (ours.hasAccepted()) {
-    ours.refuse("503 Service Unavailable");  // no socket to send from
+    ours.refuse("503 Service Unavailable");  // there is no socket to send from
   }
 }
 

@@ -24,49 +24,49 @@ class ClientSession : public RTSPServer::RTSPClientSession {
 
   u_int32_t id() const { return fOurSessionId; }
   bool isOf(ServerMediaSession const* session) const { return fOurServerMediaSession == session; }
-  // The connection that it was set up on, or last used from; null once that is gone.
+  // The connection that set it up or last used it; null once that has closed.
   RtspConnection* connection() const KAVO_REQUIRES(eventLoopRole) { return m_Connection; }
   void leaveConnection() KAVO_REQUIRES(eventLoopRole);
-  // Why its viewer is about to leave: the first reason counts.
+  // Why its viewer is leaving; only the first reason set counts.
   void setDeparture(Departure departure) KAVO_REQUIRES(eventLoopRole);
 
-  // Never played, and worth no place any more.
+  // Whether it has been set up for some time without playing, so its slot can be reused.
   bool isUnused() const KAVO_REQUIRES(eventLoopRole);
   bool isPlaying() const KAVO_REQUIRES(eventLoopRole) { return viewer() != nullptr && viewer()->isActive(); }
   sockaddr_storage const& clientAddress() const KAVO_REQUIRES(eventLoopRole) { return m_ClientAddress; }
-  // The user who set it up; empty without users.
+  // The user who set it up; empty if there are no users.
   std::string const& user() const KAVO_REQUIRES(eventLoopRole) { return m_User; }
 
-  // Whether requests from the address may use it: those of the host that made it.
+  // Whether requests from the address may use it: only those from the address that set it up.
   bool isOfHost(sockaddr_storage const& address) const KAVO_REQUIRES(eventLoopRole) {
     return isSameHost(m_ClientAddress, address);
   }
-  // Once a second. True where it has lost its connection, and its viewer's port answers that
-  // nobody listens there any more.
+  // Call once a second. True if its connection has closed and nothing listens on its viewer's
+  // port any more.
   bool probe() KAVO_REQUIRES(eventLoopRole);
 
-  // Whether anything is set up: only then is the session worth keeping.
+  // Whether a stream is set up: only then is the session worth keeping.
   bool hasStream() const KAVO_REQUIRES(eventLoopRole) { return viewer() != nullptr; }
   bool usesChannel(int channel) const KAVO_REQUIRES(eventLoopRole) {
     return interleaved() != nullptr && interleaved()->usesChannel(channel);
   }
 
-  // The response to PLAY is on its way: what it announced follows.
+  // Call after the response to PLAY: sends what it announced.
   void begin() KAVO_REQUIRES(eventLoopRole);
 
-  // A receiver's report that came on one of its channels.
+  // Handles a receiver report from one of its channels.
   void handleReport(std::span<std::uint8_t const> packet) KAVO_REQUIRES(eventLoopRole);
-  // A viewer that takes frames over TCP is alive, even if it says nothing.
+  // A viewer that receives frames over TCP is alive even if it sends nothing.
   void noteProgress() KAVO_REQUIRES(eventLoopRole);
   // Sends the viewer a BYE: its stream has ended.
-  void sayGoodbye() KAVO_REQUIRES(eventLoopRole);
+  void sendBye() KAVO_REQUIRES(eventLoopRole);
 
  protected:
   void handleCmd_SETUP(RTSPServer::RTSPClientConnection* connection, char const* urlPreSuffix, char const* urlSuffix,
                        char const* fullRequestStr) override;
   void handleCmd_withinSession(RTSPServer::RTSPClientConnection* connection, char const* cmdName,
                                char const* urlPreSuffix, char const* urlSuffix, char const* fullRequestStr) override;
-  // live555's has a body, which is not expected.
+  // live555's response has a body, which clients do not expect.
   void handleCmd_GET_PARAMETER(RTSPServer::RTSPClientConnection* connection, ServerMediaSubsession* /*subsession*/,
                                char const* /*fullRequestStr*/) override {
     setRTSPResponse(connection, "200 OK", fOurSessionId);

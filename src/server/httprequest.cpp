@@ -8,7 +8,7 @@ namespace kavo::impl {
 
 namespace {
 
-// An IP address or localhost, with or without a port.
+// Whether the host is an IP address or localhost, with or without a port.
 bool isOurName(std::string_view host) {
   bool const bracketed = host.starts_with('[');
   std::string const name(bracketed ? host.substr(1, host.find(']') - 1) : host.substr(0, host.find(':')));

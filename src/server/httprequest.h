@@ -1,4 +1,4 @@
-// A request to the status server: as much of HTTP/1 as asking for a page takes. Any thread.
+// A request to the status server: the subset of HTTP/1 needed to serve a page. Any thread.
 #pragma once
 
 #include <string>
@@ -7,12 +7,12 @@
 namespace kavo::impl {
 
 struct HttpRequest {
-  std::string_view status = "200 OK";  // or why it is refused
+  std::string_view status = "200 OK";  // or the error
   bool wantsBody = true;
-  std::string path;  // without a query
+  std::string path;  // without the query
 
-  // From the header, up to and including its empty line. Other web sites' pages, to which a browser
-  // may give another name for our address, are refused by the Host that they say.
+  // Parses the header, up to and including its empty line. Requests whose Host is not an address
+  // or localhost are refused: they come from another web site whose name resolves to our address.
   static HttpRequest parse(std::string_view header);
 };
 

@@ -21,7 +21,7 @@ bool bindAndListen(int descriptor, Address const& address) {
          listen(descriptor, SOMAXCONN) == 0;
 }
 
-// False when the family is available but the port is not.
+// False if the family is available but the port is not.
 template <class Address>
 bool openFamily(Address const& address, int family, UniqueFd& result) {
   UniqueFd socket(::socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));

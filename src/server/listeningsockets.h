@@ -1,4 +1,4 @@
-// The TCP sockets that a server accepts its connections on. Any thread.
+// The TCP sockets on which a server accepts connections. Any thread.
 #pragma once
 
 #include <cstdint>
@@ -9,15 +9,15 @@
 
 namespace kavo::impl {
 
-// One socket per address family; -1 where the family is missing.
+// One socket per address family; -1 if the machine lacks the family.
 struct ListeningSockets {
   UniqueFd ipv4;
   UniqueFd ipv6;
 };
 
-// Listens on the port (host byte order), on the given local address or, if it is
-// empty, on every one. nullopt when an available family cannot be bound: a server
-// that half of its clients cannot reach would appear to work; errno says why.
+// Listens on the port (host byte order) of the given local address or, if it is empty, of
+// all addresses. nullopt, with errno set, if an available family cannot be bound: a server
+// that half of its clients cannot reach would appear to work.
 std::optional<ListeningSockets> listenOnPort(std::uint16_t port, std::string const& address);
 
 }  // namespace kavo::impl

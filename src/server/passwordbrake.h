@@ -1,4 +1,4 @@
-// How often an address may try passwords. Event-loop thread.
+// Limits how often an address may try passwords. Event-loop thread.
 #pragma once
 
 #include <chrono>
@@ -12,7 +12,7 @@ class PasswordBrake {
  public:
   using Clock = std::chrono::steady_clock;
 
-  // Whether credentials from the address are looked at: not after ten wrong ones in a second.
+  // Whether credentials from the address are checked: not after ten wrong ones in a second.
   bool mayTry(sockaddr_storage const& address) {
     if (auto const now = Clock::now(); now - m_Begin >= std::chrono::seconds(1)) {
       m_Wrong.clear();

@@ -1,4 +1,4 @@
-// Who gets one of the server's places, and whose it was: connections and sessions are bounded.
+// The limits on connections and sessions: who is admitted, and who is evicted for it.
 #include <algorithm>
 #include <cstdint>
 #include <map>
@@ -13,10 +13,10 @@ namespace kavo::impl {
 
 namespace {
 
-// However many descriptors there are.
+// Even if there are descriptors for more.
 constexpr std::size_t mostConnections = 4096;
 
-// The last eighth of the places is kept for addresses that have fewer than four.
+// The last eighth is reserved for addresses that have fewer than four.
 std::size_t placesFor(std::size_t ofAddress, std::size_t all) { return ofAddress < 4 ? all : all - all / 8; }
 
 }  // namespace
@@ -70,9 +70,9 @@ std::optional<DescriptorBudget::Share> RtspServer::placeForConnection(sockaddr_s
   return hasRoom ? m_Descriptors->take(1) : std::nullopt;
 }
 
-// Closes a connection without a stream: one of the address that has most of them, if that has
+// Closes a connection without a stream: one from the address with the most connections, if it has
 // several; else one that never sent anything, so that a flood of silent connections cannot evict
-// a client about to set up a session; of those the least recently active. False when there is none.
+// a client about to set up a session; among equals the least recently active. False if there is none.
 bool RtspServer::evictConnection() {
   std::map<Network, std::size_t> counts;
   for (auto const* const connection : m_Connections) {

@@ -33,15 +33,15 @@ bool isMethod(std::string_view text) {
 
 bool isAlphanumeric(unsigned char c) { return std::isalnum(c) != 0 && c < 0x80; }
 
-// A session is named by its id up to the parameters. One that cannot be an id is
-// replaced by one that does not exist.
+// The session id without parameters. Text that cannot be an id is replaced by an id that
+// does not exist.
 std::string sessionOf(std::string_view value) {
   auto const id = trimmed(value.substr(0, value.find(';')));
   bool const possible = !id.empty() && id.size() <= maxSession && std::all_of(id.begin(), id.end(), isAlphanumeric);
   return possible ? std::string(id) : "unknown";
 }
 
-// A live stream has no positions: what counts is whether the client asks for "now".
+// A live stream has no positions: only whether the client asks for "now" matters.
 std::string rangeOf(std::string_view value) {
   if (!startsWithIgnoringCase(value, "npt")) {
     return "";
@@ -67,13 +67,12 @@ void append(std::string& list, std::string_view value) {
   list += value;
 }
 
-// Each known header, with what is kept of its value. Those that are lists may
-// come more than once.
+// Reads the known headers into the request. Only headers that are lists may be repeated.
 class Reader {
  public:
   explicit Reader(Request& request) : m_Request(request) {}
 
-  // False for a second one of a kind, or a value that is none.
+  // False for a repeated header or an invalid value.
   bool read(std::string_view name, std::string_view value) {
     auto const is = [&](std::string_view known) { return equalsIgnoringCase(name, known); };
     if (is("CSeq")) {
@@ -134,7 +133,7 @@ bool readRequestLine(std::string_view line, Request& request) {
   return isMethod(request.method);
 }
 
-// Reject folded lines and blanks before the colon: parsers disagree on them.
+// Rejects folded lines and blanks before the colon, because parsers disagree on them.
 bool readHeaderLine(std::string_view line, Reader& reader) {
   auto const colon = line.find(':');
   auto const name = line.substr(0, colon);
@@ -144,8 +143,8 @@ bool readHeaderLine(std::string_view line, Reader& reader) {
 
 }  // namespace
 
-// live555 takes the text "RTSP/" for the end of the request line, so no stream of such a
-// name is found.
+// live555 takes the text "RTSP/" for the end of the request line, so a stream with it in its
+// name cannot be found.
 std::string Request::pathOf(std::string_view url) {
   if (auto const scheme = url.find("://"); scheme != std::string_view::npos && startsWithIgnoringCase(url, "rtsp")) {
     url.remove_prefix(std::min(url.find('/', scheme + 3), url.size()));
@@ -173,7 +172,7 @@ Request Request::parse(std::string_view header) {
   Reader reader(request);
   request.valid = true;
   bool requestLine = true;
-  // Scan invalid requests to the end too, for their CSeq.
+  // Scans invalid requests to the end too, for their CSeq.
   while (!header.empty()) {
     auto const end = header.find(lineEnd);
     auto const line = header.substr(0, end);

@@ -8,15 +8,15 @@
 namespace kavo::impl {
 
 struct Request {
-  // Far more than any client sends.
+  // In bytes; far more than any client sends.
   static constexpr std::size_t maxBody = 8192;
 
-  // False if the text is not a request or its length is ambiguous: nothing after it
+  // False if the text is not a request or its length is ambiguous, so that nothing after it
   // can be parsed. cseq is set if it was found.
   bool valid = false;
   std::size_t bodySize = 0;
 
-  // RTSP/1.x.
+  // Whether the version is RTSP/1.x.
   bool isVersionServed = true;
 
   std::string method;
@@ -25,8 +25,8 @@ struct Request {
   std::string session;    // the id alone; empty without one
   std::string transport;  // verbatim
   std::string range;      // "npt=now-", "npt=0-", or empty
-  bool scale = false;     // asked for; only 1 is served
-  std::string require;    // option tags that the client insists on; we have none
+  bool scale = false;     // whether it has a Scale header; only 1 is served
+  std::string require;    // option tags that the client requires; we support none
   bool acceptsSdp = true;
   std::string authorization;  // verbatim; empty if there is none
 
@@ -35,12 +35,12 @@ struct Request {
   // A field of the authorization, such as username or uri; empty if it has none.
   std::string credential(std::string_view name) const;
 
-  // From the header, up to and including its empty line.
+  // Parses the header, up to and including its empty line.
   static Request parse(std::string_view header);
 
-  // The request as live555 is to see it: each header once, and no body.
+  // The request for live555: each header once, and no body.
   std::string text() const;
-  // The headers that it looks for while it answers, likewise.
+  // The headers that live555 looks for while it answers, likewise.
   std::string headers() const;
 };
 

@@ -1,5 +1,5 @@
-// Splits what a client sends on its RTSP connection into requests and interleaved
-// packets, however it arrives. Event-loop thread.
+// Splits the bytes of an RTSP connection into requests and interleaved packets, however they
+// arrive. Event-loop thread.
 #pragma once
 
 #include <cstddef>
@@ -17,20 +17,20 @@ class RequestReader {
  public:
   enum class Item { Incomplete, Request, Interleaved, Malformed };
 
-  // Far more than any client sends.
+  // In bytes; far more than any client sends.
   static constexpr std::size_t maxHeader = 8192;
 
   void add(std::string_view bytes) {
     m_Buffer.erase(0, std::exchange(m_Taken, 0));
     m_Buffer.append(bytes);
   }
-  // Bytes that have arrived and were not taken yet.
+  // Bytes that have arrived but were not taken yet.
   std::size_t size() const { return rest().size(); }
 
   // Whether the next item is a (possibly partial) request.
   bool hasRequest() const { return !rest().empty() && rest()[0] != '$'; }
-  // Takes the next item; what it gave is valid until the next call of this or add().
-  // Malformed is final.
+  // Takes the next item. Its content is valid until the next call of this or add().
+  // Nothing follows Malformed.
   Item next();
 
   Request const& request() const { return m_Request; }

@@ -19,20 +19,20 @@ namespace kavo::impl {
 
 namespace {
 
-// HTTP tunnels, REGISTER, ANNOUNCE and RECORD are not among them.
+// Not HTTP tunnels, REGISTER, ANNOUNCE or RECORD.
 constexpr std::string_view answeredMethods[] = {"OPTIONS", "DESCRIBE", "SETUP",         "PLAY",
                                                 "PAUSE",   "TEARDOWN", "GET_PARAMETER", "SET_PARAMETER"};
 
-// Read at most this much before other sockets take their turn.
+// Bytes read before other sockets are served.
 constexpr std::size_t readSize = 16 * std::size_t{1024};
 
-// Requests and interleaved packets of one connection before others have their turn.
+// Requests and interleaved packets handled before other connections are served.
 constexpr int itemsInATurn = 8;
 
-// After so many a connection ends.
+// A connection is closed after this many.
 constexpr int mostWrongPasswords = 8;
 
-// How much a client may pipeline while its requests wait for a frame to be sent:
+// How many bytes a client may pipeline while its requests wait for a frame to be sent:
 // more than the largest single item.
 constexpr std::size_t maxPendingInput = 128 * std::size_t{1024};
 
@@ -55,7 +55,7 @@ RtspConnection::RtspConnection(RtspServer& server, UniqueFd clientSocket, Descri
                                                      m_WantsToWrite = wanted;
                                                      watch();
                                                    })) {
-  // In place of live555's handler, which would also ask for urgent data and never read it.
+  // Replaces live555's handler, which would also wait for urgent data and never read it.
   watch();
 }
 
@@ -105,7 +105,7 @@ void RtspConnection::guarded(Function const& function) {
   }
 }
 
-// What is to be read waits while a turn of what was read does.
+// Does not read more while items already read wait for their turn.
 void RtspConnection::watch() {
   int const conditions = (m_NextTurn.isPending() ? 0 : SOCKET_READABLE) | (m_WantsToWrite ? SOCKET_WRITABLE : 0);
   conditions != 0 ? m_Watch.start(conditions) : m_Watch.stop();
@@ -116,7 +116,7 @@ void RtspConnection::handleSocket(int conditions) {
   bool here = true;
   if ((conditions & SOCKET_WRITABLE) != 0) {
     m_Writer->flush();
-    here = handleAll();  // what was held back
+    here = handleAll();  // requests that were held back
   }
   if (here && (conditions & SOCKET_READABLE) != 0 && !m_NextTurn.isPending()) {
     receive();
@@ -142,7 +142,8 @@ void RtspConnection::receive() {
   }
 }
 
-// Some of what was read; then others have their turn. False when the connection is gone.
+// Handles some of the items read, then lets other connections be served. False if the
+// connection was closed.
 bool RtspConnection::handleAll() {
   eventLoopRole.assertHeld();
   m_NextTurn.stop();
@@ -245,8 +246,8 @@ std::string_view RtspConnection::refusalOf(Request const& request) {
   return "";
 }
 
-// Called by live555 for DESCRIBE and SETUP; on False it sends the response made here. A new
-// session takes a place only once it is clear that the request will not fail.
+// live555 calls this for DESCRIBE and SETUP and, if it returns False, sends the response made
+// here. A new session evicts another only once it is clear that the request will not fail.
 Boolean RtspConnection::authenticationOK(char const* method, char const* urlSuffix, char const* /*fullRequest*/) {
   eventLoopRole.assertHeld();
   if (!hasValidCredentials(method, urlSuffix)) {
@@ -272,12 +273,12 @@ bool RtspConnection::hasValidCredentials(char const* method, char const* urlSuff
   auto const uri = Request::pathOf(request().credential("uri"));
   bool const isForThis = !request().authorization.empty() && m_Server.m_Brake.mayTry(fClientAddr) &&
                          stream == m_Server.streamOf(uri) && (!stream.empty() || request().path == uri);
-  // live555 gets the one header that it looks for; without one it makes the response that asks for it.
+  // live555 sees only the one header that it looks for; without it, it responds with a challenge.
   std::string const header = "Authorization: " + (isForThis ? request().authorization : "") + "\r\n\r\n";
   if (RTSPClientConnection::authenticationOK(method, urlSuffix, header.c_str())) {
     return true;
   }
-  // Without credentials it is the usual way to learn that they are wanted.
+  // A request without credentials is the usual way to learn that they are required.
   if (!request().authorization.empty()) {
     ++m_WrongPasswords;
     m_Server.m_Brake.wrong(fClientAddr);
@@ -288,18 +289,18 @@ bool RtspConnection::hasValidCredentials(char const* method, char const* urlSuff
   return false;
 }
 
-// Receivers count the packets between the number that RTP-Info gives and their first one as lost.
+// Receivers would count the packets between the sequence number in RTP-Info and their first one as lost.
 void RtspConnection::withdrawSequence() {
   auto* const text = reinterpret_cast<char*>(fResponseBuffer);
   std::string_view const response = text;
-  auto const sequence = response.rfind(";seq=");  // the last: a stream may be called so
+  auto const sequence = response.rfind(";seq=");  // the last one: a stream may have this in its name
   if (sequence != std::string_view::npos) {
     auto const rest = response.substr(response.find_first_of(";\r", sequence + 1));
     std::memmove(text + sequence, rest.data(), rest.size() + 1);
   }
 }
 
-// Our own response to a request that live555 never sees.
+// Responds to a request that live555 does not see.
 void RtspConnection::answer(std::string_view status) {
   std::string response = "RTSP/1.0 " + std::string(status) + "\r\n";
   if (!request().cseq.empty()) {

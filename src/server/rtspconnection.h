@@ -1,4 +1,4 @@
-// One client's RTSP connection. It parses its input itself and passes live555
+// One client's RTSP connection. It parses its input itself and passes on to live555 only
 // requests rebuilt from the parsed values. Event-loop thread.
 #pragma once
 
@@ -36,9 +36,9 @@ class RtspConnection : public RTSPServer::RTSPClientConnection {
   // Whether the client has sent anything yet.
   bool hasSentAnything() const KAVO_REQUIRES(eventLoopRole) { return m_HasSentAnything; }
   Clock::time_point lastActivity() const KAVO_REQUIRES(eventLoopRole) { return m_LastActivity; }
-  // Its place in the server's list.
+  // Its position in the server's list.
   void setPlace(std::list<RtspConnection*>::iterator place) KAVO_REQUIRES(eventLoopRole) { m_Place = place; }
-  // Whether one of its sessions has a stream; if so, the idle timeout does not apply.
+  // Whether one of its sessions has a stream; the idle timeout does not apply then.
   bool hasStream() const KAVO_REQUIRES(eventLoopRole);
   bool isStalled(Clock::time_point now) const KAVO_REQUIRES(eventLoopRole) { return m_Writer->isStalled(now); }
 
@@ -47,22 +47,22 @@ class RtspConnection : public RTSPServer::RTSPClientConnection {
   std::vector<ClientSession*> const& sessions() const KAVO_REQUIRES(eventLoopRole) { return m_Sessions; }
 
   sockaddr_storage const& clientAddress() const { return fClientAddr; }
-  // The user of the request that is being answered; empty without users.
+  // The user of the request being answered; empty if there are no users.
   std::string user() const KAVO_REQUIRES(eventLoopRole);
-  // The request that is being answered.
+  // The request being answered.
   Request const& request() const KAVO_REQUIRES(eventLoopRole) { return m_Reader.request(); }
   std::shared_ptr<InterleavedWriter> const& writer() const KAVO_REQUIRES(eventLoopRole) { return m_Writer; }
-  // The transport with channels that no other session of the connection uses;
-  // nothing if the client insists on such.
+  // The transport with channels that no other session of the connection uses; nullopt if the
+  // client has chosen channels in use.
   std::optional<RequestedTransport> transportFor(std::optional<RequestedTransport> transport) const
       KAVO_REQUIRES(eventLoopRole);
-  // Makes this the response.
+  // Sets the response.
   void refuse(char const* status) { setRTSPResponse(status); }
-  // Takes the number of the first packet out of the response.
+  // Removes the sequence number of the first packet from the response.
   void withdrawSequence();
-  // Whether the response so far is a success.
+  // Whether the response so far is 200.
   bool hasAccepted() const;
-  // Whether the request comes with what the policy asks for; if not, the response says so.
+  // Whether the request has the credentials that the policy requires; if not, sets the response.
   bool isAuthorized(char const* method) { return authenticationOK(method, "", ""); }
 
  protected:
@@ -78,7 +78,7 @@ class RtspConnection : public RTSPServer::RTSPClientConnection {
   }
 
  private:
-  // What to do after handling an item.
+  // What to do after an item.
   enum class Next { Item, Wait, Gone };
 
   template <class Function>
@@ -90,7 +90,7 @@ class RtspConnection : public RTSPServer::RTSPClientConnection {
   Next handleNext() KAVO_REQUIRES(eventLoopRole);
   void handleInterleaved() KAVO_REQUIRES(eventLoopRole);
   void handleRequest() KAVO_REQUIRES(eventLoopRole);
-  // The status that refuses the request; empty where it goes to live555.
+  // The error status for the request; empty if live555 is to answer it.
   std::string_view refusalOf(Request const& request) KAVO_REQUIRES(eventLoopRole);
   bool hasValidCredentials(char const* method, char const* urlSuffix) KAVO_REQUIRES(eventLoopRole);
   void answer(std::string_view status) KAVO_REQUIRES(eventLoopRole);
@@ -104,10 +104,10 @@ class RtspConnection : public RTSPServer::RTSPClientConnection {
   RequestReader m_Reader KAVO_GUARDED_BY(eventLoopRole);
   SocketWatch m_Watch KAVO_GUARDED_BY(eventLoopRole);
   bool m_WantsToWrite KAVO_GUARDED_BY(eventLoopRole) = false;
-  Timer m_NextTurn KAVO_GUARDED_BY(eventLoopRole);  // pending while requests wait for it
+  Timer m_NextTurn KAVO_GUARDED_BY(eventLoopRole);  // pending while items read wait for it
   int m_WrongPasswords KAVO_GUARDED_BY(eventLoopRole) = 0;
   std::shared_ptr<InterleavedWriter> m_Writer KAVO_GUARDED_BY(eventLoopRole);
-  // live555 may delete this object inside its handlers; callers that continue keep a copy.
+  // live555 may delete this object inside its handlers; callers that use it afterwards keep a copy.
   std::shared_ptr<bool> m_Alive KAVO_GUARDED_BY(eventLoopRole) = std::make_shared<bool>(true);
 };
 

@@ -24,9 +24,9 @@ using namespace std::chrono_literals;
 // Idle timeout of connections without a stream.
 constexpr auto idleTimeout = 30s;
 constexpr auto sweepInterval = 1s;
-// How long no connections are accepted when the process is out of descriptors.
+// How long to stop accepting when the process is out of descriptors.
 constexpr auto acceptRetryDelay = 100ms;
-// Per pass of the loop, so that others have their turn.
+// Per pass of the loop, so that other sockets are served.
 constexpr int acceptsInARow = 16;
 
 std::unique_ptr<UserAuthenticationDatabase> databaseOf(Policy const& policy) {
@@ -61,8 +61,8 @@ RtspServer* RtspServer::createNew(UsageEnvironment& env, std::uint16_t port, uns
                         descriptors ? std::move(descriptors) : std::make_shared<DescriptorBudget>(), policyFile);
 }
 
-// live555 gets no sockets to listen on: it would accept one connection a pass,
-// and spin when the process is out of descriptors.
+// live555 gets no listening sockets: it would accept one connection a pass, and spin when
+// the process is out of descriptors.
 RtspServer::RtspServer(UsageEnvironment& env, ListeningSockets sockets, std::uint16_t port, unsigned reclamationSeconds,
                        std::shared_ptr<Policy const> policy, std::unique_ptr<UserAuthenticationDatabase> users,
                        std::shared_ptr<DescriptorBudget> descriptors, std::string const& policyFile)
@@ -83,11 +83,11 @@ RtspServer::RtspServer(UsageEnvironment& env, ListeningSockets sockets, std::uin
   m_NextSweep.start(sweepInterval);
 }
 
-// Sessions first, while this is still a server of ours.
+// Deletes the sessions first, while this is still an RtspServer.
 RtspServer::~RtspServer() {
   eventLoopRole.assertHeld();
   while (auto* const session = static_cast<impl::ClientSession*>(fClientSessions->getFirst())) {
-    session->sayGoodbye();
+    session->sendBye();
     delete session;
   }
   while (!m_Connections.empty()) {
@@ -132,7 +132,7 @@ void RtspServer::removeSession(ServerMediaSession* session) {
   forEachSession([&](impl::ClientSession& client) {
     eventLoopRole.assertHeld();
     if (client.isOf(session)) {
-      client.sayGoodbye();
+      client.sendBye();
       connections.push_back(client.connection());
     }
   });
@@ -196,7 +196,7 @@ void RtspServer::acceptAll(int listeningSocket) {
   }
 }
 
-// False when the backlog is empty, or descriptors ran out.
+// False if the backlog is empty, or there are no descriptors.
 bool RtspServer::acceptOne(int listeningSocket) {
   sockaddr_storage address{};
   socklen_t size = sizeof address;
@@ -216,7 +216,7 @@ bool RtspServer::acceptOne(int listeningSocket) {
   }
   bool const full = errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM;
   if (full && !evictConnection()) {
-    // Pending connections stay in the backlog; until there is room the loop would only spin.
+    // Pending connections stay in the backlog: without this pause the loop would spin.
     pauseAccepting();
     m_AcceptAgain.start(acceptRetryDelay);
     return false;
@@ -274,7 +274,7 @@ void RtspServer::endUnusedSessions() {
   });
 }
 
-// Who may watch, and how many; a wrong file changes nothing.
+// Applies who may watch, and how many. An invalid file changes nothing.
 void RtspServer::reloadPolicy() {
   auto const before = m_Policy;
   try {

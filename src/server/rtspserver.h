@@ -1,5 +1,5 @@
-// The RTSP server: with its own listening sockets and limits on connections
-// and sessions. Event-loop thread.
+// The RTSP server, with its own listening sockets and its limits on connections and
+// sessions. Event-loop thread.
 #pragma once
 
 #include <RTSPServer.hh>
@@ -25,14 +25,13 @@ class RtspConnection;
 
 class RtspServer : public RTSPServer {
  public:
-  // Null when the port (host byte order) cannot be bound on every address family
-  // of the machine. An inactive client session is closed after
-  // reclamationSeconds.
+  // Null if the port (host byte order) cannot be bound on every address family of the
+  // machine. Inactive client sessions are closed after reclamationSeconds.
   static RtspServer* createNew(UsageEnvironment& env, std::uint16_t port, unsigned reclamationSeconds,
                                std::shared_ptr<Policy const> policy, std::shared_ptr<DescriptorBudget> descriptors = {},
                                std::string const& policyFile = "") KAVO_REQUIRES(eventLoopRole);
 
-  // Whether a media session of exactly this name is registered.
+  // Whether a media session with exactly this name is registered.
   bool hasSession(char const* streamName) KAVO_REQUIRES(eventLoopRole);
   std::size_t connections() const KAVO_REQUIRES(eventLoopRole) { return m_Connections.size(); }
   std::size_t sessions() const KAVO_REQUIRES(eventLoopRole) { return numClientSessions(); }
@@ -54,23 +53,24 @@ class RtspServer : public RTSPServer {
 
   void addConnection(UniqueFd client, DescriptorBudget::Share share, sockaddr_storage const& clientAddress)
       KAVO_REQUIRES(eventLoopRole);
-  // A connection's own place among those that the server keeps.
+  // Called by the connections themselves.
   void removeConnection(Connections::iterator place) KAVO_REQUIRES(eventLoopRole);
   void noteActivity(Connections::iterator place) KAVO_REQUIRES(eventLoopRole);
 
-  // The stream that a path names: what players append to it (a slash, a query, the track)
-  // is no part of the name. Empty if there is none.
+  // The stream that a path names, without what players append (a slash, a query, the track).
+  // Empty if there is no such stream.
   std::string streamOf(std::string const& path) KAVO_REQUIRES(eventLoopRole);
-  // The path as live555 finds it.
+  // The path in the form that live555 finds.
   std::string pathOf(std::string const& path) KAVO_REQUIRES(eventLoopRole);
 
-  // The session of the id; null unless it is of the client's address: ids can be guessed.
+  // The session with the id; null unless it was set up from the client's address, because ids
+  // can be guessed.
   impl::ClientSession* sessionOf(std::string const& sessionId, sockaddr_storage const& clientAddress)
       KAVO_REQUIRES(eventLoopRole);
-  // False where no other client session may be created from the address. One that does not play
-  // gives way, of the address that has most of them, or one without a connection.
+  // False if no other client session may be created from the address. Evicts a session that does
+  // not play, from the address with the most of them, or one without a connection.
   bool makeRoomForSession(sockaddr_storage const& clientAddress) KAVO_REQUIRES(eventLoopRole);
-  // Deletes the session that was made for the last request, unless that set up a stream.
+  // Deletes the session created for the last request unless a stream was set up.
   void removeFailedSession() KAVO_REQUIRES(eventLoopRole);
   void forEachSession(std::function<void(impl::ClientSession&)> const& function) KAVO_REQUIRES(eventLoopRole);
 
@@ -91,13 +91,13 @@ class RtspServer : public RTSPServer {
 
   std::shared_ptr<Policy const> m_Policy KAVO_GUARDED_BY(eventLoopRole);
   PolicyFile m_PolicyFile KAVO_GUARDED_BY(eventLoopRole);
-  std::unique_ptr<UserAuthenticationDatabase> m_Users KAVO_GUARDED_BY(eventLoopRole);  // null: no passwords
+  std::unique_ptr<UserAuthenticationDatabase> m_Users KAVO_GUARDED_BY(eventLoopRole);  // null: no users
   PasswordBrake m_Brake KAVO_GUARDED_BY(eventLoopRole);
   std::shared_ptr<DescriptorBudget> const m_Descriptors;
   ListeningSockets const m_Listening;
   SocketWatch m_WatchIpv4 KAVO_GUARDED_BY(eventLoopRole);
   SocketWatch m_WatchIpv6 KAVO_GUARDED_BY(eventLoopRole);
-  Connections m_Connections KAVO_GUARDED_BY(eventLoopRole);  // the least recently active first
+  Connections m_Connections KAVO_GUARDED_BY(eventLoopRole);  // least recently active first
   u_int32_t m_NewSession KAVO_GUARDED_BY(eventLoopRole) = 0;
   Timer m_AcceptAgain KAVO_GUARDED_BY(eventLoopRole);
   Timer m_NextSweep KAVO_GUARDED_BY(eventLoopRole);

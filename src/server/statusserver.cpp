@@ -26,7 +26,7 @@ constexpr std::size_t mostConnections = 8;
 constexpr std::size_t longestRequest = 8192;
 constexpr std::chrono::seconds timeLimit{5};
 
-// Errno says why there is none.
+// Invalid, with errno set, on failure.
 UniqueFd listenAt(sockaddr const* address, socklen_t size) {
   UniqueFd socket(::socket(address->sa_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   if (socket.get() < 0) {
@@ -49,7 +49,7 @@ UniqueFd listenOnPath(std::string const& path) {
   path.copy(address.sun_path, path.size());
   struct stat before{};
   if (lstat(path.c_str(), &before) == 0 && S_ISSOCK(before.st_mode)) {
-    unlink(path.c_str());  // of a process that was killed
+    unlink(path.c_str());  // left by a process that was killed
   }
   return listenAt(reinterpret_cast<sockaddr const*>(&address), sizeof address);
 }
@@ -117,7 +117,7 @@ StatusServer::~StatusServer() {
   }
 }
 
-// A connection beyond the limit is closed at once.
+// Connections beyond the limit are closed at once.
 void StatusServer::accept() {
   UniqueFd client(accept4(m_Socket.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
   auto share = client.get() >= 0 && m_Connections.size() < mostConnections ? m_Descriptors->take(1) : std::nullopt;

@@ -1,4 +1,4 @@
-// Answers operators over HTTP: the status as JSON, as metrics and as a page. Event-loop thread.
+// Serves the status over HTTP: as JSON, as metrics and as a page. Event-loop thread.
 #pragma once
 
 #include <functional>
@@ -15,8 +15,8 @@ namespace kavo::impl {
 
 class StatusServer : NonCopyable {
  public:
-  // The address is IPV4:PORT, [IPV6]:PORT or the path of a socket, where %p is the process id. Null, and
-  // a line on standard error, where it cannot listen there.
+  // The address is IPV4:PORT, [IPV6]:PORT or the path of a socket, in which %p stands for the process
+  // id. If it cannot listen there, prints a line on standard error and returns null.
   static std::unique_ptr<StatusServer> createNew(TaskScheduler& scheduler, std::string address,
                                                  std::shared_ptr<DescriptorBudget> descriptors,
                                                  std::function<ServerFigures()> figures) KAVO_REQUIRES(eventLoopRole);
@@ -36,7 +36,7 @@ class StatusServer : NonCopyable {
 
   TaskScheduler& m_Scheduler;
   UniqueFd const m_Socket;
-  std::string const m_Path;  // to be removed; empty for IP
+  std::string const m_Path;  // of the socket to remove; empty for TCP
   std::shared_ptr<DescriptorBudget> const m_Descriptors;
   std::function<ServerFigures()> const m_Figures;
   SocketWatch m_Watch;

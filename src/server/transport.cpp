@@ -13,7 +13,7 @@ namespace {
 
 using Range = std::pair<std::uint16_t, std::uint16_t>;
 
-// "a-b", or "a" for "a-(a+1)"; nullopt if malformed or out of range.
+// Parses "a-b", or "a" as "a-(a+1)"; nullopt if malformed or out of range.
 std::optional<Range> rangeOf(std::string_view text, unsigned lowest, unsigned highest) {
   auto const number = [&](std::string_view digits) -> std::optional<std::uint16_t> {
     std::uint16_t value = 0;

@@ -27,7 +27,7 @@ LiveDemandSession* create(StreamEnvironment const& env, std::shared_ptr<FrameSou
 
 }  // namespace
 
-// A codec is its frames' packets and description, which the demand session knows, and a line here.
+// The demand session knows the codec's packets and SDP; the rest of a codec is a line in formatOf().
 struct EncodedSubSession::Format {
   std::int32_t codec;
   std::optional<NalCodec> nalCodec;
@@ -146,7 +146,7 @@ void EncodedSubSession::queue(EncodedFrame const& frame, Clock::time_point now) 
   signal();
 }
 
-// A key frame without parameter sets gets all of them, so that a viewer that begins with it can decode it.
+// Adds the parameter sets to a key frame without them, so that a viewer that starts with it can decode it.
 void EncodedSubSession::copy(std::span<std::uint8_t const> bytes, AccessUnit const& unit, AVPacket& packet) const {
   auto const sets = unit.isKeyFrame && !unit.hasParameterSets ? m_ParameterSets->bytes() : std::vector<std::uint8_t>();
   std::size_t const size = bytes.size() + sets.size();

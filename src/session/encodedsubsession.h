@@ -1,4 +1,4 @@
-// A stream of frames that the host has encoded. Host threads, one at a time: under the
+// A stream of frames that the host has encoded. Host threads, one at a time, under the
 // session's lock.
 #pragma once
 
@@ -23,8 +23,8 @@ class EncodedParameter : public ICodecParameter {
 
 class EncodedSubSession : public ISubSession {
  public:
-  // Adds its demand session to the media session last. Throws for codecs that there is none for,
-  // and for parameter sets that cannot be read.
+  // Adds its demand session to the media session last. Throws for unsupported codecs and for
+  // parameter sets that cannot be read.
   EncodedSubSession(StreamEnvironment const& env, ServerMediaSession& media, std::string const& name,
                     EncodedParameter const& parameter);
 
@@ -45,7 +45,7 @@ class EncodedSubSession : public ISubSession {
   Format const& m_Format;
   std::unique_ptr<ParameterSets> m_ParameterSets;  // JPEG has none
   Clock::time_point m_LastTime{};
-  bool m_IsBroken = false;  // a frame is missing: the next ones refer to it
+  bool m_IsBroken = false;  // a frame was dropped that the next ones refer to
 };
 
 }  // namespace kavo::impl

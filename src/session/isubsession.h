@@ -1,5 +1,4 @@
-// The stream of a session, as the session sees it. Host threads, one at a time: under
-// the session's lock.
+// A session's stream. Host threads, one at a time, under the session's lock.
 #pragma once
 
 #include <chrono>
@@ -31,23 +30,22 @@ class ISubSession : NonCopyable {
   explicit ISubSession(StreamEnvironment const& env);
   virtual ~ISubSession() = default;
 
-  // Encodes and queues one raw frame, or drops it unencoded while no viewer waits
-  // for it or the queue is full. Throws.
+  // Encodes and queues one raw frame, or drops it unencoded if no viewer wants it or the
+  // queue is full. Throws.
   virtual void submitFrame(unsigned char const* frame);
-  // Queues a frame that is encoded already, or drops it as submitFrame() does. Returns what
-  // the next one is wanted for: of kv_wanted. Throws.
+  // Queues an encoded frame, or drops it as submitFrame() does. Returns flags of kv_wanted
+  // for the next frame. Throws.
   virtual std::uint32_t submitEncoded(EncodedFrame const& frame);
   // Any thread.
   void status(kv_status_record& record) const;
 
-  // live555's object for this stream. It belongs to the media session that it
-  // was added to.
+  // live555's object for this stream, owned by the media session that it was added to.
   LiveDemandSession* mediaSession() const { return m_MediaSession; }
 
  protected:
-  // Counts the frame that the host offers: whether there is somebody and room for it.
+  // Counts a submitted frame. Whether somebody watches and the queue has room.
   bool isWanted();
-  // The frame is in the queue.
+  // Call after a frame was queued.
   void signal();
 
   std::shared_ptr<FrameSourceHandler> m_FrameSourceHandler;

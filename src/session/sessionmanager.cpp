@@ -25,7 +25,7 @@ void SessionManager::exit() {
     sessions.swap(m_Sessions);
   }
   for (auto const& [handle, session] : sessions) {
-    session->end([] {});  // after the submit that is inside it
+    session->end([] {});  // waits for a submit in progress
   }
   m_Environment.stop();
   m_MayServe = false;
@@ -36,7 +36,7 @@ std::shared_ptr<Session> SessionManager::sessionOf(void* handle) {
   return m_Sessions.at(handle);
 }
 
-// Steps that can fail come first; the media session goes live last.
+// Everything that can fail comes first; the media session goes live last.
 void SessionManager::addSession(SessionInformation& information) {
   MutexLock lock(m_Mutex);
   RtspServer* const server = m_Environment.GetRTSPServer();
@@ -99,8 +99,8 @@ void SessionManager::status(void* handle, void* streamId, kv_status_record& reco
   sessionOf(handle)->status(streamId, record);
 }
 
-// Of the machine's address at this moment. live555 would settle on one for the life of the
-// process, and ask DNS where it finds none.
+// Uses the machine's current address. live555 would choose one for the life of the process,
+// and ask DNS if it finds none.
 std::string SessionManager::urlOf(Session& session) const {
   m_Environment.GetRTSPServer();
   auto const& own = m_Environment.policy().delivery.address;

@@ -1,7 +1,6 @@
-// The registry of sessions, the owner of the live555 run-time, and the lock under
-// which the host's commands do their work, one after the other; where the policy has
-// streams encode in parallel, a submit takes its session's lock alone. Host threads,
-// any number.
+// The registry of sessions and the owner of the live555 run-time. Its lock serializes the
+// host's commands; if the policy lets streams encode in parallel, a submit takes only its
+// session's lock. Any number of host threads.
 #pragma once
 
 #include <atomic>
@@ -17,8 +16,7 @@
 
 namespace kavo::impl {
 
-// A handle is the address of a Session. One that names no live session throws
-// std::out_of_range.
+// A handle is the address of a Session. Unknown handles throw std::out_of_range.
 class SessionManager : NonCopyable {
  public:
   struct SessionInformation {
@@ -32,11 +30,11 @@ class SessionManager : NonCopyable {
   SessionManager() = default;
   virtual ~SessionManager() = default;
 
-  // Starts serving on the port. Throws what StreamEnvironment::start throws.
+  // Starts serving on the port. Throws what StreamEnvironment::start() throws.
   void init(unsigned int port) KAVO_EXCLUDES(m_Mutex);
-  // Stops the server and drops every session.
+  // Stops the server and drops all sessions.
   void exit() KAVO_EXCLUDES(m_Mutex);
-  // Whether there is a server, or one is being made or ended. Any thread; without the lock.
+  // Whether there is a server, or one is being started or stopped. Any thread; takes no lock.
   bool mayServe() const { return m_MayServe; }
 
   // In: name, info, description; out: handle, url.
@@ -45,19 +43,19 @@ class SessionManager : NonCopyable {
   // In: handle; out: the strings.
   void sessionInfo(SessionInformation& information) KAVO_EXCLUDES(m_Mutex);
 
-  // streamId is written on success only.
+  // Writes streamId only on success.
   void addStream(void* handle, void*& streamId, ICodecParameter const* parameter) KAVO_EXCLUDES(m_Mutex);
-  // Scales, encodes and queues the frame before it returns.
+  // Scales, encodes and queues the frame before returning.
   void submitData(void* handle, void* streamId, unsigned char const* frame) KAVO_EXCLUDES(m_Mutex) {
     submit(handle, streamId, [=](ISubSession& stream) { stream.submitFrame(frame); });
   }
-  // Copies and queues the frame. Returns of kv_wanted.
+  // Copies and queues the frame. Returns flags of kv_wanted.
   std::uint32_t submitEncoded(void* handle, void* streamId, EncodedFrame const& frame) KAVO_EXCLUDES(m_Mutex) {
     std::uint32_t wanted = 0;
     submit(handle, streamId, [&](ISubSession& stream) { wanted = stream.submitEncoded(frame); });
     return wanted;
   }
-  // What the stream does; waits for no submit.
+  // Fills in the stream's status. Does not wait for submits.
   void status(void* handle, void* streamId, kv_status_record& record) KAVO_EXCLUDES(m_RegistryMutex);
 
  private:
@@ -66,9 +64,9 @@ class SessionManager : NonCopyable {
   std::string urlOf(Session& session) const KAVO_REQUIRES(m_Mutex);
   // Throws std::out_of_range.
   std::shared_ptr<Session> sessionOf(void* handle) KAVO_EXCLUDES(m_RegistryMutex);
-  // Likewise. The map changes under both locks, so either is enough to read it.
+  // Likewise. The map changes only under both locks, so either suffices to read it.
   Session& sessionUnderLock(void* handle) KAVO_REQUIRES(m_Mutex) KAVO_NO_ANALYSIS { return *m_Sessions.at(handle); }
-  // It reads an atomic flag.
+  // Only reads an atomic flag.
   void requireHealth() const KAVO_NO_ANALYSIS { m_Environment.requireHealth(); }
 
   RecursiveMutex m_Mutex;

@@ -23,8 +23,8 @@ namespace {
 constexpr unsigned granularityMicroseconds = 10000;
 constexpr unsigned reclamationSeconds = 65;
 
-// Restores a signal's disposition: live555's server makes the process ignore
-// SIGPIPE, which is for the host to decide. Our sends never raise it.
+// Restores a signal's disposition: live555's server makes the process ignore SIGPIPE,
+// which is the host's decision. Our sends never raise it.
 class KeptDisposition : NonCopyable {
  public:
   explicit KeptDisposition(int signal) : m_Signal(signal) { sigaction(signal, nullptr, &m_Before); }
@@ -35,8 +35,8 @@ class KeptDisposition : NonCopyable {
   struct sigaction m_Before{};
 };
 
-// Blocks all signals in the calling thread and the threads it starts: the host's
-// signals are for its own threads.
+// Blocks all signals in the calling thread and the threads that it starts, so that the
+// host's own threads handle them.
 class BlockedSignals : NonCopyable {
  public:
   BlockedSignals() {
@@ -50,8 +50,8 @@ class BlockedSignals : NonCopyable {
   sigset_t m_Before{};
 };
 
-// The "C" locale for the calling thread: live555 prints numbers for the wire with
-// what may be the host's decimal comma.
+// Sets the "C" locale for the calling thread: live555 would print numbers for the wire with
+// the host's decimal separator.
 class NeutralLocale : NonCopyable {
  public:
   NeutralLocale() : m_Locale(newlocale(LC_ALL_MASK, "C", nullptr)), m_Before(uselocale(m_Locale)) {}
@@ -67,24 +67,24 @@ class NeutralLocale : NonCopyable {
   locale_t m_Before;
 };
 
-// On a machine without an IPv4 address, live555 would ask DNS for the machine's own name, again and
-// again, and the loop would wait for the answer.
+// On a machine without an IPv4 address, live555 would look up the machine's own name in DNS
+// repeatedly, blocking the loop.
 void settleOwnAddress() {
   std::string const address = machineAddress();
   bool const hasIpv4 = address != "127.0.0.1" && address.find(':') == std::string::npos;
   ReceivingInterfaceAddr = hasIpv4 ? INADDR_ANY : htonl(INADDR_LOOPBACK);
 }
 
-// live555 seeds the generator that session ids come from with the time of day.
+// live555 seeds the random generator for session ids with the time of day.
 void seedSessionIds(UsageEnvironment& env) {
-  ourIPv4Address(env);  // which is when it does
+  ourIPv4Address(env);  // seeds it at the first call
   int seed = 0;
   if (getrandom(&seed, sizeof seed, GRND_NONBLOCK) == sizeof seed) {
     our_srandom(seed);
   }
 }
 
-// Empty without one.
+// Empty if there is none.
 std::string policyFileName() {
   char const* const file = secure_getenv("KAVO_STREAM_CONFIG");
   return file == nullptr ? "" : file;
@@ -136,7 +136,7 @@ void StreamEnvironment::makeServer(unsigned int port, std::string const& policyF
   if (!m_UsageEnvironment) {
     throw StreamException("BasicUsageEnvironment creation failed", ErrorResource);
   }
-  // What a frame may have, for live555's own sinks too. Ours take no such buffer.
+  // The frame limit, for live555's own sinks too. Ours do not use this buffer.
   OutPacketBuffer::maxSize = Frame::largest;
   settleOwnAddress();
   seedSessionIds(*m_UsageEnvironment);
@@ -186,8 +186,8 @@ void StreamEnvironment::release() {
   m_Failed = false;
 }
 
-// Handlers contain their exceptions; if the loop itself cannot continue, the server
-// ends and the host lives.
+// Handlers contain their exceptions; if the loop itself cannot continue, the server stops
+// and the host process survives.
 void StreamEnvironment::run() {
   EventLoopRole::Holder const role(eventLoopRole);
   NeutralLocale const neutral;

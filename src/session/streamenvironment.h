@@ -22,26 +22,25 @@
 
 namespace kavo::impl {
 
-// Host threads, one at a time (the session manager's lock); run() is the
-// event-loop thread. All of it is made by start() and gone after stop(), so
-// no failure outlives the server it happened to.
+// Host threads, one at a time (under the session manager's lock); run() is the event-loop
+// thread. start() creates everything and stop() destroys it, so no failure outlives the
+// server.
 class StreamEnvironment : NonCopyable {
  public:
   StreamEnvironment() = default;
   ~StreamEnvironment();
 
-  // Starts the RTSP server on the port and the event loop, by the policy file that the
+  // Starts the RTSP server on the port and the event loop, with the policy file that the
   // environment names, if any. Throws.
   void start(unsigned int port);
-  // Ends both. Does nothing if not started.
+  // Stops both. Does nothing if not started.
   void stop();
   bool isStarted() const { return m_RTSPServer != nullptr; }
 
-  // Calls the function on the event-loop thread and waits for it: its result
-  // and its exception are the caller's. Called at once when no loop runs, or on
-  // the event-loop thread itself. Every call of live555 that a host thread needs
-  // goes through here. The event loop never waits for a host thread, so the
-  // caller may hold locks that the function does not take.
+  // Runs the function on the event-loop thread, waits for it, and returns its result or
+  // rethrows its exception. Calls it directly if no loop runs, or on the event-loop thread
+  // itself. Host threads call live555 only through this. The event loop never waits for
+  // a host thread, so the caller may hold locks that the function does not take.
   template <class Function>
   std::invoke_result_t<Function> runOnLoop(Function function) const;
 
@@ -52,14 +51,14 @@ class StreamEnvironment : NonCopyable {
     }
   }
 
-  // Of the server, while started.
+  // The server's, while started.
   Policy const& policy() const { return *m_Policy; }
   DeliveryContext const& delivery() const { return *m_Delivery; }
 
   unsigned int port() const { return m_Port; }
 
-  // While started. GetRTSPServer() throws "RTSP server is not initialized", and what
-  // requireHealth() throws.
+  // Valid while started; otherwise GetRTSPServer() throws "RTSP server is not initialized".
+  // It also throws what requireHealth() throws.
   UsageEnvironment& GetUsageEnvironment() const { return *m_UsageEnvironment; }
   TaskScheduler* GetTaskScheduler() const { return m_TaskScheduler.get(); }
   RtspServer* GetRTSPServer() const;
@@ -78,13 +77,13 @@ class StreamEnvironment : NonCopyable {
   std::shared_ptr<Policy const> m_Policy;
   std::unique_ptr<DeliveryContext const> m_Delivery;
   std::unique_ptr<MemoryReserve> m_Reserve;
-  // In this order: the environment is reclaimed after the scheduler is deleted.
+  // In this order, so that the environment is reclaimed after the scheduler is deleted.
   std::unique_ptr<UsageEnvironment, Reclaim> m_UsageEnvironment;
   std::unique_ptr<EpollScheduler> m_TaskScheduler;
   RtspServer* m_RTSPServer = nullptr;  // closed with Medium::close
   std::unique_ptr<StatusServer> m_StatusServer;
   std::thread m_Thread;
-  char volatile m_WatchVariable = 0;  // not 0: the event loop returns
+  char volatile m_WatchVariable = 0;  // the event loop returns when it is not 0
   std::atomic<bool> m_Failed = false;
 };
 

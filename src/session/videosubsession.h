@@ -1,5 +1,5 @@
-// A stream of raw frames: transcoder, frame queue and demand session joined. Host
-// threads, one at a time: under the session's lock.
+// A stream of raw frames: connects transcoder, frame queue and demand session. Host
+// threads, one at a time, under the session's lock.
 #pragma once
 
 #include <ServerMediaSession.hh>
@@ -17,8 +17,7 @@ namespace kavo::impl {
 template <class DemandSession>
 class VideoSubSession : public ISubSession {
  public:
-  // Adds its demand session to the media session last. Throws what the
-  // transcoder throws.
+  // Adds its demand session to the media session last. Throws what the transcoder throws.
   VideoSubSession(StreamEnvironment const& env, ServerMediaSession& media, std::string const& name,
                   VideoCodecParameter const* parameter)
       : ISubSession(env), m_Transcoder(std::make_shared<Transcoder>(parameter)) {

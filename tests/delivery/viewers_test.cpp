@@ -302,7 +302,7 @@ TEST_F(ViewersTest, TheRoundTripIsWithoutTheTimeThatTheReceiverTook) {
 }
 
 // A packet that did not fit for all goes to one after the other, whoever leaves meanwhile.
-TEST(PacedFrame, ATakerThatLeavesShiftsNobodysTurn) {
+TEST(PacedFrame, ARecipientThatLeavesShiftsNobodysTurn) {
   FramePool pool;
   PacedFrame paced;
   paced.frame = pool.take();
@@ -314,19 +314,19 @@ TEST(PacedFrame, ATakerThatLeavesShiftsNobodysTurn) {
   struct alignas(UdpTransport) {
     char bytes[sizeof(UdpTransport)];
   } places[3];
-  auto const taker = [&](int i) { return reinterpret_cast<UdpTransport*>(&places[i]); };
-  paced.takers = {taker(0), taker(1), taker(2)};
+  auto const recipient = [&](int i) { return reinterpret_cast<UdpTransport*>(&places[i]); };
+  paced.recipients = {recipient(0), recipient(1), recipient(2)};
   paced.advance(1, 2);
-  EXPECT_TRUE(paced.remove(*taker(0)));
-  EXPECT_FALSE(paced.remove(*taker(0)));
-  EXPECT_EQ(paced.takers.at(paced.taker), taker(2));
-  EXPECT_TRUE(paced.remove(*taker(2)));
+  EXPECT_TRUE(paced.remove(*recipient(0)));
+  EXPECT_FALSE(paced.remove(*recipient(0)));
+  EXPECT_EQ(paced.recipients.at(paced.recipient), recipient(2));
+  EXPECT_TRUE(paced.remove(*recipient(2)));
   EXPECT_EQ(paced.next, 1U) << "the last one that had to get the packet has left";
-  EXPECT_EQ(paced.taker, 0U);
+  EXPECT_EQ(paced.recipient, 0U);
   EXPECT_FALSE(paced.isDone());
-  paced.takers.push_back(taker(2));
+  paced.recipients.push_back(recipient(2));
   paced.advance(1, 1);
   paced.clear();
-  EXPECT_EQ(paced.taker, 0U);
+  EXPECT_EQ(paced.recipient, 0U);
   EXPECT_EQ(paced.next, 0U);
 }

@@ -207,7 +207,7 @@ void RtspClient::sendFromElsewhere(std::vector<std::uint8_t> const& packet, int 
   close(socket);
 }
 
-bool RtspClient::receivesGoodbye() {
+bool RtspClient::receivesBye() {
   for (auto next = packet(); next.channel >= 0; next = packet()) {
     auto const& bytes = next.bytes;
     for (std::size_t at = 0; next.channel % 2 == 1 && at + 4 <= bytes.size();

@@ -59,7 +59,7 @@ class RtspClient {
   // Reads packets until one whole frame has come: from one RTP marker to the next.
   bool receivesAFrame();
   // Whether a BYE comes: everything before is skipped.
-  bool receivesGoodbye();
+  bool receivesBye();
   // Interleaved packets that came before responses.
   int dropped() const { return m_Dropped; }
   // Whether the server ends the connection: while this client reads, and while it

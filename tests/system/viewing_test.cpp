@@ -93,7 +93,7 @@ TEST_P(Viewing, TheOnlyViewerMayPauseToo) {
   expectFrames(viewer);
 }
 
-TEST_P(Viewing, ARemovedSessionSaysGoodbyeAndEndsItsConnections) {
+TEST_P(Viewing, ARemovedSessionSendsByeAndClosesItsConnections) {
   auto other = sessionRecord("other");
   ASSERT_EQ(m_Host.call(KV_CREATE_SESSION, other), KV_OK);
   RtspClient tcp(m_Host.port());
@@ -104,19 +104,19 @@ TEST_P(Viewing, ARemovedSessionSaysGoodbyeAndEndsItsConnections) {
   m_Host.stopSubmitting();
   ASSERT_EQ(m_Host.call(KV_REMOVE_SESSION, m_Record.handle, 8), KV_OK);
   for (RtspClient* const viewer : {&tcp, &udp, &udpOverIpv6}) {
-    EXPECT_TRUE(viewer->receivesGoodbye());
+    EXPECT_TRUE(viewer->receivesBye());
     EXPECT_TRUE(viewer->isClosedWhileReading());
   }
 }
 
-TEST_P(Viewing, ExitSaysGoodbye) {
+TEST_P(Viewing, ExitSendsBye) {
   RtspClient tcp(m_Host.port());
   RtspClient udp(m_Host.port());
   ASSERT_TRUE(tcp.play(url()) && udp.playOverUdp(url()));
   EXPECT_TRUE(tcp.receivesAFrame() && udp.receivesAFrame());
   m_Host.exit();
-  EXPECT_TRUE(tcp.receivesGoodbye());
-  EXPECT_TRUE(udp.receivesGoodbye());
+  EXPECT_TRUE(tcp.receivesBye());
+  EXPECT_TRUE(udp.receivesBye());
 }
 
 // Whoever describes takes no frame from those who watch, and learns the address
