@@ -23,7 +23,7 @@ constexpr int unsentInKernel = 1;
 // The limit of one system call.
 constexpr std::size_t maxPieces = 1024;
 
-std::size_t sizeOf(std::span<iovec const> pieces) {
+std::size_t bytesIn(std::span<iovec const> pieces) {
   std::size_t size = 0;
   for (iovec const& piece : pieces) {
     size += piece.iov_len;
@@ -221,7 +221,7 @@ std::size_t InterleavedWriter::write(std::span<iovec const> pieces, std::size_t 
     }
     m_Progress.set(channel);
     total += static_cast<std::size_t>(sent);
-    if (static_cast<std::size_t>(sent) < sizeOf(part)) {
+    if (static_cast<std::size_t>(sent) < bytesIn(part)) {
       break;
     }
   }

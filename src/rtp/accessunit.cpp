@@ -87,7 +87,7 @@ void append(std::vector<std::uint8_t>& sets, NalUnit nalUnit) {
   sets.insert(sets.end(), nalUnit.begin(), nalUnit.end());
 }
 
-std::size_t sizeOf(auto const& kinds) {
+std::size_t totalSize(auto const& kinds) {
   return std::accumulate(kinds.begin(), kinds.end(), std::size_t{0},
                          [](std::size_t sum, auto const& sets) { return sum + sets.size(); });
 }
@@ -119,14 +119,14 @@ AccessUnit ParameterSets::parse(std::span<std::uint8_t const> bytes, Kinds& kind
     unit.isKeyFrame = unit.isKeyFrame || isKey;
     if (role == Role::ParameterSet) {
       append(kinds[kind], nalUnit);
-    } else if (role == Role::Delimiter && unit.slices == 0 && sizeOf(kinds) == 0) {
+    } else if (role == Role::Delimiter && unit.slices == 0 && totalSize(kinds) == 0) {
       unit.delimiter = static_cast<std::size_t>(nalUnit.data() + nalUnit.size() - bytes.data());
     }
   }
   if (begun > 1) {
     throw UnusableFrame("more than one access unit");
   }
-  if (sizeOf(kinds) > mostParameterSets) {
+  if (totalSize(kinds) > mostParameterSets) {
     throw UnusableFrame("parameter sets of more than " + std::to_string(mostParameterSets) + " bytes");
   }
   unit.hasParameterSets = areComplete(kinds, m_Codec);

@@ -2,15 +2,11 @@
 
 #include <algorithm>
 
+#include "rtp/bigendian.h"
+
 namespace kavo::impl {
 
 namespace {
-
-void append(std::vector<std::uint8_t>& bytes, std::uint32_t number, int size) {
-  for (int shift = 8 * (size - 1); shift >= 0; shift -= 8) {
-    bytes.push_back(static_cast<std::uint8_t>(number >> shift));
-  }
-}
 
 // writev's structures are not const, though nothing is written through them.
 iovec piece(std::uint8_t const* bytes, std::size_t size) { return {const_cast<std::uint8_t*>(bytes), size}; }
@@ -36,9 +32,9 @@ void FramePackets::add(std::span<std::uint8_t const> payloadHeader, std::span<st
   m_Packets.push_back({m_Headers.size(), headerSize, payload, size});
   m_Headers.push_back(version);
   m_Headers.push_back(static_cast<std::uint8_t>(m_Header.payloadType | (marker ? 0x80 : 0)));
-  append(m_Headers, sequence, 2);
-  append(m_Headers, m_Header.timestamp, 4);
-  append(m_Headers, m_Header.ssrc, 4);
+  appendNumber(m_Headers, sequence, 2);
+  appendNumber(m_Headers, m_Header.timestamp, 4);
+  appendNumber(m_Headers, m_Header.ssrc, 4);
   m_Headers.insert(m_Headers.end(), payloadHeader.begin(), payloadHeader.end());
   m_Bytes += size;
   m_Largest = std::max(m_Largest, size);
@@ -77,7 +73,7 @@ void FramePackets::addPieces(Interleaved& onChannel, std::uint8_t channel) const
     onChannel.pieces.push_back(piece(onChannel.headers.data() + onChannel.headers.size(), interleavedHeaderSize));
     onChannel.headers.push_back('$');
     onChannel.headers.push_back(channel);
-    append(onChannel.headers, static_cast<std::uint32_t>(size(packet)), 2);
+    appendNumber(onChannel.headers, static_cast<std::uint32_t>(size(packet)), 2);
     onChannel.pieces.push_back(m_Datagrams[datagramPieces * packet]);
     onChannel.pieces.push_back(m_Datagrams[datagramPieces * packet + 1]);
   }

@@ -12,7 +12,7 @@ namespace {
 constexpr std::uint8_t startBit = 0x80;
 constexpr std::uint8_t endBit = 0x40;
 
-struct H264 {
+struct H264Units {
   static constexpr std::size_t headerSize = 1;
   static bool isKey(NalUnit nalUnit) { return typeOf(nalUnit) == NalUnitType::Idr; }
   // The FU indicator, and the FU header without its start and end bits.
@@ -22,7 +22,7 @@ struct H264 {
   }
 };
 
-struct H265 {
+struct H265Units {
   static constexpr std::size_t headerSize = 2;
   static bool isKey(NalUnit nalUnit) { return isIrap(h265TypeOf(nalUnit)); }
   static std::array<std::uint8_t, 3> fragmentHeader(NalUnit nalUnit) {
@@ -70,11 +70,11 @@ bool packetize(std::span<std::uint8_t const> accessUnit, std::size_t maxPacket, 
 }  // namespace
 
 bool packetizeH264(std::span<std::uint8_t const> accessUnit, std::size_t maxPacket, FramePackets& packets) {
-  return packetize<H264>(accessUnit, maxPacket, packets);
+  return packetize<H264Units>(accessUnit, maxPacket, packets);
 }
 
 bool packetizeH265(std::span<std::uint8_t const> accessUnit, std::size_t maxPacket, FramePackets& packets) {
-  return packetize<H265>(accessUnit, maxPacket, packets);
+  return packetize<H265Units>(accessUnit, maxPacket, packets);
 }
 
 }  // namespace kavo::impl

@@ -1,5 +1,7 @@
 #include "rtp/rtcp.h"
 
+#include "rtp/bigendian.h"
+
 namespace kavo::impl {
 
 namespace {
@@ -14,18 +16,12 @@ constexpr int fullIntraRequest = 4;
 constexpr std::uint8_t cnameItem = 1;
 constexpr std::size_t blockSize = 24;
 
-void append(std::vector<std::uint8_t>& packet, std::uint64_t number, int size) {
-  for (int shift = 8 * (size - 1); shift >= 0; shift -= 8) {
-    packet.push_back(static_cast<std::uint8_t>(number >> shift));
-  }
-}
-
 // A packet's header; count is the number of report blocks or sources, words the length after
 // the header.
 void appendHeader(std::vector<std::uint8_t>& packet, int count, std::uint8_t type, std::size_t words) {
   packet.push_back(static_cast<std::uint8_t>(2 << 6 | count));
   packet.push_back(type);
-  append(packet, words, 2);
+  appendNumber(packet, words, 2);
 }
 
 std::uint32_t numberAt(std::span<std::uint8_t const> bytes, std::size_t at, int size = 4) {
@@ -62,23 +58,23 @@ std::vector<std::uint8_t> makeSenderReport(SenderInfo const& info, std::string_v
   std::vector<std::uint8_t> packet;
   packet.reserve(64 + cname.size());
   appendHeader(packet, 0, senderReport, 6);
-  append(packet, info.ssrc, 4);
-  append(packet, info.ntpTime, 8);
-  append(packet, info.rtpTime, 4);
-  append(packet, info.packets, 4);
-  append(packet, info.octets, 4);
+  appendNumber(packet, info.ssrc, 4);
+  appendNumber(packet, info.ntpTime, 8);
+  appendNumber(packet, info.rtpTime, 4);
+  appendNumber(packet, info.packets, 4);
+  appendNumber(packet, info.octets, 4);
   // Items end with a zero, and the chunk at a multiple of four bytes.
   std::size_t const words = 1 + (2 + cname.size()) / 4 + 1;
   appendHeader(packet, 1, sourceDescription, words);
   std::size_t const end = packet.size() + 4 * words;
-  append(packet, info.ssrc, 4);
+  appendNumber(packet, info.ssrc, 4);
   packet.push_back(cnameItem);
   packet.push_back(static_cast<std::uint8_t>(cname.size()));
   packet.insert(packet.end(), cname.begin(), cname.end());
   packet.resize(end);
   if (bye) {
     appendHeader(packet, 1, byePacket, 1);
-    append(packet, info.ssrc, 4);
+    appendNumber(packet, info.ssrc, 4);
   }
   return packet;
 }

@@ -22,7 +22,7 @@ namespace kavo::impl {
 
 namespace {
 
-constexpr std::size_t mostConnections = 8;
+constexpr std::size_t mostClients = 8;
 constexpr std::size_t longestRequest = 8192;
 constexpr std::chrono::seconds timeLimit{5};
 
@@ -35,7 +35,7 @@ UniqueFd listenAt(sockaddr const* address, socklen_t size) {
   int const on = 1;
   setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   bool const isReady = fchmod(socket.get(), 0600) == 0 && bind(socket.get(), address, size) == 0 &&
-                       listen(socket.get(), mostConnections) == 0;
+                       listen(socket.get(), mostClients) == 0;
   return isReady ? std::move(socket) : UniqueFd();
 }
 
@@ -120,7 +120,7 @@ StatusServer::~StatusServer() {
 // Connections beyond the limit are closed at once.
 void StatusServer::accept() {
   UniqueFd client(accept4(m_Socket.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
-  auto share = client.get() >= 0 && m_Connections.size() < mostConnections ? m_Descriptors->take(1) : std::nullopt;
+  auto share = client.get() >= 0 && m_Connections.size() < mostClients ? m_Descriptors->take(1) : std::nullopt;
   if (!share) {
     return;
   }

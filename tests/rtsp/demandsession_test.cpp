@@ -20,7 +20,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-struct Player {
+struct Receiver {
   // The time stamps of the frames that have come, whose packets all came in turn.
   std::vector<std::uint32_t> timeStamps() {
     std::vector<std::uint32_t> stamps;
@@ -58,7 +58,7 @@ class DemandSessionTest : public ::testing::Test {
   }
 
   // Over UDP, up to PLAY, and then up to the response to it.
-  void play(Player& player) {
+  void play(Receiver& player) {
     sockaddr_storage to = player.rtp.address;
     u_int8_t ttl = 0;
     Boolean multicast = False;
@@ -68,12 +68,12 @@ class DemandSessionTest : public ::testing::Test {
                                   nullptr, to, ttl, multicast, serverRtp, serverRtcp, player.viewer);
     session().startStream(1, player.viewer, nullptr, nullptr, player.sequence, player.time, nullptr, nullptr);
   }
-  void begin(Player& player) { viewer(player).viewers().begin(viewer(player)); }
-  void join(Player& player) {
+  void begin(Receiver& player) { viewer(player).viewers().begin(viewer(player)); }
+  void join(Receiver& player) {
     play(player);
     begin(player);
   }
-  void leave(Player& player) { session().deleteStream(1, player.viewer); }
+  void leave(Receiver& player) { session().deleteStream(1, player.viewer); }
 
   // A picture of one slice, submitted a minute after the one before.
   void push(bool isKeyFrame = true, int size = 3000) { push(m_Time += 60s, isKeyFrame, size); }
@@ -90,7 +90,7 @@ class DemandSessionTest : public ::testing::Test {
   }
 
   // The time stamps of so many frames that come, and of those that came before.
-  std::vector<std::uint32_t> receive(Player& player, std::size_t count) {
+  std::vector<std::uint32_t> receive(Receiver& player, std::size_t count) {
     std::vector<std::uint32_t> stamps;
     for (auto const end = Clock::now() + 20s; stamps.size() < count && Clock::now() < end;) {
       static_cast<BasicTaskScheduler0&>(*m_Scheduler).SingleStep(1000);
@@ -105,14 +105,14 @@ class DemandSessionTest : public ::testing::Test {
   }
 
   ServerMediaSubsession& session() { return *m_Session; }
-  static Viewer& viewer(Player& player) { return *static_cast<Viewer*>(player.viewer); }
+  static Viewer& viewer(Receiver& player) { return *static_cast<Viewer*>(player.viewer); }
 
   EventLoopRole::Holder const m_Role{eventLoopRole};
   std::unique_ptr<EpollScheduler> const m_Scheduler{EpollScheduler::createNew(10000)};
   UsageEnvironment* const m_Environment = QuietUsageEnvironment::createNew(*m_Scheduler);
   std::shared_ptr<FrameSourceHandler> const m_Queue = std::make_shared<FrameSourceHandler>();
   H264DemandSession* const m_Session = H264DemandSession::createNew(*m_Environment, m_Queue);
-  Player m_Player;
+  Receiver m_Player;
   Clock::time_point m_Time = Clock::now();
 };
 
@@ -123,12 +123,12 @@ TEST_F(DemandSessionTest, WhoeverJoinsBeginsWithTheNewestFrame) {
   for (int const size : {3000, 100000}) {
     SCOPED_TRACE(size);
     m_Queue->observer().add(Count::Offered);  // there is no newest frame yet
-    Player first;
+    Receiver first;
     join(first);
     push(true, size);
     push(true, size);
     EXPECT_EQ(receive(first, 2).size(), 2U);
-    Player later;
+    Receiver later;
     join(later);
     push(true, size);
     auto const stamps = receive(later, 2);
@@ -140,13 +140,13 @@ TEST_F(DemandSessionTest, WhoeverJoinsBeginsWithTheNewestFrame) {
     leave(later);
   }
   // After all have left it is sent once more, unless others have been submitted since.
-  Player afterAll;
+  Receiver afterAll;
   join(afterAll);
   EXPECT_EQ(receive(afterAll, 1), std::vector{afterAll.time});
   EXPECT_EQ(afterAll.first, afterAll.sequence);
   leave(afterAll);
   m_Queue->observer().add(Count::Offered);
-  Player last;
+  Receiver last;
   join(last);
   step();
   EXPECT_EQ(last.timeStamps().size(), 0U) << "a picture that others have followed";
@@ -159,7 +159,7 @@ TEST_F(DemandSessionTest, WhoeverWaitsForAKeyFrameIsToldNoFirstPacket) {
   push();
   push(false);
   EXPECT_EQ(receive(m_Player, 2).size(), 2U);
-  Player later;
+  Receiver later;
   join(later);
   EXPECT_FALSE(viewer(later).isSequenceKnown());
   push(false);
@@ -198,7 +198,7 @@ TEST_F(DemandSessionTest, NothingIsEncodedAfterTheLastViewerHasLeft) {
   EXPECT_EQ(receive(m_Player, 1).size(), 1U);
   leave(m_Player);
   EXPECT_FALSE(m_Queue->IsStreaming());
-  Player again;
+  Receiver again;
   join(again);
   push(before);
   step();

@@ -9,14 +9,16 @@
 using Client = Player::Client;
 using Transport = Player::Transport;
 
-struct Row {
+namespace {
+
+struct Played {
   int codec;
   Client client;
   Transport transport;
   char const* address = "127.0.0.1";
 };
 
-constexpr Row rows[] = {
+constexpr Played played[] = {
     {KV_CODEC_MJPEG, Client::Ffmpeg, Transport::Tcp},
     {KV_CODEC_MJPEG, Client::Ffmpeg, Transport::Udp},
     {KV_CODEC_MJPEG, Client::Gstreamer, Transport::Tcp},
@@ -30,6 +32,8 @@ constexpr Row rows[] = {
     {KV_CODEC_H264, Client::Ffmpeg, Transport::Udp, "[::1]"},
 };
 
+}  // namespace
+
 // Each player as the stream's first viewer, and again after nobody watched.
 TEST(Players, ShowTheRightFrameFromTheFirstOn) {
   Host host;
@@ -37,7 +41,7 @@ TEST(Players, ShowTheRightFrameFromTheFirstOn) {
   host.publish("jpeg");
   host.publish("h264", KV_BGR24, KV_CODEC_H264);
   host.startSubmitting();
-  for (auto const& [codec, client, transport, address] : rows) {
+  for (auto const& [codec, client, transport, address] : played) {
     auto const url = host.url(codec == KV_CODEC_H264 ? "h264" : "jpeg", address);
     Player player(client, transport, url, 3, codec);
     auto const frames = player.frames(320, 240);

@@ -17,13 +17,13 @@ double wallClock() {
   return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_usec) / 1e6;
 }
 
-struct Row {
+struct Reception {
   int codec;
   bool tcp;
   RtpChecker checker{codec};
 };
 
-void receive(Host const& host, Row& row) {
+void receive(Host const& host, Reception& row) {
   auto const url = host.url(row.codec == KV_CODEC_H264 ? "h264" : "jpeg");
   RtspClient client(host.port());
   ASSERT_TRUE(row.tcp ? client.play(url) : client.playOverUdp(url));
@@ -46,15 +46,15 @@ TEST(RtpConformance, OfBothCodecsOverBothTransports) {
   host.publish("jpeg", KV_BGR24, KV_CODEC_MJPEG, 640, 480);
   host.publish("h264", KV_BGR24, KV_CODEC_H264, 640, 480);
   host.startSubmitting();
-  Row rows[] = {{KV_CODEC_MJPEG, true}, {KV_CODEC_MJPEG, false}, {KV_CODEC_H264, true}, {KV_CODEC_H264, false}};
+  Reception rows[] = {{KV_CODEC_MJPEG, true}, {KV_CODEC_MJPEG, false}, {KV_CODEC_H264, true}, {KV_CODEC_H264, false}};
   std::vector<std::thread> viewers;
-  for (Row& row : rows) {
+  for (Reception& row : rows) {
     viewers.emplace_back([&host, &row] { receive(host, row); });
   }
   for (auto& viewer : viewers) {
     viewer.join();
   }
-  for (Row const& row : rows) {
+  for (Reception const& row : rows) {
     EXPECT_EQ(row.checker.complaints(), std::vector<std::string>()) << "codec " << row.codec << ", tcp " << row.tcp;
     if (row.codec == KV_CODEC_H264) {
       ASSERT_GE(row.checker.nalTypes().size(), 3U);

@@ -11,9 +11,12 @@
 
 namespace {
 
-// Closed with its object.
+// Closed on destruction.
 struct Socket {
   explicit Socket(int family) : descriptor(socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    if (descriptor < 0) {
+      throw StatusError(std::string("cannot open a socket: ") + std::strerror(errno));
+    }
     timeval const limit{.tv_sec = 5, .tv_usec = 0};
     setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     setsockopt(descriptor, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
