@@ -44,7 +44,7 @@ soak-threads: ## submits, removals, exits and viewers at once under the thread s
 format: ## bring the sources into shape with clang-format
 	@$(RUN) sh -c 'find include src tools tests bench examples -name "*.h" -o -name "*.c" -o -name "*.cpp" -o -name "*.hpp" | xargs clang-format -i'
 
-lint: ## check format, thread annotations (as errors) and clang-tidy
+lint: ## check format, spelling, thread annotations and clang-tidy (DEEP=1: across calls)
 	@$(RUN) scripts/lint
 
 package: ## make Debian packages and a relocatable archive in build/packages (ARCH=arm64 for arm64)
