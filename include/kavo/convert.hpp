@@ -1,5 +1,5 @@
-/// Converts frames in layouts that Kavo Stream does not take (YUYV, NV12, grey, ...)
-/// into one that it does, with FFmpeg's libswscale. Link kavo::convert (CMake) or
+/// Converts frames from layouts that Kavo Stream does not accept (YUYV, NV12, grey, ...)
+/// to one that it does, with FFmpeg's libswscale. Link kavo::convert (CMake) or
 /// kavo_convert (pkg-config).
 #ifndef KAVO_CONVERT_HPP
 #define KAVO_CONVERT_HPP
@@ -21,19 +21,19 @@ extern "C" {
 
 namespace kavo {
 
-/// How bright black and white become.
+/// The range of the converted values, from black to white.
 enum class Range {
   Limited,  ///< 16 to 235: for H.264
-  Full      ///< 0 to 255: for JPEG in the converted frames' own size, where viewers see white as white
+  Full      ///< 0 to 255: for JPEG published in the size of the converted frames, so that white is white
 };
 
-/// One object per source of frames, used by one thread at a time.
+/// Converts the frames of one source. Used by one thread at a time.
 class Converter {
  public:
   /// Converts to YUV 4:2:0. layout (any that libswscale reads: packed and planar YUV, RGB, grey, Bayer),
-  /// width and height (pixels) are the source's; stride is the bytes per row of its first plane, 0 for
-  /// tightly packed rows. Throws std::runtime_error where that makes no sense, or libswscale cannot
-  /// convert it.
+  /// width and height (pixels) describe the source; stride is the number of bytes per row of its first
+  /// plane, 0 for tightly packed rows. Throws std::runtime_error if the values are invalid or libswscale
+  /// cannot convert the layout.
   Converter(AVPixelFormat layout, int width, int height, int stride = 0, Range range = Range::Limited)
       : m_Layout(layout), m_Width(width), m_Height(height) {
     AVPixFmtDescriptor const* const description = av_pix_fmt_desc_get(layout);
@@ -53,7 +53,7 @@ class Converter {
     }
     m_IsPacked422 = description->log2_chroma_w == 1 && description->log2_chroma_h == 0 &&
                     (description->flags & AV_PIX_FMT_FLAG_PLANAR) == 0;
-    // Its fast way for BGR24 knows limited range alone.
+    // Without accurate rounding, its fast path for BGR24 supports only limited range.
     int const flags = range == Range::Full ? SWS_POINT | SWS_ACCURATE_RND : SWS_POINT;
     m_Scaler.reset(
         sws_getContext(width, height, layout, width, height, AV_PIX_FMT_YUV420P, flags, nullptr, nullptr, nullptr));
@@ -70,12 +70,12 @@ class Converter {
   /// The format of the converted frames.
   static constexpr PixelFormat format() { return PixelFormat::Yuv420p; }
 
-  /// Bytes that convert() reads of a frame, and never past them.
+  /// The size of a source frame in bytes; convert() does not read past it.
   std::size_t sourceSize() const noexcept { return m_SourceSize; }
 
   /// Converts one frame of sourceSize() bytes; the result is valid until the next call.
   std::vector<std::uint8_t> const& convert(std::uint8_t const* frame) {
-    // libswscale may read past the end; it does so in a copy that has room for it.
+    // libswscale may read past the end, so it gets a padded copy.
     std::copy_n(frame, m_SourceSize, m_Source.begin());
     std::uint8_t* from[4] = {};
     av_image_fill_pointers(from, m_Layout, m_Height, m_Source.data(), m_Strides);
@@ -111,7 +111,7 @@ class Converter {
     }
   }
 
-  // libswscale leaves it out where there is half a row of it.
+  // At odd heights libswscale does not write the last chroma row.
   void repeatLastChromaRow(std::uint8_t* const planes[4], int const strides[4]) const {
     std::ptrdiff_t const last = m_Height / 2;
     for (int plane : {1, 2}) {

@@ -1,5 +1,5 @@
 /// @file
-/// Kavo Stream for C++17: the records of kavo_stream.h as objects.
+/// Kavo Stream for C++17: wraps the records of kavo_stream.h in objects.
 ///
 ///   kavo::Server server(8554);
 ///   kavo::Session session = server.createSession("camera");
@@ -10,11 +10,11 @@
 ///   kavo::Stream stream = session.createStream(video);
 ///   while (grab(pixels)) stream.submit(pixels.data(), pixels.size());
 ///
-/// Everything here is inline; the library itself exports one function, which
-/// these objects call. Different objects may be used by different threads at the
-/// same time, one object by one thread at a time. A process has one server at a time.
-/// Objects are moved, not copied. A session ends with its object, a server with its
-/// own; streams and sessions of a server that has ended throw KV_UNKNOWN when used.
+/// Everything here is inline; the objects call the one function that the library
+/// exports. Different threads may use different objects at the same time; each object
+/// must be used by one thread at a time. A process has one server at a time. Objects
+/// can be moved, but not copied. Destroying a session or server object ends it; streams
+/// and sessions of a server that has ended throw KV_UNKNOWN when used.
 #ifndef KAVO_STREAM_HPP
 #define KAVO_STREAM_HPP
 
@@ -31,7 +31,7 @@
 
 namespace kavo {
 
-/// What a command failed with.
+/// The failure of a command.
 class Error : public std::runtime_error {
  public:
   /// what: the action that failed; advice: what to do about it.
@@ -60,15 +60,15 @@ enum class PixelFormat : std::int32_t {
   Bgra = KV_BGRA,
 };
 
-/// What streams are encoded as; H265 for an EncodedStream only.
+/// Codecs; H265 is for EncodedStream only.
 enum class Codec : std::int32_t { Jpeg = KV_CODEC_MJPEG, H264 = KV_CODEC_H264, H265 = KV_CODEC_H265 };
 
-/// The sizes of encoded frames that a codec takes, in pixels.
+/// The sizes of encoded frames that a codec supports, in pixels.
 struct SizeLimits {
-  int step;           ///< both are multiples of it
+  int step;           ///< width and height must be multiples of this
   int smallest;       ///< width and height
-  int largestWidth;   ///< of any height
-  int largestHeight;  ///< of any width
+  int largestWidth;   ///< whatever the height
+  int largestHeight;  ///< whatever the width
 };
 
 /// The limits of the codec. JPEG: the sizes RTP/JPEG can represent.
@@ -76,7 +76,7 @@ constexpr SizeLimits sizeLimits(Codec codec) {
   return codec == Codec::Jpeg ? SizeLimits{8, 16, 2040, 2040} : SizeLimits{2, 16, 4096, 2304};
 }
 
-/// The bytes of one frame, without padding.
+/// The size of one frame in bytes, without padding.
 constexpr std::size_t frameSize(PixelFormat format, int width, int height) {
   auto const pixels = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
   auto const halfWidth = (static_cast<std::size_t>(width) + 1) / 2;
@@ -96,16 +96,16 @@ constexpr std::size_t frameSize(PixelFormat format, int width, int height) {
   }
 }
 
-/// What a stream takes and publishes.
+/// The parameters of a stream of raw frames.
 struct VideoOptions {
   int width = 0;                              ///< of the submitted frames, pixels
   int height = 0;                             ///< of the submitted frames, pixels
   PixelFormat format = PixelFormat::Yuv420p;  ///< of the submitted frames
   Codec codec = Codec::H264;                  ///< of the published stream
-  int outputWidth = 0;                        ///< of the published frame, pixels; 0: as the submitted ones
-  int outputHeight = 0;                       ///< likewise
-  int frameRate = 25;                         ///< frames per second, at which frames are submitted
-  std::int64_t bitsPerSecond = 0;             ///< for either codec; 0 picks a default from the size
+  int outputWidth = 0;                        ///< of the published frames, pixels; 0: as submitted
+  int outputHeight = 0;                       ///< of the published frames, pixels; 0: as submitted
+  int frameRate = 25;                         ///< submitted frames per second
+  std::int64_t bitsPerSecond = 0;             ///< for either codec; 0: a default for the size
 };
 
 /// @cond
@@ -123,8 +123,8 @@ void call(char const* what, int command, Record& record) {
   call(what, command, &record, static_cast<int>(sizeof record));
 }
 
-/// Counts the servers of the process as they come and go: handles are given again, so a
-/// session of a server that has ended may have that of another one's.
+/// Changes whenever a server starts or ends: handles are reused, so a session of a server that
+/// has ended may have the same handle as a session of the current one.
 inline std::atomic<unsigned> serverNumber{0};
 
 inline void requireServer(unsigned number) {
@@ -144,17 +144,17 @@ void copy(char (&field)[Size], std::string const& text, char const* what) {
 }  // namespace detail
 /// @endcond
 
-/// What a stream does. Frames are counted since it was created.
+/// A stream's status. Counts start when the stream is created.
 struct StreamStatus {
-  std::uint32_t viewers;     ///< who plays, or is about to
-  bool wantsFrame;           ///< somebody plays: a submitted frame would be encoded
+  std::uint32_t viewers;     ///< how many are playing or about to
+  bool wantsFrame;           ///< somebody is watching: a submitted frame would be encoded
   bool wantsKeyFrame;        ///< a viewer needs a key frame; the next frame becomes one
   std::uint64_t offered;     ///< frames submitted
   std::uint64_t encoded;     ///< frames encoded
-  std::uint64_t unwatched;   ///< frames not encoded, since nobody watched
+  std::uint64_t unwatched;   ///< frames not encoded because nobody watched
   std::uint64_t failed;      ///< frames that could not be encoded
   std::uint64_t sentFrames;  ///< frames sent to at least one viewer
-  std::uint64_t sentBytes;   ///< bytes of RTP packets, to all viewers
+  std::uint64_t sentBytes;   ///< bytes of RTP packets sent, to all viewers
 };
 
 /// @cond
@@ -180,11 +180,11 @@ inline StreamStatus statusOf(kv_session_handle session, kv_stream_id stream, uns
 }  // namespace detail
 /// @endcond
 
-/// The one video stream of a session.
+/// A session's one video stream.
 class Stream {
  public:
-  /// Hands one frame over; returns when it is encoded and queued, or at once when
-  /// nobody watches. Only read during the call. Throws Error.
+  /// Submits one frame, of at least frameSize() bytes. Returns when it is encoded and queued, or
+  /// at once if nobody is watching. The frame is read during the call only. Throws Error.
   void submit(void const* frame, std::size_t size) {
     if (size < m_FrameSize) {
       throw Error("a frame of " + std::to_string(size) + " bytes, but " + std::to_string(m_FrameSize) + " are needed",
@@ -195,10 +195,10 @@ class Stream {
     detail::call("submitting a frame", KV_SUBMIT_FRAME, m_Record);
   }
 
-  /// What the stream does, and who watches it; waits for no submit. Throws Error.
+  /// The stream's status. Does not wait for submits. Throws Error.
   StreamStatus status() const { return detail::statusOf(m_Record.handle, m_Record.stream, m_Server); }
 
-  /// The bytes of one frame.
+  /// The size of one frame in bytes.
   std::size_t frameSize() const noexcept { return m_FrameSize; }
 
  private:
@@ -213,26 +213,26 @@ class Stream {
   unsigned m_Server = detail::serverNumber;
 };
 
-/// What an EncodedStream carries.
+/// The parameters of an EncodedStream.
 struct EncodedOptions {
   Codec codec = Codec::H264;  ///< of the frames
-  int kilobitsPerSecond = 0;  ///< for the description; 0: unknown
-  /// SPS and PPS, for H.265 the VPS too, in Annex B form; empty: learnt from the frames.
+  int kilobitsPerSecond = 0;  ///< for the SDP; 0: unknown
+  /// SPS and PPS, for H.265 also the VPS, in Annex B form; empty: taken from the frames.
   std::vector<std::uint8_t> parameterSets{};
 };
 
-/// What the next frame is wanted for.
+/// Whether viewers need the next frame, and as what.
 struct Wanted {
-  bool frame;     ///< somebody watches: the encoder should run
+  bool frame;     ///< somebody is watching: the encoder should run
   bool keyFrame;  ///< a viewer needs a key frame
 };
 
-/// The one video stream of a session, of frames that the host's own encoder makes.
+/// A session's one video stream, for frames from the host's own encoder.
 class EncodedStream {
  public:
-  /// Hands one access unit (H.264 and H.265: Annex B, no B-frames) or one JPEG image over, and returns
-  /// when it is queued, or at once when nobody watches. Only read during the call. timeNanoseconds: when it
-  /// was captured, by CLOCK_MONOTONIC, later than the one before; 0: now. Throws Error.
+  /// Submits one access unit (H.264 and H.265: Annex B, no B-frames) or one JPEG image. Returns when it
+  /// is queued, or at once if nobody is watching. The data is read during the call only. timeNanoseconds
+  /// is the capture time on CLOCK_MONOTONIC, later than the previous frame's; 0: now. Throws Error.
   Wanted submit(void const* data, std::size_t size, std::int64_t timeNanoseconds = 0) {
     detail::requireServer(m_Server);
     m_Record.data = static_cast<std::uint8_t const*>(data);
@@ -242,7 +242,7 @@ class EncodedStream {
     return {(m_Record.wanted & KV_WANTS_FRAME) != 0, (m_Record.wanted & KV_WANTS_KEY_FRAME) != 0};
   }
 
-  /// What the stream does, and who watches it; waits for no submit. Throws Error.
+  /// The stream's status. Does not wait for submits. Throws Error.
   StreamStatus status() const { return detail::statusOf(m_Record.handle, m_Record.stream, m_Server); }
 
  private:
@@ -259,9 +259,9 @@ class EncodedStream {
 /// One RTSP URL.
 class Session {
  public:
-  /// Takes the other's session; the other holds none any more.
+  /// Takes over the other's session.
   Session(Session&& other) noexcept : m_Record(std::exchange(other.m_Record, {})), m_Server(other.m_Server) {}
-  /// Ends the session held before.
+  /// Ends its own session and takes over the other's.
   Session& operator=(Session&& other) noexcept {
     if (this != &other) {
       remove();
@@ -270,15 +270,16 @@ class Session {
     }
     return *this;
   }
-  /// Disconnects its viewers.
+  /// Removes the session and disconnects its viewers.
   ~Session() { remove(); }
 
-  /// With the machine's own address when the session was created; 127.0.0.1 on one that was offline.
+  /// The URL, with the address that the machine had when the session was created; 127.0.0.1 if it was
+  /// offline.
   std::string url() const { return m_Record.url; }
   /// The last part of the URL.
   std::string name() const { return m_Record.name; }
 
-  /// The session's stream; there can be one. Throws Error.
+  /// Creates the session's stream; a session has at most one. Throws Error.
   Stream createStream(VideoOptions const& options) {
     detail::requireServer(m_Server);
     kv_video_record video{};
@@ -301,7 +302,7 @@ class Session {
     return Stream(m_Record.handle, stream.stream, frameSize(options.format, options.width, options.height));
   }
 
-  /// The session's stream, of encoded frames; there can be one stream. Throws Error.
+  /// Creates the session's stream for encoded frames; a session has at most one stream. Throws Error.
   EncodedStream createEncodedStream(EncodedOptions const& options) {
     detail::requireServer(m_Server);
     kv_encoded_stream_record stream{};
@@ -330,7 +331,7 @@ class Session {
     }
   }
 
-  /// The usual causes of a refusal, and the nearest size that would do.
+  /// The likely cause of a refusal, with the nearest size that would work.
   static std::string adviceFor(Codec codec, kv_video_record const& video) {
     bool const jpeg = codec == Codec::Jpeg;
     SizeLimits const limits = sizeLimits(codec);
@@ -350,7 +351,7 @@ class Session {
     return jpeg ? "try another bitrate" : "is OpenH264 2.6 installed (libopenh264.so)? if so, try another bitrate";
   }
 
-  /// The record counts JPEG by frame and H.264 by second.
+  /// In the record, JPEG's bitrate is per frame and H.264's per second.
   static std::int32_t bitrateOf(VideoOptions const& options, kv_video_record const& video) {
     bool const jpeg = options.codec == Codec::Jpeg;
     double const rate = options.frameRate > 0 ? options.frameRate : 1;
@@ -368,15 +369,15 @@ class Session {
 /// The process's RTSP server, from construction to destruction.
 class Server {
  public:
-  /// Serves on the TCP port, on every address. Throws Error.
+  /// Serves on the TCP port of all addresses. Throws Error.
   explicit Server(std::uint16_t port = 8554) {
     std::uint32_t record = port;
     detail::call("starting the server", KV_INIT, record);
     ++detail::serverNumber;
   }
-  /// Takes the other's server; the other holds none any more.
+  /// Takes over the other's server.
   Server(Server&& other) noexcept : m_Serving(std::exchange(other.m_Serving, false)) {}
-  /// Ends the server held before.
+  /// Stops its own server and takes over the other's.
   Server& operator=(Server&& other) noexcept {
     if (this != &other) {
       stop();
@@ -384,10 +385,11 @@ class Server {
     }
     return *this;
   }
-  /// Ends it, and every session with it.
+  /// Stops the server and ends all sessions.
   ~Server() { stop(); }
 
-  /// The name is the last part of the URL; players show the description as the title. Throws Error.
+  /// Creates a session. The name is the last part of the URL; players show the description as the title.
+  /// Both take 1 to 19 bytes. Throws Error.
   Session createSession(std::string const& name, std::string const& description = "live video") {
     return Session(name, description);
   }

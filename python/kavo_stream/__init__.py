@@ -8,10 +8,10 @@
         while True:
             stream.submit(frame)   # an array of (480, 640, 3), as OpenCV gives it
 
-The library is looked for as libkavo_stream.so.2, in the archive beside this module;
-the environment variable KAVO_STREAM names another file. A frame is encoded within its
-submit(), without Python's lock: other threads run meanwhile. Different objects may be
-used by different threads, one object by one thread at a time.
+The library is libkavo_stream.so.2, in an archive the one beside this module; the environment
+variable KAVO_STREAM names another file. submit() encodes the frame without holding Python's
+lock, so other threads keep running. Different threads may use different objects at the same
+time; each object must be used by one thread at a time.
 """
 
 from __future__ import annotations
@@ -28,7 +28,7 @@ __all__ = ["Codec", "EncodedStream", "Error", "NameInUse", "PixelFormat", "Serve
 
 
 class Error(RuntimeError):
-    """What a command failed with; result is the library's number for it."""
+    """The failure of a command; result is the library's result code."""
 
     def __init__(self, action: str, result: int) -> None:
         super().__init__(f"{action}: {_MEANINGS.get(result, 'unexpected failure')}")
@@ -40,11 +40,11 @@ class NameInUse(Error):
 
 
 class NoResource(Error):
-    """The port is taken, or descriptors, memory or a usable policy file are missing."""
+    """The port is in use, the policy file is invalid, or descriptors or memory ran out."""
 
 
 class CodecFailure(Error):
-    """A size, a bitrate or a frame that the codec refuses, or OpenH264 is not installed."""
+    """The codec refuses the size, bitrate or frame, or OpenH264 is not installed."""
 
 
 _MEANINGS = {1: "the server is not running", 2: "already exists", 3: "invalid value",
@@ -55,7 +55,7 @@ _ERRORS: dict[int, type[Error]] = {4: NameInUse, 6: NoResource, 7: CodecFailure}
 
 
 class Codec(enum.IntEnum):
-    """What streams are encoded as; H265 for an EncodedStream only."""
+    """Codecs; H265 is for EncodedStream only."""
 
     JPEG = 8
     H264 = 28
@@ -63,7 +63,7 @@ class Codec(enum.IntEnum):
 
 
 class PixelFormat(enum.IntEnum):
-    """Layouts of raw frames. BGR24 is OpenCV's."""
+    """Layouts of raw frames. OpenCV uses BGR24."""
 
     YUV420P = 0
     RGB24 = 2
@@ -77,7 +77,7 @@ class PixelFormat(enum.IntEnum):
     BGRA = 30
 
 
-# The number of bytes a pixel, of the packed layouts, and FFmpeg's number for them.
+# The packed layouts: bytes per pixel, and FFmpeg's number.
 _PACKED = {PixelFormat.RGB24: (3, 2), PixelFormat.BGR24: (3, 3), PixelFormat.ARGB: (4, 25), PixelFormat.RGBA: (4, 26),
            PixelFormat.ABGR: (4, 27), PixelFormat.BGRA: (4, 28)}
 
@@ -152,7 +152,7 @@ def _text(text: str, what: str) -> bytes:
 
 
 def _address_of(view: memoryview) -> int:
-    """Where the bytes lie, also those of an object that cannot be written to."""
+    """The address of the bytes, also if they are read-only."""
     get = ctypes.pythonapi.PyObject_GetBuffer
     release = ctypes.pythonapi.PyBuffer_Release
     buffer = (ctypes.c_byte * 80)()  # a Py_buffer, which begins with the address
@@ -164,7 +164,7 @@ def _address_of(view: memoryview) -> int:
 
 
 class Wanted(enum.IntFlag):
-    """What the next frame is wanted for."""
+    """Whether viewers need the next frame, and as what."""
 
     NOTHING = 0
     FRAME = 1
@@ -172,10 +172,10 @@ class Wanted(enum.IntFlag):
 
 
 class Status:
-    """What a stream does; frames are counted since it was created."""
+    """A stream's status; counts start when the stream is created."""
 
     def __init__(self, record: _Status) -> None:
-        #: who plays, or is about to
+        #: how many are playing or about to
         self.viewers: int = record.viewers
         #: whether a frame, or a key frame, is wanted
         self.wanted = Wanted(record.wanted)
@@ -184,7 +184,7 @@ class Status:
         self.unwatched: int = record.unwatched
         self.failed: int = record.failed
         self.sent_frames: int = record.sent_frames
-        #: of RTP packets, to all viewers
+        #: bytes of RTP packets sent, to all viewers
         self.sent_bytes: int = record.sent_bytes
 
     def __repr__(self) -> str:
@@ -192,7 +192,7 @@ class Status:
 
 
 class _Published:
-    """What both kinds of streams share."""
+    """The common base of both kinds of streams."""
 
     def __init__(self, handle: int, stream: int) -> None:
         self._handle = handle
@@ -200,20 +200,20 @@ class _Published:
 
     @property
     def status(self) -> Status:
-        """What the stream does, and who watches it."""
+        """The stream's status. Does not wait for submits."""
         record = _Status(handle=self._handle, stream=self._stream)
         _call("asking for the status", 102, record)
         return Status(record)
 
 
 class _FullRange:
-    """RGB to YUV 4:2:0 of full range, with libswscale: JPEG's viewers expect it. See Stream."""
+    """Converts RGB to full-range YUV 4:2:0, which JPEG viewers expect, with libswscale. See Stream."""
 
     _library: Any = None
 
     @classmethod
     def library(cls) -> Any:
-        """libswscale of any generation, or None."""
+        """libswscale, whatever its version, or None."""
         for number in range(15, 4, -1):
             try:
                 cls._library = cls._library or ctypes.CDLL(f"libswscale.so.{number}")
@@ -224,13 +224,13 @@ class _FullRange:
     def __init__(self, width: int, height: int, ffmpeg_format: int, pixel_size: int) -> None:
         sws = self.library()
         sws.sws_getContext.restype = sws.sws_getCoefficients.restype = ctypes.c_void_p
-        # Without the second, its fast way for BGR24 makes limited range.
+        # Without accurate rounding, its fast path for BGR24 supports only limited range.
         point, accurate_rounding = 0x10, 0x40000
         self._scaler = ctypes.c_void_p(sws.sws_getContext(width, height, ffmpeg_format, width, height, 0,
                                                           point | accurate_rounding, None, None, None))
         bt601 = ctypes.c_void_p(sws.sws_getCoefficients(5))
         sws.sws_setColorspaceDetails(self._scaler, bt601, 1, bt601, 1, 0, 1 << 16, 1 << 16)
-        # libswscale reads a little past the end, so it reads in a copy.
+        # libswscale reads a little past the end, so it gets a padded copy.
         self._size = width * height * pixel_size
         self._source = (ctypes.c_uint8 * (self._size + 64))()
         half = (width + 1) // 2
@@ -255,10 +255,10 @@ class _FullRange:
 
 
 class Stream(_Published):
-    """The one video stream of a session, of raw frames.
+    """A session's one video stream, for raw frames.
 
-    JPEG of RGB is published with white as white where libswscale can be found, as it can where
-    FFmpeg is installed; else in limited range, which viewers show a little grey."""
+    JPEG from RGB frames is published in full range, so that white is white, if libswscale is
+    installed (as part of FFmpeg); otherwise in limited range, which viewers show slightly grey."""
 
     def __init__(self, handle: int, stream: int, width: int, height: int, pixel_format: PixelFormat,
                  full_range: _FullRange | None) -> None:
@@ -269,14 +269,14 @@ class Stream(_Published):
 
     @property
     def shape(self) -> tuple[int, ...]:
-        """Of the arrays that submit() takes."""
+        """The shape of the arrays that submit() accepts."""
         if self._format in _PACKED:
             return self._height, self._width, _PACKED[self._format][0]
         return (self.frame_size,)
 
     @property
     def frame_size(self) -> int:
-        """The bytes of one frame, without padding."""
+        """The size of one frame in bytes, without padding."""
         pixels, half = self._width * self._height, (self._width + 1) // 2
         if self._format in _PACKED:
             return pixels * _PACKED[self._format][0]
@@ -284,9 +284,8 @@ class Stream(_Published):
         return pixels + 2 * half * rows
 
     def submit(self, frame: Any) -> None:
-        """Publishes a frame: an array of that shape, or frame_size bytes of anything with the buffer protocol.
-        It is not copied, and read during the call only. Returns when it is encoded, or at once where nobody
-        watches."""
+        """Publishes a frame: an array of that shape, or frame_size bytes of any object with the buffer protocol.
+        The frame is read during the call only. Returns when it is encoded, or at once if nobody is watching."""
         view = memoryview(frame)
         is_plain = view.format in ("B", "b", "c") and view.c_contiguous and view.nbytes == self.frame_size
         shape = view.shape or ()
@@ -302,12 +301,12 @@ class Stream(_Published):
 
 
 class EncodedStream(_Published):
-    """The one video stream of a session, of frames that an encoder of the program's own makes."""
+    """A session's one video stream, for frames from the program's own encoder."""
 
     def submit(self, data: Any, time_ns: int = 0) -> Wanted:
-        """Publishes one access unit (H.264 and H.265: Annex B, without B-frames) or one JPEG image: anything with
-        the buffer protocol. time_ns is when it was captured, by time.monotonic_ns(); 0: now. Returns what the
-        next frame is wanted for."""
+        """Publishes one access unit (H.264 and H.265: Annex B, without B-frames) or one JPEG image, from any object
+        with the buffer protocol. time_ns is the capture time by time.monotonic_ns(); 0: now. Returns whether
+        viewers need the next frame, and as what."""
         view = memoryview(data)
         if not view.c_contiguous:
             raise ValueError(f"a frame is contiguous in memory; these bytes have strides of {view.strides}")
@@ -318,7 +317,7 @@ class EncodedStream(_Published):
 
 
 class Session:
-    """One RTSP URL. It ends with close(), or the with statement, and its viewers are disconnected."""
+    """One RTSP URL. close(), or leaving its with statement, removes it and disconnects its viewers."""
 
     def __init__(self, server: Server, name: str, description: str) -> None:
         self._server = server
@@ -328,14 +327,15 @@ class Session:
 
     @property
     def url(self) -> str:
-        """With the machine's own address when the session was created."""
+        """The URL, with the address that the machine had when the session was created."""
         return bytes(self._record.url).decode()
 
     def create_stream(self, width: int, height: int, pixel_format: PixelFormat = PixelFormat.BGR24,
                       codec: Codec = Codec.JPEG, frame_rate: int = 25, bits_per_second: int = 0,
                       size: tuple[int, int] | None = None) -> Stream:
-        """The session's stream; there can be one. width and height are of the frames submitted, size of the
-        published ones (the same). bits_per_second: 0 for what suits the size."""
+        """Creates the session's stream; a session has at most one. width and height are those of the submitted
+        frames; size is that of the published ones, by default the same. bits_per_second: 0 for a default that
+        suits the size."""
         out_width, out_height = size or (width, height)
         jpeg = codec == Codec.JPEG
         bits = bits_per_second or out_width * out_height * frame_rate * (1.2 if jpeg else 0.1)
@@ -351,15 +351,15 @@ class Session:
         return Stream(self._record.handle, record.stream, width, height, pixel_format, full_range)
 
     def create_encoded_stream(self, codec: Codec, parameter_sets: bytes = b"", kilobits: int = 0) -> EncodedStream:
-        """The session's stream, of encoded frames. parameter_sets: SPS and PPS, for H.265 the VPS too, in Annex B
-        form; empty: learnt from the frames. kilobits per second, for the description; 0: unknown."""
+        """Creates the session's stream for encoded frames. parameter_sets: SPS and PPS, for H.265 also the VPS, in
+        Annex B form; empty: taken from the frames. kilobits per second are for the SDP; 0: unknown."""
         record = _EncodedStream(handle=self._record.handle, codec=codec, bitrate=kilobits,
                                 parameter_sets=parameter_sets or None, parameter_size=len(parameter_sets))
         _call("creating a stream of encoded frames", 100, record)
         return EncodedStream(self._record.handle, record.stream)
 
     def close(self) -> None:
-        """Disconnects its viewers."""
+        """Removes the session and disconnects its viewers."""
         handle, self._record.handle = self._record.handle, None
         if handle is not None and self._server.is_open:
             _function(3, handle, 8)
@@ -373,8 +373,8 @@ class Session:
 
 
 class Server:
-    """The process's RTSP server, on every address. It ends with close(), or the with statement, and every
-    session with it."""
+    """The process's RTSP server, on all addresses. close(), or leaving its with statement, stops it and ends all
+    sessions."""
 
     def __init__(self, port: int = 8554) -> None:
         if not 1 <= port <= 65535:
@@ -383,11 +383,11 @@ class Server:
         self.is_open = True
 
     def create_session(self, name: str, description: str = "live video") -> Session:
-        """The name is the last part of the URL; players show the description as the title."""
+        """Creates a session. The name is the last part of the URL; players show the description as the title."""
         return Session(self, name, description)
 
     def close(self) -> None:
-        """Ends serving."""
+        """Stops the server."""
         if self.is_open:
             self.is_open = False
             _function(1, None, 0)
