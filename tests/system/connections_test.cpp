@@ -5,11 +5,8 @@
 
 #include <chrono>
 #include <ctime>
-#include <memory>
-#include <thread>
 
 #include "system/host.h"
-#include "system/player.h"
 #include "system/rtspclient.h"
 
 namespace {
@@ -24,34 +21,6 @@ void allowFiles(rlim_t count) {
 double cpuSeconds() { return static_cast<double>(std::clock()) / CLOCKS_PER_SEC; }
 
 }  // namespace
-
-TEST(Connections, SilentOnesDoNotExhaustTheHost) {
-  allowFiles(64);
-  Host host;
-  host.serveLive("stream");
-  RtspClient viewer(host.port());
-  ASSERT_TRUE(viewer.play(host.url("stream")));
-  // In a process of their own: only the server runs short.
-  TemporaryFolder folder;
-  Process const crowd(
-      {"bash", "-c",
-       "for i in {1..80}; do exec {s}<>/dev/tcp/127.0.0.1/" + std::to_string(host.port()) + "; done; sleep 60"},
-      folder.file("output"));
-  // New viewers are served while the crowd comes, and after; and the host still opens files.
-  for (int i = 0; i < 30; ++i) {
-    // While the crowd streams in it may be pushed out before its first word.
-    bool served = false;
-    for (int attempt = 0; attempt < 3 && !served; ++attempt) {
-      RtspClient newcomer(host.port());
-      served = newcomer.play(host.url("stream")) && newcomer.receivesAFrame();
-    }
-    EXPECT_TRUE(served) << "newcomer " << i;
-    EXPECT_TRUE(viewer.receivesAFrame());
-    int const file = dup(0);
-    EXPECT_GE(file, 0) << "the host is out of descriptors";
-    close(file);
-  }
-}
 
 TEST(Connections, ALoopOutOfDescriptorsRestsAndComesBack) {
   Host host;

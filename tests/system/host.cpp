@@ -14,7 +14,7 @@
 #include "system/rtspclient.h"
 #include "system/testpattern.h"
 
-Host::Host() : m_Library(dlopen(KAVO_LIBRARY, RTLD_NOW | RTLD_LOCAL)) {
+Host::Host(std::uint32_t port) : m_Library(dlopen(KAVO_LIBRARY, RTLD_NOW | RTLD_LOCAL)), m_Port(port) {
   if (m_Library == nullptr) {
     std::fprintf(stderr, "%s\n", dlerror());
     std::abort();
@@ -47,11 +47,15 @@ int Host::exit() {
   return call(KV_EXIT, nullptr, 0);
 }
 
-Host::Stream& Host::publish(std::string const& name, int format, int codec, int width, int height, int bitrate) {
+Host::Stream& Host::publish(std::string const& name, int format, int codec, int width, int height, int bitrate,
+                            int publishedSize) {
   auto session = sessionRecord(name);
   EXPECT_EQ(call(KV_CREATE_SESSION, session), KV_OK) << name;
   auto video = videoRecord(format, codec, width, height);
   video.bitrate = bitrate;
+  if (publishedSize > 0) {
+    video.dst_width = video.dst_height = publishedSize;
+  }
   kv_stream_record stream{};
   stream.handle = session.handle;
   stream.video = &video;
@@ -88,9 +92,9 @@ void Host::startSubmitting() {
   });
 }
 
-void Host::serveLive(std::string const& name) {
+void Host::serveLive(std::string const& name, int codec) {
   serve();
-  publish(name);
+  publish(name, KV_BGR24, codec);
   startSubmitting();
 }
 

@@ -23,7 +23,8 @@ class Host {
     int height = 0;
   };
 
-  Host();
+  // Whose server another one has started on the port, if given.
+  explicit Host(std::uint32_t port = 0);
   ~Host();
   Host(Host const&) = delete;
   Host& operator=(Host const&) = delete;
@@ -42,12 +43,13 @@ class Host {
   int exit();
 
   // A session with one stream of the test pattern; its frames are submitted
-  // from startSubmitting() on, all streams at once every few milliseconds.
+  // from startSubmitting() on, all streams at once every few milliseconds. Its
+  // encoded frames are of the same size, or square with that many pixels a side.
   Stream& publish(std::string const& name, int format = KV_BGR24, int codec = KV_CODEC_MJPEG, int width = 320,
-                  int height = 240, int bitrate = 800000);
+                  int height = 240, int bitrate = 800000, int publishedSize = 0);
   void startSubmitting();
   // All of it: serves one stream of the test pattern, and submits its frames.
-  void serveLive(std::string const& name);
+  void serveLive(std::string const& name, int codec = KV_CODEC_MJPEG);
   void stopSubmitting();
   // Rounds of frames submitted so far.
   int submitted() const { return m_Submitted; }

@@ -44,14 +44,6 @@ class Hostility : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(Hostility, ASetupWithoutADescribeSilencesNobody) {
-  RtspClient first(m_Host.port());
-  ASSERT_TRUE(first.play(url(), false));
-  EXPECT_TRUE(first.receivesAFrame());
-  expectAFrame();
-  EXPECT_TRUE(first.receivesAFrame());
-}
-
 TEST_F(Hostility, TransportsThatAreNotRtpAreRefused) {
   for (std::string const transport : {"RAW/RAW/UDP;unicast;client_port=5000", "RTP/AVP;multicast"}) {
     RtspClient client(m_Host.port());

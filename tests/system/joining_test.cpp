@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <memory>
 #include <thread>
 #include <utility>
 
@@ -17,11 +16,7 @@ constexpr int sps = 7;
 
 class Joining : public ::testing::Test {
  protected:
-  Joining() {
-    m_Host.serve();
-    m_Host.publish("stream", KV_BGR24, KV_CODEC_H264);
-    m_Host.startSubmitting();
-  }
+  Joining() { m_Host.serveLive("stream", KV_CODEC_H264); }
 
   std::string url() const { return m_Host.url("stream"); }
 
@@ -36,16 +31,6 @@ class Joining : public ::testing::Test {
 };
 
 }  // namespace
-
-TEST_F(Joining, TheFirstViewerBeginsWithAKeyFrame) {
-  for (int round = 0; round < 3; ++round) {
-    RtspClient viewer(m_Host.port());
-    ASSERT_TRUE(round == 0 ? viewer.play(url()) : viewer.playOverUdp(url()));
-    EXPECT_EQ(viewer.nextNalType(), sps) << "round " << round;
-    EXPECT_EQ(viewer.request("TEARDOWN", url()).status, 200);
-    waitForFrames(5);
-  }
-}
 
 // The regular key frame comes every 50 frames.
 TEST_F(Joining, ALaterViewerDoesNotWaitForTheRegularKeyFrame) {
@@ -98,21 +83,6 @@ TEST_F(Joining, AViewerThatLosesPacketsGetsAKeyFrame) {
     }
     EXPECT_EQ(viewer.request("TEARDOWN", url()).status, 200);
   }
-}
-
-TEST_F(Joining, ViewersThatComeTogetherAllBeginWithAWholeFrame) {
-  std::vector<std::unique_ptr<RtspClient>> viewers;
-  for (int i = 0; i < 6; ++i) {
-    viewers.push_back(std::make_unique<RtspClient>(m_Host.port()));
-    ASSERT_TRUE(i % 2 == 0 ? viewers.back()->play(url()) : viewers.back()->playOverUdp(url()));
-    waitForFrames(1);
-  }
-  int const asked = m_Host.submitted();
-  for (auto const& viewer : viewers) {
-    EXPECT_EQ(viewer->nextNalType(), sps);
-  }
-  // The last request waited for its time, half a second, and not for the regular frame.
-  EXPECT_LT(m_Host.submitted() - asked, 25);
 }
 
 TEST_F(Joining, FfmpegSeesNoDamageWhenItJoinsOthers) {

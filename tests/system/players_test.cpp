@@ -84,31 +84,10 @@ TEST(Players, ShowEveryFormatInItsColours) {
 TEST(Players, ShowAScaledFrameOfTheLargestSize) {
   Host host;
   host.serve();
-  auto session = sessionRecord("large");
-  ASSERT_EQ(host.call(KV_CREATE_SESSION, session), KV_OK);
-  auto video = videoRecord(KV_RGB24, KV_CODEC_MJPEG, 322, 242);
-  video.dst_width = video.dst_height = 2040;
-  kv_stream_record stream{};
-  stream.handle = session.handle;
-  stream.video = &video;
-  ASSERT_EQ(host.call(KV_CREATE_STREAM, stream), KV_OK);
-  auto const frame = testFrame(KV_RGB24, 322, 242);
-  kv_frame_record record{};
-  record.handle = session.handle;
-  record.stream = stream.stream;
-  record.frame = frame.data();
-
+  host.publish("large", KV_RGB24, KV_CODEC_MJPEG, 322, 242, 800000, 2040);
+  host.startSubmitting();
   Player player(Client::Ffmpeg, Transport::Tcp, host.url("large"), 1);
-  std::atomic<bool> done = false;
-  std::thread submitter([&] {
-    while (!done) {
-      EXPECT_EQ(host.call(KV_SUBMIT_FRAME, record), KV_OK);
-      std::this_thread::sleep_for(std::chrono::milliseconds(40));
-    }
-  });
   auto const frames = player.frames(2040, 2040);
-  done = true;
-  submitter.join();
   ASSERT_EQ(frames.size(), 1U) << player.messages();
   EXPECT_EQ(differences(frames[0]), "");
 }

@@ -118,36 +118,6 @@ TEST_P(SlowViewers, APlayerThatWasStoppedShowsWholeFrames) {
   }
 }
 
-TEST_P(SlowViewers, OneThatCrawlsGetsOnlyWholeFrames) {
-  RtspClient crawling(m_Host.port(), false, 4096);
-  RtspClient witness(m_Host.port());
-  ASSERT_TRUE(crawling.play(url()) && witness.play(url()));
-  RtpChecker checker(GetParam());
-  for (int i = 0; i < 60; ++i) {
-    expectWholeFrames(witness, 1, true);
-    auto const packet = crawling.packet();  // one for every frame
-    ASSERT_GE(packet.channel, 0);
-    if (packet.channel == 0) {
-      checker.rtp(packet.bytes, 4e9);
-    }
-  }
-  for (auto const& complaint : checker.complaints()) {
-    EXPECT_NE(complaint.find("gap in the sequence"), std::string::npos) << complaint;
-  }
-}
-
-TEST_P(SlowViewers, RequestsAndReportsInBetweenAreAnsweredBetweenFrames) {
-  RtspClient viewer(m_Host.port());
-  ASSERT_TRUE(viewer.play(url()));
-  std::string const report("$\1\0\x08\x80\xc9\0\1\0\0\0\1", 12);
-  for (int i = 0; i < 20; ++i) {
-    viewer.send(report);
-    EXPECT_EQ(viewer.request(i % 2 == 0 ? "OPTIONS" : "GET_PARAMETER", url()).status, 200);
-    EXPECT_TRUE(viewer.receivesAFrame());
-  }
-  EXPECT_EQ(viewer.request("TEARDOWN", url()).status, 200);
-}
-
 // Connections that come at once after others were closed get their descriptors' numbers.
 TEST_P(SlowViewers, NothingOfOneConnectionReachesTheNext) {
   constexpr int together = 20;
