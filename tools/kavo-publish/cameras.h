@@ -11,5 +11,5 @@ struct Camera {
 
 std::vector<Camera> cameras();
 
-// The device of camera:NAME, or the source itself if it is none. Throws Failure.
+// The device for camera:NAME; any other source is returned unchanged. Throws Failure.
 std::string deviceOf(std::string const& source);

@@ -1,4 +1,4 @@
-// FFmpeg's objects, owned; and its errors as text.
+// Owners for FFmpeg's objects, and its errors as text.
 #pragma once
 
 #include <memory>

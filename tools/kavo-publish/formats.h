@@ -16,13 +16,13 @@ struct CodecInfo {
   char const* gstreamer;  // the elements that decode it
 };
 
-// Those that are encoded here, in the order in which they are tried; and any that is published.
+// The codecs that we encode, in the order in which they are tried; and any codec that can be published.
 std::span<CodecInfo const> codecs();
 CodecInfo const& infoOf(kavo::Codec codec);
 
 std::string textOf(Size size);
 
-// The nearest size that the codec takes, in the same shape.
+// The nearest size that the codec supports, with the same aspect ratio.
 Size nearestSize(CodecInfo const& codec, Size size);
 
 void printFormats();

@@ -1,4 +1,4 @@
-// From the packets of an input to frames as they are published: decoded, or as they are.
+// Turns the packets of an input into the frames to publish: decodes them, or copies them.
 #pragma once
 
 #include <cstdint>
@@ -15,23 +15,24 @@ class FrameReader {
  public:
   virtual ~FrameReader() = default;
 
-  // For this stream's packets, which the codec decodes; again when an input is opened again. Throws Failure;
-  // title names the input.
+  // Prepares for the packets of this stream, which the codec decodes; called again if the input is
+  // reopened. title names the input in messages. Throws Failure.
   virtual void open(AVStream const& stream, AVCodec const& codec, std::string const& title) = 0;
-  // A packet, or null where no more will come.
+  // Null means that there are no more packets.
   virtual void send(AVPacket* packet) = 0;
-  // 0, or FFmpeg's error: AVERROR(EAGAIN) where it needs another packet.
+  // 0 or FFmpeg's error; AVERROR(EAGAIN) if it needs another packet.
   virtual int receive() = 0;
-  // Of what was received, until the next call. In the stream's time base, or AV_NOPTS_VALUE.
+  // The frame received, valid until the next call; and its time in the stream's time base, or
+  // AV_NOPTS_VALUE.
   virtual std::span<std::uint8_t const> frame() = 0;
   virtual std::int64_t time() const = 0;
-  // After the input went back to its beginning.
+  // Call after rewinding the input.
   virtual void restart() = 0;
 
   virtual Size size() const = 0;
 };
 
-// Raw frames, upright and with square pixels.
+// Decodes to raw frames, upright and with square pixels.
 class DecodingReader : public FrameReader {
  public:
   void open(AVStream const& stream, AVCodec const& codec, std::string const& title) override;
@@ -52,7 +53,7 @@ class DecodingReader : public FrameReader {
   UprightFrames m_Frames;
 };
 
-// Encoded frames, as the library takes them.
+// Passes on encoded frames in the form that the library accepts.
 class CopyingReader : public FrameReader {
  public:
   void open(AVStream const& stream, AVCodec const& codec, std::string const& title) override;
@@ -63,7 +64,7 @@ class CopyingReader : public FrameReader {
   void restart() override;
   Size size() const override { return {parameters().width, parameters().height}; }
 
-  // kilobits per second, 0 where unknown, and the parameter sets of the input.
+  // The bitrate (0: unknown) and the parameter sets of the input.
   kavo::EncodedOptions const& options() const { return m_Options; }
 
  private:

@@ -18,7 +18,7 @@ int interrupted(void* stop) { return static_cast<std::atomic<bool> const*>(stop)
 
 bool isCamera(std::string const& url) { return url.starts_with("/dev/video"); }
 
-// Whether the end of it is a loss: cameras and the network have no end of their own.
+// Whether its end is a loss: cameras and network streams do not end by themselves.
 bool isLive(AVFormatContext const& format, std::string const& url) {
   return isCamera(url) || (url.find("://") != std::string::npos && !url.starts_with("file:") &&
                            (format.duration == AV_NOPTS_VALUE || format.duration <= 0));
@@ -60,7 +60,7 @@ void Input::open() {
   openReader();
 }
 
-// Cameras that encode are asked for what can be copied first.
+// For copying, asks cameras that encode for the codecs that can be copied.
 int Input::openFormat(AVInputFormat const* format, std::string const& url) {
   std::vector<char const*> codecs = {nullptr};
   if (m_Options.copy && isCamera(url)) {
@@ -119,7 +119,7 @@ std::span<std::uint8_t const> Input::next() {
   return m_Reader->frame();
 }
 
-// One frame into the reader; false at the end of the input.
+// Reads one frame into the reader; false at the end of the input.
 bool Input::read() {
   while (true) {
     int const received = m_Reader->receive();
@@ -132,7 +132,7 @@ bool Input::read() {
     int const error = av_read_frame(m_Format.get(), m_Packet.get());
     if (error < 0) {
       m_ReadError = error;
-      m_Reader->send(nullptr);  // the frames it holds back come out yet
+      m_Reader->send(nullptr);  // flushes the frames that it still holds
       continue;
     }
     if (m_Packet->stream_index == m_Stream) {
@@ -142,7 +142,7 @@ bool Input::read() {
   }
 }
 
-// After the end: false if it is one.
+// What to do at the end of the input; false if it really ends.
 bool Input::goOn() {
   if (m_IsLive) {
     std::string const lost = titleOf(m_Source) + " is lost" +
@@ -165,7 +165,7 @@ bool Input::goOn() {
 bool Input::rewind() {
   m_Reader->restart();
   m_TimeOffset.reset();
-  // A file of nothing but video has no times to seek to.
+  // A raw video file has no times to seek to.
   return m_Time >= 0 && (av_seek_frame(m_Format.get(), m_Stream, 0, AVSEEK_FLAG_BACKWARD | AVSEEK_FLAG_ANY) >= 0 ||
                          av_seek_frame(m_Format.get(), m_Stream, 0, AVSEEK_FLAG_BYTE) >= 0);
 }
@@ -188,7 +188,7 @@ bool Input::reconnect() {
   return false;
 }
 
-// Times continue evenly where an input has none, starts again or jumps.
+// Times continue evenly if an input has none, restarts or jumps.
 void Input::noteTime() {
   double const expected = m_Time < 0 ? 0 : m_Time + 1.0 / m_FrameRate;
   double time = expected;

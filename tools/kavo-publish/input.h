@@ -1,4 +1,4 @@
-// Video frames from anything that FFmpeg reads, as the library takes them.
+// Reads video frames from anything that FFmpeg supports, in the form that the library accepts.
 #pragma once
 
 #include <atomic>
@@ -17,21 +17,21 @@ using Note = std::function<void(std::string const&)>;
 
 class Input {
  public:
-  // Opens the input; reading from it ends when stop becomes true. Throws Failure.
-  // note gets remarks, on any thread.
+  // Opens the input; reading ends when stop becomes true. note is called with remarks, on any
+  // thread. Throws Failure.
   Input(std::string const& source, Options const& options, std::atomic<bool> const& stop, Note note);
 
-  // Of the frames that next() gives.
+  // The size of the frames that next() returns.
   Size size() const { return m_Reader->size(); }
   double frameRate() const { return m_FrameRate; }
-  // Null where the input is copied, or is decoded.
+  // The reader, if the input is decoded or copied; else null.
   DecodingReader* decoded() const { return dynamic_cast<DecodingReader*>(m_Reader.get()); }
   CopyingReader const* copied() const { return dynamic_cast<CopyingReader const*>(m_Reader.get()); }
 
   // The next frame (a raw one tightly packed), valid until the next call; empty at the end.
-  // Throws Failure when a camera or a URL is lost, or a frame cannot be copied.
+  // Throws Failure if a camera or URL is lost, or a frame cannot be copied.
   std::span<std::uint8_t const> next();
-  // When the frame is due, in seconds since the first one.
+  // When the frame is due, in seconds after the first one.
   double time() const { return m_Time; }
 
  private:
@@ -54,7 +54,7 @@ class Input {
   std::unique_ptr<FrameReader> m_Reader;
   bool m_IsLive = false;
   int m_Stream = -1;
-  int m_ReadError = 0;  // that reading last ended with
+  int m_ReadError = 0;  // FFmpeg's error that ended reading
   double m_FrameRate = 0;
   long m_Count = 0;
   double m_Time = -1;

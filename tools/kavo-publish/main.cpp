@@ -26,7 +26,7 @@ kavo::Server serve(Options const& options) {
   try {
     return kavo::Server(options.port);
   } catch (kavo::Error const& error) {
-    // With a policy file the library has said why.
+    // With a policy file the library has printed the reason.
     char const* const policy = std::getenv("KAVO_STREAM_CONFIG");
     bool const isSaid = policy != nullptr && *policy != '\0';
     throw Failure("cannot serve on port " + std::to_string(options.port) + " (result " +

@@ -61,7 +61,7 @@ kavo::Codec codecOf(std::string const& text) {
   return text == "jpeg" ? kavo::Codec::Jpeg : kavo::Codec::H264;
 }
 
-// Names that stand in URLs as they are.
+// Names that URLs can carry unchanged.
 std::string nameOf(std::string const& text) {
   bool const plain = std::all_of(text.begin(), text.end(), [](char c) {
     return c > ' ' && c < '\x7f' && std::string_view("/?#%\"\\").find(c) == std::string_view::npos;

@@ -62,7 +62,7 @@ kavo::VideoOptions Publication::videoFor(CodecInfo const& codec, Options const& 
   return video;
 }
 
-// The codec asked for, or the first that works here.
+// Uses the codec asked for, or the first that works.
 void Publication::createStream(Options const& options, Note const& note) {
   for (CodecInfo const& codec : codecs()) {
     if (options.codec && *options.codec != codec.codec) {
@@ -94,7 +94,7 @@ void Publication::createStream(Options const& options, Note const& note) {
   }
 }
 
-// Whether it was the bitrate that the codec refused. If not, nothing has changed.
+// Whether the codec refused only the bitrate. Does not change anything otherwise.
 bool Publication::takesUsualBitrate(Options options) {
   options.bitsPerSecond.reset();
   try {
@@ -154,7 +154,7 @@ void Publication::run() {
     }
     auto const due = start + std::chrono::duration_cast<Clock::duration>(Seconds(m_Input.time()));
     waitUntil(due, m_Stop);
-    // An input that lags is not hurried to catch up.
+    // A lagging input does not have to catch up.
     if (Clock::now() - due > std::chrono::milliseconds(500)) {
       start += Clock::now() - due;
     }

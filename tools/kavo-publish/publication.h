@@ -1,4 +1,4 @@
-// One input and the stream it is published as, on a thread of its own.
+// Publishes one input as a stream, on its own thread.
 #pragma once
 
 #include <atomic>
@@ -15,19 +15,19 @@
 
 class Publication {
  public:
-  // Opens the input and creates its session and stream; note gets remarks. Throws Failure.
+  // Opens the input and creates its session and stream. note is called with remarks. Throws Failure.
   Publication(kavo::Server& server, Options const& options, Options::Input const& input, std::atomic<bool>& stop,
               Note const& note);
-  // Ends the thread; set stop before.
+  // Waits for the thread; set stop before.
   ~Publication();
   Publication(Publication const&) = delete;
   Publication& operator=(Publication const&) = delete;
 
-  // Submits frames when they are due, until the input ends or stop becomes true;
-  // sets stop if something fails.
+  // Starts submitting frames when they are due, until the input ends or stop becomes true. Sets stop
+  // if something fails.
   void start();
   bool isRunning() const { return m_Running; }
-  // Throws what the thread failed with, if it did. After it has ended.
+  // Call after the thread has ended: rethrows its failure, if any.
   void rethrow() const;
 
   std::string const& name() const { return m_Name; }
@@ -35,7 +35,7 @@ class Publication {
   std::string url() const { return m_Session.url(); }
   kavo::StreamStatus status() const { return m_Stream ? m_Stream->status() : m_EncodedStream->status(); }
   CodecInfo const& codec() const { return *m_Codec; }
-  // Of the published frames.
+  // The size of the published frames.
   Size size() const { return {m_Video.outputWidth, m_Video.outputHeight}; }
   double frameRate() const { return m_Input.frameRate(); }
   std::int64_t bitsPerSecond() const { return m_Video.bitsPerSecond; }
@@ -55,7 +55,7 @@ class Publication {
   kavo::Session m_Session;
   kavo::VideoOptions m_Video;
   CodecInfo const* m_Codec = nullptr;
-  // One of them.
+  // One of these is set.
   std::unique_ptr<kavo::Stream> m_Stream;
   std::unique_ptr<kavo::EncodedStream> m_EncodedStream;
 

@@ -9,7 +9,7 @@
 
 namespace {
 
-// Keeps the order in which the members are written here.
+// Keeps the members in the order in which they are written here.
 using Json = nlohmann::ordered_json;
 
 void print(Json const& object) { std::printf("%s\n", object.dump().c_str()); }
@@ -80,7 +80,7 @@ void Report::line(std::string const& name, kavo::StreamStatus const& status) con
               m_Terminal ? "\033[K" : "");
 }
 
-// Output that a full disk loses ends the program, as a closed pipe does.
+// Output lost to a full disk ends the program, as a closed pipe does.
 void Report::flush() {
   if (std::fflush(stdout) != 0) {
     throw Failure(std::string("cannot write to standard output: ") + std::strerror(errno));

@@ -1,4 +1,4 @@
-// What kavo-publish prints on standard output: text for people, or JSON for programs.
+// The standard output of kavo-publish: text for people, or JSON for programs.
 #pragma once
 
 #include <deque>
@@ -11,7 +11,7 @@ class Report {
   explicit Report(bool json);
 
   void introduce(std::deque<Publication> const& publications);
-  // A line a stream, which renews itself on a terminal.
+  // Prints a line for each stream; on a terminal it replaces the previous ones.
   void status(std::deque<Publication> const& publications);
 
  private:

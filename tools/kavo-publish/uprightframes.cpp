@@ -14,7 +14,7 @@ extern "C" {
 
 namespace {
 
-// The layouts that the library takes as they are.
+// The layouts that the library accepts.
 constexpr std::pair<AVPixelFormat, kavo::PixelFormat> hostFormats[] = {
     {AV_PIX_FMT_YUV420P, kavo::PixelFormat::Yuv420p}, {AV_PIX_FMT_YUVJ420P, kavo::PixelFormat::Yuvj420p},
     {AV_PIX_FMT_YUV422P, kavo::PixelFormat::Yuv422p}, {AV_PIX_FMT_YUVJ422P, kavo::PixelFormat::Yuvj422p},
@@ -23,7 +23,7 @@ constexpr std::pair<AVPixelFormat, kavo::PixelFormat> hostFormats[] = {
     {AV_PIX_FMT_ABGR, kavo::PixelFormat::Abgr},       {AV_PIX_FMT_BGRA, kavo::PixelFormat::Bgra},
 };
 
-// Telephones store what they filmed as the sensor lay, and say how to turn it.
+// Telephones store films as the sensor was oriented, with the rotation as metadata.
 int quarterTurnsOf(AVCodecParameters const& parameters) {
   AVPacketSideData const* matrix =
       av_packet_side_data_get(parameters.coded_side_data, parameters.nb_coded_side_data, AV_PKT_DATA_DISPLAYMATRIX);

@@ -1,5 +1,5 @@
-// Frames as they are to be seen (upright, with square pixels, of one size and
-// pixel format from the first to the last), packed as the library takes them.
+// Turns frames upright, makes their pixels square, keeps one size and pixel format from the first
+// to the last, and packs them as the library requires.
 #pragma once
 
 #include <cstdint>
@@ -11,11 +11,11 @@
 
 class UprightFrames {
  public:
-  // Takes over what the input's own figures say, once: a source that comes back in
-  // another size is scaled to the first one's.
+  // Takes the size and format from the input, once: a source that comes back in another size is
+  // scaled to the first one.
   void setUp(AVStream const& stream, AVCodecContext const& decoder);
 
-  // From now on in this size and in full range, as JPEG shows white as white.
+  // From now on converts to this size and to full range, so that white is white in JPEG.
   void convertForJpeg(Size size);
 
   Size size() const { return m_Size; }
@@ -30,15 +30,15 @@ class UprightFrames {
   void allocate();
   std::string filters() const;
 
-  int m_QuarterTurns = 0;  // clockwise, that put the frame upright
+  int m_QuarterTurns = 0;  // clockwise, to turn the frame upright
   Size m_Size{};
   AVPixelFormat m_PixelFormat = AV_PIX_FMT_NONE;
   kavo::PixelFormat m_HostFormat = kavo::PixelFormat::Yuv420p;
   bool m_IsFullRange = false;
   CPtr<AVFilterGraph, avfilter_graph_free> m_Graph;
-  AVFilterContext* m_In = nullptr;  // in the graph, which owns them
+  AVFilterContext* m_In = nullptr;  // owned by the graph
   AVFilterContext* m_Out = nullptr;
-  Size m_InSize{};  // that the graph is made for
+  Size m_InSize{};  // the graph's input size
   int m_InFormat = AV_PIX_FMT_NONE;
   CPtr<AVFrame, av_frame_free> m_Filtered;
   std::vector<std::uint8_t> m_Packed;

@@ -1,4 +1,4 @@
-// kavo-stat: what a host's library is doing, as its status server says.
+// kavo-stat: prints the status of a host.
 #include <kavo_stream.h>
 #include <unistd.h>
 

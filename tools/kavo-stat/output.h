@@ -1,4 +1,4 @@
-// A status as text for people.
+// Formats a status for people.
 #pragma once
 
 #include <cstdint>
@@ -7,5 +7,5 @@
 
 std::string tableOf(nlohmann::ordered_json const& status);
 
-// The events after the one of that number, one per line; the number becomes the last one's.
+// The events after the given number, one per line; sets the number to that of the last one.
 std::string eventsAfter(nlohmann::ordered_json const& status, std::uint64_t& number);
