@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""What a stranger can cost: each attack comes from 127.0.0.1, while a viewer at 127.0.0.2 watches
+"""What strangers can consume: each attack comes from 127.0.0.1, while a viewer at 127.0.0.2 watches
 and is to miss no picture. Usage: strangers_test.py KAVO_PUBLISH [SECONDS of everything at once]"""
 import contextlib
 import os
