@@ -1,5 +1,5 @@
-// Frames from an encoder of the host's own: here FFmpeg's libx264, in place of one in hardware. It
-// runs while somebody watches, and makes a key frame when a viewer needs one.
+// Publishes frames from the host's own encoder, here FFmpeg's libx264 instead of hardware. It runs
+// only while somebody watches, and makes a key frame when a viewer needs one.
 //
 //   c++ -std=c++17 encoded.cpp -o encoded -lkavo_stream -lavcodec -lavutil
 //   ./encoded [PORT] [SECONDS]
@@ -34,8 +34,8 @@ class Encoder {
     m_Context->pix_fmt = AV_PIX_FMT_YUV420P;
     m_Context->time_base = {1, framesPerSecond};
     m_Context->bit_rate = 1000000;
-    m_Context->gop_size = 10 * framesPerSecond;                  // viewers ask for what they need
-    m_Context->max_b_frames = 0;                                 // there can be none
+    m_Context->gop_size = 10 * framesPerSecond;                  // viewers request key frames as needed
+    m_Context->max_b_frames = 0;                                 // B-frames are not supported
     av_opt_set(m_Context->priv_data, "tune", "zerolatency", 0);  // a packet for each frame, at once
     av_opt_set(m_Context->priv_data, "forced-idr", "1", 0);
     m_Frame->format = m_Context->pix_fmt;

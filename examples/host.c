@@ -14,10 +14,10 @@
 
 enum { width = 640, height = 480, frame_rate = 25 };
 
-/* A frame of YUV 4:2:0: brightness, then two planes of colour, of a quarter of its size each. */
+/* A frame in YUV 4:2:0: the brightness plane, then two colour planes a quarter of its size. */
 static uint8_t planes[width * height * 3 / 2];
 
-/* A grey JPEG image of 16x16 pixels, as an encoder in a camera makes them: without Huffman tables. */
+/* A grey JPEG image of 16x16 pixels without Huffman tables, as cameras make them. */
 static uint8_t const frame_header[] = {0xFF, 0xC0, 0, 17, 8, 0, 16, 0, 16, 3, 1, 0x22, 0, 2, 0x11, 0, 3, 0x11, 0};
 static uint8_t const scan[] = {0xFF, 0xDA, 0, 12, 3, 1, 0, 2, 0x11, 3, 0x11, 0, 63, 0, 0x28, 0xA2, 0x8A, 0, 0xFF, 0xD9};
 
@@ -74,7 +74,7 @@ int main(int argc, char** argv) {
   frame.stream = stream.stream;
   frame.frame = planes;
 
-  /* One of frames that are encoded already. */
+  /* A stream of encoded frames. */
   kv_session_record other = create_session("encoded");
   kv_encoded_stream_record encoded_stream = {0};
   encoded_stream.handle = other.handle;

@@ -14,8 +14,8 @@ namespace {
 constexpr int width = 640;
 constexpr int height = 480;
 
-// A grey ramp that moves to the left, with a white bar that shows the time. Of the frame's planes
-// the first is brightness, 0 to 255 as JPEG shows it; the others, colour, stay at none.
+// A grey ramp that moves to the left, with a white bar that shows the time. The first plane is
+// brightness, 0 to 255 as JPEG shows it; the other two are colour and stay neutral.
 void draw(std::vector<std::uint8_t>& planes, int frame) {
   std::uint8_t* pixel = planes.data();
   for (int y = 0; y < height; ++y) {

@@ -1,4 +1,4 @@
-// Many cameras in one process: a session for each, one thread that feeds them.
+// Many cameras in one process: each has a session, and one thread submits all frames.
 //
 //   c++ -std=c++17 many_cameras.cpp -o many_cameras -lkavo_stream
 //   ./many_cameras [CAMERAS] [PORT] [SECONDS]

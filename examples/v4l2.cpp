@@ -1,5 +1,5 @@
-// A camera read directly: images of one that encodes JPEG itself are handed over as they are,
-// where they lie in the driver's buffers; raw frames are converted to JPEG's range.
+// Publishes a V4L2 camera: JPEG images are submitted without a copy from the driver's buffers;
+// raw frames are converted to JPEG's range.
 //
 //   c++ -std=c++17 v4l2.cpp -o v4l2 -lkavo_stream -lswscale -lavutil
 //   ./v4l2 [/dev/video0] [PORT] [SECONDS]
@@ -31,7 +31,7 @@ struct Layout {
   bool isJpeg() const { return ffmpeg == AV_PIX_FMT_NONE; }
 };
 
-// In the order of our liking.
+// In order of preference.
 constexpr Layout layouts[] = {
     {V4L2_PIX_FMT_MJPEG, AV_PIX_FMT_NONE},   {V4L2_PIX_FMT_YUV420, AV_PIX_FMT_YUV420P},
     {V4L2_PIX_FMT_RGB24, AV_PIX_FMT_RGB24},  {V4L2_PIX_FMT_BGR24, AV_PIX_FMT_BGR24},

@@ -14,6 +14,13 @@ echo 'adress = 1' >"$work/wrong.toml"
 ! "$publish" --check-config "$work/wrong.toml" 2>"$work/err" || die "a wrong policy file was accepted"
 grep -q "wrong.toml:1: unknown key 'adress'" "$work/err" || die "said: $(cat "$work/err")"
 
+# The service publishes a camera, where there is one.
+if [ ! -e /dev/video0 ]; then
+  read -ra arguments < <(sed -n 's|^ExecStart=[^ ]* ||p' "$(dirname "$0")/../../examples/operate/camera.service")
+  ! "$publish" --port "$(free_port)" "${arguments[@]}" 2>"$work/err" || die "published without a camera"
+  grep -q "cannot open '/dev/video0'" "$work/err" || die "the service said: $(cat "$work/err")"
+fi
+
 start --size 320x240 --codec h264
 url=127.0.0.1:$port/kavo
 grep -q "rtsp://127.0.0.1:$port/kavo" "$work/out" || die "another address in the URL"
