@@ -9,7 +9,7 @@ fakes=$3  # of libopenh264
 run() {
   for _ in {1..5}; do
     got=0
-    "$publish" --port "$(free_port)" "$@" >"$work/out" 2>"$work/err" || got=$?
+    timeout 60 "$publish" --port "$(free_port)" "$@" >"$work/out" 2>"$work/err" || got=$?
     grep -q 'cannot serve on port' "$work/err" || break
   done
 }
