@@ -394,7 +394,7 @@ TEST_F(OperatingServer, LimitsAndRangesAreKept) {
   EXPECT_TRUE(hasEvent("refused", "too many sessions"));
   for (int i = 0; i < 20; ++i) {
     RtspClient again(m_Host.port());
-    EXPECT_TRUE(again.isClosedWhileReading());
+    ASSERT_TRUE(again.isClosedWhileReading());
   }
   EXPECT_EQ(status()["refused"]["address"], 21);
   EXPECT_TRUE(hasEvent("refused", "not allowed from there (21 times)")) << "one line for them all";
