@@ -142,7 +142,8 @@ class Host:
 # Each attack, and what bounds it.
 
 def descriptors_of_ghosts_and_connections(host):
-    """Half of the descriptors are the host's, whatever is asked for."""
+    """Half of the descriptors are the host's, whatever is asked for; who has many makes room, and not who is quiet."""
+    quiet = Client(host, FRIEND)
     for _ in range(32):
         client = Client(host, STRANGER)
         for n in range(4):
@@ -155,6 +156,7 @@ def descriptors_of_ghosts_and_connections(host):
             crowd.append(Client(host, STRANGER))
             crowd[-1].ask("OPTIONS")
         assert host.descriptors() - host.at_rest <= 128, host.descriptors()
+    assert quiet.ask("OPTIONS") == 200
 
 
 def places_held_without_watching(host):
