@@ -15,10 +15,12 @@ struct Encoded {
   bool key = false;
 };
 
-Encoded encoded(Transcoder& transcoder, std::uint8_t const* frame);
-
-// A frame at the end of readable memory gives the packets of a padded copy, in
-// all formats and several sizes.
-void expectReadsNothingBehindTheFrame(std::int32_t codec);
+inline Encoded encoded(Transcoder& transcoder, std::uint8_t const* frame) {
+  AVPacket packet{};
+  transcoder.transcode(frame, packet);
+  Encoded const result{{packet.data, packet.data + packet.size}, (packet.flags & AV_PKT_FLAG_KEY) != 0};
+  av_packet_unref(&packet);
+  return result;
+}
 
 }  // namespace kavo::impl::test

@@ -4,8 +4,6 @@
 // of the clock in between. After each batch of them good viewers have to get whole frames, descriptors
 // have to be as few as before, and nothing may be leaked. A sequence that fails is written to
 // a file by libFuzzer, and runs again when it is given that file.
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -113,16 +111,13 @@ class Host {
     ++m_ServerNumber;
     m_Server.reset();
     m_IsRemoved = false;
-    for (int attempt = 0; !m_Server; ++attempt) {
-      m_Port = freePort();
+    m_Port = onFreePort([this](std::uint32_t port) {
       try {
-        m_Server.emplace(static_cast<std::uint16_t>(m_Port));
+        m_Server.emplace(static_cast<std::uint16_t>(port));
       } catch (kavo::Error const&) {
-        if (attempt == 20) {
-          throw;
-        }
       }
-    }
+      return m_Server.has_value();
+    });
     create(1);
     create(2);
   }
@@ -254,13 +249,13 @@ class Client {
   }
 
   void sendReport(std::string const& bytes) const {
-    auto const address = loopback(m_ServerPort + 1);
+    auto const address = loopback(m_Ipv6, m_ServerPort + 1);
     (void)sendto(m_Udp.get(), bytes.data(), bytes.size(), MSG_DONTWAIT, reinterpret_cast<sockaddr const*>(&address),
                  sizeof address);
   }
 
   std::string ports() {
-    auto any = loopback(0);
+    auto any = loopback(m_Ipv6, 0);
     socklen_t size = sizeof any;
     if (m_Udp.get() < 0) {
       m_Udp = UniqueFd(socket(any.sin6_family, SOCK_DGRAM, 0));
@@ -279,22 +274,13 @@ class Client {
   }
 
  private:
-  // ::1, or 127.0.0.1 in the form of IPv6.
-  sockaddr_in6 loopback(int port) const {
-    sockaddr_in6 address{};
-    address.sin6_family = AF_INET6;
-    inet_pton(AF_INET6, m_Ipv6 ? "::1" : "::ffff:127.0.0.1", &address.sin6_addr);
-    address.sin6_port = htons(static_cast<std::uint16_t>(port));
-    return address;
-  }
-
   void open(std::uint32_t port) {
     m_Socket = UniqueFd(socket(AF_INET6, SOCK_STREAM, 0));
     int const little = 2048;
     if (m_IsSlow) {
       setsockopt(m_Socket.get(), SOL_SOCKET, SO_RCVBUF, &little, sizeof little);
     }
-    auto const address = loopback(static_cast<int>(port));
+    auto const address = loopback(m_Ipv6, static_cast<int>(port));
     if (connect(m_Socket.get(), reinterpret_cast<sockaddr const*>(&address), sizeof address) != 0) {
       fail("the server does not listen");
     }

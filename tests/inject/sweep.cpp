@@ -3,9 +3,6 @@
 //
 //   inject_sweep LIBRARY all | RUNS [FUNCTION]
 #include <dlfcn.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -29,6 +26,7 @@
 
 #include "kavo_stream.h"
 #include "system/rtspclient.h"
+#include "system/surroundings.h"
 
 namespace {
 
@@ -199,24 +197,7 @@ void requireService(std::uint32_t port, std::vector<Stream>& streams, std::strin
 
 // The host's status as JSON; empty where it does not answer.
 std::string status() {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::string const name = statusSocket(getpid());
-  std::strncpy(address.sun_path, name.c_str(), sizeof address.sun_path - 1);
-  int const socket = ::socket(AF_UNIX, SOCK_STREAM, 0);
-  timeval const longest{.tv_sec = 2, .tv_usec = 0};
-  setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &longest, sizeof longest);
-  std::string answer;
-  std::string const request = "GET /status.json HTTP/1.0\r\nHost: localhost\r\n\r\n";
-  if (connect(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-      send(socket, request.data(), request.size(), MSG_NOSIGNAL) > 0) {
-    char block[4096];
-    for (ssize_t size = 0; (size = read(socket, block, sizeof block)) > 0;) {
-      answer.append(block, static_cast<std::size_t>(size));
-    }
-  }
-  close(socket);
-  return answer;
+  return answerOf(statusSocket(getpid()), "GET /status.json HTTP/1.0\r\nHost: localhost\r\n\r\n", 2);
 }
 
 // All commands, with viewers that come, stay and go; strict: everything must work.
@@ -326,12 +307,10 @@ int main(int argc, char** argv) {
     return runOne(argv[1], argv[3], std::atol(argv[4]), std::atol(argv[5]));
   }
   // Hosts read a policy and answer who asks.
-  char folder[] = "/tmp/inject_XXXXXX";
-  g_Folder = mkdtemp(folder);
-  std::string const policy = g_Folder + "/policy.toml";
-  std::ofstream(policy) << "[access]\nallow = [\"127.0.0.0/8\"]\n[server]\nmax_viewers = 100\n";
-  setenv("KAVO_STREAM_CONFIG", policy.c_str(), 1);
-  setenv("KAVO_STREAM_STATUS", (g_Folder + "/%p").c_str(), 1);
+  TemporaryFolder const folder;
+  Variable const policy("KAVO_STREAM_CONFIG", folder.file("policy.toml"));
+  Variable const status("KAVO_STREAM_STATUS", folder.file("%p"));
+  std::ofstream(folder.file("policy.toml")) << "[access]\nallow = [\"127.0.0.0/8\"]\n[server]\nmax_viewers = 100\n";
 
   std::vector<std::pair<std::string, long>> calls;  // of functions that were called at all
   std::istringstream counted(runApart(argv[0], argv[1], "none", 1, 1).value_or(""));
@@ -356,7 +335,6 @@ int main(int argc, char** argv) {
       }
     }
   }
-  std::filesystem::remove_all(g_Folder);
   std::printf("%ld runs, %ld failed\n", runs, failed);
   return failed == 0 && runs > 0 ? 0 : 1;
 }

@@ -3,6 +3,7 @@
 
 #include <kavo/convert.hpp>
 #include <kavo/stream.hpp>
+#include <optional>
 
 #include "codec/guardedframe.h"
 #include "system/rtspclient.h"
@@ -10,15 +11,15 @@
 namespace {
 
 kavo::Server serve() {
-  for (int attempt = 0;; ++attempt) {
+  std::optional<kavo::Server> server;
+  onFreePort([&](std::uint32_t port) {
     try {
-      return kavo::Server(static_cast<std::uint16_t>(freePort()));
+      server.emplace(static_cast<std::uint16_t>(port));
     } catch (kavo::Error const&) {
-      if (attempt == 20) {
-        throw;
-      }
     }
-  }
+    return server.has_value();
+  });
+  return std::move(*server);
 }
 
 std::string refusalOf(kavo::Session& session, kavo::Codec codec, int width, int height) {

@@ -1,6 +1,5 @@
 // Many connections, silent ones, and a process that runs out of descriptors.
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -10,13 +9,6 @@
 #include "system/rtspclient.h"
 
 namespace {
-
-void allowFiles(rlim_t count) {
-  rlimit limit{};
-  getrlimit(RLIMIT_NOFILE, &limit);
-  limit.rlim_cur = count;
-  setrlimit(RLIMIT_NOFILE, &limit);
-}
 
 double cpuSeconds() { return static_cast<double>(std::clock()) / CLOCKS_PER_SEC; }
 
@@ -28,7 +20,7 @@ TEST(Connections, ALoopOutOfDescriptorsRestsAndComesBack) {
   RtspClient viewer(host.port());
   ASSERT_TRUE(viewer.play(host.url("stream")));
   // The host itself uses up all descriptors but the one for the newcomer's end.
-  allowFiles(64);
+  DescriptorLimit const limit(64);
   std::vector<int> files;
   for (int file; (file = dup(0)) >= 0;) {
     files.push_back(file);
@@ -64,6 +56,9 @@ TEST(Connections, RequestsThatAreNotOfferedAreAnsweredWithAnError) {
     EXPECT_NE(response.header("CSeq"), "") << method;
   }
   EXPECT_EQ(client.request("OPTIONS", url).status, 200);
+  auto const unsupported = client.request("SETUP", url + "/track1", "Transport: RTP/AVP;multicast\r\n").text;
+  EXPECT_EQ(unsupported.substr(0, unsupported.find("\r\n")), "RTSP/1.0 461 Unsupported Transport");
+  EXPECT_EQ(client.request("SETUP", url + "/track1").status, 461);
   ASSERT_TRUE(client.play(url));
   EXPECT_EQ(client.request("SETUP", url + "/track1", RtspClient::overTcp).status, 455);
   EXPECT_TRUE(client.receivesAFrame());

@@ -7,11 +7,14 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <new>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "codec/encoding.h"
 #include "codec/openh264library.h"
+#include "interface/cinterface.h"
 #include "kavo_stream.h"
 #include "rtsp/framesourcehandler.h"
 #include "rtsp/jpegsource.h"
@@ -37,7 +40,6 @@ int call(int command, Record& record) {
 class Contract : public ::testing::Test {
  protected:
   Contract() {
-    EXPECT_EQ(call(KV_INIT, m_Port), KV_OK);
     publish("jpeg", 8);
     publish("h264", 28);
   }
@@ -62,7 +64,7 @@ class Contract : public ::testing::Test {
 
   std::string url(std::string const& name) const { return "rtsp://127.0.0.1:" + std::to_string(m_Port) + "/" + name; }
 
-  std::uint32_t m_Port = freePort();
+  std::uint32_t const m_Port = onFreePort([](std::uint32_t port) { return call(KV_INIT, port) == KV_OK; });
 };
 
 // Whether the text is what the extended regular expression says, from its beginning to its end.
@@ -142,6 +144,15 @@ TEST(ContractOfTheQueue, TenFramesFill) {
   EXPECT_FALSE(queue.IsBufferFree());
   queue.pop();
   EXPECT_TRUE(queue.IsBufferFree());
+}
+
+TEST(ContractOfErrors, NothingElseEscapes) {
+  auto const result = [](auto const& function) { return resultOf(function, [](char const*) {}); };
+  EXPECT_EQ(result([] {}), 0);
+  EXPECT_EQ(result([] { throw std::out_of_range("lookup"); }), 5);
+  EXPECT_EQ(result([] { throw std::bad_alloc(); }), -1);
+  EXPECT_EQ(result([] { throw std::system_error(std::make_error_code(std::errc::io_error)); }), -1);
+  EXPECT_EQ(result([] { throw 7; }), -1);
 }
 
 // Byte for byte what FFmpeg's encoder makes with these settings, of a picture scaled with this one.

@@ -28,12 +28,7 @@ Host::~Host() {
 }
 
 void Host::serve() {
-  for (int attempt = 0; attempt < 20; ++attempt) {
-    if (serveOn(freePort()) == KV_OK) {
-      return;
-    }
-  }
-  FAIL() << "no port to serve on";
+  EXPECT_NE(onFreePort([this](std::uint32_t port) { return serveOn(port) == KV_OK; }), 0U);
 }
 
 int Host::serveOn(std::uint32_t port) {

@@ -44,17 +44,6 @@ class Hostility : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(Hostility, TransportsThatAreNotRtpAreRefused) {
-  for (std::string const transport : {"RAW/RAW/UDP;unicast;client_port=5000", "RTP/AVP;multicast"}) {
-    RtspClient client(m_Host.port());
-    auto const response = client.request("SETUP", url() + "/track1", "Transport: " + transport + "\r\n");
-    EXPECT_EQ(response.text.substr(0, response.text.find("\r\n")), "RTSP/1.0 461 Unsupported Transport") << transport;
-  }
-  RtspClient without(m_Host.port());
-  EXPECT_EQ(without.request("SETUP", url() + "/track1").status, 461);
-  expectAFrame();
-}
-
 TEST_F(Hostility, AViewerWhoAsksTwiceGetsEveryPacketOnce) {
   RtspClient viewer(m_Host.port());
   ASSERT_TRUE(viewer.playOverUdp(url()));

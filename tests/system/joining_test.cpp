@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "system/host.h"
-#include "system/player.h"
 #include "system/rtspclient.h"
 
 namespace {
@@ -82,17 +81,5 @@ TEST_F(Joining, AViewerThatLosesPacketsGetsAKeyFrame) {
       ASSERT_LT(m_Host.submitted() - asked, 25);
     }
     EXPECT_EQ(viewer.request("TEARDOWN", url()).status, 200);
-  }
-}
-
-TEST_F(Joining, FfmpegSeesNoDamageWhenItJoinsOthers) {
-  RtspClient first(m_Host.port());
-  ASSERT_TRUE(first.playOverUdp(url()));
-  for (auto const transport : {Player::Transport::Tcp, Player::Transport::Udp, Player::Transport::Tcp}) {
-    Player player(Player::Client::Ffmpeg, transport, url(), 5);
-    auto const frames = player.frames(320, 240);
-    ASSERT_EQ(frames.size(), 5U) << player.messages();
-    EXPECT_EQ(differences(frames[0]), "");
-    EXPECT_EQ(player.complaints(), "");
   }
 }

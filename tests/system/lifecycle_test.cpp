@@ -2,13 +2,13 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <signal.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <deque>
 #include <filesystem>
+#include <optional>
 #include <string>
 
 #include "system/host.h"
@@ -111,11 +111,7 @@ TEST(Lifecycle, AShortageAtLoadAndInitIsOverWithIt) {
   // One descriptor is left: enough to load the library, too few for its event loop.
   int const next = dup(0);
   close(next);
-  rlimit before{};
-  getrlimit(RLIMIT_NOFILE, &before);
-  rlimit limit = before;
-  limit.rlim_cur = static_cast<rlim_t>(next) + 1;
-  setrlimit(RLIMIT_NOFILE, &limit);
+  std::optional<DescriptorLimit> limit(static_cast<rlim_t>(next) + 1);
   Host host;
   std::uint32_t port = 0;
   auto session = sessionRecord("stream");
@@ -124,7 +120,7 @@ TEST(Lifecycle, AShortageAtLoadAndInitIsOverWithIt) {
   }
   EXPECT_EQ(host.call(KV_CREATE_SESSION, session), KV_NOT_STARTED);
   EXPECT_EQ(host.call(KV_EXIT, nullptr, 0), KV_OK);
-  setrlimit(RLIMIT_NOFILE, &before);
+  limit.reset();
   host.serveLive("stream");
   RtspClient viewer(host.port());
   EXPECT_TRUE(viewer.play(host.url("stream")) && viewer.receivesAFrame());

@@ -28,23 +28,7 @@ class Operating : public ::testing::Test {
   void usePolicy(std::string const& text) { std::ofstream(m_PolicyFile) << text; }
 
   // What the server at the socket answers to a request, all of it.
-  std::string answerTo(std::string const& request) const {
-    int const socket = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    m_StatusSocket.copy(address.sun_path, sizeof address.sun_path - 1);
-    std::string answer;
-    // Who finds no place may be turned away before anything is sent.
-    if (connect(socket, reinterpret_cast<sockaddr const*>(&address), sizeof address) == 0 &&
-        send(socket, request.data(), request.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(request.size())) {
-      char block[4096];
-      for (ssize_t size; (size = recv(socket, block, sizeof block, 0)) > 0;) {
-        answer.append(block, static_cast<std::size_t>(size));
-      }
-    }
-    close(socket);
-    return answer;
-  }
+  std::string answerTo(std::string const& request) const { return answerOf(m_StatusSocket, request, 60); }
   std::string get(std::string const& path) const {
     auto const answer = answerTo("GET " + path + " HTTP/1.1\r\nHost: localhost\r\n\r\n");
     return answer.substr(std::min(answer.find("\r\n\r\n"), answer.size()));
@@ -348,7 +332,8 @@ TEST_F(OperatingServer, APolicyThatMakesNoSenseLetsNothingStart) {
        {"# nothing is set\n", "[server]\naddress = '0.0.0.0'\n[access]\nallow = ['192.168.1.0/24']\n",
         "[server]\naddress = '::'\n[access]\nallow = ['::1']\n"}) {
     usePolicy(good);
-    EXPECT_EQ(m_Host.serveOn(freePort()), KV_OK) << good;
+    SCOPED_TRACE(good);
+    m_Host.serve();
     m_Host.exit();
   }
 }

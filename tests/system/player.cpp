@@ -44,12 +44,6 @@ bool Process::runs() const {
          info.si_pid == 0;
 }
 
-void Process::signal(int number) const {
-  if (m_Pid > 0) {
-    kill(m_Pid, number);
-  }
-}
-
 int Process::wait(std::chrono::seconds limit) {
   auto const end = std::chrono::steady_clock::now() + limit;
   while (m_Pid > 0 && std::chrono::steady_clock::now() < end) {
@@ -106,21 +100,12 @@ std::vector<Frame> Player::frames(int width, int height) {
   return result;
 }
 
-void Player::waitForFrame() const {
-  auto const limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  while (contentOf(m_Folder.file("frames")).empty() && std::chrono::steady_clock::now() < limit) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-}
-
-void Player::freeze(bool frozen) const { m_Process.signal(frozen ? SIGSTOP : SIGCONT); }
-
-std::string Player::complaints(std::string const& allowed) const {
+std::string Player::complaints() const {
   std::istringstream lines(messages());
   std::string found;
   for (std::string line; std::getline(lines, line);) {
     for (auto const* word : {"error", "Error", "non-existing", "no frame", "conceal", "missed", "corrupt", "invalid"}) {
-      if (line.find(word) != std::string::npos && (allowed.empty() || line.find(allowed) == std::string::npos)) {
+      if (line.find(word) != std::string::npos) {
         found += line + "\n";
         break;
       }

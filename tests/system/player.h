@@ -19,7 +19,6 @@ class Process {
   Process& operator=(Process const&) = delete;
 
   bool runs() const;
-  void signal(int number) const;
   // The exit status, or -1 if the process had to be killed at the limit.
   int wait(std::chrono::seconds limit = std::chrono::seconds(90));
 
@@ -36,14 +35,10 @@ class Player {
   // Plays until the player has decoded this many frames.
   Player(Client client, Transport transport, std::string const& url, int frames, int codec = 8);
 
-  // Waits until it has shown a frame.
-  void waitForFrame() const;
-  // Stops its process, or resumes it.
-  void freeze(bool frozen) const;
   // Waits for the end and gives all frames, in order; none if the player failed.
   std::vector<Frame> frames(int width, int height);
-  // What the player said that speaks of damage, but for lines with a word that is allowed.
-  std::string complaints(std::string const& allowed = "") const;
+  // What the player said that speaks of damage.
+  std::string complaints() const;
   // All that it said.
   std::string messages() const { return contentOf(m_Folder.file("messages")); }
 

@@ -1,7 +1,6 @@
 #include "system/rtspclient.h"
 
 #include <arpa/inet.h>
-#include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -21,24 +20,29 @@ bool readable(int socket, int milliseconds) {
   return poll(&entry, 1, milliseconds) > 0;
 }
 
-// 127.0.0.1 or ::1.
-sockaddr_storage loopback(bool ipv6, int port) {
-  sockaddr_storage address{};
-  auto& v4 = reinterpret_cast<sockaddr_in&>(address);
-  auto& v6 = reinterpret_cast<sockaddr_in6&>(address);
-  address.ss_family = ipv6 ? AF_INET6 : AF_INET;
-  v4.sin_port = htons(static_cast<std::uint16_t>(port));  // at the same place in both
-  if (ipv6) {
-    v6.sin6_addr = in6addr_loopback;
-  } else {
-    v4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  }
-  return address;
+int newSocket(bool ipv6, int type) {
+  int const socket = ::socket(AF_INET6, type, 0);
+  auto const any = loopback(ipv6, 0);
+  bind(socket, reinterpret_cast<sockaddr const*>(&any), sizeof any);
+  return socket;
 }
 
-socklen_t sizeOf(bool ipv6) { return ipv6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in); }
+int portOf(int socket) {
+  sockaddr_in6 address{};
+  socklen_t size = sizeof address;
+  getsockname(socket, reinterpret_cast<sockaddr*>(&address), &size);
+  return ntohs(address.sin6_port);
+}
 
 }  // namespace
+
+sockaddr_in6 loopback(bool ipv6, int port) {
+  sockaddr_in6 address{};
+  address.sin6_family = AF_INET6;
+  inet_pton(AF_INET6, ipv6 ? "::1" : "::ffff:127.0.0.1", &address.sin6_addr);
+  address.sin6_port = htons(static_cast<std::uint16_t>(port));
+  return address;
+}
 
 std::string RtspClient::Response::header(std::string const& name) const {
   auto const at = text.find("\r\n" + name + ": ");
@@ -50,14 +54,14 @@ std::string RtspClient::Response::header(std::string const& name) const {
 }
 
 RtspClient::RtspClient(std::uint32_t port, bool ipv6, int receiveBuffer, int limitMilliseconds)
-    : m_Socket(socket(ipv6 ? AF_INET6 : AF_INET, SOCK_STREAM, 0)), m_Ipv6(ipv6), m_Limit(limitMilliseconds) {
+    : m_Socket(newSocket(ipv6, SOCK_STREAM)), m_Ipv6(ipv6), m_Limit(limitMilliseconds) {
   int const on = 1;
   setsockopt(m_Socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);  // reports are read when they are sent
   if (receiveBuffer > 0) {
     setsockopt(m_Socket, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
   }
   auto const address = loopback(ipv6, static_cast<int>(port));
-  if (connect(m_Socket, reinterpret_cast<sockaddr const*>(&address), sizeOf(ipv6)) != 0) {
+  if (connect(m_Socket, reinterpret_cast<sockaddr const*>(&address), sizeof address) != 0) {
     close(m_Socket);
     m_Socket = -1;
   }
@@ -159,15 +163,8 @@ bool RtspClient::play(std::string const& url, bool describe) {
 RtspClient::Response RtspClient::setUpOverUdp(std::string const& url) {
   std::string ports;
   for (int& socket : m_Udp) {
-    if (socket < 0) {
-      socket = ::socket(m_Ipv6 ? AF_INET6 : AF_INET, SOCK_DGRAM, 0);
-      auto const any = loopback(m_Ipv6, 0);
-      bind(socket, reinterpret_cast<sockaddr const*>(&any), sizeOf(m_Ipv6));
-    }
-    sockaddr_storage address{};
-    socklen_t size = sizeof address;
-    getsockname(socket, reinterpret_cast<sockaddr*>(&address), &size);
-    ports += (ports.empty() ? "" : "-") + std::to_string(ntohs(reinterpret_cast<sockaddr_in&>(address).sin_port));
+    socket = socket < 0 ? newSocket(m_Ipv6, SOCK_DGRAM) : socket;
+    ports += (ports.empty() ? "" : "-") + std::to_string(portOf(socket));
   }
   auto response = request("SETUP", url + "/track1", "Transport: RTP/AVP;unicast;client_port=" + ports + "\r\n");
   auto const transport = response.header("Transport");
@@ -183,7 +180,7 @@ bool RtspClient::playOverUdp(std::string const& url) {
 
 bool RtspClient::sendToServer(int socket, std::vector<std::uint8_t> const& packet) const {
   auto const address = loopback(m_Ipv6, m_ServerPort + 1);
-  return sendto(socket, packet.data(), packet.size(), 0, reinterpret_cast<sockaddr const*>(&address), sizeOf(m_Ipv6)) >=
+  return sendto(socket, packet.data(), packet.size(), 0, reinterpret_cast<sockaddr const*>(&address), sizeof address) >=
          0;
 }
 
@@ -200,7 +197,7 @@ void RtspClient::sendRtcp(std::vector<std::uint8_t> const& packet, int channel) 
 void RtspClient::sendUrgentByte() { (void)::send(m_Socket, "x", 1, MSG_OOB | MSG_NOSIGNAL); }
 
 void RtspClient::sendFromElsewhere(std::vector<std::uint8_t> const& packet, int times) {
-  int const socket = ::socket(m_Ipv6 ? AF_INET6 : AF_INET, SOCK_DGRAM, 0);
+  int const socket = newSocket(m_Ipv6, SOCK_DGRAM);
   for (int i = 0; i < times; ++i) {
     sendToServer(socket, packet);
   }
@@ -283,11 +280,10 @@ bool RtspClient::isClosedWhileSending(std::string const& bytes) {
 
 std::uint32_t freePort() {
   int const socket = ::socket(AF_INET6, SOCK_STREAM, 0);
-  sockaddr_in6 address{};
-  address.sin6_family = AF_INET6;  // and IPv4 with it, where it is not IPv6 alone
-  socklen_t size = sizeof address;
-  bind(socket, reinterpret_cast<sockaddr*>(&address), size);
-  getsockname(socket, reinterpret_cast<sockaddr*>(&address), &size);
+  sockaddr_in6 any{};
+  any.sin6_family = AF_INET6;  // and IPv4 with it, where it is not IPv6 alone
+  bind(socket, reinterpret_cast<sockaddr*>(&any), sizeof any);
+  auto const port = static_cast<std::uint32_t>(portOf(socket));
   close(socket);
-  return ntohs(address.sin6_port);
+  return port;
 }

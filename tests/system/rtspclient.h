@@ -1,6 +1,8 @@
 // An RTSP client that does exactly what a test asks for, right or wrong.
 #pragma once
 
+#include <netinet/in.h>
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -85,5 +87,19 @@ class RtspClient {
   std::string m_Buffer;
 };
 
+// ::1, or 127.0.0.1 as sockets of IPv6 write it.
+sockaddr_in6 loopback(bool ipv6, int port);
+
 // A TCP port that nobody listens on, on either address family; 0 if there is none.
 std::uint32_t freePort();
+
+// Calls start() with free ports until it returns true, and returns that port; 0 if it never does.
+template <class Start>
+std::uint32_t onFreePort(Start const& start) {
+  for (int attempt = 0; attempt < 20; ++attempt) {
+    if (std::uint32_t const port = freePort(); start(port)) {
+      return port;
+    }
+  }
+  return 0;
+}

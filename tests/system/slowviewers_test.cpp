@@ -7,7 +7,6 @@
 #include <random>
 
 #include "system/host.h"
-#include "system/player.h"
 #include "system/rtpchecker.h"
 #include "system/rtspclient.h"
 
@@ -95,27 +94,6 @@ TEST_P(SlowViewers, OneThatStallsHoldsUpNobodyAndComesBackToWholeFrames) {
   EXPECT_EQ(stalled.request("GET_PARAMETER", url()).status, 200);
   expectWholeFrames(stalled, 5, true);
   EXPECT_EQ(m_Host.failedSubmits(), 0);
-}
-
-// A real one: what it shows afterwards, it decodes without a complaint.
-TEST_P(SlowViewers, APlayerThatWasStoppedShowsWholeFrames) {
-  Player player(Player::Client::Ffmpeg, Player::Transport::Tcp, url(), 60, GetParam());
-  player.waitForFrame();
-  int const submitted = m_Host.submitted();
-  player.freeze(true);
-  RtspClient witness(m_Host.port());
-  ASSERT_TRUE(witness.play(url()));
-  expectWholeFrames(witness, standstill, false);
-  player.freeze(false);
-  auto const frames = player.frames(640, 480);
-  EXPECT_EQ(frames.size(), 60U) << player.messages();
-  EXPECT_EQ(player.complaints("muxer"), "");
-  if (GetParam() == KV_CODEC_MJPEG) {  // whose frames are too large to have all waited on the way
-    EXPECT_GT(m_Host.submitted() - submitted, standstill + 10) << "it was never behind";
-    for (auto const& frame : frames) {
-      EXPECT_EQ(differences(frame), "");
-    }
-  }
 }
 
 // Connections that come at once after others were closed get their descriptors' numbers.

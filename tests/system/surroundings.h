@@ -1,6 +1,11 @@
 // What a process finds around it: variables and folders, for as long as their objects live.
 #pragma once
 
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -41,7 +46,44 @@ class TemporaryFolder {
   std::string m_Path;
 };
 
+// So many descriptors, and no more, may be open.
+class DescriptorLimit {
+ public:
+  explicit DescriptorLimit(rlim_t count) {
+    getrlimit(RLIMIT_NOFILE, &m_Before);
+    rlimit const limit{count, m_Before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &limit);
+  }
+  ~DescriptorLimit() { setrlimit(RLIMIT_NOFILE, &m_Before); }
+  DescriptorLimit(DescriptorLimit const&) = delete;
+  DescriptorLimit& operator=(DescriptorLimit const&) = delete;
+
+ private:
+  rlimit m_Before{};
+};
+
 inline std::string contentOf(std::string const& file) {
   std::ifstream stream(file, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(stream), {});
+}
+
+// What the server at the socket answers within so many seconds, all of it.
+inline std::string answerOf(std::string const& path, std::string const& request, int seconds) {
+  int const socket = ::socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  timeval const longest{.tv_sec = seconds, .tv_usec = 0};
+  setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &longest, sizeof longest);
+  std::string answer;
+  // Who finds no place may be turned away before anything is sent.
+  if (connect(socket, reinterpret_cast<sockaddr const*>(&address), sizeof address) == 0 &&
+      send(socket, request.data(), request.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(request.size())) {
+    char block[4096];
+    for (ssize_t size; (size = recv(socket, block, sizeof block, 0)) > 0;) {
+      answer.append(block, static_cast<std::size_t>(size));
+    }
+  }
+  close(socket);
+  return answer;
 }
