@@ -16,7 +16,6 @@ using namespace reassembly;
 
 namespace {
 
-constexpr RtpHeader rtpHeader{.payloadType = 96, .sequence = 65530, .timestamp = 0xFFFFFFF0, .ssrc = 0x12345678};
 constexpr std::size_t megabyte = 1000000;
 
 // Frame sizes around those at which a packet more is needed, some at random, and
@@ -65,7 +64,6 @@ TEST(Packetizers, OfVideoKeepEveryNalUnit) {
   };
   Codec const codecs[] = {{packetizeH264, nalUnit, 1, {7, 8}, 5}, {packetizeH265, nalUnit265, 2, {32, 33, 34}, 21}};
   std::minstd_rand random(1);
-  FramePackets packets;
   for (Codec const& codec : codecs) {
     for (std::size_t maxPacket = 200; maxPacket <= 1400; ++maxPacket) {
       for (std::size_t const size : sizesFor(maxPacket, random)) {
@@ -83,9 +81,9 @@ TEST(Packetizers, OfVideoKeepEveryNalUnit) {
                             accessUnit.empty() ? startCode.begin() : startCode.end());
           accessUnit.insert(accessUnit.end(), unit.begin(), unit.end());
         }
-        packets.begin(rtpHeader);
-        ASSERT_EQ(codec.packetize(accessUnit, maxPacket, packets), isKey);
-        auto const payloads = payloadsOf(packetsOf(packets), rtpHeader, maxPacket);
+        auto const payloads = payloadsOf(maxPacket, [&](FramePackets& packets) {
+          ASSERT_EQ(codec.packetize(accessUnit, maxPacket, packets), isKey);
+        });
         ASSERT_EQ(nalUnitsOf(payloads, codec.headerSize), expected) << maxPacket << ", " << size;
       }
     }
@@ -94,25 +92,23 @@ TEST(Packetizers, OfVideoKeepEveryNalUnit) {
 
 TEST(Packetizers, OfJpegKeepTheImage) {
   std::minstd_rand random(2);
-  FramePackets packets;
   Bytes tables(128);
   std::iota(tables.begin(), tables.end(), std::uint8_t{1});
   for (std::size_t maxPacket = 200; maxPacket <= 1400; ++maxPacket) {
     for (std::size_t const size : sizesFor(maxPacket, random)) {
       Bytes const scan = nalUnit(1, size, random);
-      packets.begin(rtpHeader);
       bool const hasRestarts = size % 2 == 0;
       auto const type = static_cast<std::uint8_t>(hasRestarts ? 64 + size / 2 % 2 : 1);
-      packetizeJpeg({.type = type,
-                     .q = 195,
-                     .width = 80,
-                     .height = 60,
-                     .precision = 8,
-                     .tables = tables,
-                     .scan = scan,
-                     .restartInterval = 513},
-                    maxPacket, packets);
-      auto const image = jpegOf(payloadsOf(packetsOf(packets), rtpHeader, maxPacket));
+      JpegFrame const frame{.type = type,
+                            .q = 195,
+                            .width = 80,
+                            .height = 60,
+                            .precision = 8,
+                            .tables = tables,
+                            .scan = scan,
+                            .restartInterval = 513};
+      auto const image =
+          jpegOf(payloadsOf(maxPacket, [&](FramePackets& packets) { packetizeJpeg(frame, maxPacket, packets); }));
       ASSERT_EQ(image.header, (Bytes{type, 195, 80, 60}));
       ASSERT_EQ(image.restartInterval, hasRestarts ? 513U : 0U);
       ASSERT_EQ(image.tables, tables);

@@ -8,6 +8,9 @@
 
 namespace reassembly {
 
+constexpr kavo::impl::RtpHeader rtpHeader{
+    .payloadType = 96, .sequence = 65530, .timestamp = 0xFFFFFFF0, .ssrc = 0x12345678};
+
 // The packets as they leave over UDP.
 inline std::vector<Bytes> packetsOf(kavo::impl::FramePackets& packets) {
   std::vector<Bytes> result;
@@ -25,19 +28,23 @@ inline std::vector<Bytes> packetsOf(kavo::impl::FramePackets& packets) {
   return result;
 }
 
-// RFC 3550, 5.1: the payloads, after a look at all headers.
-inline std::vector<Bytes> payloadsOf(std::vector<Bytes> const& packets, kavo::impl::RtpHeader const& header,
-                                     std::size_t maxPacket) {
+// RFC 3550, 5.1: the payloads of the packets that packetize() makes of a frame, after a look at all headers.
+template <class Packetize>
+std::vector<Bytes> payloadsOf(std::size_t maxPacket, Packetize const& packetize) {
+  static kavo::impl::FramePackets frame;
+  frame.begin(rtpHeader);
+  packetize(frame);
+  auto const packets = packetsOf(frame);
   std::vector<Bytes> payloads;
   for (std::size_t i = 0; i < packets.size(); ++i) {
     Bytes const& packet = packets[i];
     bool const last = i + 1 == packets.size();
     require(packet.size() > 12 && packet.size() <= maxPacket, "a packet of a wrong size");
     require(packet[0] == 0x80, "not version 2");
-    require(packet[1] == (header.payloadType | (last ? 0x80 : 0)), "wrong payload type or marker");
-    require(numberAt(packet, 2, 2) == static_cast<std::uint16_t>(header.sequence + i), "wrong sequence number");
-    require(numberAt(packet, 4, 4) == header.timestamp, "wrong time stamp");
-    require(numberAt(packet, 8, 4) == header.ssrc, "wrong SSRC");
+    require(packet[1] == (rtpHeader.payloadType | (last ? 0x80 : 0)), "wrong payload type or marker");
+    require(numberAt(packet, 2, 2) == static_cast<std::uint16_t>(rtpHeader.sequence + i), "wrong sequence number");
+    require(numberAt(packet, 4, 4) == rtpHeader.timestamp, "wrong time stamp");
+    require(numberAt(packet, 8, 4) == rtpHeader.ssrc, "wrong SSRC");
     payloads.emplace_back(packet.begin() + 12, packet.end());
   }
   return payloads;
