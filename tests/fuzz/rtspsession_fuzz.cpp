@@ -29,6 +29,7 @@
 
 #include "base/uniquefd.h"
 #include "fuzz/rtspscript.h"
+#include "system/records.h"
 #include "system/rtspclient.h"
 #include "system/surroundings.h"
 
@@ -141,48 +142,24 @@ class Host {
     m_Raw.emplace(session->createStream(video));
   }
 
-  template <class Record>
-  static bool call(int command, Record& record) {
+  static constexpr auto call = [](int command, auto& record) {
     return kv_Stream(command, &record, sizeof record) == KV_OK;
-  }
-
-  // The record that submits, if there is a server.
-  std::optional<kv_frame_record> createFirst() const {
-    kv_session_record session{};
-    for (char* const text : {session.name, session.info, session.description}) {
-      std::strcpy(text, names[0]);
-    }
-    if (!call(KV_CREATE_SESSION, session)) {
-      return std::nullopt;
-    }
-    kv_video_record video{};
-    video.src_width = video.src_height = video.dst_width = video.dst_height = size;
-    video.dst_codec = KV_CODEC_MJPEG;
-    video.frame_rate = 25;
-    video.bitrate = 100000;
-    kv_stream_record stream{};
-    stream.handle = session.handle;
-    stream.video = &video;
-    call(KV_CREATE_STREAM, stream);
-    kv_frame_record frame{};
-    frame.handle = session.handle;
-    frame.stream = stream.stream;
-    frame.frame = picture.data();
-    return frame;
-  }
+  };
 
   void submitAlways(std::stop_token const& stop) {
     while (!stop.stop_requested()) {
       std::unique_lock lock(m_Mutex);
       unsigned const server = m_ServerNumber;
-      auto frame = createFirst();
+      auto session = sessionRecord(names[0]);
+      auto frame = createStream(session, videoRecord(0, KV_CODEC_MJPEG, size, size), call);
+      frame.frame = picture.data();
       lock.unlock();
-      while (frame && !m_IsRemoved.exchange(false) && !stop.stop_requested() && call(KV_SUBMIT_FRAME, *frame)) {
+      while (!m_IsRemoved.exchange(false) && !stop.stop_requested() && call(KV_SUBMIT_FRAME, frame)) {
         std::this_thread::sleep_for(framePeriod);
       }
       lock.lock();
-      if (frame && server == m_ServerNumber) {
-        kv_Stream(KV_REMOVE_SESSION, frame->handle, sizeof(void*));
+      if (server == m_ServerNumber) {
+        kv_Stream(KV_REMOVE_SESSION, session.handle, sizeof(void*));
       }
       lock.unlock();
       std::this_thread::sleep_for(framePeriod);

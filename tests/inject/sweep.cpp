@@ -24,7 +24,7 @@
 #include <utility>
 #include <vector>
 
-#include "kavo_stream.h"
+#include "system/records.h"
 #include "system/rtspclient.h"
 #include "system/surroundings.h"
 
@@ -68,7 +68,6 @@ int call(int command, Record& record) {
 
 struct Stream {
   kv_session_record session{};
-  kv_stream_record record{};
   kv_frame_record frame{};
   int encodedFrames = 0;  // of a stream whose frames are encoded already
 };
@@ -90,37 +89,25 @@ int insist(std::function<int()> const& command) {
   return first;
 }
 
-void createSession(Stream& stream, char const* name) {
-  std::strcpy(stream.session.name, name);
-  std::strcpy(stream.session.info, "i");
-  std::strcpy(stream.session.description, "d");
-  insist([&] { return call(KV_CREATE_SESSION, stream.session); });
-  stream.frame.handle = stream.session.handle;
-}
+// Until it works, too.
+auto const g_InsistingCall = [](int command, auto& record) { return insist([&] { return call(command, record); }); };
 
+// What OpenH264 breaks when it is out of memory is its own.
 bool publish(Stream& stream, char const* name, int codec) {
-  createSession(stream, name);
-  static kv_video_record video{};
-  video.src_width = video.src_height = video.dst_width = video.dst_height = 64;
-  video.src_pixel_format = KV_RGB24;
-  video.dst_codec = codec;
-  video.frame_rate = 25;
-  video.bitrate = 200000;
-  stream.record.handle = stream.session.handle;
-  stream.record.video = &video;
-  // What OpenH264 breaks when it is out of memory is its own.
-  insist([&] { return call(KV_CREATE_STREAM, stream.record); });
-  stream.frame.stream = stream.record.stream;
+  stream.session = sessionRecord(name);
+  stream.frame = createStream(stream.session, videoRecord(KV_RGB24, codec, 64, 64), g_InsistingCall);
   stream.frame.frame = g_Pixels.data();
-  return stream.record.stream != nullptr;
+  return stream.frame.stream != nullptr;
 }
 
 bool publishEncoded(Stream& stream, char const* name) {
-  createSession(stream, name);
+  stream.session = sessionRecord(name);
+  g_InsistingCall(KV_CREATE_SESSION, stream.session);
   kv_encoded_stream_record record{};
   record.handle = stream.session.handle;
   record.codec = KV_CODEC_H264;
-  insist([&] { return call(KV_CREATE_ENCODED_STREAM, record); });
+  g_InsistingCall(KV_CREATE_ENCODED_STREAM, record);
+  stream.frame.handle = stream.session.handle;
   stream.frame.stream = record.stream;
   stream.encodedFrames = 1;
   return record.stream != nullptr;

@@ -4,7 +4,6 @@
 #include <regex.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <new>
@@ -15,9 +14,9 @@
 #include "codec/encoding.h"
 #include "codec/openh264library.h"
 #include "interface/cinterface.h"
-#include "kavo_stream.h"
 #include "rtsp/framesourcehandler.h"
 #include "rtsp/jpegsource.h"
+#include "system/records.h"
 #include "system/rtspclient.h"
 
 extern "C" {
@@ -40,27 +39,13 @@ int call(int command, Record& record) {
 class Contract : public ::testing::Test {
  protected:
   Contract() {
-    publish("jpeg", 8);
-    publish("h264", 28);
+    for (auto const& [name, codec] : {std::pair("jpeg", 8), {"h264", 28}}) {
+      auto session = sessionRecord(name);
+      createStream(session, videoRecord(0, codec, 64, 64),
+                   [](int command, auto& record) { EXPECT_EQ(call(command, record), KV_OK); });
+    }
   }
   ~Contract() override { kv_Stream(KV_EXIT, nullptr, 0); }
-
-  void publish(char const* name, int codec) {
-    kv_session_record session{};
-    std::strcpy(session.name, name);
-    std::strcpy(session.info, "the info");
-    std::strcpy(session.description, "the description");
-    EXPECT_EQ(call(KV_CREATE_SESSION, session), KV_OK);
-    kv_video_record video{};
-    video.src_width = video.src_height = video.dst_width = video.dst_height = 64;
-    video.dst_codec = codec;
-    video.frame_rate = 25;
-    video.bitrate = 100000;
-    kv_stream_record stream{};
-    stream.handle = session.handle;
-    stream.video = &video;
-    EXPECT_EQ(call(KV_CREATE_STREAM, stream), KV_OK);
-  }
 
   std::string url(std::string const& name) const { return "rtsp://127.0.0.1:" + std::to_string(m_Port) + "/" + name; }
 

@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
 
 #include "system/rtspclient.h"
@@ -45,25 +44,19 @@ int Host::exit() {
 Host::Stream& Host::publish(std::string const& name, int format, int codec, int width, int height, int bitrate,
                             int publishedSize) {
   auto session = sessionRecord(name);
-  EXPECT_EQ(call(KV_CREATE_SESSION, session), KV_OK) << name;
   auto video = videoRecord(format, codec, width, height);
   video.bitrate = bitrate;
   if (publishedSize > 0) {
     video.dst_width = video.dst_height = publishedSize;
   }
-  kv_stream_record stream{};
-  stream.handle = session.handle;
-  stream.video = &video;
-  EXPECT_EQ(call(KV_CREATE_STREAM, stream), KV_OK) << name;
-
   auto result = std::make_unique<Stream>();
   result->name = name;
   result->frame = testFrame(format, width, height);
   result->frameSize = result->frame.size();
   result->width = width;
   result->height = height;
-  result->record.handle = session.handle;
-  result->record.stream = stream.stream;
+  result->record =
+      createStream(session, video, [&](int command, auto& record) { EXPECT_EQ(call(command, record), KV_OK) << name; });
   m_Streams.push_back(std::move(result));
   return *m_Streams.back();
 }
@@ -110,25 +103,4 @@ std::vector<std::string> Host::names() const {
 
 std::string Host::url(std::string const& name, std::string const& address) const {
   return "rtsp://" + address + ":" + std::to_string(m_Port) + "/" + name;
-}
-
-kv_session_record sessionRecord(std::string const& name) {
-  kv_session_record record{};
-  std::snprintf(record.name, sizeof record.name, "%s", name.c_str());
-  std::snprintf(record.info, sizeof record.info, "info");
-  std::snprintf(record.description, sizeof record.description, "description");
-  return record;
-}
-
-kv_video_record videoRecord(int format, int codec, int width, int height) {
-  kv_video_record record{};
-  record.reserved = 4711;
-  record.src_width = record.dst_width = width;
-  record.src_height = record.dst_height = height;
-  record.src_pixel_format = format;
-  record.dst_pixel_format = 99;  // of no effect
-  record.dst_codec = codec;
-  record.frame_rate = 25;
-  record.bitrate = 800000;
-  return record;
 }

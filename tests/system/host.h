@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "kavo_stream.h"
+#include "system/records.h"
 #include "system/surroundings.h"
 
 class Host {
@@ -69,6 +69,3 @@ class Host {
   std::atomic<int> m_Submitted = 0;
   std::atomic<int> m_FailedSubmits = 0;
 };
-
-kv_session_record sessionRecord(std::string const& name);
-kv_video_record videoRecord(int format, int codec, int width, int height);

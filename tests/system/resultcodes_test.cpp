@@ -126,8 +126,8 @@ TEST_F(ResultCodes, OfSessions) {
   info.handle = longest.handle;
   ASSERT_EQ(m_Host.call(KV_GET_INFO, info), KV_OK);
   EXPECT_STREQ(info.name, "nineteen-characters");
-  EXPECT_STREQ(info.info, "info");
-  EXPECT_STREQ(info.description, "description");
+  EXPECT_STREQ(info.info, "the info");
+  EXPECT_STREQ(info.description, "the description");
   EXPECT_STREQ(info.url, longest.url);
 
   EXPECT_EQ(m_Host.call(KV_REMOVE_SESSION, longest.handle, 8), KV_OK);
