@@ -12,7 +12,7 @@ namespace {
 constexpr std::size_t mostSteps = 24;
 constexpr unsigned connections = 4;
 // By how often they are chosen: what clients say matters most.
-constexpr std::string_view weightedKinds = "ssssssssdddgccfrrhhhhmptx";
+constexpr std::string_view weightedKinds = "ssssssssdddgccfrrhhhhmpetx";
 
 constexpr char const* messages[] = {
     "OPTIONS {U} RTSP/1.0\r\nCSeq: 1\r\n\r\n",

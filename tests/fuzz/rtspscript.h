@@ -21,6 +21,7 @@ struct Step {
     Policy = 'p',    // another policy file is written
     Restart = 'x',   // the host ends serving, and begins again under that policy
     Clock = 't',     // the monotonic clock jumps ahead
+    Refuse = 'e',    // the kernel refuses to send some packets
   };
   Kind kind = Kind::Submit;
   unsigned connection = 0;

@@ -1,9 +1,9 @@
 // Sequences of what clients send, over real sockets, against the library that serves in this
 // process: several connections, both address families and transports, RTCP, a slow reader, abrupt
-// ends, questions to the status server; sessions removed, policies that change, init and exit, jumps
-// of the clock in between. After each batch of them good viewers have to get whole frames, descriptors
-// have to be as few as before, and nothing may be leaked. A sequence that fails is written to
-// a file by libFuzzer, and runs again when it is given that file.
+// ends, questions to the status server; sessions removed, policies that change, init and exit, packets
+// that the kernel refuses, jumps of the clock in between. After each batch of them good viewers have to
+// get whole frames, descriptors have to be as few as before, and nothing may be leaked. A sequence that
+// fails is written to a file by libFuzzer, and runs again when it is given that file.
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -12,6 +12,7 @@
 
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -54,6 +55,18 @@ constexpr std::chrono::seconds longestWait{60};
   std::abort();
 }
 
+// What the kernel answers to so many of the next calls that send packets.
+std::atomic<int> g_Refusal{0};
+std::atomic<int> g_Refusals{0};
+
+bool isRefused() {
+  if (g_Refusals.load(std::memory_order_relaxed) <= 0 || g_Refusals.fetch_sub(1) <= 0) {
+    return false;
+  }
+  errno = g_Refusal;
+  return true;
+}
+
 // The monotonic clock of this process is that far ahead. It goes forward alone.
 std::atomic<std::int64_t> g_SecondsAhead{0};
 
@@ -69,9 +82,20 @@ constexpr char const* policies[] = {
     "[access]\nallow = ['127.0.0.1/8']\n",
     "[access.users]\na = 5\n",
     "[server",
+    "",
+    "server = 1\n",
+    "[server]\naddress = 5\n",
+    "[server]\naddress = '127.0.0.1/8'\n",
+    "[server]\naddress = ''\n",
+    "[server]\naddress = '127.0.0.1'\n[access]\nallow = ['::1']\n",
+    "[server]\nport = 1\n",
+    "[access]\nallow = []\n",
+    "[access]\nusers = {}\n",
+    "[access.users]\n'a:b' = 'c'\n",
+    "[encoding]\nparallel = 1\n",
 };
 
-// The host: an H.264 stream of small pictures, and one of large key frames that were encoded elsewhere.
+// The host: an H.264 stream of small pictures, and one of large frames that were encoded elsewhere.
 // Its second thread submits to a JPEG stream all the time, whatever the first one does.
 class Host {
  public:
@@ -87,7 +111,8 @@ class Host {
 
   void submit() {
     m_Raw->submit(picture.data(), picture.size());
-    m_Encoded->submit(m_KeyFrame.data(), m_KeyFrame.size());
+    auto const& frame = ++m_Submitted % 4 == 0 ? m_KeyFrame : m_InterFrame;
+    m_Encoded->submit(frame.data(), frame.size());
   }
 
   // The session, and creates it again.
@@ -179,6 +204,12 @@ class Host {
     frame.resize(90000, 0x55);
     return frame;
   }();
+  std::vector<std::uint8_t> const m_InterFrame = [] {
+    std::vector<std::uint8_t> frame{0, 0, 1, 0x41, 0x9A};
+    frame.resize(90000, 0x55);
+    return frame;
+  }();
+  unsigned m_Submitted = 0;
   std::mutex m_Mutex;
   unsigned m_ServerNumber = 0;
   std::atomic<bool> m_IsRemoved = false;
@@ -363,6 +394,10 @@ void run(Script const& script, Host& host) {
       case Step::Kind::Restart:
         host.restart(step.connection);
         break;
+      case Step::Kind::Refuse:
+        g_Refusal = std::array{EINVAL, EPERM, EMSGSIZE, ENOSYS}[step.connection];
+        g_Refusals = 1 + static_cast<int>(bytes.size() % 4);
+        break;
       case Step::Kind::Clock:
         g_SecondsAhead += 1 + 30 * step.connection;
         break;
@@ -413,6 +448,14 @@ extern "C" int clock_gettime(clockid_t clock, timespec* now) {
   return static_cast<int>(result);
 }
 
+extern "C" int sendmmsg(int socket, mmsghdr* messages, unsigned count, int flags) {
+  return isRefused() ? -1 : static_cast<int>(syscall(SYS_sendmmsg, socket, messages, count, flags));
+}
+
+extern "C" ssize_t sendmsg(int socket, msghdr const* message, int flags) {
+  return isRefused() ? -1 : syscall(SYS_sendmsg, socket, message, flags);
+}
+
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
   static Host host;
   static std::size_t const fewest = [] {
@@ -422,6 +465,7 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
   }();
   static int sequences = 0;
   run(parseScript(std::string(data, data + size)), host);
+  g_Refusals = 0;
   if (++sequences % batch == 0) {
     host.restart(0);  // what is still set up over UDP would time out in a minute
     watch(host);
