@@ -20,8 +20,8 @@ bool readable(int socket, int milliseconds) {
   return poll(&entry, 1, milliseconds) > 0;
 }
 
-int newSocket(bool ipv6, int type) {
-  int const socket = ::socket(AF_INET6, type, 0);
+int udpSocket(bool ipv6) {
+  int const socket = ::socket(AF_INET6, SOCK_DGRAM, 0);
   auto const any = loopback(ipv6, 0);
   bind(socket, reinterpret_cast<sockaddr const*>(&any), sizeof any);
   return socket;
@@ -54,7 +54,7 @@ std::string RtspClient::Response::header(std::string const& name) const {
 }
 
 RtspClient::RtspClient(std::uint32_t port, bool ipv6, int receiveBuffer, int limitMilliseconds)
-    : m_Socket(newSocket(ipv6, SOCK_STREAM)), m_Ipv6(ipv6), m_Limit(limitMilliseconds) {
+    : m_Socket(socket(AF_INET6, SOCK_STREAM, 0)), m_Ipv6(ipv6), m_Limit(limitMilliseconds) {
   int const on = 1;
   setsockopt(m_Socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);  // reports are read when they are sent
   if (receiveBuffer > 0) {
@@ -163,7 +163,7 @@ bool RtspClient::play(std::string const& url, bool describe) {
 RtspClient::Response RtspClient::setUpOverUdp(std::string const& url) {
   std::string ports;
   for (int& socket : m_Udp) {
-    socket = socket < 0 ? newSocket(m_Ipv6, SOCK_DGRAM) : socket;
+    socket = socket < 0 ? udpSocket(m_Ipv6) : socket;
     ports += (ports.empty() ? "" : "-") + std::to_string(portOf(socket));
   }
   auto response = request("SETUP", url + "/track1", "Transport: RTP/AVP;unicast;client_port=" + ports + "\r\n");
@@ -197,7 +197,7 @@ void RtspClient::sendRtcp(std::vector<std::uint8_t> const& packet, int channel) 
 void RtspClient::sendUrgentByte() { (void)::send(m_Socket, "x", 1, MSG_OOB | MSG_NOSIGNAL); }
 
 void RtspClient::sendFromElsewhere(std::vector<std::uint8_t> const& packet, int times) {
-  int const socket = newSocket(m_Ipv6, SOCK_DGRAM);
+  int const socket = udpSocket(m_Ipv6);
   for (int i = 0; i < times; ++i) {
     sendToServer(socket, packet);
   }

@@ -16,20 +16,10 @@
 
 class ShiftedPublisher {
  public:
-  explicit ShiftedPublisher(std::string const& codec) : m_Port(freePort()) {
+  explicit ShiftedPublisher(std::string const& codec) {
     setClocks(0, 0);
-    m_Process = std::make_unique<Process>(
-        std::vector<std::string>{"env", std::string("LD_PRELOAD=") + KAVO_CLOCK_SHIM,
-                                 "KAVO_CLOCK_FILE=" + m_Folder.file("clock"), KAVO_PUBLISH, "--port",
-                                 std::to_string(m_Port), "--size", "320x240", "--codec", codec},
-        m_Folder.file("output"));
-    while (contentOf(m_Folder.file("output")).find("Ctrl-C") == std::string::npos) {
-      if (!m_Process->runs()) {
-        ADD_FAILURE() << contentOf(m_Folder.file("output"));
-        break;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
+    m_Port = onFreePort([&](std::uint32_t port) { return serves(port, codec); });
+    EXPECT_NE(m_Port, 0U) << contentOf(m_Folder.file("output"));
   }
 
   std::uint32_t port() const { return m_Port; }
@@ -50,8 +40,23 @@ class ShiftedPublisher {
   void passSeconds(std::int64_t seconds) { setClocks(0, m_Passed += seconds); }
 
  private:
+  bool serves(std::uint32_t port, std::string const& codec) {
+    m_Process = std::make_unique<Process>(
+        std::vector<std::string>{"env", std::string("LD_PRELOAD=") + KAVO_CLOCK_SHIM,
+                                 "KAVO_CLOCK_FILE=" + m_Folder.file("clock"), KAVO_PUBLISH, "--port",
+                                 std::to_string(port), "--size", "320x240", "--codec", codec},
+        m_Folder.file("output"));
+    while (contentOf(m_Folder.file("output")).find("Ctrl-C") == std::string::npos) {
+      if (!m_Process->runs()) {
+        return false;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return true;
+  }
+
   TemporaryFolder m_Folder;
-  std::uint32_t m_Port;
+  std::uint32_t m_Port = 0;
   std::int64_t m_Passed = 0;
   std::unique_ptr<Process> m_Process;
 };

@@ -107,13 +107,13 @@ class Host:
         if policy is not None:
             self.write(policy)
             environment["KAVO_STREAM_CONFIG"] = self.policy
-        self.port = free_port()
-        with open(self.errors, "w") as errors:
-            self.process = subprocess.Popen(
-                ["sh", "-c", f'ulimit -n {descriptors}; exec "$0" "$@"', PUBLISH, "--port", str(self.port), "--size",
-                 "320x240", "--codec", "jpeg"], stdout=subprocess.PIPE, stderr=errors, text=True, env=environment)
-        for line in self.process.stdout:
-            if "Ctrl-C" in line:
+        for _ in range(5):  # another program may take the port
+            self.port = free_port()
+            with open(self.errors, "w") as errors:
+                self.process = subprocess.Popen(
+                    ["sh", "-c", f'ulimit -n {descriptors}; exec "$0" "$@"', PUBLISH, "--port", str(self.port), "--size",
+                     "320x240", "--codec", "jpeg"], stdout=subprocess.PIPE, stderr=errors, text=True, env=environment)
+            if any("Ctrl-C" in line for line in self.process.stdout):
                 break
         self.at_rest = self.descriptors()
 
