@@ -109,10 +109,10 @@ watch() {
 regrow() {
   start "$@"
   rm -f "$work"/*.mkv
-  play 127.0.0.1 near -frames:v 300 &
+  play 127.0.0.1 near -frames:v 200 &
   local near=$!
   playing near $near
-  play_far 120 &
+  play_far 80 &
   local far_player=$!
   playing far $far_player
   local shared alone
@@ -216,7 +216,7 @@ damage="missed|$damage"
 python3 "$bench/slowlink.py" $far --delay 150 --mbit 2 >"$work/link" &
 until grep -q up "$work/link"; do sleep 0.05; done
 start --codec jpeg --size 640x480 --bitrate 8M
-seen=$(on_far python3 "$bench/linkviewer.py" tcp "rtsp://10.78.0.1:$port/kavo" 10)
+seen=$(on_far python3 "$bench/linkviewer.py" tcp "rtsp://10.78.0.1:$port/kavo" 6)
 python3 -c 'import json, sys
 seen = json.loads(sys.argv[1])
 sys.exit(seen["damaged"] > 0 or seen["mbit"] < 1 or seen["oldest"] > 1.5)' "$seen" || die "over a slow link: $seen"
