@@ -1,4 +1,5 @@
-// What a process finds around it: variables and folders, for as long as their objects live.
+// What a process finds around it: variables, folders and limits, for as long as their objects live, and files
+// and sockets.
 #pragma once
 
 #include <sys/resource.h>

@@ -63,7 +63,7 @@ TEST_P(Viewing, PauseStopsOneViewerAndPlayBringsItBack) {
       expectFrames(viewer);
     }
     EXPECT_TRUE(witness.receivesAFrame());
-    // When nobody watches, nothing is encoded.
+    // The only viewer may pause too.
     ASSERT_EQ(witness.request("TEARDOWN", url()).status, 200);
     ASSERT_EQ(viewer.request("PAUSE", url()).status, 200);
     ASSERT_EQ(viewer.request("PLAY", url()).status, 200);
