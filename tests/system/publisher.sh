@@ -18,6 +18,25 @@ die() {
 
 free_port() { python3 -c 'import socket; s = socket.socket(socket.AF_INET6); s.bind(("::", 0)); print(s.getsockname()[1])'; }
 
+# run ARGUMENT...: on a free port, and again where another program has taken it meanwhile. Sets got.
+run() {
+  for _ in {1..5}; do
+    got=0
+    timeout 60 "$publish" --port "$(free_port)" "$@" >"$work/out" 2>"$work/err" || got=$?
+    grep -q 'cannot serve on port' "$work/err" || break
+  done
+}
+
+# refused STATUS TEXT ARGUMENT...: one line with the text, and the exit status.
+refused() {
+  local status=$1 text=$2
+  shift 2
+  run "$@"
+  [ "$got" = "$status" ] || die "$* ended with $got: $(cat "$work/err")"
+  [ "$(wc -l <"$work/err")" = 1 ] || die "$* did not say one line: $(cat "$work/err")"
+  grep -q -- "$text" "$work/err" || die "$* said: $(cat "$work/err")"
+}
+
 # start ARGUMENT...: publishes, and waits until it says where.
 start() {
   for _ in 1 2 3 4 5; do
