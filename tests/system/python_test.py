@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""The Python module with the built library: frames of numpy and others, what is refused, what players see."""
+"""The Python module with the built library: frames of numpy and others, refusals, and what players show."""
+import contextlib
 import os
 import socket
 import subprocess
@@ -11,10 +12,18 @@ import numpy
 
 import kavo_stream
 
-with socket.socket() as probe:
-    probe.bind(("", 0))
-    PORT = probe.getsockname()[1]
-URL = f"rtsp://127.0.0.1:{PORT}/"
+
+def serve():
+    """Starts a server on a free port, and sets PORT and URL."""
+    global PORT, URL
+    for _ in range(20):  # another program may take the port
+        with socket.socket(socket.AF_INET6) as probe:
+            probe.bind(("::", 0))
+            PORT = probe.getsockname()[1]
+        URL = f"rtsp://127.0.0.1:{PORT}/"
+        with contextlib.suppress(kavo_stream.Error):
+            return kavo_stream.Server(PORT)
+    raise AssertionError("no server starts")
 
 
 def refused(kind, text, action):
@@ -27,7 +36,7 @@ def refused(kind, text, action):
 
 
 def seen(name, submit):
-    """The first pixel that FFmpeg sees while submit() is called again and again."""
+    """The first pixel that FFmpeg shows while submit() is called again and again."""
     done = threading.Event()
 
     def work():
@@ -52,7 +61,7 @@ def near(colour, wanted, distance):
 
 
 refused(kavo_stream.Error, "not running", lambda: kavo_stream.Session(None, "early", "x"))
-with kavo_stream.Server(PORT) as server:
+with serve() as server:
     refused(kavo_stream.Error, "already exists", lambda: kavo_stream.Server(PORT))
     refused(ValueError, "1 to 65535", lambda: kavo_stream.Server(0))
     with server.create_session("jpeg") as session:
@@ -84,8 +93,8 @@ with kavo_stream.Server(PORT) as server:
         near(seen("encoded", lambda: wanted.append(encoded.submit(image))), (255, 255, 255), 2)
         assert kavo_stream.Wanted.FRAME in wanted
 
-# Python's other threads run while a frame is encoded.
-with kavo_stream.Server(PORT) as server, server.create_session("large") as session:
+# Other Python threads run while a frame is encoded.
+with serve() as server, server.create_session("large") as session:
     stream = session.create_stream(1920, 1080, kavo_stream.PixelFormat.BGR24, kavo_stream.Codec.H264)
     frame = numpy.random.default_rng(1).integers(0, 255, stream.shape, numpy.uint8)
     counted, busy = 0, threading.Event()
@@ -109,5 +118,5 @@ with kavo_stream.Server(PORT) as server, server.create_session("large") as sessi
     player.kill()
     player.wait()
     assert during > 100, f"{during} rounds of another thread"
-session.close()  # of a server that has ended: nothing
+session.close()  # does nothing, since the server has ended
 print("passed")
