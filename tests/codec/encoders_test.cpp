@@ -19,7 +19,7 @@ std::vector<int> nalTypes(std::span<std::uint8_t const> bytes) {
   return types;
 }
 
-// A frame that differs from the one before, so that nothing is skipped for standing still.
+// Each frame differs from the previous one, so the encoder does not skip it as unchanged.
 std::vector<std::uint8_t> movingFrame(int number) {
   std::vector<std::uint8_t> frame(frameSize(0, 320, 240) + 4096, 128);
   for (std::size_t at = 0; at < 320 * 240; ++at) {
@@ -33,7 +33,7 @@ std::vector<int> const otherFrame = {1};
 
 }  // namespace
 
-// A frame at the end of readable memory gives the packets of a padded copy.
+// A frame that ends where readable memory ends encodes to the same bytes as a padded copy.
 TEST(Encoders, ReadNothingBehindTheFrame) {
   struct Case {
     int srcWidth, srcHeight, dstWidth, dstHeight;
@@ -91,7 +91,7 @@ TEST(OpenH264Encoder, BeginsWithParameterSetsAndRepeatsThemEveryTwoSeconds) {
 
 TEST(OpenH264Encoder, MakesAKeyFrameOnRequestEvenIfFramesAreSkipped) {
   auto parameter = parameters(28, 0, 320, 240, 320, 240);
-  parameter.m_Bitrate = 30000;  // far too little: rate control skips
+  parameter.m_Bitrate = 30000;  // far too low: rate control skips frames
   Transcoder transcoder(&parameter);
   int skipped = 0;
   int waited = -1;
@@ -113,7 +113,7 @@ TEST(OpenH264Encoder, MakesAKeyFrameOnRequestEvenIfFramesAreSkipped) {
   EXPECT_GE(waited, 0) << "no key frame came";
 }
 
-// The sanitizers see our buffers, and valgrind OpenH264's.
+// The sanitizers check our buffers, and valgrind checks OpenH264's.
 TEST(OpenH264Encoder, TakesOddSizesOrRefusesThem) {
   for (auto const& [width, height] : {std::pair(321, 240), {320, 241}, {333, 257}, {17, 17}}) {
     auto const parameter = parameters(28, 2, 320, 240, width, height);

@@ -1,4 +1,4 @@
-// What the encoders' tests share.
+// Helpers for the encoder tests.
 #pragma once
 
 #include <cstdint>

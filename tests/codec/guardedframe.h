@@ -1,4 +1,4 @@
-// A raw frame whose last byte is the last one before an unreadable page.
+// A raw frame whose last byte is directly followed by an unreadable page.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -15,7 +15,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// A writer whose other end reads on demand. Frames are of one letter throughout.
+// A writer whose peer reads on demand. The payload of a frame is one letter, repeated.
 class InterleavedWriterTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -42,7 +42,7 @@ class InterleavedWriterTest : public ::testing::Test {
 
   void report() { m_Writer->sendReport(std::vector<std::uint8_t>(20, 'r'), 1); }
 
-  // Lets the writer continue, and reads a block; false when there was nothing.
+  // Lets the writer continue and reads a block. Returns false if nothing had arrived.
   bool readSome() {
     if (m_Blocked) {
       m_Writer->flush();
@@ -53,7 +53,8 @@ class InterleavedWriterTest : public ::testing::Test {
     return size > 0;
   }
 
-  // All that comes, as "1a 20b ": packets, and their letter. Every packet must be whole.
+  // Reads everything and returns it as packet counts and letters, such as "1a 20b ". Every packet must be
+  // complete.
   std::string drain() {
     while (readSome()) {
     }
@@ -88,7 +89,7 @@ class InterleavedWriterTest : public ::testing::Test {
   std::unique_ptr<InterleavedWriter> m_Writer;
 };
 
-constexpr std::size_t huge = 4000;  // packets: more than a socket takes, or one system call
+constexpr std::size_t huge = 4000;  // packets: more than a socket buffer or one system call takes
 
 }  // namespace
 
@@ -128,7 +129,7 @@ TEST_F(InterleavedWriterTest, OfAStreamThatEndedOnlyABegunFrameIsSent) {
   EXPECT_EQ(drain(), "4000a 1c ");
 }
 
-// Only a viewer that something waits for is stalled: not one that was paused in mid-frame.
+// A viewer is stalled only while data waits for it: one that was paused in mid-frame is not.
 TEST_F(InterleavedWriterTest, AStandstillIsAStallWhileSomethingWaits) {
   auto const later = [] { return InterleavedWriter::Clock::now() + 10s + 1ms; };
   EXPECT_FALSE(m_Writer->isStalled(later()));

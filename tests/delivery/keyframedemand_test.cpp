@@ -7,7 +7,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// A viewer that reports ten times a second, of a hundred packets a second.
+// A viewer that receives a hundred packets a second and sends ten reports a second.
 struct Reporting {
   KeyFrameDemand demand;
   ReportBlock block;
@@ -44,7 +44,7 @@ TEST(KeyFrameDemand, EachLossIsRepairedOnceHalfASecondApart) {
   EXPECT_FALSE(viewer.getsKeyFrame()) << "too soon";
   viewer.now += 400ms;
   EXPECT_TRUE(viewer.getsKeyFrame()) << "without another report";
-  // A report that was on its way while a key frame was.
+  // A report that was sent before the key frame arrived.
   viewer.report(0);
   viewer.now += 1s;
   viewer.demand.keyFrameSent(static_cast<std::uint16_t>(viewer.block.highestSequence + 20), viewer.now);

@@ -39,7 +39,7 @@ TEST(Pacer, StreamsOfAHostShareWhatItsPathTakes) {
   EXPECT_EQ(path->room(begin + 10ms), burst);
 }
 
-// What is sent above the rate has left or was dropped: it is no debt for what follows.
+// Bytes sent above the rate have left or were dropped: later frames do not pay for them.
 TEST(Pacer, APathThatWasOverrunIsFreeAgainAtOnce) {
   for (std::optional<int> const pace : {std::optional<int>(), std::optional(1)}) {
     Pacer pacer(pace);
@@ -54,7 +54,7 @@ TEST(Pacer, APathThatWasOverrunIsFreeAgainAtOnce) {
   }
 }
 
-// The rate follows what is demanded for a second and more; a single large frame takes its time.
+// The rate rises with demand that lasts a second or longer; a single large frame is paced.
 TEST(Pacer, TheRateFollowsALastingDemand) {
   constexpr std::size_t frame = 1000000;
   constexpr auto interval = 40ms;
@@ -64,7 +64,7 @@ TEST(Pacer, TheRateFollowsALastingDemand) {
   auto const timeOf = [&] {
     path->sent(frame, 0, now);
     auto const time = path->until(16384, now);
-    now += 1s;  // it drains
+    now += 1s;  // the path drains
     return time;
   };
   auto const usual = timeOf();
@@ -92,8 +92,8 @@ TEST(Pacer, TheRateFollowsALastingDemand) {
   EXPECT_EQ(timeOf(), usual) << "when the demand has ended";
 }
 
-// Where the thread wakes half a millisecond late each time, a small queue of the operator's still does not
-// run empty: ten viewers of 25 kB at 25 a second get all of it through 60 Mbit/s.
+// Even if the thread wakes half a millisecond late each time, a small queue does not run empty: ten viewers
+// of 25 frames of 25 kB a second get all of them at 60 Mbit/s.
 TEST(Pacer, LateWakeUpsCostTheLinkNothing) {
   Pacer pacer(60);
   auto const path = pacer.pathTo(host(1));

@@ -1,4 +1,4 @@
-// A UDP socket with room for all that a test sends.
+// A UDP socket whose buffer holds everything that a test sends.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -11,7 +11,7 @@
 #include "base/uniquefd.h"
 
 struct UdpReceiver {
-  // On 127.0.0.LAST, and a free port or the one given.
+  // Binds to 127.0.0.LAST, on the given port or a free one.
   explicit UdpReceiver(std::uint8_t last = 1, std::uint16_t port = 0) : socket(::socket(AF_INET, SOCK_DGRAM, 0)) {
     int const room = 4 * 1024 * 1024;
     setsockopt(socket.get(), SOL_SOCKET, SO_RCVBUF, &room, sizeof room);

@@ -17,7 +17,7 @@ using namespace kavo::impl;
 
 namespace {
 
-// A frame of those packets; the first 12 bytes of each are the sender's.
+// A frame with packets of these sizes; the first 12 bytes of each are its RTP header.
 class Packets {
  public:
   explicit Packets(std::vector<std::size_t> const& sizes) : m_Payload(2000, 7) {
@@ -39,7 +39,7 @@ class Packets {
   FramePackets m_Packets;
 };
 
-// What the kernel, or a filter in front of it, answers instead of sending.
+// Errors that the kernel, or a filter in front of it, returns instead of sending.
 int g_Refusal = 0;
 
 }  // namespace
@@ -49,13 +49,13 @@ extern "C" int sendmmsg(int socket, mmsghdr* messages, unsigned count, int flags
   return g_Refusal != 0 ? -1 : static_cast<int>(syscall(SYS_sendmmsg, socket, messages, count, flags));
 }
 
-// The same packets in the same order, whichever way the kernel is asked.
+// The same packets arrive in the same order, whichever system call sends them.
 TEST(UdpSender, SendsEveryPacketToEveryDestination) {
   std::vector<std::size_t> const frames[] = {
       {100},
       {1400, 1400, 1400, 300},
       {13, 20, 1400, 1400, 700, 1400, 1400, 1400},
-      std::vector<std::size_t>(70, 1400),  // more than one segmented send may carry
+      std::vector<std::size_t>(70, 1400),  // more than one segmented send carries
       std::vector<std::size_t>(150, 90),
   };
   UniqueFd const sender(socket(AF_INET, SOCK_DGRAM, 0));
@@ -77,8 +77,8 @@ TEST(UdpSender, SendsEveryPacketToEveryDestination) {
   g_Refusal = 0;
 }
 
-// A path that refuses segmentation, one that refuses everything, and one that is known to
-// take no such packet lose it alone.
+// A path that refuses segmentation, a path that refuses everything, and a path known to be too narrow
+// for a packet do not affect the other paths.
 TEST(UdpSender, ARefusedDestinationDisturbsNoOther) {
   UniqueFd const sender(socket(AF_INET, SOCK_DGRAM, 0));
   UdpReceiver receivers[2];

@@ -20,11 +20,11 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// A viewer's two ports on 127.0.0.LAST.
+// The two ports of a viewer on 127.0.0.LAST.
 struct Player {
   explicit Player(std::uint8_t last, std::uint16_t port = 0) : rtp(last, port), rtcp(last) {}
 
-  // The frames that have come, each as a letter for its time stamp; small if only a part came.
+  // The frames received so far: one letter for each time stamp, lower case if the frame is incomplete.
   std::string frames() {
     for (auto const& packet : rtp.packets()) {
       char const letter = static_cast<char>('A' + reassembly::numberAt(packet, 4, 4));
@@ -39,7 +39,7 @@ struct Player {
     }
     return seen;
   }
-  // The same, and the reports that have come since the last call.
+  // The same, followed by the number of reports received since the last call.
   std::string framesAndReports() { return frames() + std::to_string(rtcp.packets().size()); }
 
   UdpReceiver rtp;
@@ -72,7 +72,7 @@ class ViewersTest : public ::testing::Test, public Stream {
     return viewer;
   }
 
-  // Sends the next frame, which is called A at first.
+  // Sends the next frame; the first one is A.
   void send(std::size_t bytes, bool isKeyFrame) {
     auto const frame = m_Pool.take();
     auto const room = frame->reserve(bytes).first(bytes);
@@ -93,7 +93,7 @@ class ViewersTest : public ::testing::Test, public Stream {
     }
     EXPECT_TRUE(condition());
   }
-  // Large enough to leave in bursts, over a tenth of a second at 8 Mbit/s, and small enough not to.
+  // A large frame is sent in bursts over a tenth of a second at 8 Mbit/s; a small frame at once.
   static constexpr std::size_t large = 100000;
   static constexpr std::size_t small = 5000;
 
@@ -127,16 +127,16 @@ TEST_F(ViewersTest, APathThatIsBusyHoldsUpNoOther) {
   runUntil([&] { return busy.frames() == "BC"; });
 }
 
-// One frame waits behind the one that leaves.
+// At most one frame waits behind the frame that is being sent.
 TEST_F(ViewersTest, OfWhatABusyPathDropsNothingIsMissed) {
   struct {
     std::vector<bool> keyFrames;
     char const* received;
     int keyFramesWanted;
   } const cases[] = {
-      {{true, true, true}, "AC", 0},    // every frame is a key frame: the newest waits
-      {{true, false}, "AB", 0},         // what waits is not dropped
-      {{true, false, false}, "AB", 1},  // until the next key frame nothing can be used
+      {{true, true, true}, "AC", 0},    // all are key frames: the newest one waits
+      {{true, false}, "AB", 0},         // the waiting frame is not dropped
+      {{true, false, false}, "AB", 1},  // nothing is usable until the next key frame
       {{true, false, true}, "AC", 0},  {{true, false, false, true}, "AD", 0},
   };
   for (auto const& [keyFrames, received, keyFramesWanted] : cases) {
@@ -164,7 +164,7 @@ TEST_F(ViewersTest, OfWhatABusyPathDropsNothingIsMissed) {
   }
 }
 
-// Whatever ends a viewer in mid-frame: the other's frame is completed.
+// However a viewer ends in mid-frame, the other viewer gets the complete frame.
 TEST_F(ViewersTest, WhoeverLeavesInMidFrameTakesNothingAlong) {
   std::function<void(Viewer&)> const ways[] = {
       [&](Viewer& viewer) { m_Viewers->remove(viewer); },
@@ -200,7 +200,7 @@ TEST_F(ViewersTest, WhoeverLeavesInMidFrameTakesNothingAlong) {
   }
 }
 
-// It lost a frame, so it gets nothing until the next key frame, and packets that fit.
+// The viewer lost a frame: it gets nothing until the next key frame, whose packets fit its path.
 TEST_F(ViewersTest, AViewerWhosePathNarrowsWaitsForAKeyFrame) {
   Player receiver(1);
   Viewer& viewer = join(receiver);
@@ -241,7 +241,7 @@ TEST_F(ViewersTest, ReportsPrecedeFramesAndAViewerThatResumesGetsNoOldFrame) {
   EXPECT_TRUE(m_Viewers->empty());
 }
 
-// A client that starts again takes its own ports over, and nobody else's.
+// A restarted client takes over its own ports, and nobody else's.
 TEST_F(ViewersTest, PortsAreTakenFromTheSameAddressAlone) {
   Player receiver(1);
   Player elsewhere(2, receiver.rtp.port());
@@ -255,7 +255,7 @@ TEST_F(ViewersTest, PortsAreTakenFromTheSameAddressAlone) {
   EXPECT_EQ(other.state(), ViewerState::Joining);
 }
 
-// Whose report it is, how soon it came, and how many a second count.
+// A report counts if it comes from the viewer's address, and at most once in 50 ms.
 TEST_F(ViewersTest, ReportsAreTakenFromTheirViewer) {
   Player receiver(1);
   Player foreign(2);
@@ -265,7 +265,7 @@ TEST_F(ViewersTest, ReportsAreTakenFromTheirViewer) {
   std::uint16_t const server = static_cast<std::uint16_t>(m_Viewers->serverPort(AF_INET) + 1);
   std::vector<std::uint8_t> const empty = {0x80, 201, 0, 1, 0, 0, 0, 9};
   foreign.rtcp.send(empty, server);
-  UdpReceiver(1).send(empty, server);  // behind NAT the port may be another
+  UdpReceiver(1).send(empty, server);  // another port, as behind NAT
   runUntil([&] { return reports == 1; });
   for (int i = 0; i < 20; ++i) {
     receiver.rtcp.send(empty, server);
@@ -276,7 +276,7 @@ TEST_F(ViewersTest, ReportsAreTakenFromTheirViewer) {
   EXPECT_EQ(reports, 1) << "one in 50 ms";
 }
 
-// The time that the receiver has held the sender report is not on the way.
+// The round trip excludes the time for which the receiver held the sender report.
 TEST_F(ViewersTest, TheRoundTripIsWithoutTheTimeThatTheReceiverTook) {
   Player receiver(1);
   Reporter& reporter = m_Viewers->reporter();
@@ -301,7 +301,7 @@ TEST_F(ViewersTest, TheRoundTripIsWithoutTheTimeThatTheReceiverTook) {
   EXPECT_LE(*viewer.reception().roundTrip, Viewer::Clock::now() - sent - 250ms);
 }
 
-// A packet that did not fit for all goes to one after the other, whoever leaves meanwhile.
+// A packet for which the burst is too small goes to one recipient after the other, even if some leave.
 TEST(PacedFrame, ARecipientThatLeavesShiftsNobodysTurn) {
   FramePool pool;
   PacedFrame paced;

@@ -18,7 +18,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// Two ends of a connection.
+// Both ends of a connection.
 struct Pair {
   Pair() {
     int ends[2];
@@ -44,7 +44,7 @@ class EpollSchedulerTest : public ::testing::Test {
   }
   void unwatch(int socket) { scheduler().disableBackgroundHandling(socket); }
 
-  // Runs the loop until the condition holds.
+  // Iterates the loop until the condition holds.
   void runUntil(std::function<bool()> const& condition) {
     auto const end = std::chrono::steady_clock::now() + 20s;
     while (!condition()) {
@@ -86,7 +86,7 @@ TEST_F(EpollSchedulerTest, RunsTriggersFromManyThreadsWithoutALimit) {
   }
   runUntil([&] { return finished == 4; });
   passes(3);
-  // Merged, but none is lost: every trigger that is fired now runs once more, and only once.
+  // Calls coalesce, but none is lost: every trigger that is fired now runs exactly once more.
   std::vector<int> const before(runs.begin(), runs.end());
   for (auto const& trigger : all) {
     trigger->fire();
@@ -99,7 +99,7 @@ TEST_F(EpollSchedulerTest, RunsTriggersFromManyThreadsWithoutALimit) {
   }
 }
 
-// One that is deleted by an earlier one, one that deletes itself, and one made in a handler.
+// A trigger that an earlier one deletes, a trigger that deletes itself, and one created in a handler.
 TEST_F(EpollSchedulerTest, ADeletedTriggerDoesNotRun) {
   std::string runs;
   auto const trigger = [&](char letter, Callback more) {
@@ -115,7 +115,7 @@ TEST_F(EpollSchedulerTest, ADeletedTriggerDoesNotRun) {
     last = trigger('l', [] {});
     last->fire();
     first.reset();
-    runs += '.';  // what the handler holds is still there
+    runs += '.';  // the handler's captures are still alive
   });
   first->fire();
   deleted->fire();
@@ -126,7 +126,7 @@ TEST_F(EpollSchedulerTest, ADeletedTriggerDoesNotRun) {
   EXPECT_EQ(runs, "f.l");
 }
 
-// Calls that wait when the loop ends, and those that come later, learn of it.
+// Calls that are pending when the loop ends, and later calls, are told so.
 TEST_F(EpollSchedulerTest, ACallIsAnsweredAfterTheLoopHasEnded) {
   struct Call : LoopCall {
     void run(bool onLoop) override { answers += onLoop ? 'y' : 'n'; }
@@ -140,9 +140,8 @@ TEST_F(EpollSchedulerTest, ACallIsAnsweredAfterTheLoopHasEnded) {
   EXPECT_EQ(calls[0].answers + "," + calls[1].answers, "n,nn");
 }
 
-// Both sockets are ready at once. Whichever handler runs first closes the other's
-// socket, and opens one under its number, which must not hear of what was its
-// predecessor's.
+// Both sockets are ready at once. The handler that runs first closes the other socket and opens a new one
+// with the same number, which must not get the old socket's event.
 TEST_F(EpollSchedulerTest, ASocketClosedInAHandlerHearsNothingMore) {
   std::unique_ptr<Pair> pairs[] = {std::make_unique<Pair>(), std::make_unique<Pair>()};
   std::unique_ptr<Pair> successor;
@@ -206,7 +205,7 @@ TEST_F(EpollSchedulerTest, HandlesManySocketsTimersAndMoves) {
   pairs[0]->send();
   passes(3);
   EXPECT_EQ(heard[0], 20);
-  pairs[0]->near = std::move(moved.near);  // what the callback reads from
+  pairs[0]->near = std::move(moved.near);  // the callback reads from this one
   moved.send();
   runUntil([&] { return heard[0] == 21; });
 }

@@ -11,7 +11,7 @@ namespace {
 
 constexpr std::size_t mostSteps = 24;
 constexpr unsigned connections = 4;
-// By how often they are chosen: what clients say matters most.
+// How often each kind is chosen: messages of clients matter most.
 constexpr std::string_view weightedKinds = "ssssssssdddgccfrrhhhhmpetx";
 
 constexpr char const* messages[] = {
@@ -57,8 +57,8 @@ constexpr char const* statusRequests[] = {
     "POST / HTTP/1.1\r\nHost: example.com\r\n\r\n",
 };
 
-// Receiver reports (without and with a block, which reports loss), BYE, picture loss indication, full
-// intra request. Of the viewer's stream: {RR} is its SSRC, {LR} the time of its last sender report.
+// Receiver reports (one without a block, one that reports loss), BYE, picture loss indication, full intra
+// request. {RR} stands for the SSRC of the viewer's stream, {LR} for the time of its last sender report.
 std::string const sender = {0, 0, 0, 9};
 std::string const reports[] = {
     std::string("\x80\xc9\x00\x01", 4) + sender,
@@ -96,7 +96,7 @@ Step newStep(std::mt19937& random) {
   return step;
 }
 
-// A line is taken out, doubled or put in, or all are mixed.
+// Removes, duplicates or inserts a line, or shuffles all lines.
 void mutateLines(std::string& bytes, std::mt19937& random) {
   std::vector<std::string> lines;
   std::istringstream text(bytes);
@@ -172,7 +172,7 @@ void mutate(Script& script, std::mt19937& random, std::size_t (*mutateBytes)(std
     case 4:
       step.connection = static_cast<unsigned>(below(random, connections));
       break;
-    case 5: {  // a message that comes in two pieces, or two as one
+    case 5: {  // splits a message in two
       Step rest = step;
       std::size_t const cut = below(random, step.bytes.size() + 1);
       rest.bytes.erase(0, cut);

@@ -1,5 +1,5 @@
-// What clients and the host do, in order: the input of rtspsession_fuzz, as text that a
-// reader and libFuzzer both can change.
+// The input of rtspsession_fuzz: the steps of clients and host, in order, as text that both a reader and
+// libFuzzer can edit.
 #pragma once
 
 #include <cstddef>
@@ -10,16 +10,16 @@
 
 struct Step {
   enum class Kind : char {
-    Send = 's',      // the bytes, on a connection, which is opened first; placeholders are filled in
-    Datagram = 'd',  // the bytes, over UDP to the server's RTCP port of that connection's session
-    Status = 'g',    // the bytes, to the status server
-    Close = 'c',     // the connection, as a process that dies does
-    Finish = 'f',    // sends no more, but reads
-    Read = 'r',      // what has come
+    Send = 's',      // sends the bytes on a connection, opened if necessary; placeholders are filled in
+    Datagram = 'd',  // sends the bytes over UDP to the server's RTCP port for the connection's session
+    Status = 'g',    // sends the bytes to the status server
+    Close = 'c',     // resets the connection, as a process that dies does
+    Finish = 'f',    // shuts the connection down for sending
+    Read = 'r',      // reads what has arrived
     Submit = 'h',    // the host submits a frame to each stream
     Remove = 'm',    // the host removes a session and creates it again
-    Policy = 'p',    // another policy file is written
-    Restart = 'x',   // the host ends serving, and begins again under that policy
+    Policy = 'p',    // the operator writes another policy file
+    Restart = 'x',   // the host stops the server and starts it with a policy
     Clock = 't',     // the monotonic clock jumps ahead
     Refuse = 'e',    // the kernel refuses to send some packets
   };
@@ -30,11 +30,11 @@ struct Step {
 
 using Script = std::vector<Step>;
 
-// "@KIND CONNECTION SIZE\n", the bytes and a line feed for each step; whatever is not that ends it.
+// Each step is "@KIND CONNECTION SIZE\n", the bytes and a line feed; anything else ends the script.
 Script parseScript(std::string const& text);
 std::string textOf(Script const& script);
 
-// One change of a kind that breaks servers: of a byte, a header, a message, or the order.
+// Makes one change of a kind that breaks servers: to a byte, a header, a message or the order.
 void mutate(Script& script, std::mt19937& random, std::size_t (*mutateBytes)(std::uint8_t*, std::size_t, std::size_t));
-// Steps of both.
+// The first steps of one script and the last steps of the other.
 Script crossOver(Script const& one, Script const& other, std::mt19937& random);

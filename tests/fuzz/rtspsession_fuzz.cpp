@@ -1,9 +1,8 @@
-// Sequences of what clients send, over real sockets, against the library that serves in this
-// process: several connections, both address families and transports, RTCP, a slow reader, abrupt
-// ends, questions to the status server; sessions removed, policies that change, init and exit, packets
-// that the kernel refuses, jumps of the clock in between. After each batch of them good viewers have to
-// get whole frames, descriptors have to be as few as before, and nothing may be leaked. A sequence that
-// fails is written to a file by libFuzzer, and runs again when it is given that file.
+// Runs scripts of what clients send, over real sockets, against the library in this process: several
+// connections, both address families and transports, RTCP, a slow reader, abrupt ends, status requests;
+// in between removed sessions, changed policies, init and exit, packets that the kernel refuses and clock
+// jumps. After each batch, good viewers must get whole frames, no descriptor may be left open, and nothing
+// may be leaked. libFuzzer writes a failing script to a file, and runs the file that it is given.
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -36,7 +35,7 @@
 
 #if __has_feature(address_sanitizer)
 #include <sanitizer/lsan_interface.h>
-#else  // the thread sanitizer finds no leaks
+#else  // the thread sanitizer does not look for leaks
 int __lsan_do_recoverable_leak_check() { return 0; }
 #endif
 
@@ -47,7 +46,7 @@ namespace {
 using kavo::impl::UniqueFd;
 using Clock = std::chrono::steady_clock;
 
-constexpr int batch = 200;  // sequences
+constexpr int batch = 200;  // scripts
 constexpr std::chrono::seconds longestWait{60};
 
 [[noreturn]] void fail(char const* what) {
@@ -55,7 +54,7 @@ constexpr std::chrono::seconds longestWait{60};
   std::abort();
 }
 
-// What the kernel answers to so many of the next calls that send packets.
+// The error that the next g_Refusals calls that send packets fail with.
 std::atomic<int> g_Refusal{0};
 std::atomic<int> g_Refusals{0};
 
@@ -67,11 +66,11 @@ bool isRefused() {
   return true;
 }
 
-// The monotonic clock of this process is that far ahead. It goes forward alone.
+// How far the monotonic clock of this process is ahead. It only increases.
 std::atomic<std::int64_t> g_SecondsAhead{0};
 
-// What an operator may have set, from nothing to what lets hardly anybody watch. With those behind
-// the first four no server starts; they may come while it runs.
+// Policies of an operator, from an empty one to one that lets hardly anybody watch. The server starts only
+// with one of the first four; the others are written while it runs.
 constexpr unsigned goodPolicies = 4;
 constexpr char const* policies[] = {
     "# nothing is set\n",
@@ -95,8 +94,8 @@ constexpr char const* policies[] = {
     "[encoding]\nparallel = 1\n",
 };
 
-// The host: an H.264 stream of small pictures, and one of large frames that were encoded elsewhere.
-// Its second thread submits to a JPEG stream all the time, whatever the first one does.
+// The host: an H.264 stream of small frames, and a stream of large encoded frames. Its second thread
+// submits to a JPEG stream all the time, whatever the first thread does.
 class Host {
  public:
   static constexpr std::size_t streams = 3;
@@ -115,7 +114,7 @@ class Host {
     m_Encoded->submit(frame.data(), frame.size());
   }
 
-  // The session, and creates it again.
+  // Removes the session and creates it again.
   void remove(std::size_t stream) {
     if (stream % streams == 0) {
       m_IsRemoved = true;
@@ -133,7 +132,7 @@ class Host {
     m_Raw.reset();
     m_Encoded.reset();
     m_Sessions = {};
-    std::lock_guard const lock(m_Mutex);  // a session may get the handle of one that ended
+    std::lock_guard const lock(m_Mutex);  // a new session may get the handle of a removed one
     ++m_ServerNumber;
     m_Server.reset();
     m_IsRemoved = false;
@@ -216,10 +215,10 @@ class Host {
   std::jthread const m_SecondThread{[this](std::stop_token const& stop) { submitAlways(stop); }};
 };
 
-// A connection of the sequence, and what the server has said on it.
+// A connection of the script, and what the server has sent on it.
 class Client {
  public:
-  // One reads slowly and little, one comes over IPv6.
+  // Number 2 reads slowly, number 3 connects over IPv6.
   explicit Client(unsigned number) : m_IsSlow(number == 2), m_Ipv6(number == 3) {}
 
   bool isOpen() const { return m_Socket.get() >= 0; }
@@ -235,7 +234,7 @@ class Client {
     await(bytes.find("\r\n\r\n") != std::string::npos ? 5 : 0);
   }
 
-  // Takes what has come; waits for something if asked to.
+  // Reads what has arrived, after waiting at most so long for something.
   void await(int milliseconds) {
     char block[16384];
     pollfd readable{m_Socket.get(), POLLIN, 0};
@@ -271,7 +270,7 @@ class Client {
     }
     getsockname(m_Udp.get(), reinterpret_cast<sockaddr*>(&any), &size);
     auto const port = std::to_string(ntohs(any.sin6_port));
-    return port + "-" + port;  // reports leave from where frames arrive
+    return port + "-" + port;  // reports are sent from the port that receives frames
   }
 
   void finish() { shutdown(m_Socket.get(), SHUT_WR); }
@@ -342,7 +341,7 @@ std::string filledIn(std::string text, Host const& host, Client& client, Client 
   return text;
 }
 
-// A question to the status server; only the beginning of the answer is read.
+// Sends a request to the status server and reads only the beginning of the response.
 void askForStatus(Host const& host, std::string const& bytes) {
   UniqueFd const socket(::socket(AF_UNIX, SOCK_STREAM, 0));
   sockaddr_un address{};
@@ -419,7 +418,7 @@ void insist(Condition const& condition, char const* fault) {
   }
 }
 
-// A viewer of each stream and transport that does everything right.
+// Watches each stream over each transport with a viewer that makes no mistakes.
 void watch(Host& host) {
   for (std::size_t i = 0; i < 2 * Host::streams; ++i) {
     std::optional<RtspClient> viewer;
@@ -428,7 +427,7 @@ void watch(Host& host) {
       return i < Host::streams ? viewer->play(host.url(i)) : viewer->playOverUdp(host.url(i));
     };
     auto const sees = [&] {
-      for (int frames = 0; frames < 3; ++frames) {  // a whole one lies between two
+      for (int frames = 0; frames < 3; ++frames) {  // one is complete between two markers
         host.submit();
       }
       return viewer->receivesAFrame();
@@ -441,7 +440,7 @@ void watch(Host& host) {
 
 }  // namespace
 
-// Of everything in this process.
+// Replaces the C library's function in this process.
 extern "C" int clock_gettime(clockid_t clock, timespec* now) {
   long const result = syscall(SYS_clock_gettime, clock, now);
   now->tv_sec += clock == CLOCK_MONOTONIC ? g_SecondsAhead.load(std::memory_order_relaxed) : 0;
@@ -467,7 +466,7 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
   run(parseScript(std::string(data, data + size)), host);
   g_Refusals = 0;
   if (++sequences % batch == 0) {
-    host.restart(0);  // what is still set up over UDP would time out in a minute
+    host.restart(0);  // sessions that are set up over UDP would live on for a minute
     watch(host);
     insist([] { return descriptors() <= fewest + 2; }, "descriptors are left open");
     if (__lsan_do_recoverable_leak_check() != 0) {

@@ -1,4 +1,4 @@
-// Any bytes for each function that reads what others send or submit. --unit=NAME chooses the function.
+// Feeds arbitrary bytes to a function that reads what others send or submit. --unit=NAME chooses the function.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -32,7 +32,7 @@ void jpegHeader(Input input) { require(readJpegHeader(input).length <= input.siz
 
 void rtcp(Input input) { readReceiverReport(input, 0x01010101); }
 
-// What is accepted has ports, or channels that live555 takes for such.
+// An accepted transport has two ports, or two channels in live555's range.
 void transport(Input input) {
   auto const accepted = acceptableTransport(textOf(input));
   require(!accepted ||
@@ -41,7 +41,7 @@ void transport(Input input) {
           "a transport without ports or channels");
 }
 
-// Whatever is accepted names a host of ours.
+// An accepted request has a path and a host.
 void httpRequest(Input input) {
   std::string const text(textOf(input));
   auto const request = HttpRequest::parse(text);
@@ -58,7 +58,7 @@ std::size_t count(std::string_view text, std::string_view word) {
   return found;
 }
 
-// Rebuilt within live555's buffer, with each header once and without a body.
+// The rebuilt request fits live555's buffer, has each header once and no body.
 void checkRequest(Request const& request) {
   auto const text = request.text();
   auto const headers = text.substr(text.find("\r\n"));
@@ -70,7 +70,7 @@ void checkRequest(Request const& request) {
   require(request.cseq.find_first_not_of("0123456789") == std::string::npos, "a CSeq that is no number");
 }
 
-// What comes out of the bytes when they arrive in pieces of a size.
+// What the reader makes of the bytes if they arrive in pieces of this size.
 std::vector<std::string> itemsOf(std::string_view all, std::size_t piece) {
   RequestReader reader;
   std::vector<std::string> items;
@@ -105,7 +105,7 @@ std::vector<Bytes> nalUnitsIn(Input bytes) {
   return units;
 }
 
-// The NAL units that a reader puts together are those of the access unit. Returns whether decoding can start with it.
+// Requires that a reader of the packets reassembles the NAL units. Returns whether decoding can start with them.
 bool checkPackets(bool isH265, Input accessUnit, std::size_t maxPacket) {
   bool isKey = false;
   auto const payloads = reassembly::payloadsOf(maxPacket, [&](FramePackets& packets) {
@@ -121,8 +121,8 @@ void nalPacketizer(Input input) {
   }
   bool const isH265 = input[1] >= 128;
   auto const accessUnit = input.subspan(2);
-  bool const isReadable =
-      std::ranges::none_of(nalUnitsIn(accessUnit), [&](Bytes const& unit) {  // no fragments, a header
+  bool const isReadable = std::ranges::none_of(
+      nalUnitsIn(accessUnit), [&](Bytes const& unit) {  // no header, or the type of a fragmentation unit
         return isH265 ? unit.size() < 2 || (unit[0] >> 1 & 0x3F) == 49 : (unit[0] & 0x1F) == 28;
       });
   if (isReadable) {
@@ -153,7 +153,7 @@ void jpegPacketizer(Input input) {
              160 + input[0] * 5U + input[1] % 5);
 }
 
-// Parts of frames; an input picks among them by number.
+// Parts of frames, which an input selects by number.
 Bytes const h264Parts[] = {{0x67, 0x64, 0, 0x1E, 0xAC, 0xD9},
                            {0x68, 0xEB, 0xE3},
                            {0x65, 0x88, 0x84},
@@ -178,7 +178,7 @@ Bytes const goodJpeg = [] {
   return bytes;
 }();
 
-// Takes bytes from the front of an input; zeros when it has ended.
+// Takes bytes from the front of an input; zeros after its end.
 class Choices {
  public:
   explicit Choices(Input input) : m_Rest(input) {}
@@ -207,7 +207,7 @@ Bytes jpegOf(Choices& choices) {
   return frame;
 }
 
-// Parts with and without start codes, and bytes of the input's own.
+// Concatenates parts with and without start codes, and bytes of the input.
 Bytes accessUnitOf(std::span<Bytes const> parts, Choices& choices) {
   Bytes frame;
   for (auto left = choices.byte() % 6; left > 0; --left) {
@@ -235,7 +235,7 @@ bool isUsable(Function const& function) {
   return true;
 }
 
-// Frames of a host's own encoder, most of them nearly right: a viewer gets what was accepted, whole.
+// Encoded frames, most of them nearly valid. A viewer must get every accepted frame complete.
 void encoded(Input input) {
   Choices choices(input);
   auto const how = choices.byte();

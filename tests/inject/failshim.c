@@ -1,7 +1,7 @@
 /* Preloaded into a process, it makes one call of a function fail, or several in a
- * row: of those that the library makes, on a thread of its own or inside a call
- * of the host (between kavo_inject_enter(1) and (0)), since kavo_inject_arm().
- * With KAVO_INJECT_TRACE in the environment it prints where that was. */
+ * row. After kavo_inject_arm() it counts the calls that the library makes: on a
+ * thread of its own, or inside a call of the host (between kavo_inject_enter(1) and
+ * (0)). If KAVO_INJECT_TRACE is set, it prints a backtrace of each failure. */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
@@ -30,11 +30,11 @@ static int failing = none;
 static long first, count;
 static atomic_int armed;
 
-/* The name of the function of that number, or nothing, and its calls since the last arming. */
+/* The name of a function by number, NULL past the last one; and its calls since kavo_inject_arm(). */
 char const* kavo_inject_name(int number) { return number < functions ? names[number] : NULL; }
 long kavo_inject_calls(int number) { return atomic_load(&calls[number]); }
 
-/* From the at-th call on, as many fail as it says. With no name, calls are counted alone. */
+/* Lets so many calls fail, beginning with the at-th. With an unknown name it only counts calls. */
 void kavo_inject_arm(char const* name, long at, long times) {
   failing = none;
   for (int i = 0; i < functions; ++i) {
@@ -48,13 +48,13 @@ void kavo_inject_arm(char const* name, long at, long times) {
 
 void kavo_inject_disarm(void) { atomic_store(&armed, 0); }
 
-/* Whether the calling thread is in the library. */
+/* Whether the calling thread is inside the library. */
 static __thread int inside __attribute__((tls_model("initial-exec")));
 
 void kavo_inject_enter(int in) { inside = in; }
 
-/* OpenH264 crashes in itself (in Initialize, or at a later frame) when a malloc of
- * its own has failed. */
+/* OpenH264 crashes (in Initialize, or at a later frame) after one of its own
+ * allocations has failed. */
 static int is_openh264(void const* caller) {
   Dl_info object;
   return dladdr(caller, &object) != 0 && object.dli_fname != NULL && strstr(object.dli_fname, "openh264") != NULL;
@@ -74,8 +74,8 @@ static int is_inside_live555(void) {
   return 0;
 }
 
-/* More in a row than the event loop's reserve has an answer for; no exception may
- * then pass through live555. */
+/* More failures in a row than the event loop's reserve can absorb; an exception
+ * would then pass through live555. */
 enum { beyond_reserve = 64 };
 
 static int fails(int function, void const* caller) {
@@ -103,7 +103,7 @@ extern void* __libc_calloc(size_t number, size_t size);
 extern void* __libc_realloc(void* old, size_t size);
 extern void* __libc_memalign(size_t alignment, size_t size);
 
-/* What follows in the order of libraries. */
+/* The next definition in library order. */
 #define NEXT(name)                              \
   ({                                            \
     static __typeof__(name)* next;              \
@@ -118,7 +118,7 @@ static int into_memalign(void** result, size_t alignment, size_t size) {
   return *result == NULL ? ENOMEM : 0;
 }
 
-/* The library's threads are those that it starts. */
+/* A thread that the library starts counts as inside the library. */
 struct start {
   void* (*function)(void*);
   void* argument;

@@ -1,5 +1,6 @@
-// One call fails: the n-th of a function, for all n, or for a sample of so many runs. A host with viewers runs through
-// all commands; each gets a result, the process lives, nothing hangs, and afterwards everything works.
+// Makes one call fail: the n-th of a function, for every n or for a sample of so many runs. A host with viewers
+// executes all commands. Each must return a result, the process must survive, nothing may hang, and everything
+// must work afterwards.
 //
 //   inject_sweep LIBRARY all | RUNS [FUNCTION]
 #include <dlfcn.h>
@@ -51,14 +52,14 @@ int library(int command, void* param, int size) {
 
 constexpr unsigned limitSeconds = 180;
 
-// Milliseconds for a response that may never come.
+// Milliseconds to wait for a response that may never come.
 constexpr int impatient = 250;
 
-std::string g_Folder;  // of the policy and the sockets
+std::string g_Folder;  // for the policy file and the sockets
 
 std::string statusSocket(pid_t process) { return g_Folder + "/" + std::to_string(process); }
 
-// How often a command or a viewer is tried again; more only where more calls than that fail.
+// How often a command or a viewer is retried; increased only if more calls than that fail.
 long g_MaxTries = 40;
 
 template <class Record>
@@ -69,17 +70,17 @@ int call(int command, Record& record) {
 struct Stream {
   kv_session_record session{};
   kv_frame_record frame{};
-  int encodedFrames = 0;  // of a stream whose frames are encoded already
+  int encodedFrames = 0;  // of an encoded stream
 };
 
 std::vector<std::uint8_t> const g_Pixels(64 * 64 * 3 + 4096, 90);
 
-// Tries until it works: a command that failed has changed nothing. The first result.
+// Repeats the command until it succeeds, since a failed one must have changed nothing. Returns the first result.
 int insist(std::function<int()> const& command) {
   int const first = command();
   for (long again = first, tries = 0; again != KV_OK && tries < g_MaxTries; ++tries) {
     again = command();
-    // A server that has failed answers 6 until it is restarted.
+    // A failed server returns 6 until it is restarted.
     bool const gaveUp = tries == g_MaxTries - 1 && again != KV_OK && again != KV_RESOURCE_FAILURE;
     if (again == KV_ALREADY_THERE || again == KV_NAME_IN_USE || gaveUp) {
       std::fprintf(stderr, "a command that failed has half happened: %d, then %ld\n", first, again);
@@ -89,10 +90,10 @@ int insist(std::function<int()> const& command) {
   return first;
 }
 
-// Until it works, too.
+// Repeats a call until it succeeds.
 auto const g_InsistingCall = [](int command, auto& record) { return insist([&] { return call(command, record); }); };
 
-// What OpenH264 breaks when it is out of memory is its own.
+// Returns whether there is a stream: OpenH264 may stay broken after it has run out of memory.
 bool publish(Stream& stream, char const* name, int codec) {
   stream.session = sessionRecord(name);
   stream.frame = createStream(stream.session, videoRecord(KV_RGB24, codec, 64, 64), g_InsistingCall);
@@ -113,7 +114,7 @@ bool publishEncoded(Stream& stream, char const* name) {
   return record.stream != nullptr;
 }
 
-// Numbered, every fifth a key frame.
+// Submits the next frame with its number; every fifth is a key frame.
 void submitEncoded(Stream& stream) {
   int const number = stream.encodedFrames++;
   std::vector<std::uint8_t> bytes;
@@ -130,7 +131,7 @@ void submitEncoded(Stream& stream) {
   call(KV_SUBMIT_ENCODED, frame);
 }
 
-// What has come over TCP since PLAY, of which no frame may refer to one that is missing; their number.
+// Reads the frames that have arrived over TCP since PLAY. None may refer to a missing one. Returns their number.
 int checkedFrames(RtspClient& viewer) {
   int frames = 0;
   for (int last = -1; viewer.hasPacket();) {
@@ -164,7 +165,7 @@ void submit(std::vector<Stream>& streams, int rounds) {
   }
 }
 
-// A new viewer gets a frame from the server that met the failure, unless it ended.
+// A new viewer must get a frame from the server that met the failure, unless that server has failed.
 void requireService(std::uint32_t port, std::vector<Stream>& streams, std::string const& url) {
   for (long tries = 0; tries < g_MaxTries; ++tries) {
     RtspClient viewer(port, false, 0, impatient);
@@ -182,12 +183,12 @@ void requireService(std::uint32_t port, std::vector<Stream>& streams, std::strin
   std::_Exit(6);
 }
 
-// The host's status as JSON; empty where it does not answer.
+// The host's status as JSON; empty if there is no response.
 std::string status() {
   return answerOf(statusSocket(getpid()), "GET /status.json HTTP/1.0\r\nHost: localhost\r\n\r\n", 2);
 }
 
-// All commands, with viewers that come, stay and go; strict: everything must work.
+// Executes all commands, with viewers that join, stay and leave. If strict, everything must work.
 void script(std::uint32_t port, bool strict) {
   auto const require = [=](bool condition, char const* what) {
     if (strict && !condition) {
@@ -229,7 +230,7 @@ int openDescriptors() {
   return static_cast<int>(std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
 }
 
-// In a process of its own: the script with the failure, then twice without.
+// In a process of its own: the script without a failure, with it, and without again.
 // Prints each function with its number of calls.
 int runOne(char const* file, std::string const& function, long at, long count) {
   alarm(limitSeconds);
@@ -255,7 +256,7 @@ int runOne(char const* file, std::string const& function, long at, long count) {
   return 0;
 }
 
-// What it printed, or nothing and a line about what went wrong.
+// Returns the output of the run; if it failed, prints why and returns nullopt.
 std::optional<std::string> runApart(char const* self, char const* library, std::string const& function, long at,
                                     long count) {
   std::string const command = std::string("timeout -s ALRM ") + std::to_string(2 * limitSeconds) + " " + self + " " +
@@ -293,13 +294,13 @@ int main(int argc, char** argv) {
     g_Folder = std::filesystem::path(std::getenv("KAVO_STREAM_STATUS")).parent_path();
     return runOne(argv[1], argv[3], std::atol(argv[4]), std::atol(argv[5]));
   }
-  // Hosts read a policy and answer who asks.
+  // Every host reads a policy and has a status server.
   TemporaryFolder const folder;
   Variable const policy("KAVO_STREAM_CONFIG", folder.file("policy.toml"));
   Variable const status("KAVO_STREAM_STATUS", folder.file("%p"));
   std::ofstream(folder.file("policy.toml")) << "[access]\nallow = [\"127.0.0.0/8\"]\n[server]\nmax_viewers = 100\n";
 
-  std::vector<std::pair<std::string, long>> calls;  // of functions that were called at all
+  std::vector<std::pair<std::string, long>> calls;  // functions that were called at all
   std::istringstream counted(runApart(argv[0], argv[1], "none", 1, 1).value_or(""));
   for (auto [name, number] = std::pair(std::string(), 0L); counted >> name >> number;) {
     if (number > 0 && (argc < 4 || name == argv[3])) {

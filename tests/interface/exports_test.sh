@@ -1,7 +1,6 @@
 #!/usr/bin/env bash
-# exports_test.sh LIBRARY SYMBOLS: the library has the name and exports the symbols that the
-# package's symbols file promises to programs, and no symbol that would keep it from
-# unloading.
+# exports_test.sh LIBRARY SYMBOLS: the library has the soname and exports the symbols that the
+# package's symbols file promises, and no symbol that would prevent unloading.
 set -euo pipefail
 expected=$(awk 'NR == 1 { print $1; next } { sub(/@.*/, "", $1); print $1 }' "$2")
 provided=$(objdump -p "$1" | awk '/SONAME/ { print $2 }'; nm -D --defined-only "$1" | awk '{ print $3 }')

@@ -1,4 +1,4 @@
-// The C++ layer: what its objects own, what its errors say, and the converter.
+// The C++ layer: ownership, error messages, and the converter.
 #include <gtest/gtest.h>
 
 #include <kavo/convert.hpp>
@@ -73,7 +73,7 @@ TEST(PublicLayer, WhatBelongedToAServerThatEndedTouchesNoOther) {
   std::vector<char> const frame(oldStream.frameSize());
   server.reset();
   server = std::make_unique<kavo::Server>(serve());
-  // With the handles that the old ones had.
+  // These get the handles of the old ones.
   kavo::Session session = server->createSession("a");
   kavo::Stream stream = session.createStream(video);
   EXPECT_TRUE(isUnknown([&] { oldStream.submit(frame.data(), frame.size()); }));
@@ -97,11 +97,12 @@ TEST(PublicLayer, TheConverterReadsNothingPastTheFrame) {
     int stride;
     std::size_t size;
   };
-  for (auto const& [layout, stride, size] : {Case{AV_PIX_FMT_YUYV422, 0, 640 * 480 * 2},
-                                             {AV_PIX_FMT_NV12, 0, 640 * 480 * 3 / 2},
-                                             {AV_PIX_FMT_NV12, 704, 704 * 480 * 3 / 2},
-                                             {AV_PIX_FMT_GRAY8, 0, 640 * 480},
-                                             {AV_PIX_FMT_RGB24, 0, 640 * 480 * 3}}) {  // the one it reads past
+  for (auto const& [layout, stride, size] :
+       {Case{AV_PIX_FMT_YUYV422, 0, 640 * 480 * 2},
+        {AV_PIX_FMT_NV12, 0, 640 * 480 * 3 / 2},
+        {AV_PIX_FMT_NV12, 704, 704 * 480 * 3 / 2},
+        {AV_PIX_FMT_GRAY8, 0, 640 * 480},
+        {AV_PIX_FMT_RGB24, 0, 640 * 480 * 3}}) {  // libswscale reads past the end of this one
     kavo::impl::test::GuardedFrame const frame(size);
     std::fill_n(frame.data(), size, std::uint8_t{128});
     kavo::Converter converter(layout, 640, 480, stride);
@@ -112,7 +113,7 @@ TEST(PublicLayer, TheConverterReadsNothingPastTheFrame) {
   }
 }
 
-// White is white in JPEG; what is half a row of colour at an odd height is not left as it was.
+// White stays white in JPEG; at an odd height, the last half row of chroma is converted too.
 TEST(PublicLayer, TheConverterFillsTheFrameInItsRange) {
   for (auto const& [range, white, layout] : {std::tuple(kavo::Range::Full, 255, AV_PIX_FMT_RGB24),
                                              {kavo::Range::Full, 255, AV_PIX_FMT_BGR24},

@@ -1,5 +1,5 @@
-// Classes of a host program with everyday names, which are live555's too. Each
-// says so when its constructor or destructor runs for something that is not the host's.
+// Classes of a host program with everyday names that live555 uses too. Each reports if
+// its constructor or destructor runs for an object that is not the host's.
 #pragma once
 
 #include <cstdio>

@@ -1,4 +1,4 @@
-// Images of other encoders: what RTP/JPEG says of one, and which are refused.
+// Images of other encoders: their RTP/JPEG headers, and the images that are refused.
 #include "rtp/jpegimage.h"
 
 #include <gtest/gtest.h>
@@ -17,7 +17,7 @@ namespace {
 
 using Bytes = std::vector<std::uint8_t>;
 
-// Of 64x48 pixels in 4:2:0, by FFmpeg's encoder.
+// An image of 64x48 pixels in 4:2:0, by FFmpeg's encoder.
 Bytes image() {
   auto const parameter = test::parameters(8, 2, 64, 48, 64, 48);
   Transcoder transcoder(&parameter);
@@ -29,7 +29,7 @@ std::size_t segmentAt(Bytes const& bytes, std::uint8_t marker) {
   return static_cast<std::size_t>(std::ranges::search(bytes, wanted).begin() - bytes.begin());
 }
 
-// Empty: taken.
+// The reason for the refusal; empty if the image is accepted.
 std::string refusalOf(Bytes const& bytes) {
   try {
     JpegImage const read(bytes);

@@ -11,7 +11,7 @@ namespace {
 
 using Bytes = std::vector<std::uint8_t>;
 
-// The NAL units as text, split from a block of exactly the input's size.
+// The NAL units as text, split from a heap block of exactly the input's size.
 std::vector<Bytes> split(Bytes const& input) {
   auto const exact = std::make_unique<std::uint8_t[]>(input.size());
   std::copy(input.begin(), input.end(), exact.get());
@@ -37,7 +37,7 @@ TEST(NalUnits, AreFoundBehindStartCodesOfBothLengths) {
       {{0x67, 1, 0, 0, 1, 0x68, 2, 0, 0, 1, 0x65, 3}, {{0x67, 1}, {0x68, 2}, {0x65, 3}}},
       {{0, 0, 0, 1, 0x65, 3}, {{0x65, 3}}},
       {{0, 0, 1, 0x65, 3}, {{0x65, 3}}},
-      {{0x65, 3, 0, 0, 0}, {{0x65, 3}}},                         // zeros behind the last
+      {{0x65, 3, 0, 0, 0}, {{0x65, 3}}},                         // zeros after the last one
       {{0x65, 3, 0, 0, 1}, {{0x65, 3}}},                         // an empty one at the end
       {{0x65, 0, 0, 1, 0, 0, 1, 0x41, 1}, {{0x65}, {0x41, 1}}},  // an empty one between
       {{0x65, 0, 0, 3, 1, 7}, {{0x65, 0, 0, 3, 1, 7}}},          // emulation prevention

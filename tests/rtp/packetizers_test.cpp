@@ -1,4 +1,4 @@
-// What a reader of the RFCs puts together again is what was packetized.
+// A reader written from the RFCs reassembles exactly what was packetized.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -18,8 +18,8 @@ namespace {
 
 constexpr std::size_t megabyte = 1000000;
 
-// Frame sizes around those at which a packet more is needed, some at random, and
-// now and then a large one.
+// Frame sizes around the boundaries at which one more packet is needed, random sizes, and
+// an occasional large one.
 std::vector<std::size_t> sizesFor(std::size_t maxPacket, std::minstd_rand& random) {
   std::vector<std::size_t> sizes{1, 2, 3, 1 + random() % 5000, 1 + random() % 30000};
   for (std::size_t const multiple : {1U, 2U}) {
@@ -34,7 +34,7 @@ std::vector<std::size_t> sizesFor(std::size_t maxPacket, std::minstd_rand& rando
   return sizes;
 }
 
-// Without start codes inside, and no zero at the end.
+// Bytes without start codes and without a zero at the end.
 Bytes nalUnit(std::uint8_t type, std::size_t size, std::minstd_rand& random) {
   Bytes bytes(size, 0);
   for (auto& byte : bytes) {
@@ -44,7 +44,7 @@ Bytes nalUnit(std::uint8_t type, std::size_t size, std::minstd_rand& random) {
   return bytes;
 }
 
-// The same of H.265.
+// The same for H.265.
 Bytes nalUnit265(std::uint8_t type, std::size_t size, std::minstd_rand& random) {
   Bytes bytes = nalUnit(0, std::max<std::size_t>(2, size), random);
   bytes[0] = static_cast<std::uint8_t>(type << 1);
@@ -127,7 +127,7 @@ TEST(Packetizers, NothingComesOfNothing) {
   EXPECT_EQ(packets.count(), 0U);
 }
 
-// On an RTSP connection each packet follows its channel and length.
+// On an RTSP connection, channel and length precede each packet.
 TEST(Packetizers, TheSamePacketsAreInterleavedOnAnyChannel) {
   std::minstd_rand random(3);
   FramePackets packets;

@@ -11,7 +11,7 @@ namespace reassembly {
 constexpr kavo::impl::RtpHeader rtpHeader{
     .payloadType = 96, .sequence = 65530, .timestamp = 0xFFFFFFF0, .ssrc = 0x12345678};
 
-// The packets as they leave over UDP.
+// The packets as they are sent over UDP.
 inline std::vector<Bytes> packetsOf(kavo::impl::FramePackets& packets) {
   std::vector<Bytes> result;
   packets.end();
@@ -28,7 +28,7 @@ inline std::vector<Bytes> packetsOf(kavo::impl::FramePackets& packets) {
   return result;
 }
 
-// RFC 3550, 5.1: the payloads of the packets that packetize() makes of a frame, after a look at all headers.
+// The payloads of the packets that packetize() makes of a frame. Checks all headers (RFC 3550, 5.1).
 template <class Packetize>
 std::vector<Bytes> payloadsOf(std::size_t maxPacket, Packetize const& packetize) {
   static kavo::impl::FramePackets frame;

@@ -1,5 +1,5 @@
-// What a reader of the RFCs makes of a frame's packets, for tests and fuzzers. Written
-// without a look at the packetizers; every deviation throws.
+// Reassembles a frame from its packets, for tests and fuzzers. Written from the RFCs,
+// without looking at the packetizers; every deviation throws.
 #pragma once
 
 #include <algorithm>
@@ -27,7 +27,7 @@ inline std::uint32_t numberAt(std::span<std::uint8_t const> bytes, std::size_t a
   return number;
 }
 
-// RFC 6184, or RFC 7798 where headers have two bytes: the NAL units.
+// The NAL units: RFC 6184, or RFC 7798 for headers of two bytes.
 inline std::vector<Bytes> nalUnitsOf(std::vector<Bytes> const& payloads, std::size_t headerSize = 1) {
   std::vector<Bytes> nalUnits;
   bool open = false;
@@ -66,7 +66,7 @@ struct Jpeg {
   Bytes scan;
 };
 
-// RFC 2435: the image.
+// The image: RFC 2435.
 inline Jpeg jpegOf(std::vector<Bytes> const& payloads) {
   Jpeg image;
   for (Bytes const& payload : payloads) {

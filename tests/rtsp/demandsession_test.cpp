@@ -1,4 +1,4 @@
-// A stream from its queue to its viewers' sockets.
+// A stream from its queue to the sockets of its viewers.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -21,7 +21,7 @@ using namespace std::chrono_literals;
 namespace {
 
 struct Receiver {
-  // The time stamps of the frames that have come, whose packets all came in turn.
+  // The time stamps of the frames that have arrived. Their packets must be complete and in order.
   std::vector<std::uint32_t> timeStamps() {
     std::vector<std::uint32_t> stamps;
     for (auto const& packet : rtp.packets()) {
@@ -42,7 +42,7 @@ struct Receiver {
   std::optional<std::uint16_t> first;  // packet
   std::optional<std::uint16_t> next;
   std::size_t payload = 0;
-  // What PLAY said.
+  // From the response to PLAY.
   void* viewer = nullptr;
   std::uint16_t sequence = 0;
   std::uint32_t time = 0;
@@ -57,7 +57,7 @@ class DemandSessionTest : public ::testing::Test {
     m_Environment->reclaim();
   }
 
-  // Over UDP, up to PLAY, and then up to the response to it.
+  // SETUP over UDP and PLAY; begin() follows once the response is sent.
   void play(Receiver& player) {
     sockaddr_storage to = player.rtp.address;
     u_int8_t ttl = 0;
@@ -75,7 +75,7 @@ class DemandSessionTest : public ::testing::Test {
   }
   void leave(Receiver& player) { session().deleteStream(1, player.viewer); }
 
-  // A picture of one slice, submitted a minute after the one before.
+  // Pushes a frame of one slice, submitted a minute after the previous one.
   void push(bool isKeyFrame = true, int size = 3000) { push(m_Time += 60s, isKeyFrame, size); }
   void push(Clock::time_point submitted, bool isKeyFrame = true, int size = 3000) {
     FrameSourceHandler::FrameData frame{};
@@ -89,7 +89,7 @@ class DemandSessionTest : public ::testing::Test {
     m_Session->signalNewFrame(m_Scheduler.get());
   }
 
-  // The time stamps of so many frames that come, and of those that came before.
+  // Waits for so many frames and returns the time stamps of all that have arrived.
   std::vector<std::uint32_t> receive(Receiver& player, std::size_t count) {
     std::vector<std::uint32_t> stamps;
     for (auto const end = Clock::now() + 20s; stamps.size() < count && Clock::now() < end;) {
@@ -118,11 +118,11 @@ class DemandSessionTest : public ::testing::Test {
 
 }  // namespace
 
-// Frames that leave at once, and some that are paced.
+// With frames that are sent at once, and with frames that are paced.
 TEST_F(DemandSessionTest, WhoeverJoinsBeginsWithTheNewestFrame) {
   for (int const size : {3000, 100000}) {
     SCOPED_TRACE(size);
-    m_Queue->observer().add(Count::Offered);  // there is no newest frame yet
+    m_Queue->observer().add(Count::Offered);  // no frame has been delivered yet
     Receiver first;
     join(first);
     push(true, size);
@@ -139,7 +139,7 @@ TEST_F(DemandSessionTest, WhoeverJoinsBeginsWithTheNewestFrame) {
     leave(first);
     leave(later);
   }
-  // After all have left it is sent once more, unless others have been submitted since.
+  // It is sent again after all have left, unless frames have been submitted since.
   Receiver afterAll;
   join(afterAll);
   EXPECT_EQ(receive(afterAll, 1), std::vector{afterAll.time});
@@ -152,7 +152,7 @@ TEST_F(DemandSessionTest, WhoeverJoinsBeginsWithTheNewestFrame) {
   EXPECT_EQ(last.timeStamps().size(), 0U) << "a picture that others have followed";
 }
 
-// Where its key frame comes after frames that it does not get.
+// Its key frame follows frames that it does not get.
 TEST_F(DemandSessionTest, WhoeverWaitsForAKeyFrameIsToldNoFirstPacket) {
   join(m_Player);
   EXPECT_TRUE(viewer(m_Player).isSequenceKnown());
@@ -168,7 +168,7 @@ TEST_F(DemandSessionTest, WhoeverWaitsForAKeyFrameIsToldNoFirstPacket) {
   EXPECT_EQ(receive(m_Player, 2).size(), 2U);
 }
 
-// Also where none came for longer than RTP time takes to come round, or two came at once.
+// Even after a pause longer than the range of RTP time, and for frames submitted at the same time.
 TEST_F(DemandSessionTest, RtpTimeFollowsTheTimeOfSubmission) {
   join(m_Player);
   auto const begin = Clock::now();
@@ -179,7 +179,7 @@ TEST_F(DemandSessionTest, RtpTimeFollowsTheTimeOfSubmission) {
     expected.push_back(
         static_cast<std::uint32_t>(std::chrono::duration_cast<std::chrono::microseconds>(time).count() * 9 / 100));
   }
-  expected[2] += 1;  // frames of different times never share one
+  expected[2] += 1;  // different frames never share a time stamp
   expected[3] += 2;
   auto const stamps = receive(m_Player, std::size(times));
   ASSERT_EQ(stamps.size(), std::size(times));
@@ -207,7 +207,7 @@ TEST_F(DemandSessionTest, NothingIsEncodedAfterTheLastViewerHasLeft) {
   EXPECT_EQ(receive(again, 1).size(), 1U);
 }
 
-// Reports count packets, and the octets of their payloads.
+// Sender reports count packets and payload octets.
 TEST_F(DemandSessionTest, SenderReportsCountWhatWasSent) {
   join(m_Player);
   push();

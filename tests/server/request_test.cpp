@@ -42,7 +42,7 @@ TEST(Request, IsRebuiltFromWhatIsUnderstood) {
   EXPECT_EQ(parse("PLAY /c RTSP/1.0\r\nRequire: a.b, CSeq: 9").require, "a.b, CSeq? 9") << "it is sent back";
 }
 
-// Whatever others could read otherwise, its length above all.
+// Requests that another reader could interpret differently, above all in their length.
 TEST(Request, IsRefusedWhereItCanBeReadInTwoWays) {
   std::string const head = "OPTIONS * RTSP/1.0\r\nCSeq: 7\r\n";
   for (std::string const lines :

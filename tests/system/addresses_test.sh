@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# The URL of a session has the machine's own address of that moment: each case in a network
-# namespace of its own. Exit status 77 (skipped) where namespaces are not allowed.
+# The URL of a session has the machine's current address. Each case runs in a network namespace
+# of its own. Exit status 77 (skipped) if namespaces are not allowed.
 set -euo pipefail
 publish=$1
 unshare -n true 2>/dev/null || {
@@ -9,9 +9,9 @@ unshare -n true 2>/dev/null || {
 }
 . "$(dirname "$0")/publisher.sh"
 
-# url SETUP ADDRESS: after the setup, a session is at the address.
+# url SETUP ADDRESS: after the setup, the URL of a session has the address.
 url() {
-  # shellcheck disable=SC2016  # the inner shell's
+  # shellcheck disable=SC2016  # the inner shell expands them
   unshare -n sh -ec 'ip link set lo up; eval "$1"; exec "$2" --duration 0.1 --codec jpeg' sh "$1" "$publish" \
     >"$work/out" 2>&1 || die "$(cat "$work/out")"
   grep -qF "rtsp://$2:" "$work/out" || die "with '$1' not $2: $(cat "$work/out")"

@@ -1,6 +1,6 @@
-/* Preloaded into a process, it shifts the process's clocks by the numbers of
- * seconds that the file KAVO_CLOCK_FILE holds (8 bytes for the wall clock, 8 for
- * the monotonic one), which the test changes while the process runs. */
+/* Preloaded into a process, it shifts the clocks by the seconds in the file
+ * KAVO_CLOCK_FILE (8 bytes for the wall clock, 8 for the monotonic clock), which
+ * the test changes while the process runs. */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <fcntl.h>

@@ -1,4 +1,4 @@
-// A wall clock that is set, as a camera's is after boot, while viewers watch.
+// The wall clock is set while viewers watch, as a camera's is after boot.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -16,22 +16,22 @@ std::uint32_t numberAt(std::vector<std::uint8_t> const& bytes, std::size_t at) {
   return static_cast<std::uint32_t>(bytes[at] << 24 | bytes[at + 1] << 16 | bytes[at + 2] << 8 | bytes[at + 3]);
 }
 
-// What a sender report says: the same moment on both clocks.
+// One moment on both clocks, from a sender report.
 struct Moment {
   double wall;
   std::uint32_t rtp;
 };
 
-// One viewer, with what it has seen so far.
+// A viewer and what it has received so far.
 class Watcher {
  public:
   Watcher(ShiftedPublisher const& publisher, bool tcp) : m_Client(publisher.port()) {
     EXPECT_TRUE(tcp ? m_Client.play(publisher.url()) : m_Client.playOverUdp(publisher.url()));
   }
 
-  // Reads frames, without a jump in RTP time from one to the next, until a sender
-  // report carries the clock that is ahead by so much: at most 5 s of RTP time, behind what
-  // had arrived before, while others were waited for.
+  // Reads frames until a sender report carries the clock that is ahead by this shift. RTP time must not
+  // jump, and the report must come soon: within 11 s of RTP time, which includes frames that arrived while
+  // the test waited for other viewers.
   void follow(std::int64_t shift) {
     std::optional<std::uint32_t> begin;
     while (true) {
@@ -57,7 +57,7 @@ class Watcher {
   int frames() const { return m_Frames; }
 
  private:
-  // The first one by this machine's clock, roughly; the others exactly, by the first.
+  // Compares the first report with this machine's clock, roughly, and later ones with the first, exactly.
   bool isReportAt(std::vector<std::uint8_t> const& report, std::int64_t shift) {
     constexpr double from1900To1970 = 2208988800.0;
     double const wall = numberAt(report, 8) + numberAt(report, 12) / 4294967296.0 - static_cast<double>(shift);
@@ -76,7 +76,7 @@ class Watcher {
 
 }  // namespace
 
-// NTP's 32 bits of seconds are not left by any of these.
+// All times fit NTP's 32 bits of seconds.
 TEST(ClockSteps, DelayNoFrameMoveNoRtpTimeAndAreReportedSoon) {
   ShiftedPublisher publishers[] = {ShiftedPublisher("jpeg"), ShiftedPublisher("h264")};
   std::deque<Watcher> watchers;
@@ -96,7 +96,7 @@ TEST(ClockSteps, DelayNoFrameMoveNoRtpTimeAndAreReportedSoon) {
       thread.join();
     }
   };
-  step(-600);  // before the first frame, or just behind it
+  step(-600);  // before the first frame, or just after it
   for (std::int64_t const seconds : {3600, 3599, -1000}) {
     int const before = watchers[0].frames();
     step(seconds);

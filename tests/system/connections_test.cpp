@@ -1,4 +1,4 @@
-// Many connections, silent ones, and a process that runs out of descriptors.
+// A process that runs out of descriptors, and requests that the server does not support.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -19,7 +19,7 @@ TEST(Connections, ALoopOutOfDescriptorsRestsAndComesBack) {
   host.serveLive("stream");
   RtspClient viewer(host.port());
   ASSERT_TRUE(viewer.play(host.url("stream")));
-  // The host itself uses up all descriptors but the one for the newcomer's end.
+  // The host uses up all descriptors but one, for the newcomer's end.
   DescriptorLimit const limit(64);
   std::vector<int> files;
   for (int file; (file = dup(0)) >= 0;) {
@@ -28,15 +28,15 @@ TEST(Connections, ALoopOutOfDescriptorsRestsAndComesBack) {
   close(files.back());
   files.pop_back();
   RtspClient newcomer(host.port());
-  ASSERT_TRUE(newcomer.connected());  // by the kernel, in the backlog
+  ASSERT_TRUE(newcomer.connected());  // by the kernel: the connection waits in the backlog
   [[maybe_unused]] double const before = cpuSeconds();
   [[maybe_unused]] auto const begin = std::chrono::steady_clock::now();
   for (int i = 0; i < 30; ++i) {
     EXPECT_TRUE(viewer.receivesAFrame());
   }
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // which multiply what encoding takes
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // which multiply the CPU time of encoding
   double const elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
-  // Spinning would take a whole core; encoding and sending these frames takes little of one.
+  // A spinning loop takes a whole core; encoding and sending these frames takes a fraction of one.
   EXPECT_LT(cpuSeconds() - before, elapsed * 0.9);
 #endif
   for (int const file : files) {

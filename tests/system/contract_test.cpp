@@ -1,5 +1,5 @@
-// What existing hosts and clients rely on, each once: numbers and texts written out here, and not
-// taken from the library.
+// Everything that existing hosts and clients rely on, once each. Numbers and texts are written out here,
+// not taken from the library.
 #include <gtest/gtest.h>
 #include <regex.h>
 
@@ -35,7 +35,7 @@ int call(int command, Record& record) {
   return kv_Stream(command, &record, static_cast<int>(sizeof record));
 }
 
-// The server with a stream of each codec.
+// A server with a stream of each codec.
 class Contract : public ::testing::Test {
  protected:
   Contract() {
@@ -52,7 +52,7 @@ class Contract : public ::testing::Test {
   std::uint32_t const m_Port = onFreePort([](std::uint32_t port) { return call(KV_INIT, port) == KV_OK; });
 };
 
-// Whether the text is what the extended regular expression says, from its beginning to its end.
+// Whether the whole text matches the extended regular expression.
 bool matches(std::string const& text, std::string const& pattern, regmatch_t* groups = nullptr, std::size_t count = 0) {
   regex_t expression;
   EXPECT_EQ(regcomp(&expression, ("^" + pattern + "$").c_str(), REG_EXTENDED), 0);
@@ -61,7 +61,7 @@ bool matches(std::string const& text, std::string const& pattern, regmatch_t* gr
   return result;
 }
 
-// Of a moving picture, so that rate control has something to do.
+// A frame of a moving picture, so that rate control has something to do.
 Bytes pictureOf(int number, int width, int height) {
   Bytes picture(static_cast<std::size_t>(width * height * 3 / 2) + 4096, 128);
   for (int at = 0; at < width * height; ++at) {
@@ -111,7 +111,7 @@ TEST_F(Contract, PortsTimeoutAndThread) {
   EXPECT_TRUE(found) << "no thread of that name";
 }
 
-// Where nobody has it, the port is 8554.
+// Tested only if port 8554 is free.
 TEST(ContractOfInit, TheDefaultPort) {
   if (!RtspClient(8554).connected()) {
     ASSERT_EQ(kv_Stream(KV_INIT, nullptr, 0), KV_OK);
@@ -140,7 +140,7 @@ TEST(ContractOfErrors, NothingElseEscapes) {
   EXPECT_EQ(result([] { throw 7; }), -1);
 }
 
-// Byte for byte what FFmpeg's encoder makes with these settings, of a picture scaled with this one.
+// The same bytes as FFmpeg's encoder with these settings, of a frame scaled with this flag.
 class ContractOfJpeg : public ::testing::TestWithParam<int> {};
 
 TEST_P(ContractOfJpeg, TheEncodersSettings) {
@@ -184,10 +184,10 @@ TEST_P(ContractOfJpeg, TheEncodersSettings) {
   avcodec_free_context(&owned);
 }
 
-// The smallest and the largest reach the ends of the quantizer's range.
+// The lowest and the highest reach the ends of the quantizer's range.
 INSTANTIATE_TEST_SUITE_P(Bitrates, ContractOfJpeg, ::testing::Values(200, 20000, 20000000));
 
-// Byte for byte what OpenH264 makes with these settings.
+// The same bytes as OpenH264 with these settings.
 TEST(ContractOfH264, TheEncodersSettings) {
   auto parameter = test::parameters(28, 0, 64, 48, 64, 48);
   parameter.m_Bitrate = 50000;

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# kavo-publish --copy: what players decode is, frame by frame, what the file holds; and what cannot be
-# copied is refused with the reason.
+# kavo-publish --copy: players decode exactly the frames of the file, and a file that cannot be copied is
+# refused with the reason.
 set -euo pipefail
 publish=$1
 seconds=${2:-2}
@@ -17,7 +17,7 @@ make_film 420.avi "${jpeg[@]}" -huffman default
 make_film restarts.avi "${jpeg[@]}" -huffman default -slices 4
 gst-launch-1.0 -q videotestsrc num-buffers=$frames pattern=ball animation-mode=frames ! \
   video/x-raw,format=Y42B,width=320,height=240,framerate=25/1 ! jpegenc ! avimux ! filesink location="$work/422.avi"
-# As USB cameras send it: without the Huffman tables that everybody knows.
+# Like a USB camera: without the standard Huffman tables.
 ffmpeg -v error -i "$work/422.avi" -c copy -f mjpeg "$work/422.mjpeg"
 python3 - "$work/422.mjpeg" "$work/bare.mjpeg" <<'EOF'
 import sys
@@ -35,7 +35,7 @@ make_film optimal.avi "${jpeg[@]}" -huffman optimal
 make_film 422_tall.avi -pix_fmt yuvj422p -c:v mjpeg -huffman default
 make_film mpeg4.avi -c:v mpeg4
 
-# watch NAME CODEC: by two players over TCP and UDP, what they decode into files.
+# watch NAME CODEC: starts two players over TCP and UDP, which write what they decode to files.
 watch() {
   local url="rtsp://127.0.0.1:$port/$1" decoder transport
   case $2 in
@@ -46,7 +46,7 @@ watch() {
   for transport in tcp udp; do
     ffmpeg -nostdin -v error -rtsp_transport $transport -i "$url" -fps_mode passthrough -frames:v $frames \
       -f framemd5 -y "$work/$1.ffmpeg-$transport" || return 1 &
-    # One more than are compared: an element that ends does not hand on its last.
+    # One more than is compared: identity drops the last frame when it ends.
     timeout 60 gst-launch-1.0 -q rtspsrc location="$url" protocols=$transport latency=200 ! $decoder ! \
       identity eos-after=$((frames + 1)) ! filesink location="$work/$1.gstreamer-$transport" || return 1 &
   done
@@ -92,7 +92,7 @@ for i in "${!inputs[@]}"; do
 done
 stop
 
-# refused TEXT FILE: one line with the text.
+# refused TEXT FILE: prints one line with the text.
 refused() {
   ! "$publish" --port "$(free_port)" --duration 20 --copy "$work/$2" >"$work/out" 2>"$work/err" || die "$2 is copied"
   grep -q -- "cannot be copied: .*$1.*; leave --copy out to re-encode it" "$work/err" || die "$2: $(cat "$work/err")"

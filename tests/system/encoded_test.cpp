@@ -1,4 +1,4 @@
-// Frames that the host has encoded: what is taken, what is refused, and what viewers get of it.
+// Frames that the host has encoded: what is accepted, what is refused, and what viewers get.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -30,7 +30,7 @@ class EncodedStreams : public ::testing::Test {
                                       0,    0x90, 0,    0,    3,    0,    0,    3,    0, 0x3F, 0x95};
   inline static Bytes const sps265 = {0x42, 0x01, 0x01, 0x01, 0x60, 0, 0, 3, 0, 0x90, 0, 0, 3, 0, 0, 3, 0, 0x3F, 0xA0};
   inline static Bytes const pps265 = {0x44, 0x01, 0xC1, 0x72};
-  inline static Bytes const cra265 = {0x2A, 0x01, 0xAF, 0x11};  // a key frame, though no IDR
+  inline static Bytes const cra265 = {0x2A, 0x01, 0xAF, 0x11};  // a key frame, although not an IDR
   inline static Bytes const inter265 = {0x02, 0x01, 0xD0, 0x11};
 
   EncodedStreams() {
@@ -84,7 +84,7 @@ class EncodedStreams : public ::testing::Test {
   std::string url() const { return m_Host.url("stream"); }
   std::string description() { return RtspClient(m_Host.port()).request("DESCRIBE", url()).text; }
 
-  // The NAL units of the next frame, and its RTP time; none if none comes.
+  // The NAL units of the next frame; empty if none arrives. Sets m_RtpTime.
   std::vector<Bytes> nextFrame(RtspClient& viewer) {
     std::vector<Bytes> payloads;
     for (auto packet = viewer.packet(); packet.channel >= 0; packet = viewer.packet()) {
@@ -195,7 +195,7 @@ TEST_F(EncodedStreams, ResultsOfFrames) {
   EXPECT_EQ(m_Host.call(KV_SUBMIT_ENCODED, record), KV_INVALID_PARAMETER) << "an encoded frame for a raw stream";
 }
 
-// Whoever begins with it can decode it, and a delimiter stays first.
+// The key frame can be decoded by itself, and a delimiter stays first.
 TEST_F(EncodedStreams, AViewerBeginsWithAKeyFrameAndItsParameterSets) {
   create(KV_CODEC_H264, annexB({sps, pps}));
   RtspClient viewer(m_Host.port());
@@ -230,7 +230,7 @@ TEST_F(EncodedStreams, OfH265AnyIrapIsAKeyFrame) {
   EXPECT_EQ(nextFrame(viewer), (NalUnits{vps265, sps265, pps265, cra265}));
 }
 
-// Those of the record, then those that came in band; without any, what FU-A needs.
+// The parameter sets of the record, then those submitted in band; without any, only the packetization mode.
 TEST_F(EncodedStreams, TheDescriptionTellsTheParameterSetsInUse) {
   create(KV_CODEC_H264);
   auto const before = description();
@@ -299,7 +299,7 @@ TEST_F(EncodedStreams, CaptureTimesGoOn) {
   EXPECT_EQ(submit(annexB({idr})), KV_OK) << "now";
 }
 
-// A host that submits faster than frames leave: what is missing is never referred to.
+// The host submits faster than frames are sent: no frame that arrives refers to a dropped one.
 TEST_F(EncodedStreams, AfterADroppedFrameComesAKeyFrame) {
   create(KV_CODEC_H264, annexB({sps, pps}));
   RtspClient viewer(m_Host.port());

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Every example publishes, and a player sees a frame of it.
+# Every example publishes, and a player shows a frame.
 #   examples_test.sh FOLDER_OF_BUILT_EXAMPLES LIBRARY SOURCES
 set -euo pipefail
 built=$1
@@ -9,11 +9,11 @@ export PYTHONPATH PYTHONDONTWRITEBYTECODE=1
 sources=$3
 . "$(dirname "$0")/publisher.sh"
 
-# watched NAME PORT COMMAND...: starts it, and saves a frame of its session.
+# watched NAME PORT COMMAND...: starts the example and saves a frame of its session.
 watched() {
   local name=$1 port=$2
   shift 2
-  : >"$work/out"  # what the last one said
+  : >"$work/out"  # discards the output of the previous example
   "$@" >"$work/out" 2>"$work/err" &
   local pid=$!
   for _ in $(seq 400); do
@@ -34,7 +34,7 @@ p=$(free_port); watched encoded "$p" "$built/example_host_c" "$p" 30
 p=$(free_port); watched camera3 "$p" "$built/example_many_cameras" 5 "$p" 30
 p=$(free_port); watched encoded "$p" "$built/example_encoded" "$p" 30
 p=$(free_port); watched host "$p" python3 "$sources/host.py" "$p" 30
-# They end by themselves too.
+# They end cleanly by themselves, too.
 "$built/example_host" "$(free_port)" 1 >/dev/null
 if [ -e /dev/video0 ]; then
   p=$(free_port); watched camera "$p" "$built/example_v4l2" /dev/video0 "$p" 30

@@ -62,7 +62,7 @@ Host::Stream& Host::publish(std::string const& name, int format, int codec, int 
 }
 
 void Host::startSubmitting() {
-  constexpr int scrolledRows = 149;  // farther than encoders look
+  constexpr int scrolledRows = 149;  // farther than encoders search for motion
   m_Submitting = true;
   m_Submitter = std::thread([this] {
     while (m_Submitting) {

@@ -1,5 +1,5 @@
-// A host program: loads the built library, serves on a free port and submits
-// frames from a thread of its own.
+// A host program: loads the built library, serves on a free port, and submits
+// frames on a thread of its own.
 #pragma once
 
 #include <atomic>
@@ -17,13 +17,13 @@ class Host {
   struct Stream {
     std::string name;
     kv_frame_record record{};
-    std::vector<std::uint8_t> frame;  // with more rows than a frame of a packed format has, it scrolls
+    std::vector<std::uint8_t> frame;  // scrolls if it has more rows than a frame of a packed format
     std::size_t frameSize = 0;
     int width = 0;
     int height = 0;
   };
 
-  // Whose server another one has started on the port, if given.
+  // With a port: another Host has started the server on it.
   explicit Host(std::uint32_t port = 0);
   ~Host();
   Host(Host const&) = delete;
@@ -35,27 +35,27 @@ class Host {
     return call(command, &record, static_cast<int>(sizeof record));
   }
 
-  // Serves on a free port, or on the one given.
+  // Starts the server on a free port, or on the given one.
   void serve();
   int serveOn(std::uint32_t port);
   std::uint32_t port() const { return m_Port; }
-  // Ends serving; the streams are gone with it.
+  // Ends the server and its streams.
   int exit();
 
-  // A session with one stream of the test pattern; its frames are submitted
-  // from startSubmitting() on, all streams at once every few milliseconds. Its
-  // encoded frames are of the same size, or square with that many pixels a side.
+  // Creates a session with one stream of the test pattern. startSubmitting() submits its
+  // frames, all streams together every 30 ms. Encoded frames have the same size, or are
+  // squares with publishedSize pixels a side.
   Stream& publish(std::string const& name, int format = KV_BGR24, int codec = KV_CODEC_MJPEG, int width = 320,
                   int height = 240, int bitrate = 800000, int publishedSize = 0);
   void startSubmitting();
-  // All of it: serves one stream of the test pattern, and submits its frames.
+  // Starts the server with one stream of the test pattern, and submits its frames.
   void serveLive(std::string const& name, int codec = KV_CODEC_MJPEG);
   void stopSubmitting();
-  // Rounds of frames submitted so far.
+  // How often all streams have been submitted to.
   int submitted() const { return m_Submitted; }
   int failedSubmits() const { return m_FailedSubmits; }
 
-  // Of all streams published.
+  // The names of all published streams.
   std::vector<std::string> names() const;
   std::string url(std::string const& name, std::string const& address = "127.0.0.1") const;
 

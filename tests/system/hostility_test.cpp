@@ -1,4 +1,4 @@
-// Clients that do wrong, by accident or on purpose, and the others who watch.
+// Clients that misbehave, by accident or on purpose, and other viewers meanwhile.
 #include <gtest/gtest.h>
 #include <malloc.h>
 
@@ -51,7 +51,7 @@ TEST_F(Hostility, AViewerWhoAsksTwiceGetsEveryPacketOnce) {
   expectEveryPacketOnce(viewer);
 }
 
-// Neither by what stands in a body, nor by a length that can be read in two ways.
+// Neither a body nor a length that can be read in two ways smuggles in a request.
 TEST_F(Hostility, ABodyIsNeverAnswered) {
   std::string const inner =
       "GET /stream HTTP/1.0\r\nx-sessioncookie: a\r\nAccept: application/x-rtsp-tunnelled\r\n\r\n";
@@ -90,8 +90,8 @@ TEST_F(Hostility, SessionsAreBoundedAndFailedOnesLeaveNothing) {
   expectAFrame();
 }
 
-// Reports of 100,000 senders, byes with reasons, and what is no RTCP, from
-// nobody and from a viewer: no memory is taken, and nobody waits.
+// Reports of 30,000 senders, BYEs with reasons and datagrams that are not RTCP, from a viewer and from
+// strangers: they take no memory and delay nobody.
 TEST_F(Hostility, DatagramsFromAnybodyCostNothing) {
   RtspClient viewer(m_Host.port());
   ASSERT_TRUE(viewer.playOverUdp(url()) && viewer.receivesAFrame());
@@ -120,7 +120,7 @@ TEST_F(Hostility, UrgentDataCostsNoCpu) {
   EXPECT_EQ(client.request("OPTIONS", url()).status, 200);
   client.sendUrgentByte();
   auto const cpu = std::clock();
-  std::this_thread::sleep_for(std::chrono::seconds(1));  // the time of which a loop that spins takes all
+  std::this_thread::sleep_for(std::chrono::seconds(1));  // a spinning loop takes all of it
   EXPECT_LT(std::clock() - cpu, CLOCKS_PER_SEC / 2);
   EXPECT_EQ(client.request("OPTIONS", url()).status, 200);
 }

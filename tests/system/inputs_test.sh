@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# kavo-publish: files and other sources, seen in a player.
+# kavo-publish: what a player shows of files and other sources.
 set -euo pipefail
 publish=$1
 . "$(dirname "$0")/publisher.sh"
@@ -15,7 +15,7 @@ green() {
   esac
 }
 
-# A real file, twice over, comes out in its colour.
+# A file that is looped keeps its colour.
 ffmpeg -v error -f lavfi -i color=c=0x00c000:size=320x240:rate=25 -t 1 -pix_fmt yuv420p "$work/green.mp4"
 start --loop "$work/green.mp4"
 refused 1 "cannot serve on port $port" --port "$port"
@@ -24,7 +24,7 @@ stop
 [ -f "$work/seen40.png" ] || die "the file did not start again"
 green "$work/seen1.png"
 
-# As JPEG, white is white and red is red, in the input's size and in another.
+# In JPEG, white stays white and red stays red, in the input's size and in another.
 for colour in white red; do
   ffmpeg -v error -f lavfi -i color=c=$colour:size=320x240:rate=25 -t 1 -pix_fmt yuv420p "$work/$colour.mp4"
 done
@@ -59,7 +59,7 @@ assert any(line.get("viewers") == 1 for line in lines), "viewers"
 assert large["encoded"] == 0 and large["unwatched"] == large["offered"] > 0, "not watched"
 EOF
 
-# A film from a telephone on its side, with pixels half as wide as high, is turned upright.
+# A rotated film, as telephones record it, with pixels half as wide as high, is turned upright.
 ffmpeg -v error -i "$work/green.mp4" -vf setsar=1/2 "$work/narrow.mp4"
 ffmpeg -v error -display_rotation 90 -i "$work/narrow.mp4" -c copy "$work/turned.mp4"
 start --json --loop "$work/turned.mp4"
@@ -69,7 +69,7 @@ green "$work/upright.png"
 [[ $(ffprobe -v error -show_entries stream=width,height -of csv=p=0 "$work/upright.png") = 240,160 ]] || die "not upright"
 refused 0 'has one frame; --loop' "$work/upright.png"
 
-# A source that is lost ends it with 1, or is opened again; the picture keeps its size.
+# If the source is lost, it ends with 1 or, with --reconnect, opens the source again. The frame keeps its size.
 start --loop --name camera --size 320x240 "$work/green.mp4"
 camera=$pid url=rtsp://127.0.0.1:$port/camera again=$port
 start "$url"

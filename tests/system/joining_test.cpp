@@ -1,4 +1,4 @@
-// Viewers that come to an H.264 stream begin with a whole frame, at once.
+// Viewers that join an H.264 stream begin with a complete frame, at once.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -31,9 +31,9 @@ class Joining : public ::testing::Test {
 
 }  // namespace
 
-// The regular key frame comes every 50 frames.
+// There is a regular key frame every 50 frames.
 TEST_F(Joining, ALaterViewerDoesNotWaitForTheRegularKeyFrame) {
-  // RTP-Info names the first packet where it is known.
+  // RTP-Info names the first packet if it is known.
   auto const join = [&](RtspClient& viewer) {
     EXPECT_EQ(viewer.setUpOverUdp(url()).status, 200);
     return viewer.request("PLAY", url()).header("RTP-Info");
@@ -50,11 +50,11 @@ TEST_F(Joining, ALaterViewerDoesNotWaitForTheRegularKeyFrame) {
   EXPECT_LT(m_Host.submitted() - asked, 25);
 }
 
-// By a report of more lost packets, by RFC 4585's picture loss indication, and
+// It asks by a report of lost packets, by RFC 4585's picture loss indication, and
 // by RFC 5104's full intra request.
 TEST_F(Joining, AViewerThatLosesPacketsGetsAKeyFrame) {
   using Bytes = std::vector<std::uint8_t>;
-  // What stands before the sender's SSRC, and behind it.
+  // The bytes before the sender's SSRC, and after it.
   std::pair<Bytes, Bytes> const requests[] = {
       {{0x81, 201, 0, 7, 0, 0, 0, 9}, {12, 0, 0, 3, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}},
       {{0x80, 201, 0, 1, 0, 0, 0, 9, 0x81, 206, 0, 2, 0, 0, 0, 9}, {}},
@@ -74,7 +74,7 @@ TEST_F(Joining, AViewerThatLosesPacketsGetsAKeyFrame) {
     request.insert(request.end(), at + 8, at + 12);
     request.insert(request.end(), behind.begin(), behind.end());
     if (!behind.empty() && behind[0] == 12) {
-      std::copy(at + 2, at + 4, request.begin() + 18);  // the highest number that came
+      std::copy(at + 2, at + 4, request.begin() + 18);  // the highest sequence number received
     }
     viewer.sendRtcp(request);
     while (viewer.nextNalType() != sps) {

@@ -22,7 +22,7 @@ class HeldPort {
  public:
   explicit HeldPort(int family) : m_Socket(socket(family, SOCK_STREAM, 0)) {
     int const on = 1;
-    sockaddr_in6 address{};  // its first fields are those of sockaddr_in
+    sockaddr_in6 address{};  // begins with the fields of sockaddr_in
     address.sin6_family = static_cast<sa_family_t>(family);
     socklen_t size = family == AF_INET ? sizeof(sockaddr_in) : sizeof address;
     if (family == AF_INET6) {
@@ -55,7 +55,7 @@ TEST(Lifecycle, APortHeldOnOneAddressFamilyIsRefused) {
   }
   host.serve();
   Host second;
-  EXPECT_EQ(second.call(KV_EXIT, nullptr, 0), KV_OK);  // the same library: one server in the process
+  EXPECT_EQ(second.call(KV_EXIT, nullptr, 0), KV_OK);  // the same library has one server in the process
   EXPECT_FALSE(RtspClient(host.port()).connected());
 }
 
@@ -106,9 +106,9 @@ TEST(Lifecycle, UnloadingEndsEverything) {
 #endif
 }
 
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // ubsan itself needs descriptors
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // ubsan needs descriptors itself
 TEST(Lifecycle, AShortageAtLoadAndInitIsOverWithIt) {
-  // One descriptor is left: enough to load the library, too few for its event loop.
+  // One descriptor is enough to load the library, but not for its event loop.
   int const next = dup(0);
   close(next);
   std::optional<DescriptorLimit> limit(static_cast<rlim_t>(next) + 1);
@@ -127,7 +127,7 @@ TEST(Lifecycle, AShortageAtLoadAndInitIsOverWithIt) {
 }
 #endif
 
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // they have memory of their own
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // sanitizers use memory of their own
 TEST(Lifecycle, AWatchedStreamTakesTheMemoryOfItsFrames) {
   for (int const codec : {KV_CODEC_MJPEG, KV_CODEC_H264}) {
     Host host;
@@ -146,14 +146,14 @@ TEST(Lifecycle, AWatchedStreamTakesTheMemoryOfItsFrames) {
       auto const status = contentOf("/proc/self/status");
       return std::stoi(status.substr(status.find("VmSize:") + 7));
     };
-    int const one = watch(0, 1);  // with what the process needs once: its threads' heaps
-    // OpenH264 reserves 6200 kB of it for scaling full HD, and does not touch it.
+    int const one = watch(0, 1);  // including what the process needs once: heaps of its threads
+    // OpenH264 reserves 6200 kB of address space for scaling full HD, and never touches it.
     EXPECT_LT((watch(1, 21) - one) / 20, codec == KV_CODEC_H264 ? 3000 + 6200 : 3000) << "kB, codec " << codec;
   }
 }
 #endif
 
-// The host's signals are for its own threads, and what it does about SIGPIPE stays.
+// Signals go to the host's own threads, and its handler for SIGPIPE stays.
 TEST(Lifecycle, TheHostsSignalsAreLeftAlone) {
   struct sigaction handler{};
   handler.sa_handler = [](int) {};
@@ -171,8 +171,8 @@ TEST(Lifecycle, TheHostsSignalsAreLeftAlone) {
     };
     if (contentOf(thread.path().string() + "/comm") == "kavo-rtsp\n") {
       found = true;
-      // All but those that cannot be blocked, and the C library's own two. A sanitizer lets
-      // SIGSYS through for moments.
+      // All signals except those that cannot be blocked and the C library's own two. A sanitizer
+      // unblocks SIGSYS for moments.
       constexpr std::uint64_t wanted = 0xfffffffe7ffbfeff;
       for (auto const end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
            (blocked() & wanted) != wanted;) {
@@ -189,7 +189,7 @@ TEST(Lifecycle, TheHostsSignalsAreLeftAlone) {
 TEST(Lifecycle, AForkedChildLeavesTheServerAlone) {
   Host host;
   int status = -1;
-  pid_t const daemon = fork();  // loaded and forked before it serves: a server of its own
+  pid_t const daemon = fork();  // forked before the server starts: the child has a server of its own
   if (daemon == 0) {
     host.serveLive("stream");
     RtspClient viewer(host.port());
@@ -211,7 +211,7 @@ TEST(Lifecycle, AForkedChildLeavesTheServerAlone) {
     std::uint32_t port = 20000;
     bool const refused = host.call(KV_SUBMIT_FRAME, frame) == KV_RESOURCE_FAILURE &&
                          host.call(KV_INIT, port) == KV_RESOURCE_FAILURE && host.call(KV_EXIT, nullptr, 0) == KV_OK;
-    std::exit(refused ? 0 : 1);  // with static destructors
+    std::exit(refused ? 0 : 1);  // runs static destructors
   }
   ASSERT_EQ(waitpid(child, &status, 0), child);
   EXPECT_EQ(status, 0);

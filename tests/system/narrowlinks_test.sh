@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# Publisher and player in network namespaces of this test's own, with a narrow
-# link between them: one of 1280 bytes, one that becomes so while somebody watches,
-# and one of 100 Mbit/s with a small queue.
-# Exit status 77 (skipped) where namespaces are not allowed.
+# Publisher and player in network namespaces, with a narrow link between them: one with an
+# MTU of 1280 bytes, one whose MTU shrinks while somebody watches, one of 100 Mbit/s with a
+# small queue, and a slow one.
+# Exit status 77 (skipped) if namespaces are not allowed.
 set -euo pipefail
 publish=$1
 bench=$2
@@ -28,21 +28,21 @@ on_far ip addr add 10.77.0.2/24 dev far
 on_far ip link set far up
 on_far ip link set lo up
 
-# counter FILE PROTOCOL NAME: a counter of the kernel's, since the namespace was made.
+# counter FILE PROTOCOL NAME: one of the kernel's counters for this namespace.
 counter() {
   awk -v protocol="$2:" -v name="$3" '$1 == protocol {
     if (!n++) { for (i = 1; i <= NF; ++i) if ($i == name) c = i } else print $c }' "/proc/net/$1"
 }
 fragments() { counter snmp Ip FragCreates; }
 
-# arrived: the datagrams that have come in here, and their octets, read at one moment.
+# arrived: the number of datagrams that have arrived here, and of octets, read together.
 arrived() {
   awk '$1 == was { for (i = 2; i <= NF; ++i) value[was name[i]] = $i; was = ""; next }
        { was = $1; split($0, name) }
        END { print value["Udp:InDatagrams"], value["IpExt:InOctets"] }' /proc/net/snmp /proc/net/netstat
 }
 
-# packet_size: the mean size of what arrives here over UDP, of the next 1,000 datagrams.
+# packet_size: the mean size of the next 1,000 datagrams that arrive here.
 packet_size() {
   local first octets next last
   read -r first octets < <(arrived)
@@ -54,14 +54,14 @@ packet_size() {
   echo $(((last - octets) / (next - first)))
 }
 
-# play ADDRESS NAME PLAYER_ARGUMENT...: over UDP, to a file. Not decoded while it
-# arrives: the player's own time for that would be measured. It need not learn the frame rate.
+# play ADDRESS NAME PLAYER_ARGUMENT...: writes the stream to a file. Decodes it later, so that
+# the player keeps up, and does not wait for the frame rate.
 play() {
   ffmpeg -nostdin -v warning -fpsprobesize 0 -rtsp_transport udp -i "rtsp://$1:$port/${name:-kavo}" -c:v copy -flush_packets 1 "${@:3}" \
     -y "$work/$2.mkv" 2>"$work/$2.log" || { cat "$work/$2.log"; return 1; }
 }
 
-# whole NAME: that player saw no damage.
+# whole NAME: fails if the player saw damage.
 damage='missed|error|conceal|corrupt'
 whole() {
   ! grep -E "$damage" "$work/$1.log" ||
@@ -76,7 +76,7 @@ mtu() {
 
 play_far() { on_far bash -c "$(declare -f play); work=$work port=$port; play 10.77.0.1 far -frames:v $1"; }
 
-# playing NAME PROCESS: once the player's first frame has come.
+# playing NAME PROCESS: waits for the player's first frame.
 playing() {
   until [ -s "$work/$1.mkv" ]; do
     kill -0 $2
@@ -84,8 +84,8 @@ playing() {
   done
 }
 
-# watch PLAYERS PUBLISH_ARGUMENT...: the far player, or the near one and then the
-# far one beside it, without a lost packet.
+# watch far|both PUBLISH_ARGUMENT...: the far player, or a near one joined by the far
+# one, loses no packet.
 watch() {
   local players=$1 near=
   start "${@:2}"
@@ -104,8 +104,8 @@ watch() {
   stop
 }
 
-# regrow PUBLISH_ARGUMENT...: packets are as small as the far player's path wants
-# them while that one plays, and no longer.
+# regrow PUBLISH_ARGUMENT...: packets fit the far player's path while that player
+# watches, and grow again when it leaves.
 regrow() {
   start "$@"
   rm -f "$work"/*.mkv
@@ -125,7 +125,7 @@ regrow() {
   stop
 }
 
-# narrow PUBLISH_ARGUMENT...: the link's MTU shrinks, and frames still come.
+# narrow PUBLISH_ARGUMENT...: frames still arrive after the link's MTU has shrunk.
 narrow() {
   mtu 1500
   start "$@"
@@ -148,17 +148,17 @@ for codec in jpeg h264; do
 done
 
 mtu 1280
-# Of many packets a frame, so that the last one's size does not matter.
+# Frames of many packets, so that the size of the last one does not matter.
 regrow --codec jpeg --size 1280x720 --bitrate 20M
 
-# noise SIZE BYTES RATE: a film of JPEG frames of about so many bytes.
+# noise SIZE BYTES RATE: makes a film of JPEG frames of about so many bytes.
 noise() {
   ffmpeg -v error -f lavfi -i "nullsrc=s=$1:r=$3,geq=random(1)*255:128:128" -t 2 -c:v mjpeg -q:v 2 -y "$work/noise.avi"
   film=(--loop --codec jpeg --bitrate $(($2 * 8 * $3)) "$work/noise.avi")
 }
 
-# play_all FRAMES NAME...: far players of these streams, all at once, without a lost packet. What they
-# take of the processor is not to delay the server.
+# play_all FRAMES NAME...: far players of these streams, all at once, lose no packet. They are nice, so that
+# they do not delay the server.
 play_all() {
   local frames=$1 players=() i
   shift
@@ -173,7 +173,7 @@ play_all() {
   done
 }
 
-# link QUEUE: one of 100 Mbit/s with so many bytes of queue.
+# link QUEUE: limits the link to 100 Mbit/s with a queue of so many bytes.
 link() { tc qdisc replace dev near root tbf rate 100mbit burst "$1" limit "$1"; }
 
 mtu 1500
@@ -181,21 +181,21 @@ link 64kb
 noise 640x480 300000 10
 watch far "${film[@]}"
 
-# Frames of four streams that leave at the same time share what the link takes.
+# Frames of four streams that are sent at the same time share the link.
 noise 352x272 75000 10
 inputs=("$work/noise.avi" "$work/noise.avi" "$work/noise.avi" "$work/noise.avi")
 start "${film[@]:0:5}" "${inputs[@]}"
 play_all 20 kavo1 kavo2 kavo3 kavo4
 stop
 
-# Where queues are small, the operator says so.
+# For a smaller queue, the operator sets the pace.
 link 16kb
 noise 256x192 40000 25
 printf '[delivery]\npace_mbit = 60\n' >"$work/policy.toml"
 KAVO_STREAM_CONFIG=$work/policy.toml watch far "${film[@]}"
 
-# Of many viewers behind one address each gets all of its frames, though the burst would not hold a
-# packet for each. Few frames a second: a busy processor lets a path have fewer bursts.
+# Many viewers behind one address get all frames, although a burst does not hold one packet for each.
+# At two frames a second, because a busy processor leaves a path fewer bursts.
 ten=(kavo kavo kavo kavo kavo kavo kavo kavo kavo kavo)
 tc qdisc del dev near root
 noise 192x160 25000 2
@@ -203,8 +203,8 @@ KAVO_STREAM_CONFIG=$work/policy.toml start "${film[@]}"
 play_all 4 "${ten[@]}"
 stop
 
-# Near the pace each gets whole frames. How many depends on the processor: where others keep the
-# server from its timers, a path cannot make up for more than its burst (see pacer_test).
+# Close to the pace, each viewer gets whole frames. How many depends on the processor: if other programs
+# delay the server's timers, a path makes up for at most one burst (see pacer_test).
 noise 192x160 25000 25
 damage='error|conceal|corrupt'
 KAVO_STREAM_CONFIG=$work/policy.toml start "${film[@]}"
@@ -212,7 +212,7 @@ play_all 10 "${ten[@]}"
 stop
 damage="missed|$damage"
 
-# Over TCP the newest whole frames come, as many as a slow and long link carries.
+# Over TCP, a slow and long link carries the newest frames, complete, and as many as fit.
 python3 "$bench/slowlink.py" $far --delay 150 --mbit 2 >"$work/link" &
 until grep -q up "$work/link"; do sleep 0.05; done
 start --codec jpeg --size 640x480 --bitrate 8M

@@ -1,4 +1,4 @@
-// What operators set and see beside the host: the status and the policy file.
+// What operators see and set, independent of the host: the status and the policy file.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -27,7 +27,7 @@ class Operating : public ::testing::Test {
  protected:
   void usePolicy(std::string const& text) { std::ofstream(m_PolicyFile) << text; }
 
-  // What the server at the socket answers to a request, all of it.
+  // The status server's whole response to a request.
   std::string answerTo(std::string const& request) const { return answerOf(m_StatusSocket, request, 60); }
   std::string get(std::string const& path) const {
     auto const answer = answerTo("GET " + path + " HTTP/1.1\r\nHost: localhost\r\n\r\n");
@@ -57,7 +57,7 @@ class Operating : public ::testing::Test {
   std::string const m_PolicyFile = m_Folder.file("policy");
 };
 
-// With both.
+// A host with a status socket and a policy file.
 class OperatingServer : public Operating {
  protected:
   Variable m_Status{"KAVO_STREAM_STATUS", m_StatusSocket};
@@ -137,7 +137,7 @@ TEST_F(OperatingServer, TheStatusTellsWhatBecameOfFramesAndViewers) {
   EXPECT_NE(access(m_StatusSocket.c_str(), F_OK), 0) << "the socket stays behind";
 }
 
-// A host's own question: it waits for no submit, and its results are those of a submit.
+// KV_GET_STATUS answers before anything is submitted, and finds streams as a submit does.
 TEST_F(OperatingServer, AHostAsksWhoWatches) {
   usePolicy("# nothing is set\n");
   m_Host.serve();
@@ -205,7 +205,7 @@ TEST_F(OperatingServer, OnlyWhatIsAskedForRightIsAnswered) {
   }
   auto const head = answerTo(cases[1].request);
   EXPECT_EQ(head.find("\r\n\r\n") + 4, head.size()) << "a body that nobody asked for";
-  // Names are any bytes; the status is UTF-8.
+  // A name may be any bytes; the status is UTF-8.
   EXPECT_EQ(status()["streams"][0]["name"], "Cam\xef\xbf\xbdra");
   std::string const labels = "{port=\"" + std::to_string(m_Host.port()) + "\",stream=\"Cam\xef\xbf\xbdra\"";
   auto const metrics = get("/metrics");
@@ -215,7 +215,7 @@ TEST_F(OperatingServer, OnlyWhatIsAskedForRightIsAnswered) {
   EXPECT_NE(get("/").find("<!doctype html>"), std::string::npos);
 }
 
-// Whoever asks slowly, or too often, delays nobody: each has its time, and there are few places.
+// Slow clients and crowds of them delay nobody: the status server limits their time and number.
 TEST_F(OperatingServer, WhoeverAsksDelaysNoFrame) {
   usePolicy("# nothing is set\n");
   m_Host.serveLive("stream");
@@ -234,7 +234,7 @@ TEST_F(OperatingServer, WhoeverAsksDelaysNoFrame) {
   for (int i = 0; i < 50; ++i) {
     EXPECT_TRUE(viewer.receivesAFrame());
   }
-  while (status().is_discarded()) {  // until the slow ones' time is over
+  while (status().is_discarded()) {  // until the slow clients have timed out
     EXPECT_TRUE(viewer.receivesAFrame());
   }
   for (int const socket : slow) {
@@ -316,7 +316,7 @@ TEST_F(OperatingServer, APolicyThatMakesNoSenseLetsNothingStart) {
   } const files[] = {
       {[](char const* name) { unlink(name); }, "cannot be read: No such file"},
       {[](char const* name) { mkdir(name, 0700); }, "regular file"},
-      {[](char const* name) { rmdir(name), mkfifo(name, 0600); }, "regular file"},  // which nobody writes to
+      {[](char const* name) { rmdir(name), mkfifo(name, 0600); }, "regular file"},  // a FIFO that nobody writes to
       {[](char const* name) { unlink(name), std::ofstream(name) << std::string(70000, '#'); }, "at most 64 kB"},
       {[](char const* name) { std::ofstream(name) << " \n"; }, "is empty"},
       {[](char const* name) { std::ofstream(name) << "[server]\naddress = '192.0.2.1'\n"; },
@@ -364,7 +364,7 @@ TEST_F(OperatingServer, LimitsAndRangesAreKept) {
     RtspClient second(m_Host.port());
     ASSERT_TRUE(first.play(m_Host.url("stream")));
     EXPECT_EQ(setUp(second), 453);
-    RtspClient third(m_Host.port());  // takes the place of the one without a stream
+    RtspClient third(m_Host.port());  // evicts the one without a stream
     EXPECT_EQ(third.request("OPTIONS", m_Host.url("stream")).status, 200);
     EXPECT_TRUE(second.isClosedWhileReading());
   }
@@ -385,8 +385,8 @@ TEST_F(OperatingServer, LimitsAndRangesAreKept) {
   EXPECT_TRUE(hasEvent("refused", "not allowed from there (21 times)")) << "one line for them all";
 }
 
-// Threads submit to sessions that other threads remove, while the server ends and
-// starts: each call gets a result, and frames come.
+// Threads submit to sessions that other threads remove, until the server ends. Each call returns a
+// result, and frames arrive.
 TEST_F(OperatingServer, StreamsEncodeInParallelWhileSessionsComeAndGo) {
   usePolicy("[encoding]\nparallel = true\n");
   m_Host.serveLive("steady");

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# An operator's day: passwords with real players, one address, the status as kavo-stat and curl
-# see it.
+# What operators do: passwords with real players, one server address, and the status in kavo-stat
+# and as metrics.
 #   operating_test.sh KAVO_PUBLISH KAVO_STAT
 set -euo pipefail
 publish=$1
@@ -14,7 +14,7 @@ echo 'adress = 1' >"$work/wrong.toml"
 ! "$publish" --check-config "$work/wrong.toml" 2>"$work/err" || die "a wrong policy file was accepted"
 grep -q "wrong.toml:1: unknown key 'adress'" "$work/err" || die "said: $(cat "$work/err")"
 
-# The service publishes a camera, where there is one.
+# The example service opens a camera; it can be tested only without one.
 if [ ! -e /dev/video0 ]; then
   read -ra arguments < <(sed -n 's|^ExecStart=[^ ]* ||p' "$(dirname "$0")/../../examples/operate/camera.service")
   ! "$publish" --port "$(free_port)" "${arguments[@]}" 2>"$work/err" || die "published without a camera"
@@ -27,8 +27,8 @@ grep -q "rtsp://127.0.0.1:$port/kavo" "$work/out" || die "another address in the
 ss -Hltn "sport = :$port" | grep -qv "127.0.0.1:$port" && die "listens elsewhere: $(ss -Hltn)"
 
 play_with_ffmpeg() { ffmpeg -v error -rtsp_transport "$1" -i "rtsp://$2$url" -frames:v 2 -f null - 2>"$work/err"; }
-# gst-launch-1.0 now and then closes its connection before it has sent its own PAUSE, and
-# fails for that: it is judged by its frames.
+# gst-launch-1.0 sometimes closes its connection before it has sent its own PAUSE, and reports
+# that as an error; only its frames count.
 play_with_gst() {
   timeout 60 gst-launch-1.0 -q rtspsrc location="rtsp://$url" user-id=anna user-pw="$1" ! rtph264depay ! \
     identity eos-after=3 ! filesink location="$work/gst-$1" >"$work/err" 2>&1 || true
@@ -36,7 +36,7 @@ play_with_gst() {
 }
 play_with_mpv() { mpv --no-config --really-quiet --vo=null --frames=2 "rtsp://anna:$1@$url"; }
 
-# Right ones first: after ten wrong ones in a second none is looked at.
+# Right passwords first: after ten wrong ones in a second, none is checked.
 for transport in tcp udp; do
   play_with_ffmpeg $transport anna:geheim@ || die "ffmpeg $transport: $(cat "$work/err")"
 done
@@ -54,8 +54,8 @@ done
 ! play_with_gst wrong || die "GStreamer played with a wrong password"
 ! play_with_mpv wrong || die "mpv played with a wrong password"
 
-# Nobody else can speak for a session, even from the same host and with its id. Over
-# UDP, so that ports are watched as well.
+# Nobody else can use a session, even from the same host and with its id. The viewer uses
+# UDP, so that the ports can be checked as well.
 ss -Hlunp | grep "pid=$pid," >"$work/sockets" || die "no UDP sockets: $(ss -Hlunp)"
 grep -v '127.0.0.1:' "$work/sockets" && die "UDP elsewhere"
 session=$(sed -n 's/^Session: \([0-9A-F]*\).*/\1/p' "$work/open" | head -n 1)
@@ -68,8 +68,8 @@ for method in "PLAY", "PAUSE", "TEARDOWN", "GET_PARAMETER":
     assert answer.startswith("RTSP/1.0 401 ") and "WWW-Authenticate: Digest realm=" in answer, method + answer
 PY
 
-# What kavo-stat says of all that, and anybody else who may ask.
-# Asked again where a frame was being encoded just then: it is offered, and nothing else yet.
+# The status, as kavo-stat and a client for metrics get it. Asks again if a frame is being encoded:
+# it is offered, but not counted as anything else yet.
 for _ in {1..50}; do
   "$stat" --json "$KAVO_STREAM_STATUS" >"$work/json"
   python3 -c 'import json, sys
@@ -104,7 +104,7 @@ until grep -q 'refused .*no valid user' "$work/events"; do sleep 0.05; done
 kill "$viewer"
 until grep -q 'left ' "$work/events"; do sleep 0.05; done
 
-# Killed: whoever follows learns of it, and the next host takes the socket's place.
+# After the host was killed, 'kavo-stat --events' ends, and the next host replaces the socket.
 kill -KILL "$pid"
 wait "$pid" || true
 wait "$follower"
@@ -114,7 +114,7 @@ start --size 320x240
 "$stat" "$KAVO_STREAM_STATUS" | grep '0 viewers ' >/dev/null || die "the next host does not answer"
 stop
 
-# refused TEXT ADDRESS: says so in one line, and ends with 1.
+# refused TEXT ADDRESS: kavo-stat prints one line with the text and ends with 1.
 refused() {
   local got=0
   "$stat" --json "$2" >"$work/out" 2>"$work/err" || got=$?

@@ -79,8 +79,8 @@ std::vector<std::string> commandOf(Player::Client client, Player::Transport tran
 
 Player::Player(Client client, Transport transport, std::string const& url, int frames, int codec)
     : m_Process(commandOf(client, transport, url, frames, codec, m_Folder.file("frames")), m_Folder.file("messages")),
-      // gst-launch-1.0 now and then closes its connection before it has sent its
-      // own PAUSE, and ends with an error for that; it is judged by its frames.
+      // gst-launch-1.0 sometimes closes its connection before it has sent its own
+      // PAUSE, and reports that as an error; only its frames count.
       m_StatusCounts(client != Client::Gstreamer) {}
 
 std::vector<Frame> Player::frames(int width, int height) {

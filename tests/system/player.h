@@ -1,4 +1,4 @@
-// Real players, run as processes of their own.
+// Real players, as processes of their own.
 #pragma once
 
 #include <chrono>
@@ -9,10 +9,10 @@
 #include "system/surroundings.h"
 #include "system/testpattern.h"
 
-// A child process; killed with its object if it still runs.
+// A child process; the destructor kills it if it is still running.
 class Process {
  public:
-  // Standard output and standard error go to the file.
+  // Writes standard output and standard error to the file.
   Process(std::vector<std::string> const& arguments, std::string const& outputFile);
   ~Process();
   Process(Process&& other) noexcept : m_Pid(std::exchange(other.m_Pid, -1)) {}
@@ -26,7 +26,7 @@ class Process {
   int m_Pid;
 };
 
-// One player watching one stream, from its construction until its frames are taken.
+// A player that watches a stream from its construction on.
 class Player {
  public:
   enum class Client { Ffmpeg, Gstreamer };
@@ -35,11 +35,11 @@ class Player {
   // Plays until the player has decoded this many frames.
   Player(Client client, Transport transport, std::string const& url, int frames, int codec = 8);
 
-  // Waits for the end and gives all frames, in order; none if the player failed.
+  // Waits for the player to end. Returns all frames in order; none if the player failed.
   std::vector<Frame> frames(int width, int height);
-  // What the player said that speaks of damage.
+  // The player's messages that indicate damage.
   std::string complaints() const;
-  // All that it said.
+  // All messages of the player.
   std::string messages() const { return contentOf(m_Folder.file("messages")); }
 
  private:

@@ -1,4 +1,4 @@
-// What real players show of what a host submits.
+// What real players show of submitted frames.
 #include <gtest/gtest.h>
 
 #include <deque>
@@ -34,7 +34,7 @@ constexpr Played played[] = {
 
 }  // namespace
 
-// Each player as the stream's first viewer, and again after nobody watched.
+// Each player joins a stream that nobody watches.
 TEST(Players, ShowTheRightFrameFromTheFirstOn) {
   Host host;
   host.serve();

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# kavo-publish: mistakes in one line each, the test pattern, what it does without OpenH264, and a clean end.
+# kavo-publish: mistakes are reported in one line each; without OpenH264 it publishes JPEG; it ends cleanly.
 set -euo pipefail
 publish=$1
 fakes=$3  # of libopenh264
@@ -27,23 +27,23 @@ refused 1 'text.txt' "$work/text.txt"
 "$publish" -h | grep -- '--reconnect' >/dev/null || die "no help"
 "$publish" --version | grep '^kavo-publish 2' >/dev/null || die "no version"
 
-# Without OpenH264, or with something else behind its name, H.264 is refused and JPEG works.
+# Without OpenH264, or with another library of that name, H.264 is refused and JPEG works.
 for kind in absent old lacking; do
   LD_LIBRARY_PATH=$fakes/$kind refused 1 'cannot encode H.264 (result 7).*libopenh264-8' --codec h264
   LD_LIBRARY_PATH=$fakes/$kind run --codec jpeg --duration 0.1
   [ "$got" = 0 ] || die "no JPEG: $(cat "$work/err")"
 done
-# The run-time package alone, without the development package's link, is enough.
+# The run-time package is enough; the link of the development package is not needed.
 LD_LIBRARY_PATH=$fakes/runtime run --codec h264 --duration 0.1
 [ "$got" = 0 ] || die "no H.264: $(cat "$work/err")"
-# Where no codec is asked for, JPEG is published, and the note says why.
+# Without --codec it publishes JPEG, and says why.
 LD_LIBRARY_PATH=$fakes/absent start --size 320x240
 grep -q 'OpenH264 2.6 is not installed' "$work/err" || die "silent about the missing OpenH264"
 [ "$(ffprobe -v error -show_entries stream=codec_name -of csv=p=0 "rtsp://127.0.0.1:$port/kavo")" = mjpeg ] || die "no JPEG"
 stop
 LD_LIBRARY_PATH=$fakes/absent refused 1 'libopenh264-8' --codec h264 --bitrate 1
 
-# Nobody reads what it prints: it ends.
+# It ends if nobody reads its output.
 { timeout 60 "$publish" --port "$(free_port)" --json || echo "$?" >"$work/closed"; } | head -n 1 >"$work/out"
 [ "$(cat "$work/closed")" != 124 ] || die "did not end when its pipe was closed"
 status=0
@@ -57,7 +57,7 @@ stop
 cmp -s "$work/moving1.png" "$work/moving2.png" && die "the test pattern does not move"
 run --duration 0.3 --size 64x64
 [ "$got" = 0 ] || die "no end after --duration"
-# What a terminal completes.
+# Completion in a shell.
 completed=$(bash -c '. "$1"; COMP_WORDS=("$2" --l); COMP_CWORD=1; _kavo "$2"; echo "${COMPREPLY[*]}"' - "$2" "$publish")
 [ "$completed" = "--loop --list-formats" ] || die "completed to: $completed"
 "$publish" --list-formats | grep 'JPEG *16x16 to 2040x2040, in steps of 8' >/dev/null || die "no formats"

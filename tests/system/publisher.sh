@@ -1,9 +1,9 @@
-# Sourced by the tests that are shell scripts: a folder of their own, and
+# Sourced by the tests that are shell scripts: a temporary folder, and
 # kavo-publish ("$publish") on a free port.
 # shellcheck shell=bash disable=SC2034,SC2154
 
 work=$(mktemp -d)
-# However it ends, nothing that it started is left running.
+# However the test ends, nothing that it started keeps running.
 end() {
   mapfile -t started < <(jobs -p)
   [ ${#started[@]} -eq 0 ] || kill "${started[@]}" 2>/dev/null || true
@@ -18,7 +18,7 @@ die() {
 
 free_port() { python3 -c 'import socket; s = socket.socket(socket.AF_INET6); s.bind(("::", 0)); print(s.getsockname()[1])'; }
 
-# run ARGUMENT...: on a free port, and again where another program has taken it meanwhile. Sets got.
+# run ARGUMENT...: runs it on a free port; again if another program has taken the port. Sets got, the exit status.
 run() {
   for _ in {1..5}; do
     got=0
@@ -27,7 +27,7 @@ run() {
   done
 }
 
-# refused STATUS TEXT ARGUMENT...: one line with the text, and the exit status.
+# refused STATUS TEXT ARGUMENT...: it prints one line with the text and ends with the status.
 refused() {
   local status=$1 text=$2
   shift 2
@@ -37,11 +37,11 @@ refused() {
   grep -q -- "$text" "$work/err" || die "$* said: $(cat "$work/err")"
 }
 
-# start ARGUMENT...: publishes, and waits until it says where.
+# start ARGUMENT...: starts it and waits until it prints its URL. Sets port and pid.
 start() {
   for _ in 1 2 3 4 5; do
     port=$(free_port)
-    : >"$work/out" # what the last one said
+    : >"$work/out" # discards the output of the previous run
     "$publish" --port "$port" "$@" >"$work/out" 2>"$work/err" &
     pid=$!
     while kill -0 "$pid" 2>/dev/null; do

@@ -1,4 +1,4 @@
-// The records of the boundary, filled in.
+// Records of kv_Stream, filled in.
 #pragma once
 
 #include <cstdio>
@@ -20,14 +20,14 @@ inline kv_video_record videoRecord(int format, int codec, int width, int height)
   record.src_width = record.dst_width = width;
   record.src_height = record.dst_height = height;
   record.src_pixel_format = format;
-  record.dst_pixel_format = 99;  // of no effect
+  record.dst_pixel_format = 99;  // has no effect
   record.dst_codec = codec;
   record.frame_rate = 25;
   record.bitrate = 800000;
   return record;
 }
 
-// Creates the session and its stream; call() gets each command and its record. The record that submits.
+// Creates a session and its stream by call(command, record). Returns the record to submit frames with.
 template <class Call>
 kv_frame_record createStream(kv_session_record& session, kv_video_record const& video, Call const& call) {
   call(KV_CREATE_SESSION, session);

@@ -1,4 +1,4 @@
-// Every command with right and wrong records, and what a failure leaves untouched.
+// Every command with valid and invalid records. A failed command changes nothing.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -10,7 +10,7 @@
 
 namespace {
 
-// The bytes of a record, to be compared after a call that failed.
+// The bytes of a record, to compare after a failed call.
 template <class Record>
 std::string bytesOf(Record const& record) {
   return std::string(reinterpret_cast<char const*>(&record), sizeof record);

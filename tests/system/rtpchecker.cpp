@@ -56,7 +56,7 @@ void RtpChecker::rtp(std::span<std::uint8_t const> packet, double arrival) {
   ++m_Packets;
 }
 
-// What a reader puts together of the payloads, once all of them are there.
+// Reassembles and checks a frame once all its payloads have arrived.
 void RtpChecker::frame() {
   try {
     if (m_Codec == 8) {

@@ -1,4 +1,4 @@
-// Holds a stream of packets to RFC 3550, RFC 6184 (H.264) and RFC 2435 (JPEG).
+// Checks a stream of packets against RFC 3550, RFC 6184 (H.264) and RFC 2435 (JPEG).
 #pragma once
 
 #include <cstdint>
@@ -13,17 +13,17 @@ class RtpChecker {
  public:
   explicit RtpChecker(int codec) : m_Codec(codec) {}
 
-  // One packet, and the wall clock at its arrival in seconds since 1970.
+  // Checks a packet; arrival is the wall clock in seconds since 1970.
   void rtp(std::span<std::uint8_t const> packet, double arrival);
   void rtcp(std::span<std::uint8_t const> packet);
 
-  // Everything that was wrong, one line each.
+  // All deviations, one line each.
   std::vector<std::string> const& complaints() const { return m_Complaints; }
   int frames() const { return m_Markers; }
-  // Of the last packet.
+  // The time stamp of the last packet.
   std::uint32_t timestamp() const { return m_Timestamp; }
   int senderReports() const { return m_SenderReports; }
-  // Types of the H.264 NAL units so far, in order.
+  // The types of all H.264 NAL units so far, in order.
   std::vector<int> const& nalTypes() const { return m_NalTypes; }
 
  private:
@@ -47,7 +47,7 @@ class RtpChecker {
   std::uint32_t m_Timestamp = 0;
   bool m_FrameEnded = true;
   bool m_BehindGap = false;
-  std::vector<reassembly::Bytes> m_Payloads;  // of a frame that has not ended
+  std::vector<reassembly::Bytes> m_Payloads;  // of an incomplete frame
   std::vector<int> m_NalTypes;
   std::optional<Clock> m_Clock;
 };

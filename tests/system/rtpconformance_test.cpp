@@ -1,4 +1,4 @@
-// What goes over the wire, against the RFCs.
+// The packets on the wire conform to the RFCs.
 #include <gtest/gtest.h>
 #include <sys/time.h>
 

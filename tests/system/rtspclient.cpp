@@ -56,7 +56,7 @@ std::string RtspClient::Response::header(std::string const& name) const {
 RtspClient::RtspClient(std::uint32_t port, bool ipv6, int receiveBuffer, int limitMilliseconds)
     : m_Socket(socket(AF_INET6, SOCK_STREAM, 0)), m_Ipv6(ipv6), m_Limit(limitMilliseconds) {
   int const on = 1;
-  setsockopt(m_Socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);  // reports are read when they are sent
+  setsockopt(m_Socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);  // the server reads each report at once
   if (receiveBuffer > 0) {
     setsockopt(m_Socket, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
   }
@@ -82,7 +82,7 @@ void RtspClient::closeConnection() {
 
 void RtspClient::send(std::string const& bytes) { (void)::send(m_Socket, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
 
-// Has at least this many bytes in the buffer.
+// Reads until the buffer holds at least this many bytes.
 bool RtspClient::fill(std::size_t bytes) {
   while (m_Buffer.size() < bytes) {
     char block[65536];
@@ -281,7 +281,7 @@ bool RtspClient::isClosedWhileSending(std::string const& bytes) {
 std::uint32_t freePort() {
   int const socket = ::socket(AF_INET6, SOCK_STREAM, 0);
   sockaddr_in6 any{};
-  any.sin6_family = AF_INET6;  // and IPv4 with it, where it is not IPv6 alone
+  any.sin6_family = AF_INET6;  // and IPv4, unless the system limits it to IPv6
   bind(socket, reinterpret_cast<sockaddr*>(&any), sizeof any);
   auto const port = static_cast<std::uint32_t>(portOf(socket));
   close(socket);

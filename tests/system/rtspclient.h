@@ -1,4 +1,4 @@
-// An RTSP client that does exactly what a test asks for, right or wrong.
+// An RTSP client that does exactly what a test tells it to, right or wrong.
 #pragma once
 
 #include <netinet/in.h>
@@ -10,18 +10,17 @@
 class RtspClient {
  public:
   struct Response {
-    int status = 0;  // 0: none came
+    int status = 0;  // 0: no response
     std::string text;
     std::string header(std::string const& name) const;
   };
   struct Packet {
-    int channel = -1;  // -1: none came
+    int channel = -1;  // -1: no packet
     std::vector<std::uint8_t> bytes;
   };
 
-  // Connects to 127.0.0.1 or ::1, with a receive buffer of that many bytes if
-  // given; connected(): whether it worked. What does not come within the limit
-  // does not come at all.
+  // Connects to 127.0.0.1 or ::1; connected() tells whether that worked. receiveBuffer is in
+  // bytes; 0 is the system's default. All functions wait at most until the limit.
   explicit RtspClient(std::uint32_t port, bool ipv6 = false, int receiveBuffer = 0, int limitMilliseconds = 20000);
   ~RtspClient();
   RtspClient(RtspClient const&) = delete;
@@ -29,43 +28,43 @@ class RtspClient {
 
   bool connected() const { return m_Socket >= 0; }
   void send(std::string const& bytes);
-  // Sends a request (headers each ending in CRLF) and waits for its response;
-  // interleaved packets that come before it are dropped.
+  // Sends a request (each header ends in CRLF) and waits for its response.
+  // Drops interleaved packets that precede it.
   Response request(std::string const& method, std::string const& url, std::string const& headers = "");
-  // DESCRIBE (if asked for), SETUP over TCP and PLAY.
+  // Sends DESCRIBE (optionally), SETUP over TCP and PLAY.
   bool play(std::string const& url, bool describe = true);
-  // The same over UDP, to two ports of this client.
+  // Sends DESCRIBE, SETUP for two UDP ports of this client, and PLAY.
   bool playOverUdp(std::string const& url);
-  // SETUP alone.
+  // Sends only SETUP.
   Response setUpOverUdp(std::string const& url);
-  // Its sockets for UDP stay.
+  // Closes the TCP connection; the UDP sockets stay open.
   void closeConnection();
-  // Begins a session of its own on the same connection with the next SETUP.
+  // The next SETUP begins another session on the same connection.
   void forgetSession() { m_Session.clear(); }
   std::string const& session() const { return m_Session; }
 
-  // Sends RTCP: on the channel, or over UDP to the server's RTCP port.
+  // Sends RTCP on the channel, or over UDP to the server's RTCP port.
   void sendRtcp(std::vector<std::uint8_t> const& packet, int channel = 1);
-  // A receiver's report without a report block: a keep-alive.
+  // Sends a receiver report without a report block: a keep-alive.
   void sendReport(int channel = 1) { sendRtcp({0x80, 201, 0, 1, 0, 0, 0, 9}, channel); }
-  // One byte of TCP's urgent data.
+  // Sends one byte of TCP urgent data.
   void sendUrgentByte();
-  // UDP to the server's RTCP port from a socket of nobody's.
+  // Sends a datagram to the server's RTCP port from another socket.
   void sendFromElsewhere(std::vector<std::uint8_t> const& packet, int times);
-  // The next packet: interleaved (channel 0: RTP, 1: RTCP), or from those ports.
+  // The next packet, interleaved or over UDP. Channel 0 is RTP, 1 is RTCP.
   Packet packet();
-  // Whether one has arrived.
+  // Whether a packet has arrived.
   bool hasPacket() const;
-  // The type of the NAL unit that the next RTP packet carries; -1 if none came.
+  // The type of the NAL unit in the next RTP packet; -1 if none arrives.
   int nextNalType();
-  // Reads packets until one whole frame has come: from one RTP marker to the next.
+  // Reads packets until one complete frame has arrived, from one RTP marker to the next.
   bool receivesAFrame();
-  // Whether a BYE comes: everything before is skipped.
+  // Whether a BYE arrives. Skips everything before it.
   bool receivesBye();
-  // Interleaved packets that came before responses.
+  // The number of interleaved packets that request() has dropped.
   int dropped() const { return m_Dropped; }
-  // Whether the server ends the connection: while this client reads, and while it
-  // only sends these bytes again and again.
+  // Whether the server closes the connection while this client reads, or while it only
+  // sends these bytes again and again.
   bool isClosedWhileReading();
   bool isClosedWhileSending(std::string const& bytes);
 
@@ -87,13 +86,13 @@ class RtspClient {
   std::string m_Buffer;
 };
 
-// ::1, or 127.0.0.1 as sockets of IPv6 write it.
+// ::1, or 127.0.0.1 as an IPv4-mapped address.
 sockaddr_in6 loopback(bool ipv6, int port);
 
-// A TCP port that nobody listens on, on either address family; 0 if there is none.
+// A TCP port that is free on both address families; 0 if there is none.
 std::uint32_t freePort();
 
-// Calls start() with free ports until it returns true, and returns that port; 0 if it never does.
+// Calls start(port) with free ports until it returns true. Returns that port, or 0 after 20 attempts.
 template <class Start>
 std::uint32_t onFreePort(Start const& start) {
   for (int attempt = 0; attempt < 20; ++attempt) {

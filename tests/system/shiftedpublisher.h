@@ -1,4 +1,4 @@
-// kavo-publish in a process of its own, with clocks that the test sets.
+// kavo-publish as a process of its own, with clocks that the test sets.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -27,7 +27,7 @@ class ShiftedPublisher {
     return "rtsp://" + host + ":" + std::to_string(m_Port) + "/kavo";
   }
 
-  // Seconds by which its clocks are ahead of the machine's.
+  // Sets by how many seconds its clocks are ahead of the machine's.
   void setClocks(std::int64_t wall, std::int64_t monotonic) {
     std::ofstream stream(m_Folder.file("clock"), std::ios::in | std::ios::out | std::ios::binary);
     if (!stream) {
@@ -36,7 +36,7 @@ class ShiftedPublisher {
     stream.write(reinterpret_cast<char const*>(&wall), sizeof wall);
     stream.write(reinterpret_cast<char const*>(&monotonic), sizeof monotonic);
   }
-  // Time passes for all of its timers, in no time.
+  // Advances its monotonic clock, so that its timers expire.
   void passSeconds(std::int64_t seconds) { setClocks(0, m_Passed += seconds); }
 
  private:

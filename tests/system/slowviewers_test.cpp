@@ -1,4 +1,4 @@
-// Viewers that stall, crawl or vanish in the middle of a frame, and the others.
+// Viewers that stall or vanish in mid-frame, and the other viewers.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -12,17 +12,17 @@
 
 namespace {
 
-// Frames for which a viewer stalls. H.264 has a key frame after 50 by
-// itself, which must not be what a resuming viewer begins with.
+// For how many frames a viewer stalls. A resuming viewer must not depend on the regular
+// key frame, which H.264 has every 50 frames.
 constexpr int standstill = 90;
 
 class SlowViewers : public ::testing::TestWithParam<int> {
  protected:
   SlowViewers() {
     m_Host.serve();
-    // Noise on the test pattern makes JPEG images large. H.264 skips frames where all
-    // is noise, makes next to nothing of a still picture, and key frames where
-    // much changes: faint blocks that move.
+    // Noise on the test pattern makes JPEG images large. For H.264, faint moving blocks do: the
+    // encoder skips frames of noise, needs few bytes for still ones, and makes key frames if much
+    // changes.
     bool const jpeg = GetParam() == KV_CODEC_MJPEG;
     auto& frame = m_Host.publish("stream", KV_BGR24, GetParam(), 640, 480, 4000000).frame;
     frame.resize(jpeg ? frame.size() : 2 * frame.size());
@@ -43,8 +43,8 @@ class SlowViewers : public ::testing::TestWithParam<int> {
 
   std::string url() const { return m_Host.url("stream"); }
 
-  // Whole frames, held to the RFCs (but for the gaps that a viewer behind
-  // sees). How many gaps there were.
+  // Reads frames and checks them against the RFCs, except for gaps if they are allowed.
+  // Returns the number of gaps.
   int expectWholeFrames(RtspClient& viewer, bool gapsAllowed, std::function<bool(RtpChecker const&)> const& enough) {
     RtpChecker checker(GetParam());
     while (!enough(checker)) {
@@ -69,7 +69,7 @@ class SlowViewers : public ::testing::TestWithParam<int> {
   }
 
   Host m_Host;
-  std::uint32_t m_Timestamp = 0;  // of the last of those frames
+  std::uint32_t m_Timestamp = 0;  // of the last frame read
 };
 
 }  // namespace
@@ -77,8 +77,8 @@ class SlowViewers : public ::testing::TestWithParam<int> {
 TEST_P(SlowViewers, OneThatStallsHoldsUpNobodyAndComesBackToWholeFrames) {
   RtspClient witness(m_Host.port());
   ASSERT_TRUE(witness.play(url()));
-  expectWholeFrames(witness, 10, false);  // the first ones are small: a receive buffer takes them whole
-  m_Host.stopSubmitting();                // nothing is to be read along with PLAY's response
+  expectWholeFrames(witness, 10, false);  // the first frames are small enough for a receive buffer
+  m_Host.stopSubmitting();                // so that no packet is read along with PLAY's response
   RtspClient stalled(m_Host.port(), false, 4096);
   ASSERT_TRUE(stalled.play(url()));
   m_Host.startSubmitting();
@@ -96,10 +96,10 @@ TEST_P(SlowViewers, OneThatStallsHoldsUpNobodyAndComesBackToWholeFrames) {
   EXPECT_EQ(m_Host.failedSubmits(), 0);
 }
 
-// Connections that come at once after others were closed get their descriptors' numbers.
+// New connections get the descriptor numbers of connections that were just closed.
 TEST_P(SlowViewers, NothingOfOneConnectionReachesTheNext) {
   constexpr int together = 20;
-  int const rounds = GetParam() == KV_CODEC_MJPEG ? 100 : 5;  // H.264 has them wait for a key frame
+  int const rounds = GetParam() == KV_CODEC_MJPEG ? 100 : 5;  // viewers of H.264 wait for a key frame
   RtspClient witness(m_Host.port());
   ASSERT_TRUE(witness.play(url()));
   for (int round = 0; round < rounds; ++round) {
@@ -124,7 +124,7 @@ TEST_P(SlowViewers, NothingOfOneConnectionReachesTheNext) {
   }
 }
 
-// Its requests wait for room that it does not make, and must not pile up.
+// Its responses find no room, and its requests must not pile up.
 TEST_P(SlowViewers, OneThatSendsWithoutReadingIsDisconnected) {
   RtspClient flooding(m_Host.port(), false, 4096);
   RtspClient witness(m_Host.port());

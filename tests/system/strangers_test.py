@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""What strangers can consume: each attack comes from 127.0.0.1, while a viewer at 127.0.0.2 watches
-and is to miss no picture. Usage: strangers_test.py KAVO_PUBLISH [SECONDS of everything at once]"""
+"""What strangers can consume: attacks come from 127.0.0.1, while a viewer at 127.0.0.2 watches and must
+miss no packet. Usage: strangers_test.py KAVO_PUBLISH [SECONDS of everything at once]"""
 import contextlib
 import os
 import pathlib
@@ -34,7 +34,7 @@ def free_port():
 
 
 class Client(rtsp.Connection):
-    """From an address to a stream of the host."""
+    """A connection from an address to the host."""
 
     def __init__(self, host, source, user=None):
         self.root = f"rtsp://127.0.0.1:{host.port}/"
@@ -60,7 +60,7 @@ class Client(rtsp.Connection):
 
 
 class Viewer(Client):
-    """Watches over UDP, and counts packets and those that are missing."""
+    """Watches over UDP, and counts frames and missing packets."""
 
     def __init__(self, host, source=FRIEND, user=None):
         super().__init__(host, source, user)
@@ -97,7 +97,7 @@ class Viewer(Client):
 
 
 class Host:
-    """kavo-publish with so many descriptors, under a policy."""
+    """kavo-publish with a limit of descriptors and a policy."""
 
     def __init__(self, policy=None, descriptors=256):
         self.folder = tempfile.TemporaryDirectory()
@@ -139,10 +139,10 @@ class Host:
         self.folder.cleanup()
 
 
-# Each attack, and what bounds it.
+# The attacks, and what limits each.
 
 def descriptors_of_ghosts_and_connections(host):
-    """Half of the descriptors are the host's, whatever is asked for; who has many makes room, and not who is quiet."""
+    """Half of the descriptors are left to the host. An address with many connections loses some, a quiet one none."""
     quiet = Client(host, FRIEND)
     for _ in range(32):
         client = Client(host, STRANGER)
@@ -160,7 +160,7 @@ def descriptors_of_ghosts_and_connections(host):
 
 
 def places_held_without_watching(host):
-    """Whoever has few places finds one."""
+    """An address with few connections finds a place."""
     crowd = []
     for _ in range(150):
         with contextlib.suppress(ConnectionError):
@@ -172,7 +172,7 @@ def places_held_without_watching(host):
 
 
 def pipelined_requests(host):
-    """Others have their turn after eight requests of a connection."""
+    """Other connections have their turn after eight requests of one."""
     for request in (b"OPTIONS * RTSP/1.0\r\nCSeq: 1\r\n\r\n", b"NONSENSE * RTSP/1.0\r\nCSeq: 1\r\n\r\n", b"$\x09\x00\x04junk"):
         crowd = [Client(host, STRANGER) for _ in range(16)]
         for client in crowd:
@@ -193,7 +193,7 @@ def pipelined_requests(host):
 
 
 def wrong_passwords(host):
-    """They are looked at ten times a second."""
+    """At most ten a second are checked."""
     guesser = Client(host, STRANGER, ("anna", "guess"))
     for _ in range(8):
         guesser.ask("DESCRIBE")
@@ -203,7 +203,7 @@ ATTACKS = (descriptors_of_ghosts_and_connections, places_held_without_watching, 
 
 
 def everything_at_once(host):
-    """Each again and again, from threads of their own, and 512 connections that stay as long as they may."""
+    """All attacks again and again, on threads of their own, and 512 connections that are held open."""
     end = time.monotonic() + SECONDS
     faults = []
 
@@ -211,7 +211,7 @@ def everything_at_once(host):
         while time.monotonic() < end:
             try:
                 attack(host)
-            except OSError:  # turned out
+            except OSError:  # evicted
                 pass
             except Exception as fault:
                 faults.append(fault)
@@ -253,7 +253,7 @@ def passwords():
         for _ in range(8):
             assert guesser.ask("DESCRIBE") == 401
         assert guesser.is_closed()
-        # Ten wrong ones in a second, and even the right one is not looked at.
+        # After ten wrong passwords in a second, even the right one is not checked.
         anna = Client(host, STRANGER, ANNA)
         assert anna.ask("DESCRIBE") == 401
         def is_refused():
@@ -272,12 +272,12 @@ def passwords():
         friend = Client(host, FRIEND, ANNA)
         assert friend.ask("DESCRIBE") == 401
         assert friend.ask("DESCRIBE") == 200, "another address is not held up"
-        # The header belongs to the request.
+        # The header must name the URI of its request.
         for uri in ("", "x", f"rtsp://127.0.0.1:{host.port}/other"):
             other = Client(host, THIRD, ANNA)
             other.ask("DESCRIBE")
             assert other.ask("DESCRIBE", uri=uri) == 401, uri
-        # A session belongs to its user, from the same address too.
+        # A session belongs to its user, even from the same address.
         watcher = Viewer(host, FRIEND, ANNA)
         bob = Client(host, FRIEND, BOB)
         bob.ask("DESCRIBE")

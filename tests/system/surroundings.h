@@ -1,5 +1,5 @@
-// What a process finds around it: variables, folders and limits, for as long as their objects live, and files
-// and sockets.
+// The environment of a process: variables, folders and limits that last as long as their objects, files, and
+// Unix sockets.
 #pragma once
 
 #include <sys/resource.h>
@@ -14,7 +14,7 @@
 #include <string>
 #include <utility>
 
-// A variable of the environment.
+// Sets an environment variable.
 class Variable {
  public:
   Variable(char const* name, std::string const& value) : m_Name(name) { setenv(name, value.c_str(), 1); }
@@ -47,7 +47,7 @@ class TemporaryFolder {
   std::string m_Path;
 };
 
-// So many descriptors, and no more, may be open.
+// Limits the number of open descriptors.
 class DescriptorLimit {
  public:
   explicit DescriptorLimit(rlim_t count) {
@@ -68,7 +68,7 @@ inline std::string contentOf(std::string const& file) {
   return std::string(std::istreambuf_iterator<char>(stream), {});
 }
 
-// What the server at the socket answers within so many seconds, all of it.
+// The whole response of the server at the socket; waits at most so many seconds for each part.
 inline std::string answerOf(std::string const& path, std::string const& request, int seconds) {
   int const socket = ::socket(AF_UNIX, SOCK_STREAM, 0);
   sockaddr_un address{};
@@ -77,7 +77,7 @@ inline std::string answerOf(std::string const& path, std::string const& request,
   timeval const longest{.tv_sec = seconds, .tv_usec = 0};
   setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &longest, sizeof longest);
   std::string answer;
-  // Who finds no place may be turned away before anything is sent.
+  // A server without a free place may close the connection before the request is sent.
   if (connect(socket, reinterpret_cast<sockaddr const*>(&address), sizeof address) == 0 &&
       send(socket, request.data(), request.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(request.size())) {
     char block[4096];

@@ -81,12 +81,12 @@ std::vector<std::uint8_t> testFrame(int hostFormat, int width, int height) {
 }
 
 std::string differences(Frame const& frame) {
-  // Lossy coding and limited-range JPEG shift colours by up to some 25 steps.
+  // Lossy coding and limited-range JPEG change colours by up to about 25 steps.
   constexpr int tolerance = 45;
   int const margin = std::max(34, frame.width / 16);
   for (int y = 0; y < frame.height; ++y) {
     for (int x = 0; x < frame.width; ++x) {
-      // Near the border of two quarters their colours may mix, more so in an enlarged frame.
+      // Colours may mix near the border of two quarters, and more so in an enlarged frame.
       if (std::abs(x * 2 - frame.width) < margin || std::abs(y * 2 - frame.height) < margin) {
         continue;
       }

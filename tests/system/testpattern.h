@@ -1,5 +1,5 @@
-// A frame of known colours, in every format that the library takes, and the
-// check of what a player made of it.
+// A frame of known colours in every format that the library takes, and a check of
+// what a player shows.
 #pragma once
 
 #include <cstdint>
@@ -12,10 +12,10 @@ struct Frame {
   std::vector<std::uint8_t> rgb;
 };
 
-// Red, green, blue and light grey quarters (in reading order) as one raw frame,
-// made by hand from the formats' definitions.
+// A raw frame with red, green, blue and light grey quarters (in reading order),
+// made from the formats' definitions.
 std::vector<std::uint8_t> testFrame(int hostFormat, int width, int height);
 
-// Empty if every quarter has its colour from its middle out to near its edges;
-// otherwise what is wrong.
+// Empty if every quarter has its colour, except near its edges; otherwise describes the
+// first difference.
 std::string differences(Frame const& frame);

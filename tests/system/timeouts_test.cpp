@@ -1,5 +1,5 @@
-// Who is ended for being silent, idle or stalled, and who is not. Time passes on
-// the publisher's clock alone, so nothing is waited for.
+// Which sessions end because they are silent, idle or stalled, and which do not. Only the
+// publisher's clock advances, so the test does not wait.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -12,19 +12,19 @@ namespace {
 
 class Timeouts : public ::testing::TestWithParam<char const*> {
  protected:
-  // So many seconds, during which the viewers do this every 10; the loop has looked
-  // at it all when this returns.
+  // Lets so many seconds pass; every 10 of them, the viewers do this. When it returns, the
+  // event loop has processed everything.
   void pass(int seconds, std::function<void()> const& meanwhile) {
     for (int passed = 0; passed < seconds; passed += 10) {
       meanwhile();
-      RtspClient(m_Publisher.port()).request("OPTIONS", url());  // what came before has been read
+      RtspClient(m_Publisher.port()).request("OPTIONS", url());  // answered after everything sent before
       m_Publisher.passSeconds(10);
       RtspClient(m_Publisher.port()).request("OPTIONS", url());
     }
   }
 
   std::string url() const { return m_Publisher.url(); }
-  // Whether its session is known to the server; asked from the host that made it.
+  // Whether the server knows the session; asks from the address that created it.
   bool lives(std::string const& session, bool ipv6 = false) {
     RtspClient other(m_Publisher.port(), ipv6);
     return other.request("OPTIONS", url(), "Session: " + session + "\r\n").status == 200;
@@ -35,8 +35,8 @@ class Timeouts : public ::testing::TestWithParam<char const*> {
 
 }  // namespace
 
-// Anybody can forge the address of a viewer: once its connection has closed, only one that
-// has had our reports is there.
+// A viewer's address can be forged: once its connection has closed, only a viewer that answers
+// our reports lives on.
 TEST_P(Timeouts, WithoutAConnectionAViewerLivesByAnsweringReports) {
   RtspClient viewers[] = {RtspClient(m_Publisher.port()), RtspClient(m_Publisher.port())};
   std::vector<std::uint8_t> answers[2];
@@ -52,9 +52,9 @@ TEST_P(Timeouts, WithoutAConnectionAViewerLivesByAnsweringReports) {
     ASSERT_EQ(packet.channel, 1);
     auto const& sent = packet.bytes;
     std::vector<std::uint8_t> answer = {0x81, 201, 0, 7, 0, 0, 0, 9};
-    answer.insert(answer.end(), sent.begin() + 4, sent.begin() + 8);  // who sent it
+    answer.insert(answer.end(), sent.begin() + 4, sent.begin() + 8);  // the sender's SSRC
     answer.resize(24);
-    answer.insert(answer.end(), sent.begin() + 10, sent.begin() + 14);  // when
+    answer.insert(answer.end(), sent.begin() + 10, sent.begin() + 14);  // the time of the report
     answer.resize(32);
     viewers[1].sendRtcp(answer);
   });
@@ -62,8 +62,8 @@ TEST_P(Timeouts, WithoutAConnectionAViewerLivesByAnsweringReports) {
   EXPECT_TRUE(lives(viewers[1].session()));
 }
 
-// Over IPv6 too when the stream was first watched over IPv4, and when others have gone; and, behind
-// NAT, where its reports come from another port from some time on.
+// Also over IPv6 if the stream was first watched over IPv4, after others have left, and if the reports
+// come from another port from some time on, as behind NAT.
 TEST_P(Timeouts, AViewerOverUdpLivesByItsReports) {
   RtspClient silent(m_Publisher.port());
   RtspClient viewers[] = {RtspClient(m_Publisher.port()), RtspClient(m_Publisher.port(), true),
@@ -112,7 +112,7 @@ TEST_P(Timeouts, TwoSessionsOfAConnectionLiveByTheirOwnChannels) {
   EXPECT_TRUE(lives(sessions[2]));
 }
 
-// The old session's end takes nothing away from the one that has its ports now.
+// The end of the old session does not affect the session that has its ports now.
 TEST_P(Timeouts, PortsThatAreSetUpAgainBelongToTheNewSession) {
   RtspClient viewer(m_Publisher.port());
   ASSERT_TRUE(viewer.playOverUdp(url()));
@@ -125,7 +125,7 @@ TEST_P(Timeouts, PortsThatAreSetUpAgainBelongToTheNewSession) {
   EXPECT_TRUE(viewer.receivesAFrame());
 }
 
-// Whoever goes without a word is not sent to for 65 seconds.
+// A viewer that leaves without TEARDOWN is ended before its 65 seconds are over.
 TEST_P(Timeouts, AViewerThatIsGoneFromItsPortIsEnded) {
   std::string gone;
   RtspClient silent(m_Publisher.port());
@@ -163,7 +163,7 @@ TEST_P(Timeouts, IdleAndStalledConnectionsAreClosed) {
   ASSERT_TRUE(paused.play(url()));
   ASSERT_EQ(paused.request("PAUSE", url()).status, 200);
   ASSERT_TRUE(stalled.play(url()));
-  // Until its way is full, which another sees by what it gets.
+  // Until the stalled viewer's path is full, by the frames that another viewer gets.
   RtspClient witness(m_Publisher.port());
   ASSERT_TRUE(witness.play(url()));
   for (int i = 0; i < 30; ++i) {

@@ -1,4 +1,4 @@
-// The life of a viewer: description, PLAY, PAUSE, and the stream's end.
+// The life of a viewer: DESCRIBE, PLAY, PAUSE, and the end of the stream.
 #include <gtest/gtest.h>
 
 #include <set>
@@ -18,7 +18,7 @@ class Viewing : public ::testing::TestWithParam<int> {
 
   std::string url(std::string const& address = "127.0.0.1") const { return m_Host.url("stream", address); }
 
-  // Frames come, and for H.264 begin with one that needs no other.
+  // Frames arrive, and H.264 begins with a key frame.
   void expectFrames(RtspClient& viewer) {
     if (GetParam() == KV_CODEC_H264) {
       EXPECT_EQ(viewer.nextNalType(), 7);
@@ -26,7 +26,7 @@ class Viewing : public ::testing::TestWithParam<int> {
     EXPECT_TRUE(viewer.receivesAFrame());
   }
 
-  // Skips what is on the way; false when an RTP packet comes after that.
+  // Skips packets that have arrived. Returns false if an RTP packet arrives after that.
   bool isQuiet(RtspClient& viewer, RtspClient& witness) {
     while (viewer.hasPacket()) {
       viewer.packet();
@@ -71,7 +71,7 @@ TEST_P(Viewing, PauseStopsOneViewerAndPlayBringsItBack) {
   }
 }
 
-// Some clients take what comes before it for the response.
+// Some clients take anything that precedes it for the response.
 TEST_P(Viewing, TheResponseToPlayIsTheFirstThingOnTheConnection) {
   RtspClient alone(m_Host.port());
   ASSERT_TRUE(alone.play(url()));
@@ -112,8 +112,8 @@ TEST_P(Viewing, ExitSendsBye) {
   EXPECT_TRUE(udp.receivesBye());
 }
 
-// Whoever describes takes no frame from those who watch, and learns the address
-// of its own family.
+// DESCRIBE takes no frame from the viewers, and returns an address of the client's
+// own family.
 TEST_P(Viewing, ADescriptionIsForWhoAsksAndDisturbsNobody) {
   RtspClient viewer(m_Host.port());
   ASSERT_TRUE(viewer.play(url(), false));
@@ -139,7 +139,7 @@ TEST_P(Viewing, ADescriptionIsForWhoAsksAndDisturbsNobody) {
 
 TEST_P(Viewing, TwoSessionsShareAConnectionOnChannelsOfTheirOwn) {
   RtspClient viewer(m_Host.port());
-  for (std::string const channels : {"interleaved=4-5", "unicast"}) {  // the second leaves the choice to the server
+  for (std::string const channels : {"interleaved=4-5", "unicast"}) {  // the second lets the server choose
     viewer.forgetSession();
     auto const response = viewer.request("SETUP", url() + "/track1", "Transport: RTP/AVP/TCP;" + channels + "\r\n");
     ASSERT_EQ(response.status, 200);

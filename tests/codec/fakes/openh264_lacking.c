@@ -1,2 +1,2 @@
-/* A library that only has the name. */
+/* A library with OpenH264's name and none of its functions. */
 int kavo_test_nothing_of_openh264;

@@ -1,4 +1,4 @@
-/* An OpenH264 of an older generation: the functions are there, the version differs. */
+/* An older OpenH264: it has the functions, but another version. */
 #include <stddef.h>
 
 typedef struct {
