@@ -34,7 +34,7 @@ class FloorServer : public BenchServer {
                sizeof address);
       }
     }
-    // Read as viewers would; a full buffer would make sending cheap.
+    // The receivers read like viewers; a full buffer would make sending cheap.
     char block[2048];
     for (auto const& receiver : m_Receivers) {
       while (recv(receiver.get(), block, sizeof block, MSG_DONTWAIT) > 0) {

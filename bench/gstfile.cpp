@@ -1,4 +1,4 @@
-// bench_gstfile PORT FILE: an H.264 file by gst-rtsp-server, without encoding, until it is killed.
+// bench_gstfile PORT FILE: serves an H.264 file with gst-rtsp-server, without encoding, until it is killed.
 #include <gst/rtsp-server/rtsp-server.h>
 
 #include <cstdio>

@@ -18,7 +18,7 @@ BUILD = PROJECT / "build" / "bench"
 NEAR = "10.78.0.1"
 WIDTH, HEIGHT, FPS, FRAMES = 320, 240, 25, 250
 BITS, CODE_ROWS = 8, 16
-LARGEST_DIFFERENCE = 20  # of a block of 16 x 16; what the encoder leaves out is less
+LARGEST_DIFFERENCE = 20  # of a block of 16 x 16; encoding alone changes it by less
 
 
 def free_port():
@@ -76,7 +76,7 @@ def slow_tcp(far, engine, delay, mbit, seconds):
 
 
 def film():
-    """A texture that moves, with each frame's number in black and white above it."""
+    """A moving texture; the top rows of each frame code its number in black and white."""
     random = numpy.random.default_rng(1)
     coarse = random.integers(40, 216, (HEIGHT // 16 + 1, (WIDTH + 3 * FRAMES) // 16 + 2)).astype(float)
     rows, columns = numpy.arange(HEIGHT) / 16, numpy.arange(WIDTH + 3 * FRAMES) / 16
@@ -90,7 +90,7 @@ def film():
 
 
 def right(decoded, frames):
-    """How many of the decoded frames show what was filmed."""
+    """How many of the decoded frames are undamaged."""
     count = 0
     for frame in decoded:
         middles = frame[CODE_ROWS // 2, WIDTH // BITS // 2::WIDTH // BITS]
@@ -103,7 +103,7 @@ def right(decoded, frames):
 
 
 def lossy_udp(far, frames, input_file, seconds, *options):
-    """The share of the time in which the picture was damaged, and key frames a second made for the viewer."""
+    """For which share of the time the picture was damaged, and how many key frames a second the viewer got."""
     port = free_port()
     page = input_file + ".status"
     publisher = subprocess.Popen(

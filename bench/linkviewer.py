@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""A viewer that says what came through a link.
+"""A viewer that measures what arrives through a link.
 
 linkviewer.py tcp RTSP_URL SECONDS: watches a JPEG stream over TCP, and prints as JSON whole
 and damaged frames, Mbit/s, and how old the frames were, in seconds since their submit, when
@@ -25,7 +25,7 @@ class JpegFrames:
         self.offset = None  # of RTP time / 90000 to the wall clock
         self.expected = None
         self.whole = True
-        self.begun = False  # a frame, whose end has not come
+        self.begun = False  # whether a frame is incomplete
         self.frames = self.damaged = self.bytes = 0
         self.arrivals = []  # wall clock less RTP time, in seconds
 
@@ -36,7 +36,7 @@ class JpegFrames:
 
     def add(self, packet):
         sequence = int.from_bytes(packet[2:4], "big")
-        first = int.from_bytes(packet[13:16], "big") == 0  # fragment; frames may be left out before it
+        first = int.from_bytes(packet[13:16], "big") == 0  # fragment; frames may be missing before it
         self.damaged += first and self.begun
         self.begun = True
         self.whole = first or (self.whole and sequence == self.expected)
@@ -69,12 +69,12 @@ class H264Units:
     def __init__(self, file):
         self.file = file
         self.expected = None
-        self.fragments = None  # of a NAL unit that is not complete
+        self.fragments = None  # of an incomplete NAL unit
         self.ssrc = b"\0\0\0\0"
         self.highest = self.lost = 0
 
     def add(self, packet):
-        """Whether packets are missing before this one."""
+        """Returns whether packets are missing before this one."""
         sequence = int.from_bytes(packet[2:4], "big")
         self.ssrc = packet[8:12]
         missing = 0 if self.expected is None else (sequence - self.expected) & 0xFFFF

@@ -34,7 +34,7 @@ using namespace kavo::impl;
 
 namespace {
 
-// Frames of our queue, as a source for live555's own on-demand session, sink and scheduler.
+// A source with frames of our queue for live555's own on-demand session, sink and scheduler.
 class StockSource : public JPEGVideoSource {
  public:
   StockSource(UsageEnvironment& env, std::shared_ptr<FrameSourceHandler> handler)

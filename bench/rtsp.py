@@ -1,4 +1,4 @@
-"""An RTSP connection that says what it is told to say, right or wrong: for tests and measurements."""
+"""An RTSP connection that sends what it is told to, right or wrong, for tests and measurements."""
 import hashlib
 import re
 import socket
@@ -6,7 +6,7 @@ import urllib.parse
 
 
 class Connection:
-    """From an address of this machine, and with a user and password, if given."""
+    """source: the local address; user: a name and a password."""
 
     def __init__(self, url, source="", user=None):
         self.url, self.user = url, user
@@ -14,7 +14,7 @@ class Connection:
         self.host = target.hostname
         self.socket = socket.create_connection((target.hostname, target.port), 60, (source, 0) if source else None)
         self.buffer = b""
-        self.early = []  # packets that came before a response
+        self.early = []  # packets that preceded a response
         self.number = 0
         self.session = self.challenge = None
 
@@ -36,7 +36,7 @@ class Connection:
         return head[1], self.take(head[2] << 8 | head[3])
 
     def ask(self, method, url=None, headers="", version="RTSP/1.0", uri=None):
-        """The status; response and body are kept. uri: what the Authorization header names."""
+        """Returns the status; keeps response and body. uri: what the Authorization header names."""
         url = self.url if url is None else url
         self.number += 1
         if self.session:
@@ -70,7 +70,7 @@ class Connection:
                 f'response="{answer}"\r\n')
 
     def play(self, transport):
-        """The response to SETUP; everything has to succeed."""
+        """DESCRIBE, SETUP and PLAY, which must succeed. Returns the response to SETUP."""
         for method, headers in (("DESCRIBE", ""), ("SETUP", f"Transport: {transport}\r\n"), ("PLAY", "")):
             url = self.url
             if method == "SETUP":

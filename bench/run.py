@@ -24,9 +24,9 @@ def free_port():
 
 
 def run(engine, streams, fps, size, viewers, transport, seconds, crawl=None, on=((), ()), page=None):
-    """One server with its viewers; what both counted, or None if one of them
-    failed. CRAWL adds slow viewers; ON is what runs the server and the viewers, such as
-    taskset; PAGE is the socket of its status server."""
+    """Runs a server and its viewers. Returns what both measured, or None if one of them
+    failed. crawl adds slow viewers; on holds the commands that run the server and the
+    viewers, such as taskset; page is the socket of the status server."""
     port = free_port()
     server = subprocess.Popen(
         [*on[0], BUILD / "bench_server", engine, str(port), str(streams), str(fps), str(size), str(seconds), str(viewers)],
@@ -48,7 +48,7 @@ def run(engine, streams, fps, size, viewers, transport, seconds, crawl=None, on=
         if crowd is not None:
             result.update(json.loads(crowd.stdout.readline()))
         return result
-    except ValueError:  # a line that is not there
+    except ValueError:  # the line is missing
         for process in (server, crowd):
             process.kill()
         print(f"  ({engine}, {viewers} {transport} viewers: {crowd.stderr.read().strip()[:120]})", file=sys.stderr)
@@ -61,7 +61,7 @@ def run(engine, streams, fps, size, viewers, transport, seconds, crawl=None, on=
 
 
 def repeated(rounds, cases):
-    """Each case once a round, in turns: the results of each."""
+    """Runs each case once a round, in turns. Returns the results of each."""
     results = {name: [] for name in cases}
     for _ in range(rounds):
         for name, arguments in cases.items():
@@ -143,7 +143,7 @@ def cpu(rounds):
 
 
 def own_network():
-    """Loopback, and its settings, of our own; whether that is possible."""
+    """Enters a network namespace, for settings of its own. Returns whether that is possible."""
     try:
         os.unshare(os.CLONE_NEWNET | os.CLONE_NEWNS)
         subprocess.run(["mount", "-t", "sysfs", "none", "/sys"], check=True, capture_output=True)
@@ -243,7 +243,7 @@ def crowds(rounds):
 
 
 def file_cpu(command, port, seconds):
-    """CPU milliseconds a second of a server of a file, while somebody plays it over TCP."""
+    """CPU milliseconds a second of a server that plays a file to a viewer over TCP."""
     server = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
     try:
         server.stdout.readline()
@@ -303,7 +303,7 @@ def memory(_rounds):
             print(f"| {engine} | {streams} | {viewers} | {result['kilobytes'] / 1000:.1f} | {100 * due:.0f} % |")
 
 
-# Those that leave this network come last.
+# The tables that leave this network namespace come last.
 TABLES = {"submit": submit, "latency": latency, "cpu": cpu, "page": page, "slow": slow, "large": large, "memory": memory,
           "links": links, "copy": copy, "crowds": crowds, "steered": steered,
           "addresses": addresses}

@@ -1,8 +1,8 @@
 // bench_server ENGINE PORT STREAMS FPS BYTES SECONDS VIEWERS
 //
-// Publishes JPEG images of about BYTES bytes for SECONDS and prints, as JSON,
-// what it used meanwhile. It waits for a line on standard input before it begins
-// to count, so that viewers can join first.
+// Publishes JPEG images of about BYTES bytes for SECONDS and prints, as JSON, the CPU time
+// and memory that it used. Before it begins to measure, it waits for a line on standard
+// input, so that viewers can join first.
 #include "server.h"
 
 #include <sys/resource.h>
@@ -32,7 +32,7 @@ std::vector<std::uint8_t> imageOf(kavo::impl::Transcoder& transcoder, int amplit
         static_cast<std::uint8_t>(128 + static_cast<int>(random() >> 8) % (amplitude + 1));
   }
   std::vector<std::uint8_t> image;
-  for (int i = 0; i < 12; ++i) {  // until rate control has settled
+  for (int i = 0; i < 12; ++i) {  // until rate control settles
     AVPacket packet{};
     transcoder.transcode(frame.data(), packet);
     image.assign(packet.data, packet.data + packet.size);
@@ -41,7 +41,7 @@ std::vector<std::uint8_t> imageOf(kavo::impl::Transcoder& transcoder, int amplit
   return image;
 }
 
-// Noise just strong enough that the image has the size asked for.
+// Noise of just the strength that gives the image the size.
 std::vector<std::uint8_t> imageOf(int bytes) {
   kavo::impl::VideoCodecParameter parameter;
   parameter.m_SrcWidth = parameter.m_DstWidth = 640;
@@ -59,8 +59,8 @@ std::vector<std::uint8_t> imageOf(int bytes) {
   return imageOf(transcoder, strong);
 }
 
-// The time at which a frame was handed over travels in its last bytes, as
-// digits, which no JPEG parser takes for a marker.
+// The last bytes of a frame hold the time at which it was pushed, as digits,
+// which no JPEG parser takes for a marker.
 void stamp(std::vector<std::uint8_t>& image) {
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);
@@ -151,6 +151,6 @@ int main(int argc, char** argv) {
       std::chrono::duration<double, std::milli>(longestPush).count(), mostPushCpu);
   std::fflush(stdout);
   waiter.join();
-  std::getchar();  // until the viewers have counted too
+  std::getchar();  // until the viewers have finished measuring
   std::_Exit(0);
 }

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """A link that delays, limits and loses, between this network namespace and another one:
-two TUN devices with this process between them, so both ends are the kernel's own TCP and
+two TUN devices with this process between them, so both ends use the kernel's TCP and
 UDP. slow0 here is 10.78.0.1, slow1 there 10.78.0.2. Runs until it is ended; then prints
-what went towards the far end, as JSON."""
+how much it carried towards the far end, as JSON."""
 import argparse
 import collections
 import fcntl
@@ -47,7 +47,7 @@ class Direction:
     def __init__(self, source, sink, options, rate):
         self.source, self.sink, self.options = source, sink, options
         self.seconds_a_byte = 8e-6 / rate if rate else 0
-        self.free = 0.0  # when the link has sent what waits
+        self.free = 0.0  # when the link will have sent all that waits
         self.on_the_way = collections.deque()
         self.bytes = self.lost = self.overflowed = 0
 
@@ -73,7 +73,7 @@ class Direction:
                 self.on_the_way.append((self.free + self.options.delay / 1000, packet))
 
     def deliver(self):
-        """When the next one is due; nothing if none is."""
+        """Writes the packets that are due. Returns when the next one is due, or None."""
         while self.on_the_way and self.on_the_way[0][0] <= time.monotonic():
             packet = self.on_the_way.popleft()[1]
             self.bytes += len(packet)
@@ -82,7 +82,7 @@ class Direction:
 
 
 class Upstream(Direction):
-    """Without a rate or loss; without reports if so wished."""
+    """Has neither a rate nor loss, and optionally carries no reports."""
 
     def takes(self, packet, now):
         return not (self.options.no_reports and packet[9] == UDP)

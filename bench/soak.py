@@ -27,12 +27,12 @@ SIZE = 64  # pixels
 INIT, CREATE_SESSION, REMOVE_SESSION, CREATE_STREAM, SUBMIT = 0, 2, 3, 4, 5
 WARM_UP = 120  # seconds
 MEMORY_GROWTH = 2000  # kB
-MEMORY_FOR_VIEWERS = 20000  # kB: what a few of them may take, a stalled one among them
-LATENCY_GROWTH = 5  # ms, and twice
+MEMORY_FOR_VIEWERS = 20000  # kB for a few viewers, a stalled one among them
+LATENCY_GROWTH = 5  # ms, if it has doubled too
 
 
 class Host:
-    """The host process: the library by ctypes, since hosts are found in any language."""
+    """The host process, which loads the library through ctypes."""
 
     def __init__(self, port):
         self.library = ctypes.CDLL(str(BUILD / "src" / "libkavo_stream.so.2"))
@@ -101,12 +101,12 @@ class Load(threading.Thread):
 
     @staticmethod
     def has_ended(viewer):
-        """Whether the server has closed the connection: of what waits nothing is read until then."""
+        """Whether the server has closed the connection. Reads nothing, so that the viewer stays stalled."""
         state = viewer.socket.getsockopt(socket.IPPROTO_TCP, socket.TCP_INFO, 1)[0]
         return state != 1  # ESTABLISHED
 
     def measure(self):
-        """Milliseconds from a submit to the frame's arrival, more than the fewest that were seen."""
+        """Milliseconds from a submit to the arrival of the frame, less the shortest seen so far."""
         fewest = None
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as rtp:
             rtp.bind(("127.0.0.1", 0))
@@ -134,7 +134,7 @@ def sample(process, page, load):
 
 
 def curves(samples, file):
-    """One below the other, each from 0 to its largest value."""
+    """Draws the curves below each other, each from 0 to its largest value."""
     width, height = 720, 110
     parts = []
     for row, (key, title) in enumerate((("kilobytes", "resident memory, kB"), ("descriptors", "descriptors"),
@@ -151,7 +151,7 @@ def curves(samples, file):
 
 
 def verdict(samples):
-    """What has grown between the end of the warm-up and the last quarter."""
+    """Which figures have grown between the end of the warm-up and the last quarter."""
     warm = min(WARM_UP, len(samples) // 3)
     before, after = samples[warm:warm + max(10, len(samples) // 8)], samples[-len(samples) // 4:]
 
@@ -159,7 +159,7 @@ def verdict(samples):
         return statistics.median(s[key] for s in part if s[key] == s[key])
 
     grown = []
-    settled = len(samples) >= 2 * WARM_UP  # until then every kind of work has not been done often enough
+    settled = len(samples) >= 2 * WARM_UP  # before, some kinds of work have not been done often enough
     if settled and middle(after, "kilobytes") > middle(before, "kilobytes") + MEMORY_GROWTH:
         grown.append("memory")
     if max(s["kilobytes"] for s in samples) > samples[0]["kilobytes"] + MEMORY_FOR_VIEWERS:

@@ -1,5 +1,5 @@
-// kv_Stream's submit, with a viewer, against the bare floor: libswscale and the encoder called
-// directly, with the same settings, on the same frames, in turns.
+// Compares a submit through kv_Stream, with a viewer, with the floor: libswscale and the encoder called
+// directly, with the same settings and frames, in turns.
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
@@ -45,7 +45,7 @@ std::vector<std::vector<std::uint8_t>> framesOf(Shape const& shape) {
   return result;
 }
 
-// What the submit call is made of, without the library.
+// What a submit does, without the library.
 class Floor {
  public:
   explicit Floor(Shape const& shape) : m_Shape(shape) {
@@ -127,8 +127,8 @@ class Floor {
   ISVCEncoder* m_Encoder = nullptr;
 };
 
-// A host with streams "0", "1", ..., each with a viewer, and the boundary that their frames
-// go through. What arrives at the viewers is not read; the kernel drops it.
+// A host with streams "0", "1", ..., each with a viewer. The viewers read nothing; the kernel drops their
+// packets.
 class Host {
  public:
   explicit Host(Shape const& shape, int streams = 1, bool watched = true) {
@@ -183,7 +183,7 @@ double seconds(Function const& function) {
   return std::chrono::duration<double>(Clock::now() - begin).count();
 }
 
-// One pair a round, in turns of who is first; the median of the ratios.
+// Measures one pair a round, alternating which is first. Returns the median of the ratios.
 void submitOverFloor(benchmark::State& state, Shape const& shape) {
   auto const frames = framesOf(shape);
   Floor floor(shape);
@@ -217,8 +217,8 @@ BENCHMARK_CAPTURE(submitOverFloor, jpeg_1080p, Shape{1920, 1080, 8})->Iterations
 BENCHMARK_CAPTURE(submitOverFloor, h264_720p, Shape{1280, 720, 28})->Iterations(150)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(submitOverFloor, h264_1080p, Shape{1920, 1080, 28})->Iterations(100)->Unit(benchmark::kMillisecond);
 
-// Streams that encode in parallel, a thread each, against one of them alone: how
-// many times its frames they get through.
+// Compares streams that encode in parallel, on a thread each, with a single one: how many times its frames
+// they encode.
 void parallelStreams(benchmark::State& state, Shape const& shape, int streams) {
   char policy[] = "/tmp/kavo-bench-XXXXXX";
   close(mkstemp(policy));
@@ -256,7 +256,7 @@ BENCHMARK_CAPTURE(parallelStreams, h264_1080p_2, Shape{1920, 1080, 28}, 2)
     ->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(parallelStreams, jpeg_1080p_4, Shape{1920, 1080, 8}, 4)->Iterations(7)->Unit(benchmark::kMillisecond);
 
-// A frame of a stream without viewers, through the whole of kv_Stream.
+// Submits a frame of a stream without viewers through kv_Stream.
 void submitWithoutViewer(benchmark::State& state) {
   Host host({640, 480, KV_CODEC_MJPEG}, 1, false);
   std::vector<std::uint8_t> const pixels(640 * 480 * 3);

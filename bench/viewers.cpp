@@ -1,14 +1,12 @@
 // bench_viewers PORT STREAMS VIEWERS tcp|udp SECONDS [CRAWL]
 //
-// Joins as many viewers, spread over the streams, prints a line when all play,
-// counts for SECONDS what arrives, and prints it as JSON: whole frames, lost
-// packets, and the time from handing a frame over to its last packet here. Before
-// that, beside one viewer, twenty more come, one after the other; "join" is the time
-// from PLAY to their first whole frame.
-// With CRAWL, two more watch over TCP and are not counted: one that reads
-// nothing, and one that reads as many bytes a second. With KAVO_BENCH_SERVER in the
-// environment the server is at that address, and each viewer at one of its own, from
-// 10.80.0.1 on.
+// Joins VIEWERS viewers, spread over the streams, prints a line when all play, and counts for
+// SECONDS what arrives. Prints, as JSON, complete frames, lost packets, and the time from pushing
+// a frame to the arrival of its last packet. Before that, twenty more join one viewer, one after
+// the other; "join" is the time from PLAY to their first complete frame.
+// With CRAWL, two more watch over TCP and are not counted: one reads nothing, and one CRAWL bytes
+// a second. If KAVO_BENCH_SERVER is set, the server has that address, and each viewer its own,
+// from 10.80.0.1 on.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -95,13 +93,13 @@ class Viewer {
 
   int mediaSocket() const { return m_Tcp ? m_Rtsp : m_Rtp; }
 
-  // Reads a little, and forgets it.
+  // Reads a little and discards it.
   void crawl(std::size_t bytes) {
     std::vector<char> block(bytes);
     (void)!recv(m_Rtsp, block.data(), block.size(), MSG_DONTWAIT);
   }
 
-  // Reads all that is there.
+  // Reads everything that has arrived.
   void read() {
     char block[65536];
     ssize_t size;
@@ -131,7 +129,7 @@ class Viewer {
     return address;
   }
 
-  // At this viewer's address; the port.
+  // Binds to this viewer's address and returns the port.
   int open(int& result, int type) const {
     result = socket(AF_INET, type, 0);
     auto address = at(m_Address, 0);
@@ -203,7 +201,7 @@ class Viewer {
       }
     }
     m_Sequence = sequence;
-    // Only a frame's end is looked at; it may lie in its last two packets.
+    // Looks only at the end of a frame, which may be split between its last two packets.
     constexpr std::size_t headers = 12 + 8;
     if (size > headers) {
       std::size_t const tail = std::min<std::size_t>(size - headers, 64);
@@ -235,7 +233,7 @@ class Viewer {
   std::string m_Url;
   std::string m_Session;
   std::string m_Buffer;
-  std::string m_End;  // the last bytes that came
+  std::string m_End;  // the last bytes received
   int m_Rtsp = -1;
   int m_Rtp = -1;
   int m_Rtcp = -1;
@@ -306,7 +304,7 @@ double percentile(std::vector<double>& values, double fraction) {
 
 }  // namespace
 
-// Milliseconds from PLAY to the first whole frame, at twenty moments between two frames.
+// Milliseconds from PLAY to the first complete frame, at twenty different moments between two frames.
 std::vector<double> joinsOf(Crowd& crowd, int port, bool tcp) {
   Counts counts;
   for (int i = 0; i < 20; ++i) {
