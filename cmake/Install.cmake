@@ -1,5 +1,4 @@
-# What is installed: the library, the files to develop with it, and the tools. debian/ makes
-# packages of it.
+# Installs the library, its development files and the tools. debian/ makes packages of them.
 include(CMakePackageConfigHelpers)
 
 install(TARGETS kavo_stream EXPORT kavo_streamTargets

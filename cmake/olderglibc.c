@@ -1,11 +1,11 @@
-/* What programs built against a new glibc take from it, for those that run where it is older. */
+/* Functions of newer versions of glibc, for programs that run with an older one. */
 #include <stdarg.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/random.h>
 
-/* The compiler calls these in place of strtol and so on (2.38). Numbers in binary (0b...) are not known. */
+/* The compiler calls these instead of strtol and others (2.38). They do not support binary numbers (0b...). */
 #define OURS(name) KAVO_JOIN_(KAVO_PREFIX, name)
 #define KAVO_JOIN_(prefix, name) KAVO_PASTE_(prefix, name)
 #define KAVO_PASTE_(prefix, name) prefix##name
@@ -26,7 +26,7 @@ int OURS(sscanf)(char const* text, char const* format, ...) {
 }
 
 #ifdef KAVO_WITH_RANDOM
-/* What std::random_device asks (2.36). */
+/* For std::random_device (2.36). */
 uint32_t arc4random(void) {
   uint32_t number = 0;
   while (getrandom(&number, sizeof number, 0) != sizeof number) {

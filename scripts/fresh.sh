@@ -1,5 +1,5 @@
 # Sourced by the checks that install what 'make package' made into fresh Debian 13
-# roots. They put what goes along, and the program "inside", into $work.
+# roots. They put the program "inside", and what it needs, into $work.
 # shellcheck shell=bash disable=SC2154
 
 set -E
@@ -24,10 +24,9 @@ fill_root() {
     tar -x -C "$1" --exclude='./dev/*' --no-same-owner
 }
 
-# fresh NAME PACKAGES: a root with these packages and everything of $work in
-# /root. There "inside prepare NAME" runs while it is made, and then "inside
-# check NAME" on a network of its own; what that leaves in /tmp/results is in
-# $work/results.
+# fresh NAME PACKAGES: makes a root with these packages and a copy of $work in /root. Runs
+# "inside prepare NAME" there while it is made, and then "inside check NAME" in a network
+# namespace. $work/results is /tmp/results there.
 fresh() {
   local root=$work.$1
   say "making a fresh root for $1"
