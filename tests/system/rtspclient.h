@@ -1,4 +1,4 @@
-// An RTSP client that does exactly what a test tells it to, right or wrong.
+// An RTSP client that does exactly what a test asks for, right or wrong.
 #pragma once
 
 #include <netinet/in.h>
@@ -19,7 +19,7 @@ class RtspClient {
     std::vector<std::uint8_t> bytes;
   };
 
-  // Connects to 127.0.0.1 or ::1; connected() tells whether that worked. receiveBuffer is in
+  // Connects to 127.0.0.1 or ::1; connected() returns whether that worked. receiveBuffer is in
   // bytes; 0 is the system's default. All functions wait at most until the limit.
   explicit RtspClient(std::uint32_t port, bool ipv6 = false, int receiveBuffer = 0, int limitMilliseconds = 20000);
   ~RtspClient();
