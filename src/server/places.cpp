@@ -72,7 +72,8 @@ std::optional<DescriptorBudget::Share> RtspServer::placeForConnection(sockaddr_s
 
 // Closes a connection without a stream: one from the address with the most connections, if it has
 // several; else one that never sent anything, so that a flood of silent connections cannot evict
-// a client about to set up a session; among equals the least recently active. False if there is none.
+// a client about to set up a session; among equals the least recently active. Never the one whose
+// request needs the room. False if there is none.
 bool RtspServer::evictConnection() {
   std::map<Network, std::size_t> counts;
   for (auto const* const connection : m_Connections) {
@@ -84,7 +85,8 @@ bool RtspServer::evictConnection() {
   for (auto* const connection : m_Connections) {
     std::size_t const ofAddress = counts[networkOf(connection->clientAddress())];
     std::pair const rank(ofAddress < several ? 0 : ofAddress, !connection->hasSentAnything());
-    if (!connection->hasStream() && (unwanted == nullptr || rank > worst)) {
+    bool const isSpared = connection->hasStream() || connection->isHandlingRequest();
+    if (!isSpared && (unwanted == nullptr || rank > worst)) {
       unwanted = connection;
       worst = rank;
     }

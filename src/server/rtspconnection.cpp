@@ -171,10 +171,12 @@ RtspConnection::Next RtspConnection::handleNext() {
       return Next::Item;
     case RequestReader::Item::Request: {
       auto const alive = m_Alive;
+      m_IsHandlingRequest = true;
       handleRequest();
       if (!*alive) {
         return Next::Gone;
       }
+      m_IsHandlingRequest = false;
       if (m_WrongPasswords < mostWrongPasswords) {
         return Next::Item;
       }

@@ -36,6 +36,8 @@ class RtspConnection : public RTSPServer::RTSPClientConnection {
   // Whether the client has sent anything yet.
   bool hasSentAnything() const KAVO_REQUIRES(eventLoopRole) { return m_HasSentAnything; }
   Clock::time_point lastActivity() const KAVO_REQUIRES(eventLoopRole) { return m_LastActivity; }
+  // A request may need descriptors, for which another connection is evicted.
+  bool isHandlingRequest() const KAVO_REQUIRES(eventLoopRole) { return m_IsHandlingRequest; }
   // Its position in the server's list.
   void setPlace(std::list<RtspConnection*>::iterator place) KAVO_REQUIRES(eventLoopRole) { m_Place = place; }
   // Whether one of its sessions has a stream; the idle timeout does not apply then.
@@ -105,6 +107,7 @@ class RtspConnection : public RTSPServer::RTSPClientConnection {
   SocketWatch m_Watch KAVO_GUARDED_BY(eventLoopRole);
   bool m_WantsToWrite KAVO_GUARDED_BY(eventLoopRole) = false;
   Timer m_NextTurn KAVO_GUARDED_BY(eventLoopRole);  // pending while items read wait for it
+  bool m_IsHandlingRequest KAVO_GUARDED_BY(eventLoopRole) = false;
   int m_WrongPasswords KAVO_GUARDED_BY(eventLoopRole) = 0;
   std::shared_ptr<InterleavedWriter> m_Writer KAVO_GUARDED_BY(eventLoopRole);
   // live555 may delete this object inside its handlers; callers that use it afterwards keep a copy.

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <ctime>
+#include <deque>
 
 #include "system/host.h"
 #include "system/rtspclient.h"
@@ -43,6 +44,25 @@ TEST(Connections, ALoopOutOfDescriptorsRestsAndComesBack) {
     close(file);
   }
   EXPECT_TRUE(newcomer.play(host.url("stream")) && newcomer.receivesAFrame());
+}
+
+// The last descriptors are taken by viewers. A newcomer over UDP needs two more, and there is nobody to evict.
+TEST(Connections, AClientIsNotEvictedForItsOwnRequest) {
+  Host host;
+  {
+    DescriptorLimit const limit(40);  // of which the library uses half, and four of these for itself
+    host.serve();
+  }
+  host.publish("stream");
+  host.startSubmitting();
+  std::deque<RtspClient> viewers;
+  for (int i = 0; i < 15; ++i) {
+    ASSERT_TRUE(viewers.emplace_back(host.port()).play(host.url("stream"))) << i;
+  }
+  RtspClient newcomer(host.port());
+  EXPECT_EQ(newcomer.setUpOverUdp(host.url("stream")).status, 503);
+  EXPECT_TRUE(newcomer.play(host.url("stream"))) << "over TCP, which needs none";
+  EXPECT_TRUE(viewers.front().receivesAFrame());
 }
 
 TEST(Connections, RequestsThatAreNotOfferedAreAnsweredWithAnError) {
