@@ -103,9 +103,9 @@ Transport::Outcome UdpFanout::add(UdpTransport& to, FramePtr const& frame, Clock
   UdpPath& path = to.path();
   path.pace->offer(frame->packets.bytes(), frame->packets.count(), now);
   if (path.current.frame == nullptr) {
+    m_Busy.push_back(&path);  // first: it may throw
     path.current.frame = frame;
     path.due = now;
-    m_Busy.push_back(&path);
   }
   if (path.current.frame == frame && path.current.next == 0) {
     path.current.recipients.push_back(&to);

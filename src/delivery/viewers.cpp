@@ -93,9 +93,14 @@ void Viewers::begin(Viewer& viewer) {
     return;
   }
   m_Reporter.start(viewer);
-  if (auto const first = viewer.takeFirstFrame()) {
-    viewer.send(first, Clock::now());
-    m_Udp.flush();
+  auto const sendFirst = [&, first = viewer.takeFirstFrame()]() KAVO_REQUIRES(eventLoopRole) {
+    if (first) {
+      viewer.send(first, Clock::now());
+      m_Udp.flush();
+    }
+  };
+  if (!contained(sendFirst)) {
+    failed();
   }
 }
 
