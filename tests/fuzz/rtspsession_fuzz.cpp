@@ -1,9 +1,10 @@
 // Runs scripts of what clients send, over real sockets, against the library in this process: several
 // connections, both address families and transports, RTCP, a slow reader, abrupt ends, status requests;
-// in between removed sessions, changed policies, init and exit, packets that the kernel refuses and clock
-// jumps. After each batch, good viewers must get whole frames, no descriptor may be left open, and nothing
-// may be leaked. libFuzzer writes a failing script to a file, and runs the file that it is given.
+// in between removed sessions, changed policies, init and exit, few descriptors, packets that the kernel
+// refuses and clock jumps. After each batch, good viewers must get whole frames, no descriptor may be left open, and
+// nothing may be leaked. libFuzzer writes a failing script to a file, and runs the file that it is given.
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
@@ -68,6 +69,9 @@ bool isRefused() {
 
 // How far the monotonic clock of this process is ahead. It only increases.
 std::atomic<std::int64_t> g_SecondsAhead{0};
+
+// Whether the library finds a limit of descriptors that the four connections and the streams' ports exceed.
+std::atomic<bool> g_HasFewDescriptors{false};
 
 // Policies of an operator, from an empty one to one that lets hardly anybody watch. The server starts only
 // with one of the first four; the others are written while it runs.
@@ -136,6 +140,7 @@ class Host {
     ++m_ServerNumber;
     m_Server.reset();
     m_IsRemoved = false;
+    g_HasFewDescriptors = policy % goodPolicies == 2;
     m_Port = onFreePort([this](std::uint32_t port) {
       try {
         m_Server.emplace(static_cast<std::uint16_t>(port));
@@ -444,6 +449,14 @@ void watch(Host& host) {
 extern "C" int clock_gettime(clockid_t clock, timespec* now) {
   long const result = syscall(SYS_clock_gettime, clock, now);
   now->tv_sec += clock == CLOCK_MONOTONIC ? g_SecondsAhead.load(std::memory_order_relaxed) : 0;
+  return static_cast<int>(result);
+}
+
+extern "C" int getrlimit(__rlimit_resource_t resource, rlimit* limit) noexcept {
+  long const result = syscall(SYS_prlimit64, 0, resource, nullptr, limit);
+  if (resource == RLIMIT_NOFILE && g_HasFewDescriptors) {
+    limit->rlim_cur = 24;
+  }
   return static_cast<int>(result);
 }
 
