@@ -19,7 +19,7 @@ green() {
 ffmpeg -v error -f lavfi -i color=c=0x00c000:size=320x240:rate=25 -t 1 -pix_fmt yuv420p "$work/green.mp4"
 start --loop "$work/green.mp4"
 refused 1 "cannot serve on port $port" --port "$port"
-ffmpeg -v error -rtsp_transport tcp -i "rtsp://127.0.0.1:$port/kavo" -frames:v 40 -y "$work/seen%d.png"
+ffmpeg -v error -rtsp_transport tcp -i "rtsp://127.0.0.1:$port/kavo" -fps_mode passthrough -frames:v 40 -y "$work/seen%d.png"
 stop
 [ -f "$work/seen40.png" ] || die "the file did not start again"
 green "$work/seen1.png"
@@ -45,7 +45,7 @@ done
 ffmpeg -v error -f lavfi -i testsrc=size=1280x720:rate=25 -t 1 -pix_fmt yuv420p "$work/large.mp4"
 refused 1 'missing.mp4' "$work/green.mp4" "$work/missing.mp4"
 start --json --codec jpeg --loop --name green --name large "$work/green.mp4" "$work/large.mp4"
-ffmpeg -v error -rtsp_transport tcp -i "rtsp://127.0.0.1:$port/green" -frames:v 60 -y "$work/two%d.png"
+ffmpeg -v error -rtsp_transport tcp -i "rtsp://127.0.0.1:$port/green" -fps_mode passthrough -frames:v 60 -y "$work/two%d.png"
 stop
 green "$work/two30.png"
 python3 - "$work/out" <<'EOF' || die "$(cat "$work/out")"
