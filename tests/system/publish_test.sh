@@ -52,7 +52,7 @@ timeout 60 "$publish" --port "$(free_port)" >/dev/full 2>"$work/err" || status=$
 
 # The test pattern moves.
 start --size 320x240
-ffmpeg -v error -rtsp_transport tcp -i "rtsp://127.0.0.1:$port/kavo" -frames:v 2 -y "$work/moving%d.png"
+ffmpeg -v error -rtsp_transport tcp -i "rtsp://127.0.0.1:$port/kavo" -fps_mode passthrough -frames:v 2 -y "$work/moving%d.png"
 stop
 cmp -s "$work/moving1.png" "$work/moving2.png" && die "the test pattern does not move"
 run --duration 0.3 --size 64x64
