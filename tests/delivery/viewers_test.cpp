@@ -221,6 +221,20 @@ TEST_F(ViewersTest, AViewerWhosePathNarrowsWaitsForAKeyFrame) {
   EXPECT_EQ(receiver.frames(), "ADE");
 }
 
+// As when memory runs out in mid-frame.
+TEST_F(ViewersTest, AfterAFailureAViewerWaitsForAKeyFrame) {
+  Player receiver(1);
+  Viewer& viewer = join(receiver);
+  send(large, true);
+  m_KeyFramesWanted = 0;
+  m_Viewers->failed();
+  EXPECT_EQ(viewer.state(), ViewerState::AwaitingKeyFrame);
+  EXPECT_EQ(m_KeyFramesWanted, 1);
+  send(small, false);
+  send(small, true);
+  runUntil([&] { return receiver.frames() == "aC"; });
+}
+
 TEST_F(ViewersTest, ReportsPrecedeFramesAndAViewerThatResumesGetsNoOldFrame) {
   Player receiver(1);
   Player other(2);
