@@ -24,6 +24,8 @@ constexpr std::chrono::seconds reportPortTimeout{10};
 // All viewers probed within this time get the same report: few sent reports are remembered for
 // the answers that refer to them.
 constexpr std::chrono::milliseconds probeInterval{500};
+// For the same reason, reports to viewers that join within this time of another are not remembered.
+constexpr std::chrono::milliseconds rememberInterval{100};
 
 std::uint32_t middleOf(std::uint64_t ntpTime) { return static_cast<std::uint32_t>(ntpTime >> 16); }
 
@@ -42,7 +44,10 @@ Reporter::Reporter(TaskScheduler& scheduler, Stream& stream, ViewerList const& v
       m_Cname(hostName()) {}
 
 void Reporter::start(Viewer& viewer) {
-  viewer.transport().sendReport(makeReport());
+  auto const now = Clock::now();
+  bool const isRemembered = now - m_JoinRemembered > rememberInterval;
+  m_JoinRemembered = isRemembered ? now : m_JoinRemembered;
+  viewer.transport().sendReport(makeReport(isRemembered));
   if (!m_Next.isPending()) {
     m_Next.start(interval);
   }
@@ -53,7 +58,7 @@ void Reporter::sendToAll() {
     return;
   }
   m_Next.start(interval);  // first: a report may fail
-  auto const report = makeReport();
+  auto const report = makeReport(true);
   for (auto const& viewer : m_Viewers) {
     if (viewer->isActive()) {
       viewer->transport().sendReport(report);
@@ -71,15 +76,17 @@ void Reporter::sendBye(Viewer& viewer) noexcept {
 
 void Reporter::probe(Viewer& viewer) {
   if (Clock::now() - m_ProbeMade > probeInterval) {
-    m_Probe = makeReport();
+    m_Probe = makeReport(true);
     m_ProbeMade = Clock::now();
   }
   viewer.transport().sendReport(m_Probe);
 }
 
-std::vector<std::uint8_t> Reporter::makeReport() {
+std::vector<std::uint8_t> Reporter::makeReport(bool isRemembered) {
   SenderInfo const info = m_Stream.senderInfo();
-  m_Sent[m_NextSent++ % m_Sent.size()] = {middleOf(info.ntpTime), Clock::now()};
+  if (isRemembered) {
+    m_Sent[m_NextSent++ % m_Sent.size()] = {middleOf(info.ntpTime), Clock::now()};
+  }
   return makeSenderReport(info, m_Cname, false);
 }
 

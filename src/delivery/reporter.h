@@ -45,7 +45,8 @@ class Reporter : NonCopyable {
   };
 
   void sendToAll() KAVO_REQUIRES(eventLoopRole);
-  std::vector<std::uint8_t> makeReport() KAVO_REQUIRES(eventLoopRole);
+  // If it is remembered, an answer to it gives the round trip.
+  std::vector<std::uint8_t> makeReport(bool isRemembered) KAVO_REQUIRES(eventLoopRole);
   void receiveErrors(int socket) KAVO_REQUIRES(eventLoopRole);
   Viewer* reporterAt(sockaddr_storage const& from, Clock::time_point now) KAVO_REQUIRES(eventLoopRole);
   std::optional<std::chrono::microseconds> roundTripOf(ReportBlock const& block, Clock::time_point now) const
@@ -57,6 +58,7 @@ class Reporter : NonCopyable {
   std::string const m_Cname;
   std::vector<std::uint8_t> m_Probe KAVO_GUARDED_BY(eventLoopRole);
   Clock::time_point m_ProbeMade KAVO_GUARDED_BY(eventLoopRole){};
+  Clock::time_point m_JoinRemembered KAVO_GUARDED_BY(eventLoopRole){};
   // Sent reports that receivers may refer to.
   std::array<SentReport, 64> m_Sent KAVO_GUARDED_BY(eventLoopRole){};
   std::size_t m_NextSent KAVO_GUARDED_BY(eventLoopRole) = 0;
