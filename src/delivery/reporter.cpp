@@ -24,7 +24,7 @@ constexpr std::chrono::seconds reportPortTimeout{10};
 // All viewers probed within this time get the same report: few sent reports are remembered for
 // the answers that refer to them.
 constexpr std::chrono::milliseconds probeInterval{500};
-// For the same reason, reports to viewers that join within this time of another are not remembered.
+// For the same reason, a report to a viewer that joins within this time of another report is not remembered.
 constexpr std::chrono::milliseconds rememberInterval{100};
 
 std::uint32_t middleOf(std::uint64_t ntpTime) { return static_cast<std::uint32_t>(ntpTime >> 16); }
@@ -44,10 +44,8 @@ Reporter::Reporter(TaskScheduler& scheduler, Stream& stream, ViewerList const& v
       m_Cname(hostName()) {}
 
 void Reporter::start(Viewer& viewer) {
-  auto const now = Clock::now();
-  bool const isRemembered = now - m_JoinRemembered > rememberInterval;
-  m_JoinRemembered = isRemembered ? now : m_JoinRemembered;
-  viewer.transport().sendReport(makeReport(isRemembered));
+  SentReport const& newest = m_Sent[(m_NextSent - 1) % m_Sent.size()];
+  viewer.transport().sendReport(makeReport(Clock::now() - newest.time > rememberInterval));
   if (!m_Next.isPending()) {
     m_Next.start(interval);
   }

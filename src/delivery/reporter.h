@@ -58,7 +58,6 @@ class Reporter : NonCopyable {
   std::string const m_Cname;
   std::vector<std::uint8_t> m_Probe KAVO_GUARDED_BY(eventLoopRole);
   Clock::time_point m_ProbeMade KAVO_GUARDED_BY(eventLoopRole){};
-  Clock::time_point m_JoinRemembered KAVO_GUARDED_BY(eventLoopRole){};
   // Sent reports that receivers may refer to.
   std::array<SentReport, 64> m_Sent KAVO_GUARDED_BY(eventLoopRole){};
   std::size_t m_NextSent KAVO_GUARDED_BY(eventLoopRole) = 0;
