@@ -107,7 +107,8 @@ StatusServer::StatusServer(TaskScheduler& scheduler, UniqueFd socket, std::strin
       m_Path(std::move(path)),
       m_Descriptors(std::move(descriptors)),
       m_Figures(std::move(figures)),
-      m_Watch(scheduler, m_Socket.get(), [this](int) KAVO_REQUIRES(eventLoopRole) { accept(); }) {
+      m_Watch(scheduler, m_Socket.get(), [this](int) KAVO_REQUIRES(eventLoopRole) { accept(); }),
+      m_AcceptAgain(scheduler, [this]() KAVO_REQUIRES(eventLoopRole) { m_Watch.start(SOCKET_READABLE); }) {
   m_Watch.start(SOCKET_READABLE);
 }
 
@@ -117,10 +118,16 @@ StatusServer::~StatusServer() {
   }
 }
 
-// Connections beyond the limit are closed at once.
+// Connections beyond the limit are closed at once. If the process is out of descriptors, they stay in
+// the backlog: without a pause the loop would spin.
 void StatusServer::accept() {
   UniqueFd client(accept4(m_Socket.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
-  auto share = client.get() >= 0 && m_Connections.size() < mostClients ? m_Descriptors->take(1) : std::nullopt;
+  if (client.get() < 0) {
+    m_Watch.stop();
+    m_AcceptAgain.start(std::chrono::milliseconds(100));
+    return;
+  }
+  auto share = m_Connections.size() < mostClients ? m_Descriptors->take(1) : std::nullopt;
   if (!share) {
     return;
   }

@@ -40,6 +40,7 @@ class StatusServer : NonCopyable {
   std::shared_ptr<DescriptorBudget> const m_Descriptors;
   std::function<ServerFigures()> const m_Figures;
   SocketWatch m_Watch;
+  Timer m_AcceptAgain;
   std::list<std::unique_ptr<Connection>> m_Connections KAVO_GUARDED_BY(eventLoopRole);
 };
 

@@ -8,6 +8,7 @@
 
 #include "system/host.h"
 #include "system/rtspclient.h"
+#include "system/surroundings.h"
 
 namespace {
 
@@ -16,20 +17,25 @@ double cpuSeconds() { return static_cast<double>(std::clock()) / CLOCKS_PER_SEC;
 }  // namespace
 
 TEST(Connections, ALoopOutOfDescriptorsRestsAndComesBack) {
+  std::uint32_t const statusPort = freePort();
+  Variable const status("KAVO_STREAM_STATUS", "127.0.0.1:" + std::to_string(statusPort));
   Host host;
   host.serveLive("stream");
   RtspClient viewer(host.port());
   ASSERT_TRUE(viewer.play(host.url("stream")));
-  // The host uses up all descriptors but one, for the newcomer's end.
+  // The host uses up all descriptors but two, for the ends of the newcomer and the operator.
   DescriptorLimit const limit(64);
   std::vector<int> files;
   for (int file; (file = dup(0)) >= 0;) {
     files.push_back(file);
   }
-  close(files.back());
-  files.pop_back();
+  for (int i = 0; i < 2; ++i) {
+    close(files.back());
+    files.pop_back();
+  }
   RtspClient newcomer(host.port());
-  ASSERT_TRUE(newcomer.connected());  // by the kernel: the connection waits in the backlog
+  RtspClient operatorsEnd(statusPort);
+  ASSERT_TRUE(newcomer.connected() && operatorsEnd.connected());  // by the kernel: they wait in the backlogs
   [[maybe_unused]] double const before = cpuSeconds();
   [[maybe_unused]] auto const begin = std::chrono::steady_clock::now();
   for (int i = 0; i < 30; ++i) {
@@ -44,6 +50,7 @@ TEST(Connections, ALoopOutOfDescriptorsRestsAndComesBack) {
     close(file);
   }
   EXPECT_TRUE(newcomer.play(host.url("stream")) && newcomer.receivesAFrame());
+  EXPECT_EQ(operatorsEnd.request("GET", "/").status, 400) << "no HTTP, but an answer";
 }
 
 // The last descriptors are taken by viewers. A newcomer over UDP needs two more, and there is nobody to evict.
