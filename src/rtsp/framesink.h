@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstdint>
 #include <limits>
+#include <new>
 #include <utility>
 
 #include "delivery/viewers.h"
@@ -103,6 +104,9 @@ class FrameSink : public Base, public LiveSink {
   FramePtr takeFrame(unsigned size, timeval time) KAVO_REQUIRES(eventLoopRole) {
     auto& source = static_cast<Source&>(*this->fSource);
     FramePtr frame = source.takeFrame();
+    if (frame == nullptr) {
+      throw std::bad_alloc();
+    }
     std::int64_t const ticks = std::max(ticksOf(time), m_LastTicks + 1);
     auto const rtpTime = static_cast<std::uint32_t>(this->convertToRTPTimestamp(time) +
                                                     static_cast<std::uint64_t>(ticks - ticksOf(time)));

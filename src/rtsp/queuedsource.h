@@ -30,7 +30,7 @@ class QueuedSource : public Base {
     }
   }
 
-  // The frame delivered last. Call once for each frame.
+  // The frame delivered last; null if there was no memory for it. Call once for each frame.
   FramePtr takeFrame() KAVO_REQUIRES(eventLoopRole) { return std::move(m_Frame); }
 
  protected:
@@ -66,11 +66,12 @@ class QueuedSource : public Base {
   void deliverFrame() KAVO_REQUIRES(eventLoopRole) {
     while (this->isCurrentlyAwaitingData() && !m_FrameSourceHandler->empty()) {
       AVPacket const packet = m_FrameSourceHandler->front().packet;
-      bool const delivered =
-          packet.data != nullptr && contained([&]() KAVO_REQUIRES(eventLoopRole) { deliver(packet); });
+      bool const isFrame = packet.data != nullptr;
+      if (isFrame && !contained([&]() KAVO_REQUIRES(eventLoopRole) { deliver(packet); })) {
+        m_Frame = nullptr;
+      }
       m_FrameSourceHandler->pop();
-      if (delivered) {
-        m_FrameSourceHandler->observer().delivered(m_Frame->submitted);
+      if (isFrame) {
         FramedSource::afterGetting(this);
         return;
       }
@@ -88,6 +89,7 @@ class QueuedSource : public Base {
     this->fNumTruncatedBytes = size - deliverable;
     this->fPresentationTime = presentationTime(m_Frame->submitted);
     copyFrame(packet, deliverable);
+    m_FrameSourceHandler->observer().delivered(m_Frame->submitted);
   }
 
   std::shared_ptr<FrameSourceHandler> m_FrameSourceHandler;

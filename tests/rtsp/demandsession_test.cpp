@@ -3,8 +3,11 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdint>
+#include <cstdlib>
 #include <iterator>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <vector>
@@ -17,6 +20,16 @@
 
 using namespace kavo::impl;
 using namespace std::chrono_literals;
+
+namespace {
+
+std::size_t g_TooLarge = SIZE_MAX;  // arrays from this size on get no memory
+
+}  // namespace
+
+void* operator new[](std::size_t size) { return size < g_TooLarge ? std::malloc(size) : throw std::bad_alloc(); }
+[[gnu::noinline]] void operator delete[](void* array) noexcept { std::free(array); }
+void operator delete[](void* array, std::size_t) noexcept { operator delete[](array); }
 
 namespace {
 
@@ -166,6 +179,21 @@ TEST_F(DemandSessionTest, WhoeverWaitsForAKeyFrameIsToldNoFirstPacket) {
   push();
   EXPECT_EQ(receive(later, 1).size(), 1U);
   EXPECT_EQ(receive(m_Player, 2).size(), 2U);
+}
+
+TEST_F(DemandSessionTest, AFrameThatIsLostIsFollowedByAKeyFrame) {
+  join(m_Player);
+  push();
+  EXPECT_EQ(receive(m_Player, 1).size(), 1U);
+  g_TooLarge = 100000;
+  push(false, 100000);
+  push(false);
+  step();
+  g_TooLarge = SIZE_MAX;
+  EXPECT_TRUE(m_Queue->keyFrameRequest().isPending());
+  push(false);
+  push();
+  EXPECT_EQ(receive(m_Player, 1).size(), 1U) << "a frame that refers to the lost one";
 }
 
 // Even after a pause longer than the range of RTP time, and for frames submitted at the same time.
