@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <stdexcept>
 
+#include "eventloop/contained.h"
+
 namespace kavo::impl {
 
 namespace {
@@ -52,10 +54,10 @@ std::optional<std::chrono::steady_clock::time_point> FrameSourceHandler::requeue
     return std::nullopt;
   }
   FrameData again{};
-  if (av_packet_ref(&again.packet, &m_Newest) != 0) {
+  if (av_packet_ref(&again.packet, &m_Newest) != 0 || !contained([&]() KAVO_REQUIRES(m_Mutex) { add(again); })) {
+    release(again.packet);
     return std::nullopt;
   }
-  add(again);
   return submitTime(again.packet);
 }
 
