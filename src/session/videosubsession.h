@@ -48,18 +48,15 @@ class VideoSubSession : public ISubSession {
     FrameSourceHandler::FrameData data{};
     try {
       m_Transcoder->transcode(frame, data.packet);
-    } catch (...) {
-      observer.add(Count::Failed);
-      throw;
-    }
-    observer.add(data.packet.data != nullptr ? Count::Encoded : Count::Skipped);
-    FrameSourceHandler::setSubmitTime(data.packet, submitted);
-    try {
+      FrameSourceHandler::setSubmitTime(data.packet, submitted);
       m_FrameSourceHandler->push(data);
     } catch (...) {
       av_packet_unref(&data.packet);
+      observer.add(Count::Failed);
+      m_Transcoder->requestKeyFrame();  // the next frame would refer to the one that is lost
       throw;
     }
+    observer.add(data.packet.data != nullptr ? Count::Encoded : Count::Skipped);
     signal();
   }
 
