@@ -129,8 +129,10 @@ bool InterleavedWriter::hasRoom() {
   return time == time.zero();
 }
 
+// flush() is then called by the connection alone, which answers held-back requests after it.
 void InterleavedWriter::waitForSocket() {
   m_Blocked = true;
+  m_NextTry.stop();
   setWriteInterest(true);
 }
 
