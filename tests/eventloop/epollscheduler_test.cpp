@@ -217,7 +217,7 @@ TEST_F(EpollSchedulerTest, RunsTimersInOrderAndForgetsCancelledOnes) {
     callbacks.push_back(std::make_unique<Callback>([&order, number] { order.push_back(number); }));
     return scheduler().scheduleDelayedTask(microseconds, call, callbacks.back().get());
   };
-  schedule(20000, 4);
+  schedule(1000000, 4);  // so long that on any machine the next three are due before it
   schedule(0, 1);
   TaskToken cancelled = schedule(5000, 99);
   schedule(-5, 2);
@@ -228,7 +228,7 @@ TEST_F(EpollSchedulerTest, RunsTimersInOrderAndForgetsCancelledOnes) {
   scheduler().unscheduleDelayedTask(cancelled);
   TaskToken moved = schedule(1, 97);
   callbacks.push_back(std::make_unique<Callback>([&order] { order.push_back(5); }));
-  scheduler().rescheduleDelayedTask(moved, 30000, call, callbacks.back().get());
+  scheduler().rescheduleDelayedTask(moved, 1000000, call, callbacks.back().get());
   runUntil([&] { return order.size() == 5; });
   EXPECT_EQ(order, (std::vector<int>{1, 2, 3, 4, 5}));
 }
