@@ -192,12 +192,13 @@ void RtspServer::pauseAccepting() {
 }
 
 void RtspServer::acceptAll(int listeningSocket) {
-  for (int i = 0; i < acceptsInARow && acceptOne(listeningSocket); ++i) {
+  for (int i = 0; i < acceptsInARow && acceptOne(listeningSocket, i == 0); ++i) {
   }
 }
 
-// False if the backlog is empty, or there are no descriptors.
-bool RtspServer::acceptOne(int listeningSocket) {
+// False if the backlog is empty, or there are no descriptors: accept4() finds that out even if nothing
+// is pending, which is certain only for the first call in a pass.
+bool RtspServer::acceptOne(int listeningSocket, bool isPending) {
   sockaddr_storage address{};
   socklen_t size = sizeof address;
   UniqueFd client(accept4(listeningSocket, reinterpret_cast<sockaddr*>(&address), &size, SOCK_NONBLOCK | SOCK_CLOEXEC));
@@ -215,13 +216,13 @@ bool RtspServer::acceptOne(int listeningSocket) {
     return true;
   }
   bool const full = errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM;
-  if (full && !evictConnection()) {
+  bool const hasRoom = full && isPending && evictConnection();
+  if (full && isPending && !hasRoom) {
     // Pending connections stay in the backlog: without this pause the loop would spin.
     pauseAccepting();
     m_AcceptAgain.start(acceptRetryDelay);
-    return false;
   }
-  return full;
+  return hasRoom;
 }
 
 void RtspServer::sweep() {

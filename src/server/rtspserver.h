@@ -77,7 +77,7 @@ class RtspServer : public RTSPServer {
   void startAccepting() KAVO_REQUIRES(eventLoopRole);
   void pauseAccepting() KAVO_REQUIRES(eventLoopRole);
   void acceptAll(int listeningSocket) KAVO_REQUIRES(eventLoopRole);
-  bool acceptOne(int listeningSocket) KAVO_REQUIRES(eventLoopRole);
+  bool acceptOne(int listeningSocket, bool isPending) KAVO_REQUIRES(eventLoopRole);
   std::optional<DescriptorBudget::Share> placeForConnection(sockaddr_storage const& clientAddress)
       KAVO_REQUIRES(eventLoopRole);
   bool evictConnection() KAVO_REQUIRES(eventLoopRole);
