@@ -101,12 +101,12 @@ TEST(Lifecycle, UnloadingEndsEverything) {
   }
   EXPECT_FALSE(RtspClient(port).connected());
   EXPECT_FALSE(RtspClient(port, true).connected());
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#ifndef KAVO_SANITIZED
   EXPECT_EQ(contentOf("/proc/self/maps").find("libkavo_stream"), std::string::npos);
 #endif
 }
 
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // ubsan needs descriptors itself
+#ifndef KAVO_SANITIZED  // ubsan needs descriptors itself
 TEST(Lifecycle, AShortageAtLoadAndInitIsOverWithIt) {
   // One descriptor is enough to load the library, but not for its event loop.
   int const next = dup(0);
@@ -127,7 +127,7 @@ TEST(Lifecycle, AShortageAtLoadAndInitIsOverWithIt) {
 }
 #endif
 
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // sanitizers use memory of their own
+#ifndef KAVO_SANITIZED  // sanitizers use memory of their own
 TEST(Lifecycle, AWatchedStreamTakesTheMemoryOfItsFrames) {
   for (int const codec : {KV_CODEC_MJPEG, KV_CODEC_H264}) {
     Host host;
