@@ -47,7 +47,7 @@ TEST(Connections, ALoopOutOfDescriptorsRestsAndComesBack) {
     for (int i = 0; i < 20; ++i) {
       EXPECT_TRUE(viewer.receivesAFrame());
     }
-#ifndef KAVO_SANITIZED  // which multiply the CPU time of encoding
+#ifndef KAVO_SANITIZED  // sanitizers multiply the CPU time of encoding
     double const elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
     // A spinning loop takes a whole core; encoding and sending these frames takes a fraction of one.
     EXPECT_LT(cpuSeconds() - before, elapsed * 0.9);
