@@ -216,13 +216,16 @@ bool RtspServer::acceptOne(int listeningSocket, bool isPending) {
     return true;
   }
   bool const full = errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM;
-  bool const hasRoom = full && isPending && evictConnection();
-  if (full && isPending && !hasRoom) {
-    // Pending connections stay in the backlog: without this pause the loop would spin.
-    pauseAccepting();
-    m_AcceptAgain.start(acceptRetryDelay);
+  if (!full || !isPending) {
+    return false;
   }
-  return hasRoom;
+  if (evictConnection()) {
+    return true;
+  }
+  // Pending connections stay in the backlog: without this pause the loop would spin.
+  pauseAccepting();
+  m_AcceptAgain.start(acceptRetryDelay);
+  return false;
 }
 
 void RtspServer::sweep() {
