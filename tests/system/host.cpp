@@ -11,7 +11,22 @@
 #include <cstdlib>
 
 #include "system/rtspclient.h"
-#include "system/testpattern.h"
+
+namespace {
+
+// With quarters in different colours.
+std::vector<std::uint8_t> testFrame(int width, int height) {
+  std::vector<std::uint8_t> frame;
+  for (int pixel = 0; pixel < width * height; ++pixel) {
+    bool const right = pixel % width * 2 >= width;
+    bool const lower = pixel / width * 2 >= height;
+    frame.insert(frame.end(), {std::uint8_t(lower ? 255 : 0), std::uint8_t(right ? 200 : 0),
+                               std::uint8_t(lower == right ? 200 : 0)});
+  }
+  return frame;
+}
+
+}  // namespace
 
 Host::Host(std::uint32_t port) : m_Library(dlopen(KAVO_LIBRARY, RTLD_NOW | RTLD_LOCAL)), m_Port(port) {
   if (m_Library == nullptr) {
@@ -41,19 +56,13 @@ int Host::exit() {
   return call(KV_EXIT, nullptr, 0);
 }
 
-Host::Stream& Host::publish(std::string const& name, int format, int codec, int width, int height, int bitrate,
-                            int publishedSize) {
+Host::Stream& Host::publish(std::string const& name, int codec, int width, int height, int bitrate) {
   auto session = sessionRecord(name);
-  auto video = videoRecord(format, codec, width, height);
+  auto video = videoRecord(KV_BGR24, codec, width, height);
   video.bitrate = bitrate;
-  if (publishedSize > 0) {
-    video.dst_width = video.dst_height = publishedSize;
-  }
   auto result = std::make_unique<Stream>();
-  result->name = name;
-  result->frame = testFrame(format, width, height);
+  result->frame = testFrame(width, height);
   result->frameSize = result->frame.size();
-  result->width = width;
   result->height = height;
   result->record =
       createStream(session, video, [&](int command, auto& record) { EXPECT_EQ(call(command, record), KV_OK) << name; });
@@ -82,7 +91,7 @@ void Host::startSubmitting() {
 
 void Host::serveLive(std::string const& name, int codec) {
   serve();
-  publish(name, KV_BGR24, codec);
+  publish(name, codec);
   startSubmitting();
 }
 
@@ -91,14 +100,6 @@ void Host::stopSubmitting() {
   if (m_Submitter.joinable()) {
     m_Submitter.join();
   }
-}
-
-std::vector<std::string> Host::names() const {
-  std::vector<std::string> names;
-  for (auto const& stream : m_Streams) {
-    names.push_back(stream->name);
-  }
-  return names;
 }
 
 std::string Host::url(std::string const& name, std::string const& address) const {

@@ -15,11 +15,9 @@
 class Host {
  public:
   struct Stream {
-    std::string name;
     kv_frame_record record{};
-    std::vector<std::uint8_t> frame;  // scrolls if it has more rows than a frame of a packed format
+    std::vector<std::uint8_t> frame;  // scrolls if it has more rows than a frame
     std::size_t frameSize = 0;
-    int width = 0;
     int height = 0;
   };
 
@@ -42,21 +40,18 @@ class Host {
   // Ends the server and its streams.
   int exit();
 
-  // Creates a session with one stream of the test pattern. startSubmitting() submits its
-  // frames, all streams together every 30 ms. Encoded frames have the same size, or are
-  // squares with publishedSize pixels a side.
-  Stream& publish(std::string const& name, int format = KV_BGR24, int codec = KV_CODEC_MJPEG, int width = 320,
-                  int height = 240, int bitrate = 800000, int publishedSize = 0);
+  // Creates a session with one stream of frames in BGR24. startSubmitting() submits its frames, all streams
+  // together every 30 ms.
+  Stream& publish(std::string const& name, int codec = KV_CODEC_MJPEG, int width = 320, int height = 240,
+                  int bitrate = 800000);
   void startSubmitting();
-  // Starts the server with one stream of the test pattern, and submits its frames.
+  // Starts the server with one stream, and submits its frames.
   void serveLive(std::string const& name, int codec = KV_CODEC_MJPEG);
   void stopSubmitting();
   // How often all streams have been submitted to.
   int submitted() const { return m_Submitted; }
   int failedSubmits() const { return m_FailedSubmits; }
 
-  // The names of all published streams.
-  std::vector<std::string> names() const;
   std::string url(std::string const& name, std::string const& address = "127.0.0.1") const;
 
  private:

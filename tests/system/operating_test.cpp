@@ -16,7 +16,6 @@
 #include <vector>
 
 #include "system/host.h"
-#include "system/player.h"
 #include "system/rtspclient.h"
 
 namespace {
@@ -70,10 +69,10 @@ class OperatingServer : public Operating {
 TEST_F(OperatingServer, TheStatusTellsWhatBecameOfFramesAndViewers) {
   usePolicy("# nothing is set\n");
   m_Host.serve();
-  auto record = m_Host.publish("jpeg").record;
-  m_Host.publish("h264", KV_BGR24, KV_CODEC_H264);
-  auto const frame = testFrame(KV_BGR24, 320, 240);
-  record.frame = frame.data();
+  auto const& jpeg = m_Host.publish("jpeg");
+  auto record = jpeg.record;
+  m_Host.publish("h264", KV_CODEC_H264);
+  record.frame = jpeg.frame.data();
   for (int i = 0; i < 7; ++i) {
     EXPECT_EQ(m_Host.call(KV_SUBMIT_FRAME, record), KV_OK);
   }
@@ -141,7 +140,7 @@ TEST_F(OperatingServer, TheStatusTellsWhatBecameOfFramesAndViewers) {
 TEST_F(OperatingServer, AHostAsksWhoWatches) {
   usePolicy("# nothing is set\n");
   m_Host.serve();
-  auto& live = m_Host.publish("live", KV_BGR24, KV_CODEC_H264);
+  auto& live = m_Host.publish("live", KV_CODEC_H264);
   kv_status_record record{};
   record.handle = live.record.handle;
   record.stream = live.record.stream;
@@ -398,7 +397,7 @@ TEST_F(OperatingServer, StreamsEncodeInParallelWhileSessionsComeAndGo) {
       std::string const name = "passing" + std::to_string(t);
       for (int round = 0; round < 5; ++round) {
         Host passing(m_Host.port());
-        auto& stream = passing.publish(name, KV_BGR24, t == 0 ? KV_CODEC_H264 : KV_CODEC_MJPEG);
+        auto& stream = passing.publish(name, t == 0 ? KV_CODEC_H264 : KV_CODEC_MJPEG);
         passing.startSubmitting();
         RtspClient guest(m_Host.port());
         EXPECT_TRUE(guest.play(m_Host.url(name)) && guest.receivesAFrame());

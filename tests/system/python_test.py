@@ -1,29 +1,13 @@
 #!/usr/bin/env python3
-"""The Python module with the built library: frames of numpy and others, refusals, and what players show."""
-import contextlib
-import os
-import socket
+"""The Python module with the built library: frames of numpy and others, refusals, and what a player shows."""
 import subprocess
-import sys
 import threading
 import time
 
 import numpy
 
 import kavo_stream
-
-
-def serve():
-    """Starts a server on a free port, and sets PORT and URL."""
-    global PORT, URL
-    for _ in range(20):  # another program may take the port
-        with socket.socket(socket.AF_INET6) as probe:
-            probe.bind(("::", 0))
-            PORT = probe.getsockname()[1]
-        URL = f"rtsp://127.0.0.1:{PORT}/"
-        with contextlib.suppress(kavo_stream.Error):
-            return kavo_stream.Server(PORT)
-    raise AssertionError("no server starts")
+from pythonhost import serve, submitting
 
 
 def refused(kind, text, action):
@@ -35,24 +19,12 @@ def refused(kind, text, action):
     raise AssertionError(f"not refused: {text}")
 
 
-def seen(name, submit):
+def seen(url, submit):
     """The first pixel that FFmpeg shows while submit() is called again and again."""
-    done = threading.Event()
-
-    def work():
-        while not done.is_set():
-            submit()
-            time.sleep(0.02)
-
-    host = threading.Thread(target=work)
-    host.start()
-    try:
-        out = subprocess.run(["ffmpeg", "-nostdin", "-v", "error", "-rtsp_transport", "tcp", "-i", URL + name,
+    with submitting(submit):
+        out = subprocess.run(["ffmpeg", "-nostdin", "-v", "error", "-rtsp_transport", "tcp", "-i", url,
                               "-frames:v", "1", "-f", "rawvideo", "-pix_fmt", "rgb24", "-"], check=True,
                              capture_output=True, timeout=60).stdout
-    finally:
-        done.set()
-        host.join()
     return tuple(out[:3])
 
 
@@ -61,28 +33,29 @@ def near(colour, wanted, distance):
 
 
 refused(kavo_stream.Error, "not running", lambda: kavo_stream.Session(None, "early", "x"))
-with serve() as server:
-    refused(kavo_stream.Error, "already exists", lambda: kavo_stream.Server(PORT))
+server, url = serve()
+with server:
+    refused(kavo_stream.Error, "already exists", lambda: kavo_stream.Server(8554))
     refused(ValueError, "1 to 65535", lambda: kavo_stream.Server(0))
     with server.create_session("jpeg") as session:
         refused(kavo_stream.NameInUse, "has this name", lambda: server.create_session("jpeg"))
         refused(ValueError, "1 to 19 bytes", lambda: server.create_session("n" * 20))
         refused(kavo_stream.CodecFailure, "codec refused", lambda: session.create_stream(64, 47))
         stream = session.create_stream(320, 240)
-        assert stream.shape == (240, 320, 3) and session.url.endswith(f":{PORT}/jpeg")
+        assert stream.shape == (240, 320, 3) and session.url.endswith(url.split(":")[-1] + "jpeg")
         large = numpy.zeros((240, 640, 3), numpy.uint8)
         for wrong in (large, large[:, ::2], large.astype(float), numpy.zeros((320, 240, 3), numpy.uint8), b"short"):
             refused(ValueError, "(240, 320, 3)", lambda: stream.submit(wrong))
         red = numpy.zeros((240, 320, 3), numpy.uint8)
         red[:, :, 2] = 255
-        near(seen("jpeg", lambda: stream.submit(red)), (254, 0, 0), 3)
-        near(seen("jpeg", lambda: stream.submit(b"\xff" * stream.frame_size)), (255, 255, 255), 2)
+        near(seen(url + "jpeg", lambda: stream.submit(red)), (254, 0, 0), 3)
+        near(seen(url + "jpeg", lambda: stream.submit(b"\xff" * stream.frame_size)), (255, 255, 255), 2)
         status = stream.status
         assert status.encoded > 0 and status.offered >= status.encoded + status.unwatched and status.failed == 0
     with server.create_session("h264") as session:
         stream = session.create_stream(320, 240, kavo_stream.PixelFormat.YUV420P, kavo_stream.Codec.H264)
         grey = numpy.full(stream.frame_size, 128, numpy.uint8)
-        near(seen("h264", lambda: stream.submit(grey)), (130, 130, 130), 3)
+        near(seen(url + "h264", lambda: stream.submit(grey)), (130, 130, 130), 3)
     with server.create_session("encoded") as session:
         encoded = session.create_encoded_stream(kavo_stream.Codec.JPEG)
         image = subprocess.run(["ffmpeg", "-v", "error", "-f", "lavfi", "-i", "color=white:s=64x64", "-frames:v", "1",
@@ -90,11 +63,12 @@ with serve() as server:
                                check=True, capture_output=True).stdout
         assert encoded.submit(image) == kavo_stream.Wanted.NOTHING
         wanted = []
-        near(seen("encoded", lambda: wanted.append(encoded.submit(image))), (255, 255, 255), 2)
+        near(seen(url + "encoded", lambda: wanted.append(encoded.submit(image))), (255, 255, 255), 2)
         assert kavo_stream.Wanted.FRAME in wanted
 
 # Other Python threads run while a frame is encoded.
-with serve() as server, server.create_session("large") as session:
+server, url = serve()
+with server, server.create_session("large") as session:
     stream = session.create_stream(1920, 1080, kavo_stream.PixelFormat.BGR24, kavo_stream.Codec.H264)
     frame = numpy.random.default_rng(1).integers(0, 255, stream.shape, numpy.uint8)
     counted, busy = 0, threading.Event()
@@ -104,7 +78,7 @@ with serve() as server, server.create_session("large") as session:
         while not busy.is_set():
             counted += 1
 
-    player = subprocess.Popen(["ffmpeg", "-nostdin", "-v", "error", "-rtsp_transport", "tcp", "-i", URL + "large", "-c",
+    player = subprocess.Popen(["ffmpeg", "-nostdin", "-v", "error", "-rtsp_transport", "tcp", "-i", url + "large", "-c",
                                "copy", "-f", "null", "-"])
     while not stream.status.wanted:
         time.sleep(0.02)

@@ -43,8 +43,8 @@ void receive(Host const& host, Reception& row) {
 TEST(RtpConformance, OfBothCodecsOverBothTransports) {
   Host host;
   host.serve();
-  host.publish("jpeg", KV_BGR24, KV_CODEC_MJPEG, 640, 480);
-  host.publish("h264", KV_BGR24, KV_CODEC_H264, 640, 480);
+  host.publish("jpeg", KV_CODEC_MJPEG, 640, 480);
+  host.publish("h264", KV_CODEC_H264, 640, 480);
   host.startSubmitting();
   Reception rows[] = {{KV_CODEC_MJPEG, true}, {KV_CODEC_MJPEG, false}, {KV_CODEC_H264, true}, {KV_CODEC_H264, false}};
   std::vector<std::thread> viewers;

@@ -2,17 +2,18 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdint>
 #include <fstream>
-#include <memory>
 #include <string>
 #include <thread>
 
-#include "system/host.h"
-#include "system/player.h"
 #include "system/rtspclient.h"
+#include "system/surroundings.h"
 
 class ShiftedPublisher {
  public:
@@ -21,6 +22,15 @@ class ShiftedPublisher {
     m_Port = onFreePort([&](std::uint32_t port) { return serves(port, codec); });
     EXPECT_NE(m_Port, 0U) << contentOf(m_Folder.file("output"));
   }
+
+  ~ShiftedPublisher() {
+    if (m_Process > 0) {
+      kill(m_Process, SIGKILL);
+      waitpid(m_Process, nullptr, 0);
+    }
+  }
+  ShiftedPublisher(ShiftedPublisher const&) = delete;
+  ShiftedPublisher& operator=(ShiftedPublisher const&) = delete;
 
   std::uint32_t port() const { return m_Port; }
   std::string url(std::string const& host = "127.0.0.1") const {
@@ -41,13 +51,18 @@ class ShiftedPublisher {
 
  private:
   bool serves(std::uint32_t port, std::string const& codec) {
-    m_Process = std::make_unique<Process>(
-        std::vector<std::string>{"env", std::string("LD_PRELOAD=") + KAVO_CLOCK_SHIM,
-                                 "KAVO_CLOCK_FILE=" + m_Folder.file("clock"), KAVO_PUBLISH, "--port",
-                                 std::to_string(port), "--size", "320x240", "--codec", codec},
-        m_Folder.file("output"));
-    while (contentOf(m_Folder.file("output")).find("Ctrl-C") == std::string::npos) {
-      if (!m_Process->runs()) {
+    auto const output = m_Folder.file("output");
+    std::string const command = "KAVO_CLOCK_FILE=" + m_Folder.file("clock") +
+                                " LD_PRELOAD='" KAVO_CLOCK_SHIM "' exec '" KAVO_PUBLISH "' --size 320x240 --port " +
+                                std::to_string(port) + " --codec " + codec + " >" + output + " 2>&1";
+    m_Process = fork();
+    if (m_Process == 0) {
+      execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+      _exit(127);
+    }
+    while (contentOf(output).find("Ctrl-C") == std::string::npos) {
+      if (waitpid(m_Process, nullptr, WNOHANG) != 0) {
+        m_Process = -1;
         return false;
       }
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -58,5 +73,5 @@ class ShiftedPublisher {
   TemporaryFolder m_Folder;
   std::uint32_t m_Port = 0;
   std::int64_t m_Passed = 0;
-  std::unique_ptr<Process> m_Process;
+  pid_t m_Process = -1;
 };

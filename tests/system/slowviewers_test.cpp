@@ -24,7 +24,7 @@ class SlowViewers : public ::testing::TestWithParam<int> {
     // encoder skips frames of noise, needs few bytes for still ones, and makes key frames if much
     // changes.
     bool const jpeg = GetParam() == KV_CODEC_MJPEG;
-    auto& frame = m_Host.publish("stream", KV_BGR24, GetParam(), 640, 480, 4000000).frame;
+    auto& frame = m_Host.publish("stream", GetParam(), 640, 480, 4000000).frame;
     frame.resize(jpeg ? frame.size() : 2 * frame.size());
     constexpr std::size_t row = 640 * 3;
     std::minstd_rand random(1);

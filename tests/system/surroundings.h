@@ -12,7 +12,6 @@
 #include <fstream>
 #include <iterator>
 #include <string>
-#include <utility>
 
 // Sets an environment variable.
 class Variable {
@@ -33,12 +32,8 @@ class TemporaryFolder {
       std::abort();
     }
   }
-  ~TemporaryFolder() {
-    if (!m_Path.empty()) {
-      std::filesystem::remove_all(m_Path);
-    }
-  }
-  TemporaryFolder(TemporaryFolder&& other) noexcept : m_Path(std::exchange(other.m_Path, "")) {}
+  ~TemporaryFolder() { std::filesystem::remove_all(m_Path); }
+  TemporaryFolder(TemporaryFolder const&) = delete;
   TemporaryFolder& operator=(TemporaryFolder const&) = delete;
 
   std::string file(std::string const& name) const { return m_Path + "/" + name; }

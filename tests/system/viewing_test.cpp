@@ -12,7 +12,7 @@ class Viewing : public ::testing::TestWithParam<int> {
  protected:
   Viewing() {
     m_Host.serve();
-    m_Record = m_Host.publish("stream", KV_BGR24, GetParam()).record;
+    m_Record = m_Host.publish("stream", GetParam()).record;
     m_Host.startSubmitting();
   }
 
