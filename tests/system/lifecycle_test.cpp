@@ -8,8 +8,11 @@
 
 #include <deque>
 #include <filesystem>
+#include <fstream>
 #include <optional>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "system/host.h"
 #include "system/rtspclient.h"
@@ -220,4 +223,42 @@ TEST(Lifecycle, AnEmptySessionIsDescribedAndServesNothing) {
   EXPECT_EQ(client.request("DESCRIBE", host.url("empty")).status, 404);
   EXPECT_GE(client.request("SETUP", host.url("empty") + "/track1", RtspClient::overTcp).status, 400);
   EXPECT_EQ(host.call(KV_REMOVE_SESSION, session.handle, 8), KV_OK);
+}
+
+// Threads submit to sessions that other threads remove, until the server ends. Each call returns a
+// result, and frames arrive.
+TEST(Lifecycle, StreamsEncodeInParallelWhileSessionsComeAndGo) {
+  TemporaryFolder const folder;
+  Variable const policy("KAVO_STREAM_CONFIG", folder.file("policy"));
+  std::ofstream(folder.file("policy")) << "[encoding]\nparallel = true\n";
+  Host host;
+  host.serveLive("steady");
+  RtspClient viewer(host.port());
+  ASSERT_TRUE(viewer.play(host.url("steady")));
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 3; ++t) {
+    threads.emplace_back([&, t] {
+      std::string const name = "passing" + std::to_string(t);
+      for (int round = 0; round < 5; ++round) {
+        Host passing(host.port());
+        auto& stream = passing.publish(name, t == 0 ? KV_CODEC_H264 : KV_CODEC_MJPEG);
+        passing.startSubmitting();
+        RtspClient guest(host.port());
+        EXPECT_TRUE(guest.play(host.url(name)) && guest.receivesAFrame());
+        EXPECT_EQ(passing.failedSubmits(), 0);
+        EXPECT_EQ(passing.call(KV_REMOVE_SESSION, stream.record.handle, 8), KV_OK);  // while it submits
+        passing.stopSubmitting();
+        EXPECT_EQ(passing.call(KV_SUBMIT_FRAME, stream.record), KV_UNKNOWN);
+      }
+    });
+  }
+  for (auto& thread : threads) {
+    thread.join();
+  }
+  EXPECT_TRUE(viewer.receivesAFrame());
+  EXPECT_EQ(host.failedSubmits(), 0);
+  EXPECT_EQ(host.call(KV_EXIT, nullptr, 0), KV_OK);  // while the host submits
+  while (host.failedSubmits() == 0) {
+    std::this_thread::yield();
+  }
 }

@@ -71,20 +71,20 @@ def publishing(server, streams):
 
 
 # Each player joins a stream that nobody watches, and shows the right frame from the first on.
-server, root = serve()
+server = serve()
 with server, publishing(server, [("jpeg", PixelFormat.YUV420P, Codec.JPEG, (320, 240), None),
                                  ("h264", PixelFormat.BGR24, Codec.H264, (320, 240), None)]):
     for codec, player, transport in itertools.product((Codec.JPEG, Codec.H264), ("FFmpeg", "GStreamer"), ("tcp", "udp")):
-        watch(player, transport, codec, root + codec.name.lower())
+        watch(player, transport, codec, server.root + codec.name.lower())
         if transport == "udp" and (player, codec) != ("FFmpeg", Codec.JPEG):
-            watch(player, transport, codec, root.replace("127.0.0.1", "[::1]") + codec.name.lower())
+            watch(player, transport, codec, server.root.replace("127.0.0.1", "[::1]") + codec.name.lower())
 
 # The module converts packed frames for JPEG of their own size, so the library's conversion is seen in another size.
-server, root = serve()
+server = serve()
 with server:
     streams = [(f"{codec.name}-{layout.name}", layout, codec, (320, 240), (640, 480) if codec == Codec.JPEG else None)
                for codec in (Codec.JPEG, Codec.H264) for layout in PixelFormat]
     streams.append(("large", PixelFormat.RGB24, Codec.JPEG, (322, 242), (2040, 2040)))
     with publishing(server, streams), concurrent.futures.ThreadPoolExecutor(len(streams)) as pool:
-        list(pool.map(lambda s: watch("FFmpeg", "tcp", s[2], root + s[0], 1, s[4] or s[3]), streams))
+        list(pool.map(lambda s: watch("FFmpeg", "tcp", s[2], server.root + s[0], 1, s[4] or s[3]), streams))
 print("passed")

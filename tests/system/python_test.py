@@ -33,7 +33,8 @@ def near(colour, wanted, distance):
 
 
 refused(kavo_stream.Error, "not running", lambda: kavo_stream.Session(None, "early", "x"))
-server, url = serve()
+server = serve()
+url = server.root
 with server:
     refused(kavo_stream.Error, "already exists", lambda: kavo_stream.Server(8554))
     refused(ValueError, "1 to 65535", lambda: kavo_stream.Server(0))
@@ -67,7 +68,8 @@ with server:
         assert kavo_stream.Wanted.FRAME in wanted
 
 # Other Python threads run while a frame is encoded.
-server, url = serve()
+server = serve()
+url = server.root
 with server, server.create_session("large") as session:
     stream = session.create_stream(1920, 1080, kavo_stream.PixelFormat.BGR24, kavo_stream.Codec.H264)
     frame = numpy.random.default_rng(1).integers(0, 255, stream.shape, numpy.uint8)

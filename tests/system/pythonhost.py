@@ -1,21 +1,50 @@
-"""A host in Python, for tests: the server on a free port, and a thread that submits frames."""
+"""A host in Python, for tests: records and commands as they are, the server on a free port, a thread that submits
+frames, and what the library prints."""
 import concurrent.futures
 import contextlib
+import ctypes
+import os
 import socket
+import tempfile
 import threading
 import time
 
 import kavo_stream
 
+os.environ.pop("LD_PRELOAD", None)  # a sanitizer is for this process alone
+
+(SessionRecord, VideoRecord, StreamRecord, FrameRecord, EncodedStreamRecord, EncodedFrameRecord, StatusRecord) = (
+    getattr(kavo_stream, f"_{name}") for name in ("Session", "Video", "Stream", "Frame", "EncodedStream", "EncodedFrame",
+                                                  "Status"))
+(INIT, EXIT, CREATE_SESSION, REMOVE_SESSION, CREATE_STREAM, SUBMIT_FRAME, GET_INFO) = range(7)
+(CREATE_ENCODED_STREAM, SUBMIT_ENCODED, GET_STATUS) = range(100, 103)
+(OK, NOT_STARTED, ALREADY_THERE, INVALID_PARAMETER, NAME_IN_USE, UNKNOWN, RESOURCE_FAILURE, CODEC_FAILURE) = range(8)
+
+_MEMORY = ctypes.create_string_buffer(400)
+NOBODY = ctypes.addressof(_MEMORY)  # an address that is no session's and no stream's
+
+
+def call(command, record=None, size=None):
+    """record: a structure, an address, or None. size: the structure's own if it is not given."""
+    is_address = record is None or isinstance(record, int)
+    return kavo_stream._function(command, record if is_address else ctypes.addressof(record),
+                                 ctypes.sizeof(record) if size is None else size)
+
+
+def free_port():
+    with socket.socket(socket.AF_INET6) as probe:
+        probe.bind(("::", 0))
+        return probe.getsockname()[1]
+
 
 def serve():
-    """Returns a server and the beginning of its sessions' URLs."""
+    """Returns a server, with its port and the beginning of its sessions' URLs."""
     for _ in range(20):  # another program may take the port
-        with socket.socket(socket.AF_INET6) as probe:
-            probe.bind(("::", 0))
-            port = probe.getsockname()[1]
+        port = free_port()
         with contextlib.suppress(kavo_stream.Error):
-            return kavo_stream.Server(port), f"rtsp://127.0.0.1:{port}/"
+            server = kavo_stream.Server(port)
+            server.port, server.root = port, f"rtsp://127.0.0.1:{port}/"
+            return server
     raise AssertionError("no server starts")
 
 
@@ -36,3 +65,16 @@ def submitting(submit):
         finally:
             done.set()
         working.result()
+
+
+@contextlib.contextmanager
+def printed():
+    """Holds what is printed meanwhile to standard error, by the library too: a function that returns it."""
+    before = os.dup(2)
+    with tempfile.TemporaryFile() as file:
+        os.dup2(file.fileno(), 2)
+        try:
+            yield lambda: os.pread(file.fileno(), 65536, 0).decode()
+        finally:
+            os.dup2(before, 2)
+            os.close(before)

@@ -2,76 +2,30 @@
 """What strangers can consume: attacks come from 127.0.0.1, while a viewer at 127.0.0.2 watches and must
 miss no packet. Usage: strangers_test.py KAVO_PUBLISH [SECONDS of everything at once]"""
 import contextlib
-import os
-import pathlib
 import socket
-import subprocess
 import sys
-import tempfile
 import threading
 import time
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "bench"))
-import rtsp
+from publisher import Client, Publisher, UdpClient, until
 
 PUBLISH = sys.argv[1]
 SECONDS = float(sys.argv[2]) if len(sys.argv) > 2 else 2
-LIMIT = 60  # seconds that anything may take on a busy machine
 STRANGER, FRIEND, THIRD = "127.0.0.1", "127.0.0.2", "127.0.0.3"
 
 
-def until(condition, what):
-    end = time.monotonic() + LIMIT
-    while not condition():
-        assert time.monotonic() < end, what
-        time.sleep(0.02)
+class Host(Publisher):
+    def __init__(self, policy=None):
+        super().__init__(PUBLISH, policy=policy)
+        self.at_rest = self.descriptors()
 
 
-def free_port():
-    with socket.socket(socket.AF_INET6) as s:
-        s.bind(("::", 0))
-        return s.getsockname()[1]
-
-
-class Client(rtsp.Connection):
-    """A connection from an address to the host."""
-
-    def __init__(self, host, source, user=None):
-        self.root = f"rtsp://127.0.0.1:{host.port}/"
-        super().__init__(self.root + "kavo", source, user)
-
-    def ask(self, method, path="kavo", *arguments, **named):
-        return super().ask(method, self.root + path, *arguments, **named)
-
-    def set_up(self, transport="RTP/AVP/TCP;unicast;interleaved=0-1", path="kavo"):
-        status = self.ask("SETUP", path + "/track1", f"Transport: {transport}\r\n")
-        if status == 401 and self.user:
-            status = self.ask("SETUP", path + "/track1", f"Transport: {transport}\r\n")
-        return status
-
-    def is_closed(self):
-        self.socket.settimeout(LIMIT)
-        try:
-            while self.socket.recv(65536):
-                pass
-        except ConnectionError:
-            pass
-        return True
-
-
-class Viewer(Client):
-    """Watches over UDP, and counts frames and missing packets."""
+class Viewer(UdpClient):
+    """Counts frames and missing packets."""
 
     def __init__(self, host, source=FRIEND, user=None):
         super().__init__(host, source, user)
-        self.rtp, self.rtcp = (socket.socket(socket.AF_INET, socket.SOCK_DGRAM) for _ in range(2))
-        self.rtp.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4 << 20)
-        for s in (self.rtp, self.rtcp):
-            s.bind((source, 0))
-            s.settimeout(0.2)
-        ports = f"{self.rtp.getsockname()[1]}-{self.rtcp.getsockname()[1]}"
-        assert self.set_up(f"RTP/AVP;unicast;client_port={ports}") == 200, self.response
-        assert self.ask("PLAY") == 200, self.response
+        self.rtp.settimeout(0.2)
         self.pictures = self.missing = 0
         self.watches = True
         self.thread = threading.Thread(target=self.watch, daemon=True)
@@ -94,49 +48,6 @@ class Viewer(Client):
     def end(self):
         self.watches = False
         self.thread.join()
-
-
-class Host:
-    """kavo-publish with a limit of descriptors and a policy."""
-
-    def __init__(self, policy=None, descriptors=256):
-        self.folder = tempfile.TemporaryDirectory()
-        self.policy = os.path.join(self.folder.name, "policy.toml")
-        self.errors = os.path.join(self.folder.name, "errors")
-        environment = dict(os.environ)
-        if policy is not None:
-            self.write(policy)
-            environment["KAVO_STREAM_CONFIG"] = self.policy
-        for _ in range(5):  # another program may take the port
-            self.port = free_port()
-            with open(self.errors, "w") as errors:
-                self.process = subprocess.Popen(
-                    ["sh", "-c", f'ulimit -n {descriptors}; exec "$0" "$@"', PUBLISH, "--port", str(self.port), "--size",
-                     "320x240", "--codec", "jpeg"], stdout=subprocess.PIPE, stderr=errors, text=True, env=environment)
-            if any("Ctrl-C" in line for line in self.process.stdout):
-                break
-        self.at_rest = self.descriptors()
-
-    def write(self, policy):
-        with open(self.policy + ".new", "w") as file:
-            file.write(policy)
-        os.rename(self.policy + ".new", self.policy)
-
-    def descriptors(self):
-        return len(os.listdir(f"/proc/{self.process.pid}/fd"))
-
-    def said(self):
-        with open(self.errors) as file:
-            return file.read()
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        assert self.process.poll() is None, f"the host ended with {self.process.poll()}"
-        self.process.terminate()
-        self.process.wait()
-        self.folder.cleanup()
 
 
 # The attacks, and what limits each.

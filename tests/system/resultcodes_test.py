@@ -1,0 +1,106 @@
+#!/usr/bin/env python3
+"""Every command with valid and invalid records. A failed command changes nothing."""
+import ctypes
+
+from pythonhost import *
+
+TEXTS = ("name", "info", "description")
+
+
+def session(name="other", info="the info", description="the description"):
+    return SessionRecord(name=name.encode(), info=info.encode(), description=description.encode())
+
+
+def unterminated(field):
+    record = session()
+    ctypes.memset(ctypes.addressof(record) + getattr(SessionRecord, field).offset, ord("x"), 20)
+    return record
+
+
+def refused(result, command, record, what=""):
+    before = bytes(record)
+    got = call(command, record)
+    assert got == result, f"{command}: {got}, not {result}: {what or record}"
+    assert bytes(record) == before, f"{command} has changed the record: {what or record}"
+
+
+refused(NOT_STARTED, CREATE_SESSION, session())
+refused(NOT_STARTED, CREATE_SESSION, session(name=""))
+refused(UNKNOWN, GET_INFO, session())
+assert call(REMOVE_SESSION, NOBODY, 8) == UNKNOWN
+assert call(EXIT, None, 0) == call(EXIT, NOBODY, -7) == OK
+for command in (7, 99, 103, -1, 2**31 - 1, -2**31):
+    assert call(command, None, 0) == INVALID_PARAMETER, command
+
+port = ctypes.c_uint32(free_port())
+assert [call(INIT, None, 4), call(INIT, port, 0), call(INIT, port, 8)] == [INVALID_PARAMETER] * 3
+for wrong in (0, 65536, 2**32 - 1):
+    refused(INVALID_PARAMETER, INIT, ctypes.c_uint32(wrong))
+server = serve()
+refused(ALREADY_THERE, INIT, port)
+refused(ALREADY_THERE, INIT, ctypes.c_uint32(0))
+
+for command in (CREATE_SESSION, REMOVE_SESSION, CREATE_STREAM, SUBMIT_FRAME, GET_INFO, CREATE_ENCODED_STREAM,
+                SUBMIT_ENCODED, GET_STATUS):
+    for size in (-1, 0, 4, 9, 39, 41, 47, 49, 55, 57, 79, 81, 335, 337):
+        assert call(command, NOBODY, size) == INVALID_PARAMETER, f"{command}, size {size}"
+    for size in (8, 40, 48, 56, 80, 336):
+        assert call(command, None, size) == INVALID_PARAMETER, command
+
+own = session("stream")
+assert call(CREATE_SESSION, own) == OK
+refused(NAME_IN_USE, CREATE_SESSION, session("stream"))
+refused(NAME_IN_USE, CREATE_SESSION, session("stream", info=""))
+for field in TEXTS:
+    refused(INVALID_PARAMETER, CREATE_SESSION, session(**{field: ""}), f"no {field}")
+    refused(INVALID_PARAMETER, CREATE_SESSION, unterminated(field), f"{field} without an end")
+    for text in ("a\r\nm=audio 0 RTP/A", "a\x7f", "\x01"):
+        refused(INVALID_PARAMETER, CREATE_SESSION, session(**{field: text}), f"{field} {text!r}")
+assert call(CREATE_SESSION, session("T\xfcr")) == OK
+longest = session("nineteen-characters")
+assert call(CREATE_SESSION, longest) == OK
+assert longest.url.startswith(b"rtsp://") and longest.url.endswith(f":{server.port}/nineteen-characters".encode())
+info = SessionRecord(handle=longest.handle)
+assert call(GET_INFO, info) == OK
+assert (info.name, info.info, info.description, info.url) == (longest.name, b"the info", b"the description", longest.url)
+assert [call(REMOVE_SESSION, longest.handle, 8) for _ in range(2)] == [OK, UNKNOWN]
+refused(UNKNOWN, GET_INFO, SessionRecord(handle=NOBODY))
+assert call(CREATE_SESSION, session("nineteen-characters")) == OK
+
+frame = ctypes.create_string_buffer(320 * 240 * 3)
+submit = FrameRecord(handle=own.handle, stream=own.handle, frame=ctypes.addressof(frame))
+refused(UNKNOWN, SUBMIT_FRAME, submit, "a session without a stream")
+
+
+def stream(media_type=0, handle=own.handle, has_video=True, **fields):
+    video = VideoRecord(**{"src_width": 320, "src_height": 240, "dst_width": 320, "dst_height": 240, "src_pixel_format": 3,
+                      "dst_pixel_format": 99, "dst_codec": 8, "frame_rate": 25, "bitrate": 800000, **fields})
+    record = StreamRecord(handle=handle, stream=NOBODY, media_type=media_type)
+    record.video = ctypes.pointer(video) if has_video else None
+    return record
+
+
+for result, changes in (
+        (INVALID_PARAMETER, {"media_type": 1}), (INVALID_PARAMETER, {"media_type": 2}),
+        (INVALID_PARAMETER, {"media_type": -1}), (INVALID_PARAMETER, {"has_video": False}), (UNKNOWN, {"handle": NOBODY}),
+        (INVALID_PARAMETER, {"dst_codec": 13}), (INVALID_PARAMETER, {"dst_codec": 27}),  # the linked FFmpeg's H.264
+        (INVALID_PARAMETER, {"src_codec": 1}), (INVALID_PARAMETER, {"src_pixel_format": 8}),  # grey
+        (INVALID_PARAMETER, {"src_width": 0}), (INVALID_PARAMETER, {"bitrate": 0}), (CODEC_FAILURE, {"dst_width": 2044}),
+        (CODEC_FAILURE, {"dst_width": 642}), (CODEC_FAILURE, {"dst_codec": 28, "dst_height": 2306})):
+    refused(result, CREATE_STREAM, stream(**changes), changes)
+created = stream()
+assert call(CREATE_STREAM, created) == OK
+refused(ALREADY_THERE, CREATE_STREAM, stream(), "a second stream")
+refused(INVALID_PARAMETER, CREATE_STREAM, stream(media_type=1), "media type 1 beside a stream")
+refused(UNKNOWN, SUBMIT_FRAME, submit, "another stream's id")
+submit.stream = created.stream
+assert call(SUBMIT_FRAME, submit) == OK
+refused(INVALID_PARAMETER, SUBMIT_FRAME, FrameRecord(handle=own.handle, stream=created.stream), "no frame")
+refused(UNKNOWN, SUBMIT_FRAME, FrameRecord(handle=NOBODY, stream=created.stream), "no session, and no frame")
+
+server.close()
+assert call(REMOVE_SESSION, own.handle, 8) == UNKNOWN
+assert call(SUBMIT_FRAME, submit) == UNKNOWN
+with serve():
+    pass
+print("passed")
