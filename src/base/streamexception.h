@@ -1,6 +1,7 @@
 // The one exception type of the library. Any thread.
 #pragma once
 
+#include <exception>
 #include <stdexcept>
 #include <string>
 
@@ -24,5 +25,11 @@ class StreamException : public std::runtime_error {
 
   int m_Code;
 };
+
+// libstdc++ allocates a thread's state for exceptions at its first one, and a process without memory ends there
+// unless the program itself was linked with libstdc++. This is called while there is memory.
+inline void prepareForExceptions() noexcept {
+  [[maybe_unused]] int const volatile pending = std::uncaught_exceptions();
+}
 
 }  // namespace kavo::impl

@@ -221,6 +221,7 @@ void dispatch(int command, void* param, int size) {
 }  // namespace kavo::impl
 
 __attribute__((visibility("default"))) int kv_Stream(int command, void* param, int size) {
+  kavo::impl::prepareForExceptions();
   return kavo::impl::resultOf([=] { kavo::impl::dispatch(command, param, size); },
                               [](char const* text) { kavo::impl::g_Journal->failed(text); });
 }

@@ -189,6 +189,7 @@ void StreamEnvironment::release() {
 // Handlers contain their exceptions; if the loop itself cannot continue, the server stops
 // and the host process survives.
 void StreamEnvironment::run() {
+  prepareForExceptions();
   EventLoopRole::Holder const role(eventLoopRole);
   NeutralLocale const neutral;
   try {
