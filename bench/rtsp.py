@@ -6,13 +6,18 @@ import urllib.parse
 
 
 class Connection:
-    """source: the local address; user: a name and a password."""
+    """source: the local address; user: a name and a password; receive_buffer: in bytes, 0 for the system's size."""
 
-    def __init__(self, url, source="", user=None):
+    def __init__(self, url, source="", user=None, receive_buffer=0):
         self.url, self.user = url, user
         target = urllib.parse.urlparse(url)
         self.host = target.hostname
-        self.socket = socket.create_connection((target.hostname, target.port), 60, (source, 0) if source else None)
+        self.socket = socket.socket(socket.AF_INET6 if ":" in target.hostname else socket.AF_INET)
+        self.socket.settimeout(60)
+        if receive_buffer:
+            self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
+        self.socket.bind((source, 0))
+        self.socket.connect((target.hostname, target.port))
         self.buffer = b""
         self.early = []  # packets that preceded a response
         self.number = 0

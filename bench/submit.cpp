@@ -138,7 +138,7 @@ class Host {
     for (int i = 0; i < streams; ++i) {
       std::string const name = std::to_string(i);
       publish(shape, name);
-      if (watched && !m_Viewers.emplace_back(m_Port, false, 0, 1000).playOverUdp("rtsp://127.0.0.1/" + name)) {
+      if (watched && !m_Viewers.emplace_back(m_Port, 1000).playOverUdp("rtsp://127.0.0.1/" + name)) {
         throw std::runtime_error("the viewer cannot play");
       }
     }

@@ -32,7 +32,6 @@
 #include "fuzz/rtspscript.h"
 #include "system/records.h"
 #include "system/rtspclient.h"
-#include "system/surroundings.h"
 
 #if __has_feature(address_sanitizer)
 #include <sanitizer/lsan_interface.h>
@@ -104,13 +103,18 @@ class Host {
  public:
   static constexpr std::size_t streams = 3;
 
-  Host() { restart(0); }
+  Host() {
+    setenv("KAVO_STREAM_CONFIG", file("policy").c_str(), 1);
+    setenv("KAVO_STREAM_STATUS", statusSocket().c_str(), 1);
+    restart(0);
+  }
+  ~Host() { std::filesystem::remove_all(m_Folder); }
 
   std::uint32_t port() const { return m_Port; }
   std::string url(std::size_t stream) const {
     return "rtsp://127.0.0.1:" + std::to_string(m_Port) + "/" + names[stream % streams];
   }
-  std::string statusSocket() const { return m_Folder.file("status"); }
+  std::string statusSocket() const { return file("status"); }
 
   void submit() {
     m_Raw->submit(picture.data(), picture.size());
@@ -127,9 +131,7 @@ class Host {
     }
   }
 
-  void setPolicy(unsigned number) const {
-    std::ofstream(m_Folder.file("policy")) << policies[number % std::size(policies)];
-  }
+  void setPolicy(unsigned number) const { std::ofstream(file("policy")) << policies[number % std::size(policies)]; }
 
   void restart(unsigned policy) {
     setPolicy(policy % goodPolicies);
@@ -157,6 +159,8 @@ class Host {
   static constexpr std::chrono::milliseconds framePeriod{1};
   static constexpr std::array<std::uint8_t, std::size_t{size} * size * 3 / 2> picture{};
   static constexpr char const* names[] = {"one", "two", "three"};
+
+  std::string file(std::string const& name) const { return m_Folder + "/" + name; }
 
   void create(std::size_t at) {
     auto& session = m_Sessions.at(at);
@@ -196,9 +200,10 @@ class Host {
   }
 
   std::uint32_t m_Port = 0;
-  TemporaryFolder m_Folder;
-  Variable m_Config{"KAVO_STREAM_CONFIG", m_Folder.file("policy")};
-  Variable m_Status{"KAVO_STREAM_STATUS", statusSocket()};
+  std::string const m_Folder = [] {
+    char name[] = "/tmp/kavo-fuzz-XXXXXX";
+    return std::string(mkdtemp(name));
+  }();
   std::optional<kavo::Server> m_Server;
   std::array<std::optional<kavo::Session>, streams> m_Sessions;
   std::optional<kavo::Stream> m_Raw;
@@ -428,7 +433,7 @@ void watch(Host& host) {
   for (std::size_t i = 0; i < 2 * Host::streams; ++i) {
     std::optional<RtspClient> viewer;
     auto const joins = [&] {
-      viewer.emplace(host.port(), false, 0, 50);
+      viewer.emplace(host.port(), 50);
       return i < Host::streams ? viewer->play(host.url(i)) : viewer->playOverUdp(host.url(i));
     };
     auto const sees = [&] {

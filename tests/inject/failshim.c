@@ -1,7 +1,7 @@
 /* Preloaded into a process, it makes one call of a function fail, or several in a
  * row. After kavo_inject_arm() it counts the calls that the library makes: on a
- * thread of its own, or inside a call of the host (between kavo_inject_enter(1) and
- * (0)). If KAVO_INJECT_TRACE is set, it prints a backtrace of each failure. */
+ * thread of its own, or inside kavo_inject_call(). If KAVO_INJECT_TRACE is set, it prints a backtrace of each failure.
+ */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
@@ -51,7 +51,13 @@ void kavo_inject_disarm(void) { atomic_store(&armed, 0); }
 /* Whether the calling thread is inside the library. */
 static __thread int inside __attribute__((tls_model("initial-exec")));
 
-void kavo_inject_enter(int in) { inside = in; }
+/* Calls a function of the library. */
+int kavo_inject_call(int (*function)(int, void*, int), int command, void* param, int size) {
+  inside = 1;
+  int const result = function(command, param, size);
+  inside = 0;
+  return result;
+}
 
 /* OpenH264 crashes (in Initialize, or at a later frame) after one of its own
  * allocations has failed. */

@@ -75,32 +75,57 @@ class Publisher:
 
 
 class Client(rtsp.Connection):
-    """A connection to a publisher, from an address if there is one."""
+    """A connection to a publisher for its stream of the path; source: from this address."""
 
-    def __init__(self, publisher, source="", user=None, host="127.0.0.1"):
-        self.root = f"rtsp://{host}:{publisher.port}/"
-        super().__init__(self.root + "kavo", source, user)
+    def __init__(self, publisher, source="", user=None, host="127.0.0.1", path="kavo", receive_buffer=0):
+        self.root, self.path = f"rtsp://{host}:{publisher.port}/", path
+        super().__init__(self.root + path, source, user, receive_buffer)
         self.socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
 
-    def ask(self, method, path="kavo", *arguments, **named):
-        return super().ask(method, self.root + path, *arguments, **named)
+    def ask(self, method, path=None, *arguments, **named):
+        return super().ask(method, self.root + (self.path if path is None else path), *arguments, **named)
 
-    def set_up(self, transport="RTP/AVP/TCP;unicast;interleaved=0-1", path="kavo"):
-        status = self.ask("SETUP", path + "/track1", f"Transport: {transport}\r\n")
-        if status == 401 and self.user:
-            status = self.ask("SETUP", path + "/track1", f"Transport: {transport}\r\n")
+    def set_up(self, transport="RTP/AVP/TCP;unicast;interleaved=0-1", path=None):
+        for _ in range(2 if self.user else 1):
+            status = self.ask("SETUP", (path or self.path) + "/track1", f"Transport: {transport}\r\n")
+            if status != 401:
+                break
         return status
 
-    def start(self, transport="RTP/AVP/TCP;unicast;interleaved=0-1"):
-        assert self.set_up(transport) == 200, self.response
-        setup = self.response
+    def start(self, *transport):
+        """SETUP and PLAY, which must succeed."""
+        assert self.set_up(*transport) == 200, self.response
+        self.setup = self.response
         assert self.ask("PLAY") == 200, self.response
-        return setup
+        return self
 
     def packet(self):
         """The next packet: whether it is RTP, and its bytes."""
         channel, packet = self.interleaved()
         return channel % 2 == 0, packet
+
+    def rtp_packet(self):
+        while True:
+            is_rtp, packet = self.packet()
+            if is_rtp:
+                return packet
+
+    def next_nal_type(self):
+        """That of the NAL unit in the next RTP packet."""
+        packet = self.rtp_packet()
+        return packet[13 if packet[12] & 0x1F == 28 else 12] & 0x1F
+
+    def has_packet(self):
+        return self.buffer != b"" or select.select([self.socket], [], [], 0)[0] != []
+
+    def receives_bye(self):
+        """Waits for a BYE, whatever precedes it."""
+        while True:
+            is_rtp, packet = self.packet()
+            while not is_rtp and len(packet) >= 4:
+                if packet[1] == 203:
+                    return True
+                packet = packet[4 * int.from_bytes(packet[2:4]) + 4:]
 
     def report(self, packet=REPORT, channel=1):
         self.socket.sendall(bytes([36, channel, 0, len(packet)]) + packet)
@@ -109,11 +134,9 @@ class Client(rtsp.Connection):
         """Waits for a complete one: from one marker to the next."""
         markers = 0
         while markers < 2:
-            is_rtp, packet = self.packet()
-            markers += is_rtp and packet[1] >> 7
+            markers += self.rtp_packet()[1] >> 7
 
     def is_closed(self):
-        self.socket.settimeout(LIMIT)
         try:
             while self.socket.recv(65536):
                 pass
@@ -125,25 +148,26 @@ class Client(rtsp.Connection):
 class UdpClient(Client):
     """Plays over UDP."""
 
-    def __init__(self, publisher, source="", user=None, host="127.0.0.1"):
-        super().__init__(publisher, source, user, host)
-        self.address = host.strip("[]")
+    def __init__(self, publisher, source="", user=None, host="127.0.0.1", path="kavo"):
+        super().__init__(publisher, source, user, host, path)
+        self.address, self.server_port = host.strip("[]"), 0
         self.rtp, self.rtcp = (socket.socket(self.socket.family, socket.SOCK_DGRAM) for _ in range(2))
         self.rtp.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4 << 20)
         for s in (self.rtp, self.rtcp):
             s.bind((source, 0))
-            s.settimeout(LIMIT)
-        self.start()
 
     def start(self):
-        ports = f"{self.rtp.getsockname()[1]}-{self.rtcp.getsockname()[1]}"
-        setup = super().start(f"RTP/AVP;unicast;client_port={ports}")
-        self.server_port = int(setup.split("server_port=")[1].split("-")[0])
+        super().start(f"RTP/AVP;unicast;client_port={self.rtp.getsockname()[1]}-{self.rtcp.getsockname()[1]}")
+        self.server_port = int(self.setup.split("server_port=")[1].split("-")[0])
+        return self
 
     def packet(self):
         ready = select.select([self.rtcp, self.rtp], [], [], LIMIT)[0]
         assert ready, "nothing comes"
         return ready[0] is self.rtp, ready[0].recv(65536)
+
+    def has_packet(self):
+        return select.select([self.rtcp, self.rtp], [], [], 0)[0] != []
 
     def report(self, packet=REPORT, sender=None):
         (sender or self.rtcp).sendto(packet, (self.address, self.server_port + 1))

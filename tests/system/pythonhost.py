@@ -1,17 +1,20 @@
 """A host in Python, for tests: records and commands as they are, the server on a free port, a thread that submits
-frames, and what the library prints."""
+frames, and what is printed."""
 import concurrent.futures
 import contextlib
 import ctypes
 import os
+import resource
 import socket
 import tempfile
 import threading
 import time
 
 import kavo_stream
+from kavo_stream import Codec
 
-os.environ.pop("LD_PRELOAD", None)  # a sanitizer is for this process alone
+IS_SANITIZED = "san" in os.environ.pop("LD_PRELOAD", "")  # this process alone, not its children
+FRAME = bytes(320 * 240 * 3)
 
 (SessionRecord, VideoRecord, StreamRecord, FrameRecord, EncodedStreamRecord, EncodedFrameRecord, StatusRecord) = (
     getattr(kavo_stream, f"_{name}") for name in ("Session", "Video", "Stream", "Frame", "EncodedStream", "EncodedFrame",
@@ -68,13 +71,41 @@ def submitting(submit):
 
 
 @contextlib.contextmanager
+def live(*names, codec=Codec.JPEG):
+    """A server with streams that frames are submitted to."""
+    with serve() as server, contextlib.ExitStack() as stack:
+        sessions = [stack.enter_context(server.create_session(name)) for name in names or ("kavo",)]
+        streams = [session.create_stream(320, 240, codec=codec) for session in sessions]
+        stack.enter_context(submitting(lambda: [stream.submit(FRAME) for stream in streams]))
+        yield server
+
+
+@contextlib.contextmanager
 def printed():
-    """Holds what is printed meanwhile to standard error, by the library too: a function that returns it."""
-    before = os.dup(2)
+    """Keeps what this process prints meanwhile, the library too: a function that returns it."""
+    before = os.dup(1), os.dup(2)
     with tempfile.TemporaryFile() as file:
+        os.dup2(file.fileno(), 1)
         os.dup2(file.fileno(), 2)
         try:
             yield lambda: os.pread(file.fileno(), 65536, 0).decode()
         finally:
-            os.dup2(before, 2)
-            os.close(before)
+            for number, descriptor in enumerate(before, 1):
+                os.dup2(descriptor, number)
+                os.close(descriptor)
+
+
+@contextlib.contextmanager
+def descriptor_limit(count):
+    soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
+    resource.setrlimit(resource.RLIMIT_NOFILE, (count, hard))
+    try:
+        yield
+    finally:
+        resource.setrlimit(resource.RLIMIT_NOFILE, (soft, hard))
+
+
+def run(*cases):
+    for case in cases:
+        case()
+        print(f"{case.__name__}: passed", flush=True)

@@ -7,10 +7,9 @@ import pathlib
 import socket
 import stat
 import tempfile
-import time
 
 import kavo_stream
-from kavo_stream import Codec, Wanted
+from kavo_stream import Wanted
 from publisher import Client, UdpClient, until
 from pythonhost import *
 
@@ -47,31 +46,23 @@ def has_event(kind, text):
     return any(event["kind"] == kind and text in f"{event['address']}: {event['text']}" for event in status()["events"])
 
 
-@contextlib.contextmanager
-def live(*names, policy="# nothing is set\n", codec=Codec.JPEG):
-    """A server with streams that frames are submitted to."""
+def live_under(policy):
     POLICY.write_text(policy)
-    with serve() as server, contextlib.ExitStack() as stack:
-        streams = [stack.enter_context(server.create_session(name)).create_stream(320, 240, codec=codec) for name in names]
-        stack.enter_context(submitting(lambda: [stream.submit(bytes(stream.frame_size)) for stream in streams]))
-        yield server
+    return live()
 
 
 def the_status_is_what_became_of_frames_and_viewers():
-    POLICY.write_text("# nothing is set\n")
     server = serve()
     jpeg_session, h264_session = server.create_session("kavo"), server.create_session("h264")
     jpeg, h264 = jpeg_session.create_stream(320, 240), h264_session.create_stream(320, 240, codec=Codec.H264)
-    frame = bytes(jpeg.frame_size)
+    frame = FRAME
     for _ in range(7):
         jpeg.submit(frame)
     unwatched = stream_of("kavo")
     assert unwatched["offered"] == unwatched["unwatched"] == 7 and unwatched["encoded"] == 0 and unwatched["width"] == 320
     assert unwatched["newest_age_ms"] is None
 
-    tcp = Client(server)
-    assert tcp.set_up(path="h264") == 200 and tcp.ask("PLAY", "h264") == 200
-    udp = UdpClient(server)
+    tcp, udp = Client(server, path="h264").start(), UdpClient(server).start()
     with submitting(lambda: (jpeg.submit(frame), h264.submit(frame))):
         tcp.sees_a_frame()
         udp.sees_a_frame()
@@ -89,7 +80,7 @@ def the_status_is_what_became_of_frames_and_viewers():
     assert (before["sessions"], before["port"], before["pid"]) == (2, server.port, os.getpid())
     assert before["started"] <= before["time"]
 
-    assert tcp.ask("TEARDOWN", "h264") == 200
+    assert tcp.ask("TEARDOWN") == 200
     assert stream_of("h264")["viewers"] == []
     assert has_event("joined", "tcp") and has_event("paused", "127.0.0.1") and has_event("left", "TEARDOWN")
     encoded = stream_of("h264")["encoded"]
@@ -110,15 +101,13 @@ def the_status_is_what_became_of_frames_and_viewers():
 
 def a_host_asks_who_watches():
     """It gets an answer before anything is submitted, and finds streams as a submit does."""
-    POLICY.write_text("# nothing is set\n")
     with serve() as server, server.create_session("kavo") as session:
         stream = session.create_stream(320, 240, codec=Codec.H264)
         asked = stream.status
         assert asked.viewers == asked.wanted == asked.offered == 0
-        viewer = Client(server)
-        viewer.start()
+        viewer = Client(server).start()
         assert stream.status.viewers == 1 and stream.status.wanted == Wanted.FRAME | Wanted.KEY_FRAME
-        with submitting(lambda: stream.submit(bytes(stream.frame_size))):
+        with submitting(lambda: stream.submit(FRAME)):
             viewer.sees_a_frame()
             assert stream.status.wanted == Wanted.FRAME
             assert viewer.ask("TEARDOWN") == 200
@@ -135,8 +124,8 @@ def a_host_asks_who_watches():
 
 
 def only_what_is_asked_for_right_is_answered():
-    with live("kavo") as server:
-        viewer = UdpClient(server)
+    with live() as server:
+        viewer = UdpClient(server).start()
         odd = SessionRecord(name=b"Cam\xe9ra", info=b"i", description=b"d")
         assert call(CREATE_SESSION, odd) == OK
         video = VideoRecord(src_width=64, src_height=64, dst_width=64, dst_height=64, dst_codec=8, frame_rate=25, bitrate=9999)
@@ -168,9 +157,8 @@ def only_what_is_asked_for_right_is_answered():
 
 def whoever_asks_delays_no_frame():
     """Slow clients and crowds of them: the status server limits their time and number."""
-    with live("kavo") as server:
-        viewer = Client(server)
-        viewer.start()
+    with live() as server:
+        viewer = Client(server).start()
         slow = [socket.socket(socket.AF_UNIX) for _ in range(100)]
         for number, asking in enumerate(slow):
             asking.connect(str(STATUS))
@@ -187,10 +175,8 @@ def whoever_asks_delays_no_frame():
 def without_a_place_to_answer_the_host_serves_all_the_same():
     for place in (f"{FOLDER.name}/nowhere/%p", "nonsense", "127.0.0.1:0", "192.0.2.1:9554"):
         os.environ["KAVO_STREAM_STATUS"] = place
-        with printed() as text, live("kavo") as server:
-            viewer = Client(server)
-            viewer.start()
-            viewer.sees_a_frame()
+        with printed() as text, live() as server:
+            Client(server).start().sees_a_frame()
             assert f"KAVO_STREAM_STATUS={place.partition('%')[0]}" in text() and text().count("\n") == 1, text()
     os.environ["KAVO_STREAM_STATUS"] = str(STATUS)
 
@@ -245,31 +231,27 @@ def a_policy_that_makes_no_sense_lets_nothing_start():
         fails_to_start(reason)
     for policy in ("# nothing is set\n", "[server]\naddress = '0.0.0.0'\n[access]\nallow = ['192.168.1.0/24']\n",
                    "[server]\naddress = '::'\n[access]\nallow = ['::1']\n"):
-        with live(policy=policy):
+        with live_under(policy):
             pass
 
 
 def limits_and_ranges_are_kept():
-    with live("kavo", policy="[server]\nmax_viewers_per_address = 1\n[delivery]\nmax_packet = 600\n") as server:
-        ipv4 = Client(server)
-        ipv4.start()
+    with live_under("[server]\nmax_viewers_per_address = 1\n[delivery]\nmax_packet = 600\n") as server:
+        ipv4 = Client(server).start()
         assert Client(server).set_up() == 453 and Client(server, host="[::1]").set_up() == 200
         assert max(len(ipv4.packet()[1]) for _ in range(20)) in range(500, 601)
-    with live("kavo", policy="[server]\nmax_viewers = 1\nmax_connections = 2\naddress = '127.0.0.1'\n") as server:
+    with live_under("[server]\nmax_viewers = 1\nmax_connections = 2\naddress = '127.0.0.1'\n") as server:
         try:
             Client(server, host="[::1]")
             raise AssertionError("it listens at another address")
         except ConnectionRefusedError:
             pass
-        first, second = Client(server), Client(server)
-        first.start()
+        first, second = Client(server).start(), Client(server)
         assert second.set_up() == 453
         assert Client(server).ask("OPTIONS") == 200 and second.is_closed(), "the one without a stream is evicted"
-    with live("kavo", policy="[access]\nallow = ['192.0.2.0/24', '::/0']\n") as server:
+    with live_under("[access]\nallow = ['192.0.2.0/24', '::/0']\n") as server:
         assert Client(server).is_closed()
-        allowed = Client(server, host="[::1]")
-        allowed.start()
-        allowed.sees_a_frame()
+        Client(server, host="[::1]").start().sees_a_frame()
         assert has_event("refused", "127.0.0.1: not allowed") and has_event("refused", "too many sessions")
         assert all(Client(server).is_closed() for _ in range(20))
         assert status()["refused"]["address"] == 21
@@ -277,9 +259,8 @@ def limits_and_ranges_are_kept():
 
 
 os.environ |= {"KAVO_STREAM_STATUS": str(STATUS), "KAVO_STREAM_CONFIG": str(POLICY)}
-for case in (the_status_is_what_became_of_frames_and_viewers, a_host_asks_who_watches,
-             only_what_is_asked_for_right_is_answered, whoever_asks_delays_no_frame,
-             without_a_place_to_answer_the_host_serves_all_the_same, a_policy_that_makes_no_sense_lets_nothing_start,
-             limits_and_ranges_are_kept):
-    case()
-    print(f"{case.__name__}: passed", flush=True)
+POLICY.write_text("# nothing is set\n")
+run(the_status_is_what_became_of_frames_and_viewers, a_host_asks_who_watches,
+    only_what_is_asked_for_right_is_answered, whoever_asks_delays_no_frame,
+    without_a_place_to_answer_the_host_serves_all_the_same, a_policy_that_makes_no_sense_lets_nothing_start,
+    limits_and_ranges_are_kept)

@@ -25,6 +25,7 @@ class Viewer(UdpClient):
 
     def __init__(self, host, source=FRIEND, user=None):
         super().__init__(host, source, user)
+        self.start()
         self.rtp.settimeout(0.2)
         self.pictures = self.missing = 0
         self.watches = True

@@ -37,7 +37,7 @@ class Host(Publisher):
 
 def without_a_connection_a_viewer_lives_by_answering_reports(host):
     """A viewer's address can be forged: once its connection has closed, only one that answers reports lives on."""
-    silent, answering = UdpClient(host), UdpClient(host)
+    silent, answering = UdpClient(host).start(), UdpClient(host).start()
     silent.socket.close()
     answering.socket.close()
 
@@ -56,8 +56,8 @@ def without_a_connection_a_viewer_lives_by_answering_reports(host):
 def a_viewer_over_udp_lives_by_its_reports(host):
     """Also over IPv6 if the stream was first watched over IPv4, after others have left, and if the reports come
     from another port from some time on, as behind NAT."""
-    silent = UdpClient(host)
-    viewers = UdpClient(host), UdpClient(host, host="[::1]"), UdpClient(host)
+    silent = UdpClient(host).start()
+    viewers = UdpClient(host).start(), UdpClient(host, host="[::1]").start(), UdpClient(host).start()
     elsewhere = socket.socket(socket.AF_INET6, socket.SOCK_DGRAM)
 
     def meanwhile():
@@ -88,7 +88,7 @@ def sessions_of_a_connection_live_by_their_own_channels(host):
 
 def ports_that_are_set_up_again_belong_to_the_new_session(host):
     """The end of the old session does not affect it."""
-    viewer = UdpClient(host)
+    viewer = UdpClient(host).start()
     old, viewer.session = viewer.session, None
     viewer.start()
     host.let_pass(130, viewer.report)
@@ -98,7 +98,7 @@ def ports_that_are_set_up_again_belong_to_the_new_session(host):
 
 def a_viewer_that_is_gone_from_its_port_is_ended(host):
     """One that leaves without TEARDOWN, before its 65 seconds are over."""
-    silent, gone = UdpClient(host), UdpClient(host)
+    silent, gone = UdpClient(host).start(), UdpClient(host).start()
     gone.sees_a_frame()
     for s in (gone.socket, gone.rtp, gone.rtcp):
         s.close()
@@ -106,15 +106,8 @@ def a_viewer_that_is_gone_from_its_port_is_ended(host):
     assert not host.knows(gone.session) and host.knows(silent.session)
 
 
-def slow(host):
-    viewer = Client(host)
-    viewer.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
-    viewer.start()
-    return viewer
-
-
 def a_paused_viewer_is_not_stalled(host):
-    viewer = slow(host)
+    viewer = Client(host, receive_buffer=4096).start()
     viewer.sees_a_frame()
     assert viewer.ask("PAUSE") == 200
     host.let_pass(120, viewer.report)
@@ -123,12 +116,10 @@ def a_paused_viewer_is_not_stalled(host):
 
 
 def idle_and_stalled_connections_are_closed(host):
-    idle, set_up, paused = Client(host), Client(host), Client(host)
+    idle, set_up, paused = Client(host), Client(host), Client(host).start()
     assert idle.ask("OPTIONS") == 200 and set_up.set_up() == 200
-    paused.start()
     assert paused.ask("PAUSE") == 200
-    stalled, witness = slow(host), Client(host)
-    witness.start()
+    stalled, witness = Client(host, receive_buffer=4096).start(), Client(host).start()
     for _ in range(30):  # until the stalled viewer's path is full
         witness.sees_a_frame()
     host.let_pass(40, witness.sees_a_frame)
@@ -174,9 +165,7 @@ class Watcher:
 
 def steps_of_the_wall_clock_delay_no_frame_and_are_reported_soon(host):
     """All times fit NTP's 32 bits of seconds."""
-    tcp = Client(host)
-    tcp.start()
-    watchers = Watcher(tcp), Watcher(UdpClient(host))
+    watchers = Watcher(Client(host).start()), Watcher(UdpClient(host).start())
     for shift in (-600, 3600, 3599, -1000):  # the first one before the first frame, or just after it
         before = watchers[0].frames
         host.set_clocks(shift, 0)
