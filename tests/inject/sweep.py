@@ -104,16 +104,15 @@ class Stream:
     """A session with a stream; the codec is None for encoded frames."""
 
     def __init__(self, name, codec):
-        self.session = SessionRecord(name=name.encode(), info=b"i", description=b"d")
+        self.session = session_record(name)
         insist(CREATE_SESSION, self.session)
         self.name, self.number = name, 0
         if codec is None:
             record = EncodedStreamRecord(handle=self.session.handle, codec=Codec.H264)
             insist(CREATE_ENCODED_STREAM, record)
         else:
-            video = VideoRecord(src_width=64, src_height=64, dst_width=64, dst_height=64, src_pixel_format=2,
-                                dst_codec=codec, frame_rate=25, bitrate=800000)
-            record = StreamRecord(handle=self.session.handle, video=ctypes.pointer(video))
+            record = stream_record(self.session.handle, dst_codec=codec)
+            record.stream = None
             insist(CREATE_STREAM, record)
         self.stream, self.is_encoded = record.stream, codec is None
 

@@ -1,13 +1,8 @@
-// Everything that existing hosts and clients rely on, once each. Numbers and texts are written out here,
-// not taken from the library.
+// What existing hosts rely on, as contract_test.py has what clients rely on. Numbers and settings are written out
+// here, not taken from the library.
 #include <gtest/gtest.h>
-#include <regex.h>
 
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <new>
-#include <string>
 #include <system_error>
 #include <vector>
 
@@ -16,8 +11,6 @@
 #include "interface/cinterface.h"
 #include "rtsp/framesourcehandler.h"
 #include "rtsp/jpegsource.h"
-#include "system/records.h"
-#include "system/rtspclient.h"
 
 extern "C" {
 #include <libavutil/opt.h>
@@ -30,37 +23,6 @@ namespace {
 
 using Bytes = std::vector<std::uint8_t>;
 
-template <class Record>
-int call(int command, Record& record) {
-  return kv_Stream(command, &record, static_cast<int>(sizeof record));
-}
-
-// A server with a stream of each codec.
-class Contract : public ::testing::Test {
- protected:
-  Contract() {
-    for (auto const& [name, codec] : {std::pair("jpeg", 8), {"h264", 28}}) {
-      auto session = sessionRecord(name);
-      createStream(session, videoRecord(0, codec, 64, 64),
-                   [](int command, auto& record) { EXPECT_EQ(call(command, record), KV_OK); });
-    }
-  }
-  ~Contract() override { kv_Stream(KV_EXIT, nullptr, 0); }
-
-  std::string url(std::string const& name) const { return "rtsp://127.0.0.1:" + std::to_string(m_Port) + "/" + name; }
-
-  std::uint32_t const m_Port = onFreePort([](std::uint32_t port) { return call(KV_INIT, port) == KV_OK; });
-};
-
-// Whether the whole text matches the extended regular expression.
-bool matches(std::string const& text, std::string const& pattern, regmatch_t* groups = nullptr, std::size_t count = 0) {
-  regex_t expression;
-  EXPECT_EQ(regcomp(&expression, ("^" + pattern + "$").c_str(), REG_EXTENDED), 0);
-  bool const result = regexec(&expression, text.c_str(), count, groups, 0) == 0;
-  regfree(&expression);
-  return result;
-}
-
 // A frame of a moving picture, so that rate control has something to do.
 Bytes pictureOf(int number, int width, int height) {
   Bytes picture(static_cast<std::size_t>(width * height * 3 / 2) + 4096, 128);
@@ -71,54 +33,6 @@ Bytes pictureOf(int number, int width, int height) {
 }
 
 }  // namespace
-
-TEST_F(Contract, Descriptions) {
-  std::string const head =
-      "v=0\r\no=- [0-9]+ 1 IN IP4 [0-9.]+\r\ns=the description\r\ni=the info\r\nt=0 0\r\na=tool:[^\r]*\r\n"
-      "a=type:broadcast\r\na=control:\\*\r\na=range:npt=now-\r\na=x-qt-text-nam:the description\r\n"
-      "a=x-qt-text-inf:the info\r\n";
-  std::string const jpeg = head + "m=video 0 RTP/AVP 26\r\nc=IN IP4 0.0.0.0\r\nb=AS:64\r\na=control:track1\r\n";
-  std::string const h264 =
-      head +
-      "m=video 0 RTP/AVP 96\r\nc=IN IP4 0.0.0.0\r\nb=AS:1048576\r\na=rtpmap:96 H264/90000\r\n"
-      "a=fmtp:96 packetization-mode=1;profile-level-id=42[0-9A-F]{4};sprop-parameter-sets=Z0L[^,]+,aM[^,]+\r\n"
-      "a=control:track1\r\n";
-  for (auto const& [name, lines] : {std::pair("jpeg", jpeg), {"h264", h264}}) {
-    auto const response = RtspClient(m_Port).request("DESCRIBE", url(name)).text;
-    auto const body = response.substr(response.find("\r\n\r\n") + 4);
-    EXPECT_TRUE(matches(body, lines)) << body;
-  }
-}
-
-TEST_F(Contract, PortsTimeoutAndThread) {
-  RtspClient client(m_Port);
-  auto const udp = client.setUpOverUdp(url("jpeg"));
-  std::string const transport = udp.header("Transport");
-  regmatch_t ports[3];
-  ASSERT_TRUE(matches(transport, ".*server_port=([0-9]+)-([0-9]+).*", ports, 3)) << transport;
-  int const rtp = std::stoi(transport.substr(static_cast<std::size_t>(ports[1].rm_so)));
-  EXPECT_EQ(rtp % 2, 0);
-  EXPECT_GE(rtp, 6970);
-  EXPECT_LT(rtp, 7500) << "as many as tests beside this one may hold";
-  EXPECT_EQ(std::stoi(transport.substr(static_cast<std::size_t>(ports[2].rm_so))), rtp + 1);
-  EXPECT_TRUE(udp.header("Session").ends_with(";timeout=65")) << udp.header("Session");
-  bool found = false;
-  for (auto const& task : std::filesystem::directory_iterator("/proc/self/task")) {
-    std::string name;
-    std::getline(std::ifstream(task.path() / "comm"), name);
-    found = found || name == "kavo-rtsp";
-  }
-  EXPECT_TRUE(found) << "no thread of that name";
-}
-
-// Tested only if port 8554 is free.
-TEST(ContractOfInit, TheDefaultPort) {
-  if (!RtspClient(8554).connected()) {
-    ASSERT_EQ(kv_Stream(KV_INIT, nullptr, 0), KV_OK);
-    EXPECT_TRUE(RtspClient(8554).connected());
-    kv_Stream(KV_EXIT, nullptr, 0);
-  }
-}
 
 TEST(ContractOfTheQueue, TenFramesFill) {
   FrameSourceHandler queue;

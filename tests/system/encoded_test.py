@@ -62,7 +62,7 @@ def refused(result, stream, *arguments):
 def results():
     good, half, more = annex_b(SPS, PPS), annex_b(SPS), annex_b(SPS, PPS, IDR)
     with serve() as server:
-        own, other = (SessionRecord(name=name, info=b"i", description=b"d") for name in (b"own", b"other"))
+        own, other = session_record("own"), session_record("other")
         assert call(CREATE_SESSION, own) == call(CREATE_SESSION, other) == OK
 
         def sets(some):
@@ -90,8 +90,7 @@ def results():
             assert call(SUBMIT_ENCODED, record) == result and record.wanted == 0, changes
         raw = FrameRecord(handle=own.handle, stream=created.stream, frame=NOBODY)
         assert call(SUBMIT_FRAME, raw) == INVALID_PARAMETER
-        video = VideoRecord(src_width=64, src_height=64, dst_width=64, dst_height=64, dst_codec=8, frame_rate=25, bitrate=9999)
-        stream = StreamRecord(handle=other.handle, video=ctypes.pointer(video))
+        stream = stream_record(other.handle)
         assert call(CREATE_STREAM, stream) == OK
         record = EncodedFrameRecord(**{**frame, "handle": other.handle, "stream": stream.stream})
         assert call(SUBMIT_ENCODED, record) == INVALID_PARAMETER, "an encoded frame for a raw stream"

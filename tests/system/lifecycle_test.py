@@ -30,7 +30,7 @@ def a_shortage_at_init_is_over_with_it():
         with descriptor_limit(next_descriptor + 1):
             for port in (20000, 20001, 20002):
                 assert call(INIT, ctypes.c_uint32(port)) == RESOURCE_FAILURE
-            assert call(CREATE_SESSION, SessionRecord(name=b"a", info=b"i", description=b"d")) == NOT_STARTED
+            assert call(CREATE_SESSION, session_record("a")) == NOT_STARTED
             assert call(EXIT, None, 0) == OK
     with live() as server:
         Client(server).start().sees_a_frame()

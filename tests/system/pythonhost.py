@@ -34,6 +34,19 @@ def call(command, record=None, size=None):
                                  ctypes.sizeof(record) if size is None else size)
 
 
+def session_record(name, info="the info", description="the description"):
+    return SessionRecord(name=name.encode("latin-1"), info=info.encode(), description=description.encode())
+
+
+def stream_record(handle, media_type=0, has_video=True, **video):
+    """For frames of 64x64 pixels in BGR24, published as JPEG, but for what video has."""
+    record = StreamRecord(handle=handle, stream=NOBODY, media_type=media_type)
+    record.video = ctypes.pointer(VideoRecord(**{
+        "src_width": 64, "src_height": 64, "dst_width": 64, "dst_height": 64, "src_pixel_format": 3, "dst_pixel_format": 99,
+        "dst_codec": Codec.JPEG, "frame_rate": 25, "bitrate": 800000, **video})) if has_video else None
+    return record
+
+
 def free_port():
     with socket.socket(socket.AF_INET6) as probe:
         probe.bind(("::", 0))

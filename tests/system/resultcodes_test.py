@@ -7,12 +7,8 @@ from pythonhost import *
 TEXTS = ("name", "info", "description")
 
 
-def session(name="other", info="the info", description="the description"):
-    return SessionRecord(name=name.encode(), info=info.encode(), description=description.encode())
-
-
 def unterminated(field):
-    record = session()
+    record = session_record("other")
     ctypes.memset(ctypes.addressof(record) + getattr(SessionRecord, field).offset, ord("x"), 20)
     return record
 
@@ -24,9 +20,9 @@ def refused(result, command, record, what=""):
     assert bytes(record) == before, f"{command} has changed the record: {what or record}"
 
 
-refused(NOT_STARTED, CREATE_SESSION, session())
-refused(NOT_STARTED, CREATE_SESSION, session(name=""))
-refused(UNKNOWN, GET_INFO, session())
+refused(NOT_STARTED, CREATE_SESSION, session_record("other"))
+refused(NOT_STARTED, CREATE_SESSION, session_record(""))
+refused(UNKNOWN, GET_INFO, session_record("other"))
 assert call(REMOVE_SESSION, NOBODY, 8) == UNKNOWN
 assert call(EXIT, None, 0) == call(EXIT, NOBODY, -7) == OK
 for command in (7, 99, 103, -1, 2**31 - 1, -2**31):
@@ -47,17 +43,17 @@ for command in (CREATE_SESSION, REMOVE_SESSION, CREATE_STREAM, SUBMIT_FRAME, GET
     for size in (8, 40, 48, 56, 80, 336):
         assert call(command, None, size) == INVALID_PARAMETER, command
 
-own = session("stream")
+own = session_record("stream")
 assert call(CREATE_SESSION, own) == OK
-refused(NAME_IN_USE, CREATE_SESSION, session("stream"))
-refused(NAME_IN_USE, CREATE_SESSION, session("stream", info=""))
+refused(NAME_IN_USE, CREATE_SESSION, session_record("stream"))
+refused(NAME_IN_USE, CREATE_SESSION, session_record("stream", info=""))
 for field in TEXTS:
-    refused(INVALID_PARAMETER, CREATE_SESSION, session(**{field: ""}), f"no {field}")
+    refused(INVALID_PARAMETER, CREATE_SESSION, session_record(**{"name": "other", field: ""}), f"no {field}")
     refused(INVALID_PARAMETER, CREATE_SESSION, unterminated(field), f"{field} without an end")
     for text in ("a\r\nm=audio 0 RTP/A", "a\x7f", "\x01"):
-        refused(INVALID_PARAMETER, CREATE_SESSION, session(**{field: text}), f"{field} {text!r}")
-assert call(CREATE_SESSION, session("T\xfcr")) == OK
-longest = session("nineteen-characters")
+        refused(INVALID_PARAMETER, CREATE_SESSION, session_record(**{"name": "other", field: text}), f"{field} {text!r}")
+assert call(CREATE_SESSION, session_record("T\xfcr")) == OK
+longest = session_record("nineteen-characters")
 assert call(CREATE_SESSION, longest) == OK
 assert longest.url.startswith(b"rtsp://") and longest.url.endswith(f":{server.port}/nineteen-characters".encode())
 info = SessionRecord(handle=longest.handle)
@@ -65,21 +61,11 @@ assert call(GET_INFO, info) == OK
 assert (info.name, info.info, info.description, info.url) == (longest.name, b"the info", b"the description", longest.url)
 assert [call(REMOVE_SESSION, longest.handle, 8) for _ in range(2)] == [OK, UNKNOWN]
 refused(UNKNOWN, GET_INFO, SessionRecord(handle=NOBODY))
-assert call(CREATE_SESSION, session("nineteen-characters")) == OK
+assert call(CREATE_SESSION, session_record("nineteen-characters")) == OK
 
-frame = ctypes.create_string_buffer(320 * 240 * 3)
+frame = ctypes.create_string_buffer(64 * 64 * 3)
 submit = FrameRecord(handle=own.handle, stream=own.handle, frame=ctypes.addressof(frame))
 refused(UNKNOWN, SUBMIT_FRAME, submit, "a session without a stream")
-
-
-def stream(media_type=0, handle=own.handle, has_video=True, **fields):
-    video = VideoRecord(**{"src_width": 320, "src_height": 240, "dst_width": 320, "dst_height": 240, "src_pixel_format": 3,
-                      "dst_pixel_format": 99, "dst_codec": 8, "frame_rate": 25, "bitrate": 800000, **fields})
-    record = StreamRecord(handle=handle, stream=NOBODY, media_type=media_type)
-    record.video = ctypes.pointer(video) if has_video else None
-    return record
-
-
 for result, changes in (
         (INVALID_PARAMETER, {"media_type": 1}), (INVALID_PARAMETER, {"media_type": 2}),
         (INVALID_PARAMETER, {"media_type": -1}), (INVALID_PARAMETER, {"has_video": False}), (UNKNOWN, {"handle": NOBODY}),
@@ -87,11 +73,11 @@ for result, changes in (
         (INVALID_PARAMETER, {"src_codec": 1}), (INVALID_PARAMETER, {"src_pixel_format": 8}),  # grey
         (INVALID_PARAMETER, {"src_width": 0}), (INVALID_PARAMETER, {"bitrate": 0}), (CODEC_FAILURE, {"dst_width": 2044}),
         (CODEC_FAILURE, {"dst_width": 642}), (CODEC_FAILURE, {"dst_codec": 28, "dst_height": 2306})):
-    refused(result, CREATE_STREAM, stream(**changes), changes)
-created = stream()
+    refused(result, CREATE_STREAM, stream_record(**{"handle": own.handle, **changes}), changes)
+created = stream_record(own.handle)
 assert call(CREATE_STREAM, created) == OK
-refused(ALREADY_THERE, CREATE_STREAM, stream(), "a second stream")
-refused(INVALID_PARAMETER, CREATE_STREAM, stream(media_type=1), "media type 1 beside a stream")
+refused(ALREADY_THERE, CREATE_STREAM, stream_record(own.handle), "a second stream")
+refused(INVALID_PARAMETER, CREATE_STREAM, stream_record(own.handle, media_type=1), "media type 1 beside a stream")
 refused(UNKNOWN, SUBMIT_FRAME, submit, "another stream's id")
 submit.stream = created.stream
 assert call(SUBMIT_FRAME, submit) == OK

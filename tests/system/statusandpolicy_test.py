@@ -126,11 +126,8 @@ def a_host_asks_who_watches():
 def only_what_is_asked_for_right_is_answered():
     with live() as server:
         viewer = UdpClient(server).start()
-        odd = SessionRecord(name=b"Cam\xe9ra", info=b"i", description=b"d")
-        assert call(CREATE_SESSION, odd) == OK
-        video = VideoRecord(src_width=64, src_height=64, dst_width=64, dst_height=64, dst_codec=8, frame_rate=25, bitrate=9999)
-        stream = StreamRecord(handle=odd.handle, video=ctypes.pointer(video))
-        assert call(CREATE_STREAM, stream) == OK
+        odd = session_record("Cam\xe9ra")
+        assert call(CREATE_SESSION, odd) == call(CREATE_STREAM, stream_record(odd.handle)) == OK
         mode = STATUS.lstat().st_mode
         assert stat.S_ISSOCK(mode) and stat.S_IMODE(mode) == 0o600
         for code, request in ((200, "GET / HTTP/1.1\r\n" + LOCAL),
