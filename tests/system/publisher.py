@@ -137,6 +137,7 @@ class Client(rtsp.Connection):
             markers += self.rtp_packet()[1] >> 7
 
     def is_closed(self):
+        self.socket.settimeout(20)  # less than the 30 s after which an idle connection is closed
         try:
             while self.socket.recv(65536):
                 pass
