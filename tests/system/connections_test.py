@@ -72,7 +72,8 @@ def requests_that_are_not_offered_are_answered_with_an_error():
         assert client.start().set_up() == 455
         client.sees_a_frame()
         tunnel = Client(server)
-        tunnel.socket.sendall(b"GET /kavo HTTP/1.0\r\nx-sessioncookie: abc\r\nAccept: application/x-rtsp-tunnelled\r\n\r\n"
+        tunnel.socket.sendall(b"GET /kavo HTTP/1.0\r\nx-sessioncookie: abc\r\n"
+                              b"Accept: application/x-rtsp-tunnelled\r\n\r\n"
                               b"POST /kavo HTTP/1.0\r\nx-sessioncookie: abc\r\nContent-Length: 32767\r\n\r\n")
         assert tunnel.is_closed()
         garbage = Client(server)

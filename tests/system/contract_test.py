@@ -31,9 +31,11 @@ if not is_served(8554):
 with serve() as server:
     for name, codec in (("jpeg", 8), ("h264", 28)):
         session = session_record(name)
-        assert call(CREATE_SESSION, session) == OK and call(CREATE_STREAM, stream_record(session.handle, dst_codec=codec)) == OK
+        assert call(CREATE_SESSION, session) == OK
+        assert call(CREATE_STREAM, stream_record(session.handle, dst_codec=codec)) == OK
         client = Client(server, path=name)
-        assert client.ask("DESCRIBE") == 200 and re.fullmatch(HEAD + DESCRIPTIONS[name], client.body.decode()), client.body
+        assert client.ask("DESCRIBE") == 200
+        assert re.fullmatch(HEAD + DESCRIPTIONS[name], client.body.decode()), client.body
         setup = UdpClient(server, path=name).start().setup
         rtp, rtcp = map(int, re.search(r"server_port=(\d+)-(\d+)", setup).groups())
         # As many as tests beside this one may hold.

@@ -87,7 +87,8 @@ def the_hosts_signals_are_left_alone():
     signal.signal(signal.SIGPIPE, lambda *_: None)
     before = signals_of(str(os.getpid()))
     with serve():
-        loop, = [task.name for task in pathlib.Path("/proc/self/task").iterdir() if (task / "comm").read_text() == "kavo-rtsp\n"]
+        tasks = pathlib.Path("/proc/self/task").iterdir()
+        loop, = [task.name for task in tasks if (task / "comm").read_text() == "kavo-rtsp\n"]
         # All signals except those that cannot be blocked and the C library's own two. A sanitizer unblocks SIGSYS
         # for moments.
         wanted = 0xfffffffe7ffbfeff

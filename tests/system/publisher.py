@@ -23,12 +23,19 @@ def until(condition, what):
         time.sleep(0.02)
 
 
+def free_port():
+    with socket.socket(socket.AF_INET6) as probe:
+        probe.bind(("::", 0))
+        return probe.getsockname()[1]
+
+
 class Publisher:
     """policy: the text of its policy file. clock_shim: a library that lets set_clocks() shift its clocks."""
 
     def __init__(self, program, codec="jpeg", policy=None, clock_shim=None, descriptors=256):
         self.folder = tempfile.TemporaryDirectory()
-        self.policy, self.errors, self.clock = (os.path.join(self.folder.name, name) for name in ("policy", "errors", "clock"))
+        self.policy, self.errors, self.clock = (
+            os.path.join(self.folder.name, name) for name in ("policy", "errors", "clock"))
         environment = dict(os.environ)
         if policy is not None:
             self.write(policy)
@@ -37,13 +44,11 @@ class Publisher:
             pathlib.Path(self.clock).write_bytes(bytes(16))
             environment |= {"LD_PRELOAD": clock_shim, "KAVO_CLOCK_FILE": self.clock}
         for _ in range(5):  # another program may take the port
-            with socket.socket(socket.AF_INET6) as probe:
-                probe.bind(("::", 0))
-                self.port = probe.getsockname()[1]
+            self.port = free_port()
             with open(self.errors, "w") as errors:
                 self.process = subprocess.Popen(
-                    ["sh", "-c", f'ulimit -n {descriptors}; exec "$0" "$@"', program, "--port", str(self.port), "--size",
-                     "320x240", "--codec", codec], stdout=subprocess.PIPE, stderr=errors, text=True, env=environment)
+                    ["sh", "-c", f'ulimit -n {descriptors}; exec "$0" "$@"', program, "--port", str(self.port),
+                     "--size", "320x240", "--codec", codec], stdout=subprocess.PIPE, stderr=errors, text=True, env=environment)
             if any("Ctrl-C" in line for line in self.process.stdout):
                 break
 

@@ -5,20 +5,20 @@ import contextlib
 import ctypes
 import os
 import resource
-import socket
 import tempfile
 import threading
 import time
 
 import kavo_stream
 from kavo_stream import Codec
+from publisher import free_port
 
 IS_SANITIZED = "san" in os.environ.pop("LD_PRELOAD", "")  # this process alone, not its children
 FRAME = bytes(320 * 240 * 3)
 
 (SessionRecord, VideoRecord, StreamRecord, FrameRecord, EncodedStreamRecord, EncodedFrameRecord, StatusRecord) = (
-    getattr(kavo_stream, f"_{name}") for name in ("Session", "Video", "Stream", "Frame", "EncodedStream", "EncodedFrame",
-                                                  "Status"))
+    getattr(kavo_stream, f"_{name}")
+    for name in ("Session", "Video", "Stream", "Frame", "EncodedStream", "EncodedFrame", "Status"))
 (INIT, EXIT, CREATE_SESSION, REMOVE_SESSION, CREATE_STREAM, SUBMIT_FRAME, GET_INFO) = range(7)
 (CREATE_ENCODED_STREAM, SUBMIT_ENCODED, GET_STATUS) = range(100, 103)
 (OK, NOT_STARTED, ALREADY_THERE, INVALID_PARAMETER, NAME_IN_USE, UNKNOWN, RESOURCE_FAILURE, CODEC_FAILURE) = range(8)
@@ -42,15 +42,9 @@ def stream_record(handle, media_type=0, has_video=True, **video):
     """For frames of 64x64 pixels in BGR24, published as JPEG, but for what video has."""
     record = StreamRecord(handle=handle, stream=NOBODY, media_type=media_type)
     record.video = ctypes.pointer(VideoRecord(**{
-        "src_width": 64, "src_height": 64, "dst_width": 64, "dst_height": 64, "src_pixel_format": 3, "dst_pixel_format": 99,
-        "dst_codec": Codec.JPEG, "frame_rate": 25, "bitrate": 800000, **video})) if has_video else None
+        "src_width": 64, "src_height": 64, "dst_width": 64, "dst_height": 64, "src_pixel_format": 3,
+        "dst_pixel_format": 99, "dst_codec": Codec.JPEG, "frame_rate": 25, "bitrate": 800000, **video})) if has_video else None
     return record
-
-
-def free_port():
-    with socket.socket(socket.AF_INET6) as probe:
-        probe.bind(("::", 0))
-        return probe.getsockname()[1]
 
 
 def serve():

@@ -51,7 +51,8 @@ for field in TEXTS:
     refused(INVALID_PARAMETER, CREATE_SESSION, session_record(**{"name": "other", field: ""}), f"no {field}")
     refused(INVALID_PARAMETER, CREATE_SESSION, unterminated(field), f"{field} without an end")
     for text in ("a\r\nm=audio 0 RTP/A", "a\x7f", "\x01"):
-        refused(INVALID_PARAMETER, CREATE_SESSION, session_record(**{"name": "other", field: text}), f"{field} {text!r}")
+        record = session_record(**{"name": "other", field: text})
+        refused(INVALID_PARAMETER, CREATE_SESSION, record, f"{field} {text!r}")
 assert call(CREATE_SESSION, session_record("T\xfcr")) == OK
 longest = session_record("nineteen-characters")
 assert call(CREATE_SESSION, longest) == OK

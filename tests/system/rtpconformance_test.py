@@ -24,8 +24,10 @@ def watch(codec, kind):
 
 
 with serve() as server:
-    streams = [server.create_session(codec.name).create_stream(640, 480, codec=codec) for codec in (Codec.JPEG, Codec.H264)]
+    codecs = Codec.JPEG, Codec.H264
+    streams = [server.create_session(codec.name).create_stream(640, 480, codec=codec) for codec in codecs]
     frame = numpy.indices((480, 640, 3)).sum(0).astype(numpy.uint8)
-    with submitting(lambda: [stream.submit(frame) for stream in streams]), concurrent.futures.ThreadPoolExecutor() as pool:
+    with (submitting(lambda: [stream.submit(frame) for stream in streams]),
+          concurrent.futures.ThreadPoolExecutor() as pool):
         list(pool.map(watch, (Codec.JPEG, Codec.JPEG, Codec.H264, Codec.H264), (Client, UdpClient) * 2))
 print("passed")

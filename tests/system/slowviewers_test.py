@@ -18,7 +18,7 @@ STANDSTILL = 90
 RNG = numpy.random.default_rng(1)
 if CODEC == Codec.JPEG:  # noise makes images large
     FRAMES = RNG.integers(0, 32, (480, 640, 3), numpy.uint8)
-else:  # faint blocks: the encoder skips frames of noise, needs few bytes for still ones, makes key frames if much changes
+else:  # faint blocks: the encoder skips noise, needs few bytes for still frames, makes key frames if much changes
     FRAMES = RNG.integers(112, 144, (60, 40, 1), numpy.uint8).repeat(16, 0).repeat(16, 1).repeat(3, 2)
 # Each frame begins farther down than encoders search for motion.
 ROWS = (149 * number % (len(FRAMES) - 479) for number in itertools.count())
@@ -102,5 +102,6 @@ def one_that_sends_without_reading_is_disconnected(server, stream):
 for case in (one_that_stalls_holds_up_nobody_and_comes_back_to_whole_frames, nothing_of_one_connection_reaches_the_next,
              one_that_sends_without_reading_is_disconnected):
     with serve() as server, server.create_session("kavo") as session:
-        case(server, session.create_stream(640, 480, codec=CODEC, bits_per_second=4000000 * (25 if CODEC == Codec.JPEG else 1)))
+        bits = 4000000 * (25 if CODEC == Codec.JPEG else 1)
+        case(server, session.create_stream(640, 480, codec=CODEC, bits_per_second=bits))
     print(f"{case.__name__}: passed", flush=True)
