@@ -1,7 +1,7 @@
 /* Preloaded into a process, it makes one call of a function fail, or several in a
  * row. After kavo_inject_arm() it counts the calls that the library makes: on a
- * thread of its own, or inside kavo_inject_call(). If KAVO_INJECT_TRACE is set, it prints a backtrace of each failure.
- */
+ * thread of its own, or inside kavo_inject_call(). If KAVO_INJECT_TRACE is set, it
+ * prints a backtrace of each failure. */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>

@@ -125,17 +125,14 @@ bool RtspClient::play(std::string const& url) {
          request("PLAY", url).status == 200;
 }
 
-RtspClient::Response RtspClient::setUpOverUdp(std::string const& url) {
+bool RtspClient::playOverUdp(std::string const& url) {
   std::string ports;
   for (int& socket : m_Udp) {
     socket = socketOf(SOCK_DGRAM);
     ports += (ports.empty() ? "" : "-") + std::to_string(portOf(socket));
   }
-  return request("SETUP", url + "/track1", "Transport: RTP/AVP;unicast;client_port=" + ports + "\r\n");
-}
-
-bool RtspClient::playOverUdp(std::string const& url) {
-  return setUpOverUdp(url).status == 200 && request("PLAY", url).status == 200;
+  return request("SETUP", url + "/track1", "Transport: RTP/AVP;unicast;client_port=" + ports + "\r\n").status == 200 &&
+         request("PLAY", url).status == 200;
 }
 
 bool RtspClient::receivesAFrame() {

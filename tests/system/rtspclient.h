@@ -15,20 +15,18 @@ class RtspClient {
     std::string header(std::string const& name) const;
   };
 
-  // Connects to 127.0.0.1; connected() returns whether that worked. All functions wait at most until the limit.
+  // Connects to 127.0.0.1. All functions wait at most until the limit.
   explicit RtspClient(std::uint32_t port, int limitMilliseconds = 20000);
   ~RtspClient();
   RtspClient(RtspClient const&) = delete;
   RtspClient& operator=(RtspClient const&) = delete;
 
-  bool connected() const { return m_Socket >= 0; }
   // Sends a request (each header ends in CRLF) and waits for its response.
   Response request(std::string const& method, std::string const& url, std::string const& headers = "");
   // Sends SETUP over TCP and PLAY.
   bool play(std::string const& url);
   // Sends SETUP for two UDP ports of this client, and PLAY.
   bool playOverUdp(std::string const& url);
-  Response setUpOverUdp(std::string const& url);
   // Reads packets until one complete frame has arrived, from one RTP marker to the next.
   bool receivesAFrame();
 
