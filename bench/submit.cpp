@@ -1,6 +1,8 @@
 // Compares a submit through kv_Stream, with a viewer, with the floor: libswscale and the encoder called
 // directly, with the same settings and frames, in turns.
 #include <benchmark/benchmark.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -8,16 +10,15 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <deque>
 #include <fstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "base/uniquefd.h"
 #include "codec/openh264library.h"
 #include "kavo_stream.h"
-#include "system/rtspclient.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -127,8 +128,41 @@ class Floor {
   ISVCEncoder* m_Encoder = nullptr;
 };
 
-// A host with streams "0", "1", ..., each with a viewer. The viewers read nothing; the kernel drops their
-// packets.
+// A viewer over UDP that reads nothing; the kernel drops its packets.
+class Viewer {
+ public:
+  Viewer(std::uint32_t port, std::string const& url) {
+    sockaddr_in address{};
+    socklen_t size = sizeof address;
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bind(m_Udp.get(), reinterpret_cast<sockaddr const*>(&address), size);
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    connect(m_Rtsp.get(), reinterpret_cast<sockaddr const*>(&address), size);
+    getsockname(m_Udp.get(), reinterpret_cast<sockaddr*>(&address), &size);
+    auto const own = std::to_string(ntohs(address.sin_port));
+    auto const setup = ask("SETUP " + url + "/track1", "Transport: RTP/AVP;unicast;client_port=" + own + "-" + own);
+    auto const session = setup.find("Session: ");
+    ask("PLAY " + url, setup.substr(session, setup.find_first_of(";\r", session) - session));
+  }
+
+ private:
+  std::string ask(std::string const& what, std::string const& header) const {
+    auto const request = what + " RTSP/1.0\r\nCSeq: 1\r\n" + header + "\r\n\r\n";
+    (void)send(m_Rtsp.get(), request.data(), request.size(), MSG_NOSIGNAL);
+    std::string response(2000, '\0');  // which one segment holds
+    response.resize(static_cast<std::size_t>(std::max<ssize_t>(recv(m_Rtsp.get(), response.data(), 2000, 0), 0)));
+    if (!response.starts_with("RTSP/1.0 200 OK")) {
+      throw std::runtime_error("the viewer cannot play: " + response);
+    }
+    return response;
+  }
+
+  kavo::impl::UniqueFd m_Rtsp{socket(AF_INET, SOCK_STREAM, 0)};
+  kavo::impl::UniqueFd m_Udp{socket(AF_INET, SOCK_DGRAM, 0)};
+};
+
+// A host with streams "0", "1", ..., each with a viewer.
 class Host {
  public:
   explicit Host(Shape const& shape, int streams = 1, bool watched = true) {
@@ -138,8 +172,8 @@ class Host {
     for (int i = 0; i < streams; ++i) {
       std::string const name = std::to_string(i);
       publish(shape, name);
-      if (watched && !m_Viewers.emplace_back(m_Port, 1000).playOverUdp("rtsp://127.0.0.1/" + name)) {
-        throw std::runtime_error("the viewer cannot play");
+      if (watched) {
+        m_Viewers.emplace_back(m_Port, "rtsp://127.0.0.1/" + name);
       }
     }
   }
@@ -173,7 +207,7 @@ class Host {
 
   std::uint32_t m_Port = 39871;
   std::vector<kv_frame_record> m_Frames;
-  std::deque<RtspClient> m_Viewers;
+  std::vector<Viewer> m_Viewers;
 };
 
 template <class Function>

@@ -3,6 +3,7 @@
 // in between removed sessions, changed policies, init and exit, few descriptors, packets that the kernel
 // refuses and clock jumps. After each batch, good viewers must get whole frames, no descriptor may be left open, and
 // nothing may be leaked. libFuzzer writes a failing script to a file, and runs the file that it is given.
+#include <arpa/inet.h>
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -16,7 +17,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -29,9 +29,8 @@
 #include <vector>
 
 #include "base/uniquefd.h"
+#include "freeport.h"
 #include "fuzz/rtspscript.h"
-#include "system/records.h"
-#include "system/rtspclient.h"
 
 #if __has_feature(address_sanitizer)
 #include <sanitizer/lsan_interface.h>
@@ -52,6 +51,15 @@ constexpr std::chrono::seconds longestWait{60};
 [[noreturn]] void fail(char const* what) {
   std::fprintf(stderr, "rtspsession: %s\n", what);
   std::abort();
+}
+
+// ::1, or 127.0.0.1 as an IPv4-mapped address.
+sockaddr_in6 loopback(bool ipv6, int port) {
+  sockaddr_in6 address{};
+  address.sin6_family = AF_INET6;
+  inet_pton(AF_INET6, ipv6 ? "::1" : "::ffff:127.0.0.1", &address.sin6_addr);
+  address.sin6_port = htons(static_cast<std::uint16_t>(port));
+  return address;
 }
 
 // The error that the next g_Refusals calls that send packets fail with.
@@ -138,18 +146,11 @@ class Host {
     m_Raw.reset();
     m_Encoded.reset();
     m_Sessions = {};
-    std::lock_guard const lock(m_Mutex);  // a new session may get the handle of a removed one
-    ++m_ServerNumber;
+    std::lock_guard const lock(m_Mutex);
     m_Server.reset();
     m_IsRemoved = false;
     g_HasFewDescriptors = policy % goodPolicies == 2;
-    m_Port = onFreePort([this](std::uint32_t port) {
-      try {
-        m_Server.emplace(static_cast<std::uint16_t>(port));
-      } catch (kavo::Error const&) {
-      }
-      return m_Server.has_value();
-    });
+    m_Port = startOnFreePort(m_Server);
     create(1);
     create(2);
   }
@@ -175,26 +176,21 @@ class Host {
     m_Raw.emplace(session->createStream(video));
   }
 
-  static constexpr auto call = [](int command, auto& record) {
-    return kv_Stream(command, &record, sizeof record) == KV_OK;
-  };
-
   void submitAlways(std::stop_token const& stop) {
+    std::optional<kavo::Session> session;
     while (!stop.stop_requested()) {
-      std::unique_lock lock(m_Mutex);
-      unsigned const server = m_ServerNumber;
-      auto session = sessionRecord(names[0]);
-      auto frame = createStream(session, videoRecord(0, KV_CODEC_MJPEG, size, size), call);
-      frame.frame = picture.data();
-      lock.unlock();
-      while (!m_IsRemoved.exchange(false) && !stop.stop_requested() && call(KV_SUBMIT_FRAME, frame)) {
-        std::this_thread::sleep_for(framePeriod);
+      try {
+        std::unique_lock lock(m_Mutex);
+        session.reset();
+        session.emplace(m_Server->createSession(names[0]));
+        auto stream = session->createStream({.width = size, .height = size, .codec = kavo::Codec::Jpeg});
+        lock.unlock();
+        while (!m_IsRemoved.exchange(false) && !stop.stop_requested()) {
+          stream.submit(picture.data(), picture.size());
+          std::this_thread::sleep_for(framePeriod);
+        }
+      } catch (kavo::Error const&) {  // the server has ended
       }
-      lock.lock();
-      if (server == m_ServerNumber) {
-        kv_Stream(KV_REMOVE_SESSION, session.handle, sizeof(void*));
-      }
-      lock.unlock();
       std::this_thread::sleep_for(framePeriod);
     }
   }
@@ -220,7 +216,6 @@ class Host {
   }();
   unsigned m_Submitted = 0;
   std::mutex m_Mutex;
-  unsigned m_ServerNumber = 0;
   std::atomic<bool> m_IsRemoved = false;
   std::jthread const m_SecondThread{[this](std::stop_token const& stop) { submitAlways(stop); }};
 };
@@ -232,16 +227,19 @@ class Client {
   explicit Client(unsigned number) : m_IsSlow(number == 2), m_Ipv6(number == 3) {}
 
   bool isOpen() const { return m_Socket.get() >= 0; }
+  bool isPlaying() const { return m_IsPlaying; }
+  int frames() const { return m_Frames; }
   std::string const& session() const { return m_Session; }
   std::string const& ssrc() const { return m_Ssrc; }
   std::string const& lastReport() const { return m_LastReport; }
 
-  void send(std::uint32_t port, std::string const& bytes) {
+  // Waits at most so long for a response.
+  void send(std::uint32_t port, std::string const& bytes, int milliseconds = 5) {
     if (!isOpen()) {
       open(port);
     }
     (void)::send(m_Socket.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-    await(bytes.find("\r\n\r\n") != std::string::npos ? 5 : 0);
+    await(bytes.find("\r\n\r\n") != std::string::npos ? milliseconds : 0);
   }
 
   // Reads what has arrived, after waiting at most so long for something.
@@ -255,6 +253,8 @@ class Client {
         return;
       }
       note(std::string_view(block, static_cast<std::size_t>(size)));
+      m_Stream.append(block, static_cast<std::size_t>(size));
+      takePackets();
       milliseconds = 0;
       if (m_IsSlow) {
         break;
@@ -262,6 +262,7 @@ class Client {
     }
     for (ssize_t size; m_Udp.get() >= 0 && (size = recv(m_Udp.get(), block, sizeof block, MSG_DONTWAIT)) > 0;) {
       note(std::string_view(block, static_cast<std::size_t>(size)));
+      countFrame(std::string_view(block, static_cast<std::size_t>(size)));
     }
   }
 
@@ -315,6 +316,7 @@ class Client {
     if (auto const port = valueOf("server_port="); !port.empty()) {
       m_ServerPort = std::atoi(port.c_str());
     }
+    m_IsPlaying = m_IsPlaying || !valueOf("RTP-Info: ").empty();
     constexpr std::string_view senderReport("\x80\xc8\x00\x06", 4);
     if (auto const at = said.find(senderReport); at != std::string_view::npos && said.size() >= at + 28) {
       m_Ssrc = said.substr(at + 4, 4);
@@ -322,10 +324,32 @@ class Client {
     }
   }
 
+  void countFrame(std::string_view packet) {
+    m_Frames += packet.size() > 12 && (packet[1] == '\x9A' || packet[1] == '\xE0') ? 1 : 0;  // with its marker
+  }
+
+  // Takes responses and packets from the connection's stream, up to a response with a body.
+  void takePackets() {
+    for (std::size_t size = 0;; m_Stream.erase(0, size)) {
+      if (m_Stream.size() >= 4 && m_Stream[0] == '$') {
+        size = 4 + static_cast<std::uint8_t>(m_Stream[2]) * 256U + static_cast<std::uint8_t>(m_Stream[3]);
+        countFrame(std::string_view(m_Stream).substr(4, size - 4));
+      } else {
+        size = m_Stream.starts_with("RTSP/1.0 ") ? m_Stream.find("\r\n\r\n") + 4 : 3;
+      }
+      if (size < 4 || size > m_Stream.size()) {
+        return;
+      }
+    }
+  }
+
   bool const m_IsSlow;
   bool const m_Ipv6;
   UniqueFd m_Socket;
   UniqueFd m_Udp;
+  std::string m_Stream;
+  int m_Frames = 0;
+  bool m_IsPlaying = false;
   int m_ServerPort = 0;
   std::string m_Session = "none";
   std::string m_Ssrc = std::string(4, 9);
@@ -430,21 +454,30 @@ void insist(Condition const& condition, char const* fault) {
 
 // Watches each stream over each transport with a viewer that makes no mistakes.
 void watch(Host& host) {
+  constexpr int patience = 50;  // milliseconds
   for (std::size_t i = 0; i < 2 * Host::streams; ++i) {
-    std::optional<RtspClient> viewer;
+    std::optional<Client> viewer;
+    auto const ask = [&](std::string const& method, std::string const& path, std::string const& header) {
+      viewer->send(host.port(), method + " " + host.url(i) + path + " RTSP/1.0\r\nCSeq: 1\r\n" + header + "\r\n\r\n",
+                   patience);
+    };
     auto const joins = [&] {
-      viewer.emplace(host.port(), 50);
-      return i < Host::streams ? viewer->play(host.url(i)) : viewer->playOverUdp(host.url(i));
+      viewer.emplace(0U);
+      ask("SETUP", "/track1",
+          "Transport: RTP/AVP" + (i < Host::streams ? "/TCP;interleaved=0-1" : ";client_port=" + viewer->ports()));
+      ask("PLAY", "", "Session: " + viewer->session());
+      return viewer->isPlaying();
     };
     auto const sees = [&] {
-      for (int frames = 0; frames < 3; ++frames) {  // one is complete between two markers
+      for (int frames = 0; frames < 3; ++frames) {
         host.submit();
       }
-      return viewer->receivesAFrame();
+      viewer->await(patience);
+      return viewer->frames() >= 2;  // one is whole between two markers
     };
     insist(joins, "a good viewer was not let in");
     insist(sees, "a good viewer got no frame");
-    viewer->request("TEARDOWN", host.url(i));
+    ask("TEARDOWN", "", "Session: " + viewer->session());
   }
 }
 
@@ -501,19 +534,14 @@ extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t s
   for (auto changes = 1 + random() % 4; changes > 0; --changes) {
     mutate(script, random, LLVMFuzzerMutate);
   }
-  auto const text = textOf(script);
-  std::size_t const length = std::min(text.size(), maxSize);
-  std::memcpy(data, text.data(), length);
-  return length;
+  return textOf(script).copy(reinterpret_cast<char*>(data), maxSize);
 }
 
 extern "C" std::size_t LLVMFuzzerCustomCrossOver(std::uint8_t const* one, std::size_t oneSize,
                                                  std::uint8_t const* other, std::size_t otherSize, std::uint8_t* out,
                                                  std::size_t maxSize, unsigned seed) {
   std::mt19937 random(seed);
-  auto const text = textOf(crossOver(parseScript(std::string(one, one + oneSize)),
-                                     parseScript(std::string(other, other + otherSize)), random));
-  std::size_t const length = std::min(text.size(), maxSize);
-  std::memcpy(out, text.data(), length);
-  return length;
+  auto const script = crossOver(parseScript(std::string(one, one + oneSize)),
+                                parseScript(std::string(other, other + otherSize)), random);
+  return textOf(script).copy(reinterpret_cast<char*>(out), maxSize);
 }

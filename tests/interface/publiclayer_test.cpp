@@ -6,19 +6,13 @@
 #include <optional>
 
 #include "codec/guardedframe.h"
-#include "system/rtspclient.h"
+#include "freeport.h"
 
 namespace {
 
 kavo::Server serve() {
   std::optional<kavo::Server> server;
-  onFreePort([&](std::uint32_t port) {
-    try {
-      server.emplace(static_cast<std::uint16_t>(port));
-    } catch (kavo::Error const&) {
-    }
-    return server.has_value();
-  });
+  startOnFreePort(server);
   return std::move(*server);
 }
 

@@ -40,12 +40,3 @@ int clock_gettime(clockid_t clock, struct timespec* now) {
   }
   return result;
 }
-
-time_t time(time_t* result) {
-  struct timespec now;
-  clock_gettime(CLOCK_REALTIME, &now);
-  if (result != NULL) {
-    *result = now.tv_sec;
-  }
-  return now.tv_sec;
-}

@@ -1,6 +1,5 @@
 #!/usr/bin/env bash
-# What operators do: passwords with real players, one server address, and the status in kavo-stat
-# and as metrics.
+# What operators do: passwords with real players, one server address, and the status in kavo-stat.
 #   operating_test.sh KAVO_PUBLISH KAVO_STAT
 set -euo pipefail
 publish=$1
@@ -68,35 +67,20 @@ for method in "PLAY", "PAUSE", "TEARDOWN", "GET_PARAMETER":
     assert answer.startswith("RTSP/1.0 401 ") and "WWW-Authenticate: Digest realm=" in answer, method + answer
 PY
 
-# The status, as kavo-stat and a client for metrics get it. Asks again if a frame is being encoded:
-# it is offered, but not counted as anything else yet.
-for _ in {1..50}; do
-  "$stat" --json "$KAVO_STREAM_STATUS" >"$work/json"
-  python3 -c 'import json, sys
-stream, = json.load(open(sys.argv[1]))["streams"]
-sys.exit(stream["offered"] != sum(stream[k] for k in ("encoded", "unwatched", "queue_full", "skipped")))' "$work/json" && break
-done
+# The status, as kavo-stat gets it.
+"$stat" --json "$KAVO_STREAM_STATUS" >"$work/json"
 python3 - "$work/json" "$pid" "$port" <<'PY' || die "$(cat "$work/json")"
 import json, sys
 status = json.load(open(sys.argv[1]))
 assert status["pid"] == int(sys.argv[2]) and status["port"] == int(sys.argv[3])
 stream, = status["streams"]
-assert stream["name"] == "kavo" and stream["codec"] == "h264" and (stream["width"], stream["height"]) == (320, 240)
-assert stream["offered"] == stream["encoded"] + stream["unwatched"] + stream["queue_full"] + stream["skipped"]
+assert stream["name"] == "kavo" and stream["codec"] == "h264"
 viewer, = stream["viewers"]
 assert viewer["transport"] == "udp" and viewer["state"] == "playing" and viewer["frames_sent"] > 0
 assert viewer["user"] == "anna" and status["refused"]["user"] >= 6 and not status["last_error"]["time"]
 kinds = [event["kind"] for event in status["events"]]
 assert kinds.count("joined") >= 5 and "left" in kinds and 1 <= kinds.count("refused") <= 3, kinds
 PY
-python3 - "$KAVO_STREAM_STATUS" <<'PY' |
-import socket, sys
-asking = socket.socket(socket.AF_UNIX)
-asking.connect(sys.argv[1])
-asking.sendall(b"GET /metrics HTTP/1.1\r\nHost: localhost\r\n\r\n")
-print(asking.makefile().read())
-PY
-  grep -E '^kavo_viewers\{port="[0-9]+",stream="kavo",transport="udp"\} 1$' >/dev/null || die "no metrics"
 "$stat" "$KAVO_STREAM_STATUS" | grep '1 viewer ' >/dev/null || die "no table"
 { timeout 60 "$stat" --events "$KAVO_STREAM_STATUS" || true; } >"$work/events" 2>"$work/err" &
 follower=$!
