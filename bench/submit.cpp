@@ -17,14 +17,8 @@
 #include <vector>
 
 #include "base/uniquefd.h"
-#include "codec/openh264library.h"
+#include "floor.h"
 #include "kavo_stream.h"
-
-extern "C" {
-#include <libavcodec/avcodec.h>
-#include <libavutil/imgutils.h>
-#include <libswscale/swscale.h>
-}
 
 namespace {
 
@@ -45,88 +39,6 @@ std::vector<std::vector<std::uint8_t>> framesOf(Shape const& shape) {
   }
   return result;
 }
-
-// What a submit does, without the library.
-class Floor {
- public:
-  explicit Floor(Shape const& shape) : m_Shape(shape) {
-    m_Scaler = sws_getContext(shape.width, shape.height, AV_PIX_FMT_RGB24, shape.width, shape.height,
-                              AV_PIX_FMT_YUV420P, SWS_FAST_BILINEAR, nullptr, nullptr, nullptr);
-    m_Frame = av_frame_alloc();
-    m_Frame->format = shape.codec == 8 ? AV_PIX_FMT_YUVJ420P : AV_PIX_FMT_YUV420P;
-    m_Frame->width = shape.width;
-    m_Frame->height = shape.height;
-    av_frame_get_buffer(m_Frame, 1);
-    if (shape.codec == 8) {
-      openJpeg();
-    } else {
-      openH264();
-    }
-  }
-
-  void encode(std::uint8_t const* pixels) {
-    std::uint8_t const* planes[1] = {pixels};
-    int const strides[1] = {m_Shape.width * 3};
-    sws_scale(m_Scaler, planes, strides, 0, m_Shape.height, m_Frame->data, m_Frame->linesize);
-    if (m_Context != nullptr) {
-      AVPacket packet{};
-      avcodec_send_frame(m_Context, m_Frame);
-      avcodec_receive_packet(m_Context, &packet);
-      av_packet_unref(&packet);
-      return;
-    }
-    SSourcePicture frame{};
-    frame.iColorFormat = videoFormatI420;
-    frame.iPicWidth = m_Shape.width;
-    frame.iPicHeight = m_Shape.height;
-    std::copy_n(m_Frame->linesize, 3, frame.iStride);
-    std::copy_n(m_Frame->data, 3, frame.pData);
-    SFrameBSInfo info{};
-    m_Encoder->EncodeFrame(&frame, &info);
-  }
-
- private:
-  void openJpeg() {
-    AVCodec const* codec = avcodec_find_encoder(AV_CODEC_ID_MJPEG);
-    m_Context = avcodec_alloc_context3(codec);
-    m_Context->bit_rate = m_Context->bit_rate_tolerance = 2000000;
-    m_Context->width = m_Shape.width;
-    m_Context->height = m_Shape.height;
-    m_Context->time_base = {1, 1};
-    m_Context->pix_fmt = AV_PIX_FMT_YUVJ420P;
-    m_Context->qcompress = 1.0F;
-    m_Context->qmin = 1;
-    m_Context->qmax = 100;
-    AVDictionary* options = nullptr;
-    av_dict_set(&options, "huffman", "default", 0);
-    avcodec_open2(m_Context, codec, &options);
-    av_dict_free(&options);
-  }
-
-  void openH264() {
-    m_Encoder = kavo::impl::OpenH264Library().createEncoder().release();
-    SEncParamBase base{};
-    base.iUsageType = CAMERA_VIDEO_REAL_TIME;
-    base.iPicWidth = m_Shape.width;
-    base.iPicHeight = m_Shape.height;
-    base.iTargetBitrate = 2000000;
-    base.iRCMode = RC_BITRATE_MODE;
-    base.fMaxFrameRate = 25;
-    int quiet = 0;
-    m_Encoder->SetOption(ENCODER_OPTION_TRACE_LEVEL, &quiet);
-    m_Encoder->Initialize(&base);
-    int interval = 50;
-    m_Encoder->SetOption(ENCODER_OPTION_IDR_INTERVAL, &interval);
-    int skip = 1;
-    m_Encoder->SetOption(ENCODER_OPTION_RC_FRAME_SKIP, &skip);
-  }
-
-  Shape m_Shape;
-  SwsContext* m_Scaler;
-  AVFrame* m_Frame;
-  AVCodecContext* m_Context = nullptr;
-  ISVCEncoder* m_Encoder = nullptr;
-};
 
 // A viewer over UDP that reads nothing; the kernel drops its packets.
 class Viewer {
@@ -220,7 +132,11 @@ double seconds(Function const& function) {
 // Measures one pair a round, alternating which is first. Returns the median of the ratios.
 void submitOverFloor(benchmark::State& state, Shape const& shape) {
   auto const frames = framesOf(shape);
-  Floor floor(shape);
+  Floor floor({.isJpeg = shape.codec == KV_CODEC_MJPEG,
+               .width = shape.width,
+               .height = shape.height,
+               .outputWidth = shape.width,
+               .outputHeight = shape.height});
   Host host(shape);
   std::vector<double> ratios;
   double milliseconds = 0;
@@ -230,11 +146,11 @@ void submitOverFloor(benchmark::State& state, Shape const& shape) {
     double bare = 0;
     double ours = 0;
     if (round++ % 2 == 0) {
-      bare = seconds([&] { floor.encode(pixels); });
+      bare = seconds([&] { benchmark::DoNotOptimize(floor.encode(pixels).data()); });
       ours = seconds([&] { host.submit(pixels); });
     } else {
       ours = seconds([&] { host.submit(pixels); });
-      bare = seconds([&] { floor.encode(pixels); });
+      bare = seconds([&] { benchmark::DoNotOptimize(floor.encode(pixels).data()); });
     }
     ratios.push_back(ours / bare);
     milliseconds += ours * 1e3;

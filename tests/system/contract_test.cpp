@@ -6,16 +6,11 @@
 #include <system_error>
 #include <vector>
 
+#include "bench/floor.h"
 #include "codec/encoding.h"
-#include "codec/openh264library.h"
 #include "interface/cinterface.h"
 #include "rtsp/framesourcehandler.h"
 #include "rtsp/jpegsource.h"
-
-extern "C" {
-#include <libavutil/opt.h>
-#include <libswscale/swscale.h>
-}
 
 using namespace kavo::impl;
 
@@ -54,96 +49,27 @@ TEST(ContractOfErrors, NothingElseEscapes) {
   EXPECT_EQ(result([] { throw 7; }), -1);
 }
 
-// The same bytes as FFmpeg's encoder with these settings, of a frame scaled with this flag.
-class ContractOfJpeg : public ::testing::TestWithParam<int> {};
-
-TEST_P(ContractOfJpeg, TheEncodersSettings) {
-  auto parameter = test::parameters(8, 0, 96, 64, 64, 48);
-  parameter.m_Bitrate = GetParam();
-  Transcoder transcoder(&parameter);
-  AVCodecContext* const context = avcodec_alloc_context3(avcodec_find_encoder(AV_CODEC_ID_MJPEG));
-  context->bit_rate = GetParam();
-  context->bit_rate_tolerance = GetParam();
-  context->width = 64;
-  context->height = 48;
-  context->time_base = {1, 1};
-  context->pix_fmt = AV_PIX_FMT_YUVJ420P;
-  context->qcompress = 1;
-  context->qmin = 1;
-  context->qmax = 100;
-  av_opt_set(context->priv_data, "huffman", "default", 0);
-  ASSERT_EQ(avcodec_open2(context, nullptr, nullptr), 0);
-  SwsContext* const scaler = sws_getContext(96, 64, AV_PIX_FMT_YUV420P, 64, 48, AV_PIX_FMT_YUV420P, SWS_FAST_BILINEAR,
-                                            nullptr, nullptr, nullptr);
-  for (int i = 0; i < 20; ++i) {
-    Bytes const picture = pictureOf(i, 96, 64);
-    AVFrame* frame = av_frame_alloc();
-    frame->format = AV_PIX_FMT_YUVJ420P;
-    frame->width = 64;
-    frame->height = 48;
-    ASSERT_EQ(av_frame_get_buffer(frame, 0), 0);
-    std::uint8_t const* const planes[] = {picture.data(), picture.data() + 96 * 64, picture.data() + 96 * 64 + 48 * 32,
-                                          nullptr};
-    int const strides[] = {96, 48, 48, 0};
-    sws_scale(scaler, planes, strides, 0, 64, frame->data, frame->linesize);
-    AVPacket* packet = av_packet_alloc();
-    ASSERT_EQ(avcodec_send_frame(context, frame), 0);
-    ASSERT_EQ(avcodec_receive_packet(context, packet), 0);
-    EXPECT_EQ(test::encoded(transcoder, picture.data()).bytes, Bytes(packet->data, packet->data + packet->size)) << i;
-    av_packet_free(&packet);
-    av_frame_free(&frame);
-  }
-  sws_freeContext(scaler);
-  AVCodecContext* owned = context;
-  avcodec_free_context(&owned);
-}
-
-// The lowest and the highest reach the ends of the quantizer's range.
-INSTANTIATE_TEST_SUITE_P(Bitrates, ContractOfJpeg, ::testing::Values(200, 20000, 20000000));
-
-// The same bytes as OpenH264 with these settings.
-TEST(ContractOfH264, TheEncodersSettings) {
-  auto parameter = test::parameters(28, 0, 64, 48, 64, 48);
-  parameter.m_Bitrate = 50000;
-  parameter.m_FrameRate = 10;
-  Transcoder transcoder(&parameter);
-  auto const encoder = OpenH264Library().createEncoder();
-  SEncParamBase base{};
-  base.iUsageType = CAMERA_VIDEO_REAL_TIME;
-  base.iPicWidth = 64;
-  base.iPicHeight = 48;
-  base.iTargetBitrate = 50000;
-  base.iRCMode = RC_BITRATE_MODE;
-  base.fMaxFrameRate = 10;
-  for (auto [option, value] : {std::pair(ENCODER_OPTION_TRACE_LEVEL, int{WELS_LOG_QUIET}),
-                               {ENCODER_OPTION_DATAFORMAT, int{videoFormatI420}},
-                               {ENCODER_OPTION_IDR_INTERVAL, 20},
-                               {ENCODER_OPTION_RC_FRAME_SKIP, 1},
-                               {ENCODER_OPTION_SPS_PPS_ID_STRATEGY, 0}}) {
-    ASSERT_EQ(encoder->SetOption(option, &value), 0);
-    if (option == ENCODER_OPTION_TRACE_LEVEL) {
-      ASSERT_EQ(encoder->Initialize(&base), 0);
+// Each frame gives the same bytes as the encoder, called directly.
+TEST(ContractOfEncoders, TheirSettings) {
+  struct Case {
+    bool isJpeg;
+    int width, height, bitrate, frameRate;
+  };
+  // JPEG's lowest and highest bitrate reach the ends of the quantizer's range.
+  for (auto const& [isJpeg, width, height, bitrate, frameRate] : {Case{true, 96, 64, 200, 25},
+                                                                  {true, 96, 64, 20000, 25},
+                                                                  {true, 96, 64, 20000000, 25},
+                                                                  {false, 64, 48, 50000, 10}}) {
+    auto parameter = test::parameters(isJpeg ? 8 : 28, 0, width, height, 64, 48);
+    parameter.m_Bitrate = bitrate;
+    parameter.m_FrameRate = frameRate;
+    Transcoder transcoder(&parameter);
+    Floor encoder({isJpeg, AV_PIX_FMT_YUV420P, width, height, 64, 48, bitrate, frameRate});
+    for (int i = 0; i < 50; ++i) {
+      Bytes const picture = pictureOf(i, width, height);
+      auto const expected = encoder.encode(picture.data());
+      EXPECT_EQ(test::encoded(transcoder, picture.data()).bytes, Bytes(expected.begin(), expected.end()))
+          << "frame " << i << " at " << bitrate;
     }
   }
-  for (int i = 0; i < 50; ++i) {
-    Bytes picture = pictureOf(i, 64, 48);
-    SSourcePicture source{};
-    source.iColorFormat = videoFormatI420;
-    source.iPicWidth = 64;
-    source.iPicHeight = 48;
-    source.iStride[0] = 64;
-    source.iStride[1] = source.iStride[2] = 32;
-    source.pData[0] = picture.data();
-    source.pData[1] = picture.data() + 64 * 48;
-    source.pData[2] = picture.data() + 64 * 48 + 32 * 24;
-    SFrameBSInfo info{};
-    ASSERT_EQ(encoder->EncodeFrame(&source, &info), 0);
-    Bytes expected;
-    if (info.eFrameType != videoFrameTypeSkip) {  // without its first start code
-      auto const* const begin = info.sLayerInfo[0].pBsBuf;
-      expected.assign(begin + 4, begin + info.iFrameSizeInBytes);
-    }
-    EXPECT_EQ(test::encoded(transcoder, picture.data()).bytes, expected) << i;
-  }
-  encoder->Uninitialize();
 }
