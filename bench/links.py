@@ -6,12 +6,13 @@ namespaces and TUN devices of its own."""
 import json
 import os
 import pathlib
-import socket
 import subprocess
 import sys
 import tempfile
 
 import numpy
+
+from rtsp import free_port
 
 PROJECT = pathlib.Path(__file__).resolve().parent.parent
 BUILD = PROJECT / "build" / "bench"
@@ -19,12 +20,6 @@ NEAR = "10.78.0.1"
 WIDTH, HEIGHT, FPS, FRAMES = 320, 240, 25, 250
 BITS, CODE_ROWS = 8, 16
 LARGEST_DIFFERENCE = 20  # of a block of 16 x 16; encoding alone changes it by less
-
-
-def free_port():
-    with socket.socket(socket.AF_INET6) as s:
-        s.bind(("::", 0))
-        return s.getsockname()[1]
 
 
 class Far:

@@ -11,57 +11,34 @@ by a report and a picture loss indication (RFC 4585)."""
 import json
 import re
 import select
-import socket
 import statistics
 import struct
 import sys
 import time
 
+from rtpchecker import RtpChecker
 from rtsp import Connection
-
-
-class JpegFrames:
-    def __init__(self):
-        self.offset = None  # of RTP time / 90000 to the wall clock
-        self.expected = None
-        self.whole = True
-        self.begun = False  # whether a frame is incomplete
-        self.frames = self.damaged = self.bytes = 0
-        self.arrivals = []  # wall clock less RTP time, in seconds
-
-    def report(self, packet):
-        if packet[1] == 200:  # sender report
-            ntp = int.from_bytes(packet[8:16], "big") / 2**32 - 2208988800
-            self.offset = ntp - int.from_bytes(packet[16:20], "big") / 90000
-
-    def add(self, packet):
-        sequence = int.from_bytes(packet[2:4], "big")
-        first = int.from_bytes(packet[13:16], "big") == 0  # fragment; frames may be missing before it
-        self.damaged += first and self.begun
-        self.begun = True
-        self.whole = first or (self.whole and sequence == self.expected)
-        self.expected = (sequence + 1) & 0xFFFF
-        self.bytes += len(packet) + 4
-        if packet[1] & 0x80:
-            self.begun = False
-            self.frames += self.whole
-            self.damaged += not self.whole
-            if self.whole:
-                self.arrivals.append(time.time() - int.from_bytes(packet[4:8], "big") / 90000)
 
 
 def watch_tcp(url, seconds):
     connection = Connection(url)
     connection.play("RTP/AVP/TCP;unicast;interleaved=0-1")
-    frames = JpegFrames()
-    begin = time.monotonic()
+    checker = RtpChecker(26)
+    ages, size, begin = [], 0, time.monotonic()
     while (now := time.monotonic()) < begin + seconds:
         channel, packet = connection.early.pop(0) if connection.early else connection.interleaved()
-        (frames.report if channel == 1 else frames.add)(packet)
-    if frames.offset is None or not frames.arrivals:
+        if channel == 1:
+            checker.rtcp(packet)
+            continue
+        before = checker.frames - checker.damaged
+        checker.rtp(packet, time.time())
+        size += len(packet) + 4
+        if checker.frames - checker.damaged > before and checker.clock:
+            wall, rtp_time = checker.clock
+            ages.append(time.time() - wall - checker.since(rtp_time, checker.timestamp))
+    if not ages:
         sys.exit("no whole frame, or no report with its time")
-    ages = [arrival - frames.offset for arrival in frames.arrivals]
-    print(json.dumps({"frames": frames.frames, "damaged": frames.damaged, "mbit": 8e-6 * frames.bytes / (now - begin),
+    print(json.dumps({"frames": len(ages), "damaged": checker.damaged, "mbit": 8e-6 * size / (now - begin),
                       "age": statistics.median(ages), "oldest": max(ages)}))
 
 
@@ -105,11 +82,9 @@ class H264Units:
 
 
 def watch_udp(url, seconds, file):
-    rtp, rtcp = (socket.socket(socket.AF_INET, socket.SOCK_DGRAM) for _ in range(2))
-    for one in (rtp, rtcp):
-        one.bind(("", 0))
     connection = Connection(url)
-    setup = connection.play(f"RTP/AVP;unicast;client_port={rtp.getsockname()[1]}-{rtcp.getsockname()[1]}")
+    rtp, rtcp, transport = connection.udp_sockets()
+    setup = connection.play(transport)
     server = (connection.host, int(re.search(r"server_port=\d+-(\d+)", setup)[1]))
     units = H264Units(file)
     end = time.monotonic() + seconds

@@ -5,6 +5,13 @@ import socket
 import urllib.parse
 
 
+def free_port():
+    """A TCP port that is free on both address families."""
+    with socket.socket(socket.AF_INET6) as probe:
+        probe.bind(("::", 0))
+        return probe.getsockname()[1]
+
+
 class Connection:
     """source: the local address; user: a name and a password; receive_buffer: in bytes, 0 for the system's size."""
 
@@ -73,6 +80,13 @@ class Connection:
         answer = md5(f"{md5(f'{user}:{realm}:{password}')}:{nonce}:{md5(f'{method}:{uri}')}")
         return (f'Authorization: Digest username="{user}", realm="{realm}", nonce="{nonce}", uri="{uri}", '
                 f'response="{answer}"\r\n')
+
+    def udp_sockets(self, source=""):
+        """Sockets for RTP and RTCP, and the Transport header that names their ports."""
+        pair = [socket.socket(self.socket.family, socket.SOCK_DGRAM) for _ in range(2)]
+        for one in pair:
+            one.bind((source, 0))
+        return *pair, "RTP/AVP;unicast;client_port={}-{}".format(*(one.getsockname()[1] for one in pair))
 
     def play(self, transport):
         """DESCRIBE, SETUP and PLAY, which must succeed. Returns the response to SETUP."""

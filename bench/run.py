@@ -6,21 +6,16 @@ import argparse
 import json
 import os
 import pathlib
-import socket
 import statistics
 import subprocess
 import sys
 import tempfile
 import time
 
+from rtsp import free_port
+
 PROJECT = pathlib.Path(__file__).resolve().parent.parent
 BUILD = PROJECT / "build" / "bench" / "bench"
-
-
-def free_port():
-    with socket.socket(socket.AF_INET6) as s:
-        s.bind(("::", 0))
-        return s.getsockname()[1]
 
 
 def run(engine, streams, fps, size, viewers, transport, seconds, crawl=None, on=((), ()), page=None):

@@ -1,10 +1,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <iterator>
 #include <random>
 
 #include "codec/encoding.h"
-#include "rtp/nalunits.h"
+#include "rtp/packets.h"
 
 using namespace kavo::impl;
 using namespace kavo::impl::test;
@@ -13,9 +14,8 @@ namespace {
 
 std::vector<int> nalTypes(std::span<std::uint8_t const> bytes) {
   std::vector<int> types;
-  for (NalUnit unit = takeNalUnit(bytes); !unit.empty(); unit = takeNalUnit(bytes)) {
-    types.push_back(static_cast<int>(typeOf(unit)));
-  }
+  std::ranges::transform(reassembly::nalUnitsIn(bytes), std::back_inserter(types),
+                         [](auto const& unit) { return unit[0] & 0x1F; });
   return types;
 }
 

@@ -2,13 +2,11 @@
 
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/socket.h>
 
 #include <algorithm>
 #include <string>
 
-#include "base/uniquefd.h"
-#include "eventloop/epollscheduler.h"
+#include "eventloop/looptest.h"
 
 using namespace kavo::impl;
 using namespace std::chrono_literals;
@@ -16,17 +14,8 @@ using namespace std::chrono_literals;
 namespace {
 
 // A writer whose peer reads on demand. The payload of a frame is one letter, repeated.
-class InterleavedWriterTest : public ::testing::Test {
+class InterleavedWriterTest : public LoopTest {
  protected:
-  void SetUp() override {
-    int ends[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends), 0);
-    m_Near = UniqueFd(ends[0]);
-    m_Far = UniqueFd(ends[1]);
-    m_Writer =
-        std::make_unique<InterleavedWriter>(*m_Scheduler, m_Near.get(), [this](bool wanted) { m_Blocked = wanted; });
-  }
-
   bool frame(char letter, std::size_t packets, bool key = true, std::uint8_t channel = 0) {
     auto const frame = std::make_shared<Frame>();
     auto const payload = frame->reserve(1000).first(1000);
@@ -48,9 +37,17 @@ class InterleavedWriterTest : public ::testing::Test {
       m_Writer->flush();
     }
     char block[65536];
-    ssize_t const size = read(m_Far.get(), block, sizeof block);
+    ssize_t const size = read(m_Sockets.far.get(), block, sizeof block);
     m_Received.append(block, static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
     return size > 0;
+  }
+
+  // The newest frame, of b, must wait for the response.
+  void readUntilAResponseFits() {
+    while (!m_Writer->prepareForResponse()) {
+      ASSERT_TRUE(readSome());
+    }
+    EXPECT_EQ(m_Received.find("bbb"), std::string::npos);
   }
 
   // Reads everything and returns it as packet counts and letters, such as "1a 20b ". Every packet must be
@@ -80,13 +77,11 @@ class InterleavedWriterTest : public ::testing::Test {
     return runs;
   }
 
-  EventLoopRole::Holder const m_Role{eventLoopRole};
-  std::unique_ptr<TaskScheduler> const m_Scheduler{EpollScheduler::createNew(10000)};
-  UniqueFd m_Near;
-  UniqueFd m_Far;
+  Pair m_Sockets;
   bool m_Blocked = false;
   std::string m_Received;
-  std::unique_ptr<InterleavedWriter> m_Writer;
+  std::unique_ptr<InterleavedWriter> const m_Writer = std::make_unique<InterleavedWriter>(
+      *m_Scheduler, m_Sockets.near.get(), [this](bool wanted) { m_Blocked = wanted; });
 };
 
 constexpr std::size_t huge = 4000;  // packets: more than a socket buffer or one system call takes
@@ -156,26 +151,20 @@ TEST_F(InterleavedWriterTest, AResponseComesAfterTheBegunFrame) {
   frame('a', huge);
   EXPECT_FALSE(m_Writer->prepareForResponse());
   frame('b', 1);
-  while (!m_Writer->prepareForResponse()) {
-    ASSERT_TRUE(readSome());
-  }
-  EXPECT_EQ(m_Received.find("bbb"), std::string::npos);
+  readUntilAResponseFits();
   EXPECT_EQ(drain(), "4000a 1b ");
   EXPECT_FALSE(m_Blocked);
 }
 
 TEST_F(InterleavedWriterTest, AResponseWaitsWhereOnlyAPartOfItWouldFit) {
-  for (pollfd socket{m_Near.get(), POLLOUT, 0}; poll(&socket, 1, 0) > 0;) {
+  for (pollfd socket{m_Sockets.near.get(), POLLOUT, 0}; poll(&socket, 1, 0) > 0;) {
     frame('a', 1);
   }
   ASSERT_FALSE(m_Blocked) << "the frames were to be taken whole";
   EXPECT_FALSE(m_Writer->prepareForResponse());
   EXPECT_TRUE(m_Blocked);
   frame('b', 1);
-  while (!m_Writer->prepareForResponse()) {
-    ASSERT_TRUE(readSome());
-  }
-  EXPECT_EQ(m_Received.find("bbb"), std::string::npos);
+  readUntilAResponseFits();
   EXPECT_NE(drain().find("1b"), std::string::npos);
 }
 

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cctype>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -12,43 +11,26 @@
 #include "delivery/udpfanout.h"
 #include "delivery/udpreceiver.h"
 #include "delivery/udptransport.h"
-#include "eventloop/epollscheduler.h"
-#include "rtp/reassembly.h"
+#include "eventloop/looptest.h"
 
 using namespace kavo::impl;
 using namespace std::chrono_literals;
 
 namespace {
 
-// The two ports of a viewer on 127.0.0.LAST.
-struct Player {
-  explicit Player(std::uint8_t last, std::uint16_t port = 0) : rtp(last, port), rtcp(last) {}
-
-  // The frames received so far: one letter for each time stamp, lower case if the frame is incomplete.
-  std::string frames() {
-    for (auto const& packet : rtp.packets()) {
-      char const letter = static_cast<char>('A' + reassembly::numberAt(packet, 4, 4));
-      auto const sequence = static_cast<std::uint16_t>(reassembly::numberAt(packet, 2, 2));
-      bool const isNew = seen.empty() || std::toupper(seen.back()) != letter;
-      EXPECT_TRUE(isNew || sequence == static_cast<std::uint16_t>(lastSequence + 1)) << "a packet is missing";
-      lastSequence = sequence;
-      seen += isNew ? std::string(1, static_cast<char>(std::tolower(letter))) : "";
-      if ((packet[1] & 0x80) != 0) {
-        seen.back() = letter;
-      }
-    }
-    return seen;
+// One letter for each frame that has arrived, lower case if it is incomplete.
+std::string seen(Player& player) {
+  std::string letters;
+  for (auto const& [time, isComplete] : player.read()) {
+    letters += static_cast<char>((isComplete ? 'A' : 'a') + time);
   }
-  // The same, followed by the number of reports received since the last call.
-  std::string framesAndReports() { return frames() + std::to_string(rtcp.packets().size()); }
+  return letters;
+}
 
-  UdpReceiver rtp;
-  UdpReceiver rtcp;
-  std::string seen;
-  std::uint16_t lastSequence = 0;
-};
+// The same, followed by the number of reports that have arrived since the last call.
+std::string framesAndReports(Player& player) { return seen(player) + std::to_string(player.rtcp.packets().size()); }
 
-class ViewersTest : public ::testing::Test, public Stream {
+class ViewersTest : public LoopTest, public Stream {
  protected:
   void wantKeyFrame(bool wanted) override {
     m_KeyFramesWanted += wanted ? 1 : 0;
@@ -86,19 +68,10 @@ class ViewersTest : public ::testing::Test, public Stream {
     m_Viewers->send(frame);
   }
 
-  void runUntil(std::function<bool()> const& condition) {
-    auto const end = std::chrono::steady_clock::now() + 20s;
-    while (!condition() && std::chrono::steady_clock::now() < end) {
-      static_cast<BasicTaskScheduler0&>(*m_Scheduler).SingleStep(1000);
-    }
-    EXPECT_TRUE(condition());
-  }
   // A large frame is sent in bursts over a tenth of a second at 8 Mbit/s; a small frame at once.
   static constexpr std::size_t large = 100000;
   static constexpr std::size_t small = 5000;
 
-  EventLoopRole::Holder const m_Role{eventLoopRole};
-  std::unique_ptr<EpollScheduler> const m_Scheduler{EpollScheduler::createNew(10000)};
   StreamObserver m_Observer;
   FramePool m_Pool;
   std::uint16_t m_Sequence = 65530;
@@ -118,13 +91,13 @@ TEST_F(ViewersTest, APathThatIsBusyHoldsUpNoOther) {
   join(busy);
   send(large, false);
   send(large, true);
-  EXPECT_EQ(busy.frames(), "b");
+  EXPECT_EQ(seen(busy), "b");
   Viewer& late = add(free);
   m_Viewers->play(late);
   send(small, true);
-  EXPECT_EQ(busy.frames(), "b");
-  EXPECT_EQ(free.frames(), "C") << "it had to wait for somebody else";
-  runUntil([&] { return busy.frames() == "BC"; });
+  EXPECT_EQ(seen(busy), "b");
+  EXPECT_EQ(seen(free), "C") << "it had to wait for somebody else";
+  runUntil([&] { return seen(busy) == "BC"; });
 }
 
 // At most one frame waits behind the frame that is being sent.
@@ -149,7 +122,7 @@ TEST_F(ViewersTest, OfWhatABusyPathDropsNothingIsMissed) {
     for (bool const keyFrame : keyFrames) {
       send(large, keyFrame);
     }
-    runUntil([&, text = std::string(received)] { return receiver.frames() == text; });
+    runUntil([&, text = std::string(received)] { return seen(receiver) == text; });
     EXPECT_EQ(viewer.observer().figures().framesDropped, keyFrames.size() - std::strlen(received));
     if (keyFramesWanted > 0) {
       EXPECT_EQ(viewer.state(), ViewerState::AwaitingKeyFrame);
@@ -190,8 +163,8 @@ TEST_F(ViewersTest, WhoeverLeavesInMidFrameTakesNothingAlong) {
     send(large, true);
     send(small, true);
     leave(second);
-    runUntil([&] { return stays.frames() == "AB"; });
-    EXPECT_EQ(leaves.frames(), "a");
+    runUntil([&] { return seen(stays) == "AB"; });
+    EXPECT_EQ(seen(leaves), "a");
     if (m_Viewers->takes(true)) {
       m_Viewers->remove(first);
     }
@@ -205,20 +178,20 @@ TEST_F(ViewersTest, AViewerWhosePathNarrowsWaitsForAKeyFrame) {
   Player receiver(1);
   Viewer& viewer = join(receiver);
   send(small, true);
-  EXPECT_EQ(receiver.frames(), "A");
+  EXPECT_EQ(seen(receiver), "A");
   std::size_t const before = m_Viewers->maxPacket();
   m_KeyFramesWanted = 0;
   viewer.transport().udp()->destination().exceedsMtu = true;
   send(small, false);
   send(small, false);
-  EXPECT_EQ(receiver.frames(), "A");
+  EXPECT_EQ(seen(receiver), "A");
   EXPECT_GT(m_KeyFramesWanted, 0);
   EXPECT_LT(m_Viewers->maxPacket(), before);
   EXPECT_TRUE(m_IsKeyFrameWanted);
   send(small, true);
   EXPECT_FALSE(m_IsKeyFrameWanted) << "there is one now";
   send(small, false);
-  EXPECT_EQ(receiver.frames(), "ADE");
+  EXPECT_EQ(seen(receiver), "ADE");
 }
 
 // As when memory runs out in mid-frame.
@@ -232,7 +205,7 @@ TEST_F(ViewersTest, AfterAFailureAViewerWaitsForAKeyFrame) {
   EXPECT_EQ(m_KeyFramesWanted, 1);
   send(small, false);
   send(small, true);
-  runUntil([&] { return receiver.frames() == "aC"; });
+  runUntil([&] { return seen(receiver) == "aC"; });
 }
 
 TEST_F(ViewersTest, ReportsPrecedeFramesAndAViewerThatResumesGetsNoOldFrame) {
@@ -243,13 +216,13 @@ TEST_F(ViewersTest, ReportsPrecedeFramesAndAViewerThatResumesGetsNoOldFrame) {
   Viewer& viewer = add(receiver);
   Frame const* const first = m_Viewers->play(viewer);
   ASSERT_NE(first, nullptr);
-  EXPECT_EQ(receiver.framesAndReports(), "0") << "before the response";
+  EXPECT_EQ(framesAndReports(receiver), "0") << "before the response";
   m_Viewers->begin(viewer);
-  EXPECT_EQ(receiver.framesAndReports(), "A1");
+  EXPECT_EQ(framesAndReports(receiver), "A1");
   m_Viewers->pause(viewer);
   EXPECT_EQ(m_Viewers->play(viewer), nullptr);
   m_Viewers->begin(viewer);
-  EXPECT_EQ(receiver.framesAndReports(), "A1");
+  EXPECT_EQ(framesAndReports(receiver), "A1");
   m_Viewers->remove(stays);
   m_Viewers->remove(viewer);
   EXPECT_TRUE(m_Viewers->empty());
@@ -284,9 +257,7 @@ TEST_F(ViewersTest, ReportsAreTakenFromTheirViewer) {
   for (int i = 0; i < 20; ++i) {
     receiver.rtcp.send(empty, server);
   }
-  for (int i = 0; i < 5; ++i) {
-    static_cast<BasicTaskScheduler0&>(*m_Scheduler).SingleStep(1000);
-  }
+  passes(20);
   EXPECT_EQ(reports, 1) << "one in 50 ms";
 }
 

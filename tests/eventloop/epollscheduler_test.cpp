@@ -1,12 +1,10 @@
 #include "eventloop/epollscheduler.h"
 
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -14,27 +12,13 @@
 #include <vector>
 
 #include "eventloop/loophandles.h"
+#include "eventloop/looptest.h"
 
 using namespace kavo::impl;
-using namespace std::chrono_literals;
 
 namespace {
 
-// Both ends of a connection.
-struct Pair {
-  Pair() {
-    int ends[2];
-    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends), 0);
-    near = UniqueFd(ends[0]);
-    far = UniqueFd(ends[1]);
-  }
-  void send() const { EXPECT_EQ(write(far.get(), "x", 1), 1); }
-
-  UniqueFd near;
-  UniqueFd far;
-};
-
-class EpollSchedulerTest : public ::testing::Test {
+class EpollSchedulerTest : public LoopTest {
  protected:
   using Callback = std::function<void()>;
 
@@ -46,24 +30,7 @@ class EpollSchedulerTest : public ::testing::Test {
   }
   void unwatch(int socket) { scheduler().disableBackgroundHandling(socket); }
 
-  // Iterates the loop until the condition holds.
-  void runUntil(std::function<bool()> const& condition) {
-    auto const end = std::chrono::steady_clock::now() + 20s;
-    while (!condition()) {
-      ASSERT_LT(std::chrono::steady_clock::now(), end) << "it never happened";
-      static_cast<BasicTaskScheduler0*>(m_Scheduler.get())->SingleStep(0);
-    }
-  }
-  void passes(int count) {
-    for (int i = 0; i < count; ++i) {
-      static_cast<BasicTaskScheduler0*>(m_Scheduler.get())->SingleStep(1);
-    }
-  }
-
   TaskScheduler& scheduler() { return *m_Scheduler; }
-
-  EventLoopRole::Holder const m_Role{eventLoopRole};
-  std::unique_ptr<EpollScheduler> m_Scheduler{EpollScheduler::createNew(10000)};
 };
 
 }  // namespace

@@ -1,7 +1,6 @@
 #include "fuzz/rtspscript.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <numeric>
 #include <sstream>
 #include <string_view>
@@ -121,21 +120,18 @@ void mutateLines(std::string& bytes, std::mt19937& random) {
 
 Script parseScript(std::string const& text) {
   Script script;
-  for (std::size_t at = 0; at < text.size() && script.size() < mostSteps;) {
-    char kind = 0;
-    unsigned connection = 0;
-    std::size_t size = 0;
-    int head = 0;
-    if (std::sscanf(text.c_str() + at, "@%c %u %zu%n", &kind, &connection, &size, &head) != 3 ||
-        weightedKinds.find(kind) == std::string_view::npos) {
+  std::istringstream input(text);
+  char kind = 0;
+  unsigned connection = 0;
+  std::size_t size = 0;
+  while (script.size() < mostSteps && input.get() == '@' && input >> kind >> connection >> size &&
+         weightedKinds.find(kind) != std::string_view::npos && input.get() == '\n' && size <= text.size()) {
+    std::string bytes(size, '\0');
+    if (!input.read(bytes.data(), static_cast<std::streamsize>(size))) {
       break;
     }
-    at += static_cast<std::size_t>(head) + 1;
-    if (at > text.size() || size > text.size() - at) {
-      break;
-    }
-    script.push_back({static_cast<Step::Kind>(kind), connection % connections, text.substr(at, size)});
-    at += size + 1;
+    script.push_back({static_cast<Step::Kind>(kind), connection % connections, std::move(bytes)});
+    input.get();
   }
   return script;
 }

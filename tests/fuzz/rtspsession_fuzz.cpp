@@ -161,6 +161,11 @@ class Host {
   static constexpr std::array<std::uint8_t, std::size_t{size} * size * 3 / 2> picture{};
   static constexpr char const* names[] = {"one", "two", "three"};
 
+  static std::vector<std::uint8_t> large(std::vector<std::uint8_t> frame) {
+    frame.resize(90000, 0x55);
+    return frame;
+  }
+
   std::string file(std::string const& name) const { return m_Folder + "/" + name; }
 
   void create(std::size_t at) {
@@ -204,16 +209,9 @@ class Host {
   std::array<std::optional<kavo::Session>, streams> m_Sessions;
   std::optional<kavo::Stream> m_Raw;
   std::optional<kavo::EncodedStream> m_Encoded;
-  std::vector<std::uint8_t> const m_KeyFrame = [] {
-    std::vector<std::uint8_t> frame{0, 0, 0, 1, 0x67, 0x64, 0, 0x1E, 0xAC, 0, 0, 1, 0x68, 0xEB, 0, 0, 1, 0x65, 0x88};
-    frame.resize(90000, 0x55);
-    return frame;
-  }();
-  std::vector<std::uint8_t> const m_InterFrame = [] {
-    std::vector<std::uint8_t> frame{0, 0, 1, 0x41, 0x9A};
-    frame.resize(90000, 0x55);
-    return frame;
-  }();
+  std::vector<std::uint8_t> const m_KeyFrame =
+      large({0, 0, 0, 1, 0x67, 0x64, 0, 0x1E, 0xAC, 0, 0, 1, 0x68, 0xEB, 0, 0, 1, 0x65, 0x88});
+  std::vector<std::uint8_t> const m_InterFrame = large({0, 0, 1, 0x41, 0x9A});
   unsigned m_Submitted = 0;
   std::mutex m_Mutex;
   std::atomic<bool> m_IsRemoved = false;

@@ -12,7 +12,6 @@
 #include "rtp/jpegimage.h"
 #include "rtp/jpegpacketizer.h"
 #include "rtp/nalpacketizer.h"
-#include "rtp/nalunits.h"
 #include "rtp/packets.h"
 #include "rtp/rtcp.h"
 #include "server/httprequest.h"
@@ -23,6 +22,7 @@ namespace {
 
 using namespace kavo::impl;
 using reassembly::Bytes;
+using reassembly::nalUnitsIn;
 using reassembly::require;
 using Input = std::span<std::uint8_t const>;
 
@@ -95,14 +95,6 @@ std::vector<std::string> itemsOf(std::string_view all, std::size_t piece) {
 void requestReader(Input input) {
   std::size_t const piece = input.empty() ? 1 : input[0] % 64 + 1;
   require(itemsOf(textOf(input), piece) == itemsOf(textOf(input), input.size() + 1), "it matters how bytes arrive");
-}
-
-std::vector<Bytes> nalUnitsIn(Input bytes) {
-  std::vector<Bytes> units;
-  for (auto unit = takeNalUnit(bytes); !unit.empty(); unit = takeNalUnit(bytes)) {
-    units.emplace_back(unit.begin(), unit.end());
-  }
-  return units;
 }
 
 // Requires that a reader of the packets reassembles the NAL units. Returns whether decoding can start with them.

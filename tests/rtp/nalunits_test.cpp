@@ -1,26 +1,19 @@
-#include "rtp/nalunits.h"
-
 #include <gtest/gtest.h>
 
 #include <memory>
 #include <vector>
 
-using namespace kavo::impl;
+#include "rtp/packets.h"
 
 namespace {
 
-using Bytes = std::vector<std::uint8_t>;
+using reassembly::Bytes;
 
-// The NAL units as text, split from a heap block of exactly the input's size.
+// The NAL units of a heap block of exactly the input's size.
 std::vector<Bytes> split(Bytes const& input) {
   auto const exact = std::make_unique<std::uint8_t[]>(input.size());
   std::copy(input.begin(), input.end(), exact.get());
-  std::vector<Bytes> result;
-  std::span<std::uint8_t const> rest(exact.get(), input.size());
-  for (NalUnit unit = takeNalUnit(rest); !unit.empty(); unit = takeNalUnit(rest)) {
-    result.emplace_back(unit.begin(), unit.end());
-  }
-  return result;
+  return reassembly::nalUnitsIn({exact.get(), input.size()});
 }
 
 }  // namespace

@@ -8,7 +8,6 @@
 
 #include "rtp/jpegpacketizer.h"
 #include "rtp/nalpacketizer.h"
-#include "rtp/nalunits.h"
 #include "rtp/packets.h"
 
 using namespace kavo::impl;
@@ -115,16 +114,6 @@ TEST(Packetizers, OfJpegKeepTheImage) {
       ASSERT_EQ(image.scan, scan) << maxPacket << ", " << size;
     }
   }
-}
-
-TEST(Packetizers, NothingComesOfNothing) {
-  FramePackets packets;
-  packets.begin(rtpHeader);
-  EXPECT_FALSE(packetizeH264({}, 1400, packets));
-  Bytes const zeros(10, 0);
-  EXPECT_FALSE(packetizeH264(zeros, 1400, packets));
-  packetizeJpeg({}, 1400, packets);
-  EXPECT_EQ(packets.count(), 0U);
 }
 
 // On an RTSP connection, channel and length precede each packet.

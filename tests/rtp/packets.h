@@ -4,12 +4,22 @@
 #include <utility>
 
 #include "rtp/framepackets.h"
+#include "rtp/nalunits.h"
 #include "rtp/reassembly.h"
 
 namespace reassembly {
 
 constexpr kavo::impl::RtpHeader rtpHeader{
     .payloadType = 96, .sequence = 65530, .timestamp = 0xFFFFFFF0, .ssrc = 0x12345678};
+
+// The NAL units of an access unit in Annex B form.
+inline std::vector<Bytes> nalUnitsIn(std::span<std::uint8_t const> bytes) {
+  std::vector<Bytes> units;
+  for (auto unit = kavo::impl::takeNalUnit(bytes); !unit.empty(); unit = kavo::impl::takeNalUnit(bytes)) {
+    units.emplace_back(unit.begin(), unit.end());
+  }
+  return units;
+}
 
 // The packets as they are sent over UDP.
 inline std::vector<Bytes> packetsOf(kavo::impl::FramePackets& packets) {

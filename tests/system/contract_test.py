@@ -3,9 +3,8 @@
 from the library."""
 import pathlib
 import re
-import socket
 
-from publisher import Client, UdpClient
+from publisher import Client, UdpClient, is_served
 from pythonhost import *
 
 HEAD = (r"v=0\r\no=- \d+ 1 IN IP4 [\d.]+\r\ns=the description\r\ni=the info\r\nt=0 0\r\na=tool:[^\r]*\r\n"
@@ -16,11 +15,6 @@ DESCRIPTIONS = {
     "h264": r"m=video 0 RTP/AVP 96\r\nc=IN IP4 0\.0\.0\.0\r\nb=AS:1048576\r\na=rtpmap:96 H264/90000\r\n"
             r"a=fmtp:96 packetization-mode=1;profile-level-id=42[0-9A-F]{4};sprop-parameter-sets=Z0L[^,]+,aM[^,]+\r\n"
             r"a=control:track1\r\n"}
-
-
-def is_served(port):
-    with socket.socket() as client:
-        return client.connect_ex(("127.0.0.1", port)) == 0
 
 
 if not is_served(8554):

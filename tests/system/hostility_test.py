@@ -49,8 +49,7 @@ def sessions_are_bounded_and_failed_ones_leave_nothing():
 
 
 class Mallinfo(ctypes.Structure):
-    _fields_ = [(name, ctypes.c_size_t) for name in ("arena", "ordblks", "smblks", "hblks", "hblkhd", "usmblks", "fsmblks",
-                                                     "uordblks", "fordblks", "keepcost")]
+    _fields_ = [("before", ctypes.c_size_t * 7), ("uordblks", ctypes.c_size_t), ("after", ctypes.c_size_t * 2)]
 
 
 def memory():

@@ -11,6 +11,7 @@ import time
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "bench"))
 import rtsp
+from rtsp import free_port
 
 LIMIT = 60  # seconds that anything may take on a busy machine
 REPORT = bytes([0x80, 201, 0, 1, 0, 0, 0, 9])  # a receiver report without a block: a keep-alive
@@ -23,10 +24,9 @@ def until(condition, what):
         time.sleep(0.02)
 
 
-def free_port():
-    with socket.socket(socket.AF_INET6) as probe:
-        probe.bind(("::", 0))
-        return probe.getsockname()[1]
+def is_served(port, family=socket.AF_INET, host="127.0.0.1"):
+    with socket.socket(family) as client:
+        return client.connect_ex((host, port)) == 0
 
 
 class Publisher:
@@ -157,13 +157,11 @@ class UdpClient(Client):
     def __init__(self, publisher, source="", user=None, host="127.0.0.1", path="kavo"):
         super().__init__(publisher, source, user, host, path)
         self.address, self.server_port = host.strip("[]"), 0
-        self.rtp, self.rtcp = (socket.socket(self.socket.family, socket.SOCK_DGRAM) for _ in range(2))
+        self.rtp, self.rtcp, self.transport = self.udp_sockets(source)
         self.rtp.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4 << 20)
-        for s in (self.rtp, self.rtcp):
-            s.bind((source, 0))
 
     def start(self):
-        super().start(f"RTP/AVP;unicast;client_port={self.rtp.getsockname()[1]}-{self.rtcp.getsockname()[1]}")
+        super().start(self.transport)
         self.server_port = int(self.setup.split("server_port=")[1].split("-")[0])
         return self
 

@@ -5,6 +5,7 @@ import contextlib
 import ctypes
 import os
 import resource
+import socket
 import tempfile
 import threading
 import time
@@ -32,6 +33,16 @@ def call(command, record=None, size=None):
     is_address = record is None or isinstance(record, int)
     return kavo_stream._function(command, record if is_address else ctypes.addressof(record),
                                  ctypes.sizeof(record) if size is None else size)
+
+
+def refused(kind, text, action):
+    """Requires that the action throws, with this text."""
+    try:
+        action()
+    except kind as error:
+        assert text in str(error), f"{error!r}, not {text!r}"
+        return error
+    raise AssertionError(f"not refused: {text}")
 
 
 def session_record(name, info="the info", description="the description"):
@@ -85,6 +96,16 @@ def live(*names, codec=Codec.JPEG):
         streams = [session.create_stream(320, 240, codec=codec) for session in sessions]
         stack.enter_context(submitting(lambda: [stream.submit(FRAME) for stream in streams]))
         yield server
+
+
+def status_answer(request, limit=60):
+    """The status server's whole response at a local socket; empty if it gives none."""
+    with contextlib.suppress(OSError), socket.socket(socket.AF_UNIX) as asking:
+        asking.settimeout(limit)
+        asking.connect(os.environ["KAVO_STREAM_STATUS"])
+        asking.sendall(request)
+        return b"".join(iter(lambda: asking.recv(65536), b""))
+    return b""
 
 
 @contextlib.contextmanager

@@ -166,21 +166,15 @@ def passwords():
             assert guesser.ask("DESCRIBE") == 401
         assert guesser.is_closed()
         # After ten wrong passwords in a second, even the right one is not checked.
-        anna = Client(host, STRANGER, ANNA)
-        assert anna.ask("DESCRIBE") == 401
-        def is_refused():
+        def is_braked():
+            anna = Client(host, STRANGER, ANNA)
+            assert anna.ask("DESCRIBE") == 401
             for _ in range(2):
                 guesser = Client(host, STRANGER, ("anna", "guess"))
                 for _ in range(7):
                     guesser.ask("DESCRIBE")
             return anna.ask("DESCRIBE") == 401
-        for _ in range(3):
-            if is_refused():
-                break
-            anna = Client(host, STRANGER, ANNA)
-            anna.ask("DESCRIBE")
-        else:
-            raise AssertionError("passwords are tried without a brake")
+        until(is_braked, "passwords are tried without a brake")
         friend = Client(host, FRIEND, ANNA)
         assert friend.ask("DESCRIBE") == 401
         assert friend.ask("DESCRIBE") == 200, "another address is not held up"
@@ -191,10 +185,12 @@ def passwords():
             assert other.ask("DESCRIBE", uri=uri) == 401, uri
         # A session belongs to its user, even from the same address.
         watcher = Viewer(host, FRIEND, ANNA)
-        bob = Client(host, FRIEND, BOB)
+        bob, nobody = Client(host, FRIEND, BOB), Client(host, FRIEND)
         bob.ask("DESCRIBE")
-        bob.session = watcher.session
+        bob.session = nobody.session = watcher.session
         assert bob.ask("TEARDOWN") == 454
+        for method in ("PLAY", "PAUSE", "TEARDOWN", "GET_PARAMETER"):
+            assert nobody.ask(method) == 401 and "WWW-Authenticate: Digest realm=" in nobody.response, nobody.response
         watcher.sees()
         watcher.end()
 

@@ -1,4 +1,4 @@
-"""Checks a stream of packets against RFC 3550, RFC 6184 (H.264) and RFC 2435 (JPEG)."""
+"""Checks a stream of packets against RFC 3550, RFC 6184 (H.264) and RFC 2435 (JPEG), for tests and measurements."""
 import struct
 
 
@@ -26,12 +26,11 @@ def scan_of(payloads):
     for payload in payloads:
         offset, kind, q, width, height = struct.unpack_from(">IBBBB", payload)
         assert offset & 0xFFFFFF == len(scan), "a fragment offset that does not follow"
-        assert (kind, q) == (1, 195), "wrong type or Q"
         assert width > 0 and height > 0 and payload[4:8] == payloads[0][4:8], "no size, or another one"
-        if not scan:
-            length, = struct.unpack_from(">H", payload, 10)
-            assert length == 128, "no quantization tables"
-        scan += payload[8 if scan else 12 + length:]
+        begin = 12 if kind >= 64 else 8  # with restart markers
+        if not scan and q >= 128:  # with quantization tables
+            begin += 4 + int.from_bytes(payload[begin + 2:begin + 4])
+        scan += payload[begin:]
     return scan
 
 
@@ -39,7 +38,7 @@ class RtpChecker:
     def __init__(self, payload_type):
         self.is_jpeg, self.payload_type = payload_type == 26, payload_type
         self.complaints, self.payloads, self.nal_types = [], [], []
-        self.packets = self.frames = self.sender_reports = self.sequence = self.timestamp = self.ssrc = 0
+        self.packets = self.frames = self.damaged = self.sender_reports = self.sequence = self.timestamp = self.ssrc = 0
         self.frame_has_ended, self.is_behind_gap, self.clock = True, False, None
 
     def require(self, condition, what):
@@ -75,6 +74,8 @@ class RtpChecker:
         types = []
         try:
             if self.is_jpeg:
+                head = self.payloads[0]
+                self.require(head[4:6] == bytes([1, 195]) and head[10:12] == bytes([0, 128]), "wrong type, Q or tables")
                 self.require(scan_of(self.payloads).endswith(b"\xff\xd9"), "the image does not end with its marker")
             else:
                 units = nal_units_of(self.payloads)
@@ -84,6 +85,7 @@ class RtpChecker:
                 self.require(1 <= types[-1] <= 5, "a frame that does not end with a slice")
         except (AssertionError, IndexError, struct.error) as fault:
             self.require(False, str(fault))
+            self.damaged += 1
         self.require(self.is_jpeg or not self.is_behind_gap or types[:1] == [7], "a frame that builds on a lost one")
         self.nal_types += types
         self.payloads, self.is_behind_gap = [], False
