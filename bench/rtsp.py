@@ -4,6 +4,8 @@ import re
 import socket
 import urllib.parse
 
+IP_BIND_ADDRESS_NO_PORT = 24
+
 
 def free_port():
     """A TCP port that is free on both address families."""
@@ -23,7 +25,10 @@ class Connection:
         self.socket.settimeout(60)
         if receive_buffer:
             self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
-        self.socket.bind((source, 0))
+        if source:
+            # The port is chosen as it connects. bind() would take it from those that free_port() takes.
+            self.socket.setsockopt(socket.IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, 1)
+            self.socket.bind((source, 0))
         self.socket.connect((target.hostname, target.port))
         self.buffer = b""
         self.early = []  # packets that preceded a response

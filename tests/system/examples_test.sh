@@ -9,17 +9,18 @@ export PYTHONPATH PYTHONDONTWRITEBYTECODE=1
 sources=$3
 . "$(dirname "$0")/publisher.sh"
 
-# watched NAME PORT COMMAND...: starts the example and saves a frame of its session.
+# watched NAME COMMAND...: starts the example on a free port, which stands for PORT, and saves a frame of its session.
+# Again if another program has taken the port.
 watched() {
-  local name=$1 port=$2
-  shift 2
-  : >"$work/out"  # discards the output of the previous example
-  "$@" >"$work/out" 2>"$work/err" &
-  local pid=$!
-  for _ in $(seq 400); do
-    grep -q rtsp:// "$work/out" && break
-    kill -0 "$pid" 2>/dev/null || break
-    sleep 0.05
+  local name=$1 port pid
+  shift
+  for _ in {1..5}; do
+    port=$(free_port)
+    : >"$work/out"  # discards the output of the previous example
+    "${@/#PORT/$port}" >"$work/out" 2>"$work/err" &
+    pid=$!
+    until grep -q rtsp:// "$work/out" || ! kill -0 "$pid" 2>/dev/null; do sleep 0.05; done
+    grep -q 'port in use' "$work/err" || break
   done
   ffmpeg -v error -rtsp_transport tcp -i "rtsp://127.0.0.1:$port/$name" -frames:v 1 -y "$work/$name.png" ||
     { cat "$work/out" "$work/err"; exit 1; }
@@ -28,16 +29,18 @@ watched() {
   echo "$* was seen"
 }
 
-p=$(free_port); watched host "$p" "$built/example_host" "$p" 30
-p=$(free_port); watched host "$p" "$built/example_host_c" "$p" 30
-p=$(free_port); watched encoded "$p" "$built/example_host_c" "$p" 30
-p=$(free_port); watched camera3 "$p" "$built/example_many_cameras" 5 "$p" 30
-p=$(free_port); watched encoded "$p" "$built/example_encoded" "$p" 30
-p=$(free_port); watched host "$p" python3 "$sources/host.py" "$p" 30
+watched host "$built/example_host" PORT 30
+watched host "$built/example_host_c" PORT 30
+watched encoded "$built/example_host_c" PORT 30
+watched camera3 "$built/example_many_cameras" 5 PORT 30
+watched encoded "$built/example_encoded" PORT 30
+watched host python3 "$sources/host.py" PORT 30
 # They end cleanly by themselves, too.
-"$built/example_host" "$(free_port)" 1 >/dev/null
+until "$built/example_host" "$(free_port)" 1 >/dev/null 2>"$work/err"; do
+  grep -q 'port in use' "$work/err" || die "$(cat "$work/err")"
+done
 if [ -e /dev/video0 ]; then
-  p=$(free_port); watched camera "$p" "$built/example_v4l2" /dev/video0 "$p" 30
+  watched camera "$built/example_v4l2" /dev/video0 PORT 30
 else
   echo "no camera here: v4l2 was built, and only its error was seen"
   "$built/example_v4l2" /dev/video0 2>"$work/err" && exit 1

@@ -78,9 +78,12 @@ start --reconnect "$url"
 pid=$camera stop
 wait "$once" && die "a lost source ended with 0"
 until grep -q 'is lost' "$work/err"; do sleep 0.05; done
-"$publish" --port "$again" --loop --name camera --size 160x120 "$work/green.mp4" >"$work/camera" 2>&1 &
-camera=$!
-until grep -q 'is back' "$work/err"; do sleep 0.05; done
+camera=
+until grep -q 'is back' "$work/err"; do
+  # Again if another program has the port meanwhile.
+  kill -0 $camera 2>/dev/null || { "$publish" --port "$again" --loop --name camera --size 160x120 "$work/green.mp4" &>"$work/camera" & camera=$!; }
+  sleep 0.05
+done
 ffmpeg -v error -rtsp_transport tcp -i "rtsp://127.0.0.1:$port/kavo" -frames:v 5 -y "$work/back%d.png"
 stop
 kill "$camera"

@@ -22,7 +22,7 @@ free_port() { python3 -c 'import socket; s = socket.socket(socket.AF_INET6); s.b
 run() {
   for _ in {1..5}; do
     got=0
-    timeout 60 "$publish" --port "$(free_port)" "$@" >"$work/out" 2>"$work/err" || got=$?
+    timeout 60 "$publish" --port "$(free_port)" "$@" >"${out:-$work/out}" 2>"$work/err" || got=$?
     grep -q 'cannot serve on port' "$work/err" || break
   done
 }
