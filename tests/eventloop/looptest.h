@@ -10,6 +10,7 @@
 
 #include "base/uniquefd.h"
 #include "eventloop/epollscheduler.h"
+#include "eventloop/eventlooprole.h"
 
 // Both ends of a connection.
 struct Pair {
