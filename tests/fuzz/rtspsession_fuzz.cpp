@@ -452,12 +452,11 @@ void insist(Condition const& condition, char const* fault) {
 
 // Watches each stream over each transport with a viewer that makes no mistakes.
 void watch(Host& host) {
-  constexpr int longest = 50;  // milliseconds
   for (std::size_t i = 0; i < 2 * Host::streams; ++i) {
     std::optional<Client> viewer;
     auto const ask = [&](std::string const& method, std::string const& path, std::string const& header) {
       viewer->send(host.port(), method + " " + host.url(i) + path + " RTSP/1.0\r\nCSeq: 1\r\n" + header + "\r\n\r\n",
-                   longest);
+                   5000);
     };
     auto const joins = [&] {
       viewer.emplace(0U);
@@ -470,7 +469,7 @@ void watch(Host& host) {
       for (int frames = 0; frames < 3; ++frames) {
         host.submit();
       }
-      viewer->await(longest);
+      viewer->await(50);
       return viewer->frames() >= 2;  // one is whole between two markers
     };
     insist(joins, "a good viewer was not let in");
