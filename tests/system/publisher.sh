@@ -19,6 +19,7 @@ die() {
 free_port() { python3 -c 'import socket; s = socket.socket(socket.AF_INET6); s.bind(("::", 0)); print(s.getsockname()[1])'; }
 
 # run ARGUMENT...: runs it on a free port; again if another program has taken the port. Sets got, the exit status.
+# Its output goes to the file $out if that is set.
 run() {
   for _ in {1..5}; do
     got=0
