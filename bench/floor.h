@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <span>
 #include <stdexcept>
+#include <string>
 #include <utility>
 
 #include "base/cptr.h"
@@ -38,7 +39,7 @@ class Floor {
     m_Frame->format = options.isJpeg ? AV_PIX_FMT_YUVJ420P : AV_PIX_FMT_YUV420P;
     m_Frame->width = options.outputWidth;
     m_Frame->height = options.outputHeight;
-    av_frame_get_buffer(m_Frame.get(), 1);
+    check(av_frame_get_buffer(m_Frame.get(), 1));
     options.isJpeg ? openJpeg() : openH264();
   }
 
@@ -53,6 +54,12 @@ class Floor {
   }
 
  private:
+  static void check(int result) {
+    if (result != 0) {
+      throw std::runtime_error("an encoder fails with " + std::to_string(result));
+    }
+  }
+
   void openJpeg() {
     m_Jpeg.reset(avcodec_alloc_context3(avcodec_find_encoder(AV_CODEC_ID_MJPEG)));
     m_Jpeg->bit_rate = m_Jpeg->bit_rate_tolerance = m_Options.bitrate;
@@ -64,9 +71,7 @@ class Floor {
     m_Jpeg->qmin = 1;
     m_Jpeg->qmax = 100;
     av_opt_set(m_Jpeg->priv_data, "huffman", "default", 0);
-    if (avcodec_open2(m_Jpeg.get(), nullptr, nullptr) != 0) {
-      throw std::runtime_error("FFmpeg's JPEG encoder does not open");
-    }
+    check(avcodec_open2(m_Jpeg.get(), nullptr, nullptr));
   }
 
   void openH264() {
@@ -83,17 +88,17 @@ class Floor {
                                  {ENCODER_OPTION_IDR_INTERVAL, 2 * m_Options.frameRate},
                                  {ENCODER_OPTION_RC_FRAME_SKIP, 1},
                                  {ENCODER_OPTION_SPS_PPS_ID_STRATEGY, 0}}) {
-      if (m_H264->SetOption(option, &value) != 0 ||
-          (option == ENCODER_OPTION_TRACE_LEVEL && m_H264->Initialize(&base) != 0)) {
-        throw std::runtime_error("OpenH264 refuses its settings");
+      check(m_H264->SetOption(option, &value));
+      if (option == ENCODER_OPTION_TRACE_LEVEL) {
+        check(m_H264->Initialize(&base));
       }
     }
   }
 
   std::span<std::uint8_t const> encodeJpeg() {
     av_packet_unref(m_Packet.get());
-    avcodec_send_frame(m_Jpeg.get(), m_Frame.get());
-    avcodec_receive_packet(m_Jpeg.get(), m_Packet.get());
+    check(avcodec_send_frame(m_Jpeg.get(), m_Frame.get()));
+    check(avcodec_receive_packet(m_Jpeg.get(), m_Packet.get()));
     return {m_Packet->data, static_cast<std::size_t>(m_Packet->size)};
   }
 
@@ -105,7 +110,8 @@ class Floor {
     std::copy_n(m_Frame->linesize, 3, picture.iStride);
     std::copy_n(m_Frame->data, 3, picture.pData);
     SFrameBSInfo info{};
-    if (m_H264->EncodeFrame(&picture, &info) != 0 || info.eFrameType == videoFrameTypeSkip) {
+    check(m_H264->EncodeFrame(&picture, &info));
+    if (info.eFrameType == videoFrameTypeSkip) {
       return {};
     }
     constexpr int startCode = 4;

@@ -4,8 +4,6 @@ import re
 import socket
 import urllib.parse
 
-IP_BIND_ADDRESS_NO_PORT = 24
-
 
 def free_port():
     """A TCP port that is free on both address families."""
@@ -27,7 +25,7 @@ class Connection:
             self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
         if source:
             # The port is chosen as it connects. bind() would take it from those that free_port() takes.
-            self.socket.setsockopt(socket.IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, 1)
+            self.socket.setsockopt(socket.IPPROTO_IP, socket.IP_BIND_ADDRESS_NO_PORT, 1)
             self.socket.bind((source, 0))
         self.socket.connect((target.hostname, target.port))
         self.buffer = b""

@@ -186,9 +186,8 @@ def script(is_strict):
         submit(streams, 10)
         status = status_answer(b"GET /status.json HTTP/1.0\r\nHost: localhost\r\n\r\n", 2)
         require(b'"playing"' in status, "no status")
-        require(gets_a_packet(tcp) and gets_a_packet(udp), f"no frame of {stream.name}")
-        if stream.is_encoded and tcp:
-            require(checked_frames(tcp) > 0, "no encoded frame")
+        seen = checked_frames(tcp) > 0 if stream.is_encoded and tcp else gets_a_packet(tcp)
+        require(seen and gets_a_packet(udp), f"no frame of {stream.name}")
         attempt(tcp, "report")
         attempt(udp, "report")
         attempt(tcp, "ask", "PAUSE")

@@ -174,7 +174,7 @@ def passwords():
                 for _ in range(7):
                     guesser.ask("DESCRIBE")
             return anna.ask("DESCRIBE") == 401
-        until(is_braked, "passwords are tried without a brake")
+        assert any(is_braked() for _ in range(3)), "passwords are tried without a brake"
         friend = Client(host, FRIEND, ANNA)
         assert friend.ask("DESCRIBE") == 401
         assert friend.ask("DESCRIBE") == 200, "another address is not held up"
