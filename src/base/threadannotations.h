@@ -1,17 +1,7 @@
 // Names for clang's thread-safety analysis, and mutexes that carry them.
 //
-// Comments throughout the library use three terms:
-//   host thread        a thread of the application, inside a call of kv_Stream;
-//   event-loop thread  the one thread that runs live555's event loop;
-//   any thread         either of the two.
-//
-// Lock order, outermost first; a thread that holds one of them acquires only
-// those below it:
-//   1. SessionManager::m_Mutex   (host threads only; not taken by parallel submits)
-//   2. Session::m_Mutex          (host threads only)
-//   3. LiveDemandSession's m_Mutex
-//   4. SessionManager::m_RegistryMutex, FrameSourceHandler::m_Mutex and Journal::m_Mutex
-//      (innermost: no thread holds two of them)
+// docs/architecture.md defines "host thread", "event-loop thread" and "any thread", and the order in which locks
+// are taken.
 #pragma once
 
 #include <mutex>
