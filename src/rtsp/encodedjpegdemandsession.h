@@ -16,7 +16,6 @@ class EncodedJpegSink : public FrameSink<JPEGVideoRTPSink, WholeFrameSource> {
  public:
   static EncodedJpegSink* createNew(UsageEnvironment& env, Groupsock* rtpGroupsock, unsigned char /*payloadType*/,
                                     Viewers& viewers, std::span<std::uint8_t const> /*parameterSets*/) {
-    SmallOutPacketBuffer const small;
     return new EncodedJpegSink(env, rtpGroupsock, viewers);
   }
 

@@ -17,7 +17,6 @@ class H265Sink : public FrameSink<H265VideoRTPSink, WholeFrameSource> {
   // The parameter sets (VPS, SPS and PPS in Annex B form, or none) are for the SDP.
   static H265Sink* createNew(UsageEnvironment& env, Groupsock* rtpGroupsock, unsigned char payloadType,
                              Viewers& viewers, std::span<std::uint8_t const> parameterSets) {
-    SmallOutPacketBuffer const small;
     NalUnit const vps = findNalUnit(parameterSets, H265NalUnitType::Vps);
     NalUnit const sps = findNalUnit(parameterSets, H265NalUnitType::Sps);
     NalUnit const pps = findNalUnit(parameterSets, H265NalUnitType::Pps);

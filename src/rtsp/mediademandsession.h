@@ -39,6 +39,7 @@ class MediaDemandSession : public LiveDemandSession {
   LiveSink* newSink(Groupsock* groupsock, unsigned char payloadType,
                     std::span<std::uint8_t const> parameterSets) override {
     eventLoopRole.assertHeld();
+    SmallOutPacketBuffer const small;
     return Codec::Sink::createNew(envir(), groupsock, payloadType, viewers(), parameterSets);
   }
 };
