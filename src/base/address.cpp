@@ -11,9 +11,7 @@ namespace kavo::impl {
 std::optional<sockaddr_storage> localAddress(int family, std::string const& text) {
   sockaddr_storage address{};
   address.ss_family = static_cast<sa_family_t>(family);
-  void* const bytes = family == AF_INET6 ? static_cast<void*>(&reinterpret_cast<sockaddr_in6&>(address).sin6_addr)
-                                         : static_cast<void*>(&reinterpret_cast<sockaddr_in&>(address).sin_addr);
-  bool const fits = text.empty() || inet_pton(family, text.c_str(), bytes) == 1;
+  bool const fits = text.empty() || inet_pton(family, text.c_str(), bytesOf(address).data()) == 1;
   return fits ? std::optional(address) : std::nullopt;
 }
 

@@ -3,8 +3,10 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 
+#include <algorithm>
 #include <charconv>
-#include <cstring>
+
+#include "base/address.h"
 
 namespace kavo::impl {
 
@@ -40,18 +42,10 @@ AddressRange::Bytes AddressRange::network(Bytes bytes) const {
   return bytes;
 }
 
-AddressRange::Bytes AddressRange::bytesOf(sockaddr_storage const& address) {
-  Bytes bytes{};
-  if (address.ss_family == AF_INET6) {
-    std::memcpy(bytes.data(), &reinterpret_cast<sockaddr_in6 const&>(address).sin6_addr, 16);
-  } else {
-    std::memcpy(bytes.data(), &reinterpret_cast<sockaddr_in const&>(address).sin_addr, 4);
-  }
-  return bytes;
-}
-
 bool AddressRange::contains(sockaddr_storage const& address) const {
-  return address.ss_family == m_Family && network(bytesOf(address)) == m_Bytes;
+  Bytes bytes{};
+  std::ranges::copy(bytesOf(address), bytes.begin());
+  return address.ss_family == m_Family && network(bytes) == m_Bytes;
 }
 
 }  // namespace kavo::impl

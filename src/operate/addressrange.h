@@ -22,7 +22,6 @@ class AddressRange {
  private:
   using Bytes = std::array<std::uint8_t, 16>;
 
-  static Bytes bytesOf(sockaddr_storage const& address);
   // The bytes with everything after the prefix set to zero.
   Bytes network(Bytes bytes) const;
 
