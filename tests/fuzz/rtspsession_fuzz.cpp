@@ -3,7 +3,6 @@
 // in between removed sessions, changed policies, init and exit, few descriptors, packets that the kernel
 // refuses and clock jumps. After each batch, good viewers must get whole frames, no descriptor may be left open, and
 // nothing may be leaked. libFuzzer writes a failing script to a file, and runs the file that it is given.
-#include <arpa/inet.h>
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -15,7 +14,6 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
@@ -31,6 +29,7 @@
 #include "base/uniquefd.h"
 #include "freeport.h"
 #include "fuzz/rtspscript.h"
+#include "fuzz/scriptclient.h"
 
 #if __has_feature(address_sanitizer)
 #include <sanitizer/lsan_interface.h>
@@ -47,20 +46,6 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int batch = 200;  // scripts
 constexpr std::chrono::seconds longestWait{60};
-
-[[noreturn]] void fail(char const* what) {
-  std::fprintf(stderr, "rtspsession: %s\n", what);
-  std::abort();
-}
-
-// ::1, or 127.0.0.1 as an IPv4-mapped address.
-sockaddr_in6 loopback(bool ipv6, int port) {
-  sockaddr_in6 address{};
-  address.sin6_family = AF_INET6;
-  inet_pton(AF_INET6, ipv6 ? "::1" : "::ffff:127.0.0.1", &address.sin6_addr);
-  address.sin6_port = htons(static_cast<std::uint16_t>(port));
-  return address;
-}
 
 // The error that the next g_Refusals calls that send packets fail with.
 std::atomic<int> g_Refusal{0};
@@ -218,142 +203,6 @@ class Host {
   std::jthread const m_SecondThread{[this](std::stop_token const& stop) { submitAlways(stop); }};
 };
 
-// A connection of the script, and what the server has sent on it.
-class Client {
- public:
-  // Number 2 reads slowly, number 3 connects over IPv6.
-  explicit Client(unsigned number) : m_IsSlow(number == 2), m_Ipv6(number == 3) {}
-
-  bool isOpen() const { return m_Socket.get() >= 0; }
-  bool isPlaying() const { return m_IsPlaying; }
-  int frames() const { return m_Frames; }
-  std::string const& session() const { return m_Session; }
-  std::string const& ssrc() const { return m_Ssrc; }
-  std::string const& lastReport() const { return m_LastReport; }
-
-  // Waits at most so long for a response.
-  void send(std::uint32_t port, std::string const& bytes, int milliseconds = 5) {
-    if (!isOpen()) {
-      open(port);
-    }
-    (void)::send(m_Socket.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-    await(bytes.find("\r\n\r\n") != std::string::npos ? milliseconds : 0);
-  }
-
-  // Reads what has arrived, after waiting at most so long for something.
-  void await(int milliseconds) {
-    char block[16384];
-    pollfd readable{m_Socket.get(), POLLIN, 0};
-    while (isOpen() && poll(&readable, 1, milliseconds) > 0) {
-      ssize_t const size = recv(m_Socket.get(), block, m_IsSlow ? 1000 : sizeof block, MSG_DONTWAIT);
-      if (size <= 0) {
-        m_Socket = UniqueFd();
-        return;
-      }
-      note(std::string_view(block, static_cast<std::size_t>(size)));
-      m_Stream.append(block, static_cast<std::size_t>(size));
-      takePackets();
-      milliseconds = 0;
-      if (m_IsSlow) {
-        break;
-      }
-    }
-    for (ssize_t size; m_Udp.get() >= 0 && (size = recv(m_Udp.get(), block, sizeof block, MSG_DONTWAIT)) > 0;) {
-      note(std::string_view(block, static_cast<std::size_t>(size)));
-      countFrame(std::string_view(block, static_cast<std::size_t>(size)));
-    }
-  }
-
-  void sendReport(std::string const& bytes) const {
-    auto const address = loopback(m_Ipv6, m_ServerPort + 1);
-    (void)sendto(m_Udp.get(), bytes.data(), bytes.size(), MSG_DONTWAIT, reinterpret_cast<sockaddr const*>(&address),
-                 sizeof address);
-  }
-
-  std::string ports() {
-    auto any = loopback(m_Ipv6, 0);
-    socklen_t size = sizeof any;
-    if (m_Udp.get() < 0) {
-      m_Udp = UniqueFd(socket(any.sin6_family, SOCK_DGRAM, 0));
-      bind(m_Udp.get(), reinterpret_cast<sockaddr const*>(&any), size);
-    }
-    getsockname(m_Udp.get(), reinterpret_cast<sockaddr*>(&any), &size);
-    auto const port = std::to_string(ntohs(any.sin6_port));
-    return port + "-" + port;  // reports are sent from the port that receives frames
-  }
-
-  void finish() { shutdown(m_Socket.get(), SHUT_WR); }
-  void vanish() {
-    linger const none{1, 0};
-    setsockopt(m_Socket.get(), SOL_SOCKET, SO_LINGER, &none, sizeof none);
-    m_Socket = UniqueFd();
-  }
-
- private:
-  void open(std::uint32_t port) {
-    m_Socket = UniqueFd(socket(AF_INET6, SOCK_STREAM, 0));
-    int const little = 2048;
-    if (m_IsSlow) {
-      setsockopt(m_Socket.get(), SOL_SOCKET, SO_RCVBUF, &little, sizeof little);
-    }
-    auto const address = loopback(m_Ipv6, static_cast<int>(port));
-    if (connect(m_Socket.get(), reinterpret_cast<sockaddr const*>(&address), sizeof address) != 0) {
-      fail("the server does not listen");
-    }
-  }
-
-  void note(std::string_view said) {
-    auto const valueOf = [&](std::string_view name) {
-      auto const at = said.find(name);
-      auto const from = at == std::string::npos ? said.size() : at + name.size();
-      return std::string(said.substr(from, said.find_first_of(";-\r\n", from) - from));
-    };
-    if (auto const session = valueOf("Session: "); !session.empty()) {
-      m_Session = session;
-    }
-    if (auto const port = valueOf("server_port="); !port.empty()) {
-      m_ServerPort = std::atoi(port.c_str());
-    }
-    m_IsPlaying = m_IsPlaying || !valueOf("RTP-Info: ").empty();
-    constexpr std::string_view senderReport("\x80\xc8\x00\x06", 4);
-    if (auto const at = said.find(senderReport); at != std::string_view::npos && said.size() >= at + 28) {
-      m_Ssrc = said.substr(at + 4, 4);
-      m_LastReport = said.substr(at + 10, 4);
-    }
-  }
-
-  void countFrame(std::string_view packet) {
-    m_Frames += packet.size() > 12 && (packet[1] == '\x9A' || packet[1] == '\xE0') ? 1 : 0;  // with its marker
-  }
-
-  // Takes responses and packets from the connection's stream, up to a response with a body.
-  void takePackets() {
-    for (std::size_t size = 0;; m_Stream.erase(0, size)) {
-      if (m_Stream.size() >= 4 && m_Stream[0] == '$') {
-        size = 4 + static_cast<std::uint8_t>(m_Stream[2]) * 256U + static_cast<std::uint8_t>(m_Stream[3]);
-        countFrame(std::string_view(m_Stream).substr(4, size - 4));
-      } else {
-        size = m_Stream.starts_with("RTSP/1.0 ") ? m_Stream.find("\r\n\r\n") + 4 : 3;
-      }
-      if (size < 4 || size > m_Stream.size()) {
-        return;
-      }
-    }
-  }
-
-  bool const m_IsSlow;
-  bool const m_Ipv6;
-  UniqueFd m_Socket;
-  UniqueFd m_Udp;
-  std::string m_Stream;
-  int m_Frames = 0;
-  bool m_IsPlaying = false;
-  int m_ServerPort = 0;
-  std::string m_Session = "none";
-  std::string m_Ssrc = std::string(4, 9);
-  std::string m_LastReport = std::string(4, 0);
-};
-
 std::string filledIn(std::string text, Host const& host, Client& client, Client const& other) {
   auto const fill = [&](std::string_view name, std::string const& value) {
     for (auto at = text.find(name); at != std::string::npos; at = text.find(name, at + value.size())) {
@@ -389,50 +238,42 @@ void askForStatus(Host const& host, std::string const& bytes) {
   }
 }
 
+void take(Step const& step, Host& host, Client& client, Client const& other) {
+  auto const bytes = filledIn(step.bytes, host, client, other);
+  switch (step.kind) {
+    case Step::Kind::Send:
+      return client.send(host.port(), bytes);
+    case Step::Kind::Datagram:
+      return client.sendReport(bytes);
+    case Step::Kind::Status:
+      return askForStatus(host, bytes);
+    case Step::Kind::Close:
+      return client.vanish();
+    case Step::Kind::Finish:
+      return client.finish();
+    case Step::Kind::Read:
+      return client.await(2);
+    case Step::Kind::Submit:
+      return host.submit();
+    case Step::Kind::Remove:
+      return host.remove(step.connection);
+    case Step::Kind::Policy:
+      return host.setPolicy(step.connection + static_cast<unsigned>(bytes.size()));
+    case Step::Kind::Restart:
+      return host.restart(step.connection);
+    case Step::Kind::Refuse:
+      g_Refusal = std::array{EINVAL, EPERM, EMSGSIZE, ENOSYS}[step.connection];
+      g_Refusals = 1 + static_cast<int>(bytes.size() % 4);
+      return;
+    case Step::Kind::Clock:
+      g_SecondsAhead += 1 + 30 * step.connection;
+  }
+}
+
 void run(Script const& script, Host& host) {
   Client clients[] = {Client(0), Client(1), Client(2), Client(3)};
   for (Step const& step : script) {
-    Client& client = clients[step.connection];
-    auto const bytes = filledIn(step.bytes, host, client, clients[(step.connection + 1) % std::size(clients)]);
-    switch (step.kind) {
-      case Step::Kind::Send:
-        client.send(host.port(), bytes);
-        break;
-      case Step::Kind::Datagram:
-        client.sendReport(bytes);
-        break;
-      case Step::Kind::Status:
-        askForStatus(host, bytes);
-        break;
-      case Step::Kind::Close:
-        client.vanish();
-        break;
-      case Step::Kind::Finish:
-        client.finish();
-        break;
-      case Step::Kind::Read:
-        client.await(2);
-        break;
-      case Step::Kind::Submit:
-        host.submit();
-        break;
-      case Step::Kind::Remove:
-        host.remove(step.connection);
-        break;
-      case Step::Kind::Policy:
-        host.setPolicy(step.connection + static_cast<unsigned>(bytes.size()));
-        break;
-      case Step::Kind::Restart:
-        host.restart(step.connection);
-        break;
-      case Step::Kind::Refuse:
-        g_Refusal = std::array{EINVAL, EPERM, EMSGSIZE, ENOSYS}[step.connection];
-        g_Refusals = 1 + static_cast<int>(bytes.size() % 4);
-        break;
-      case Step::Kind::Clock:
-        g_SecondsAhead += 1 + 30 * step.connection;
-        break;
-    }
+    take(step, host, clients[step.connection], clients[(step.connection + 1) % std::size(clients)]);
   }
 }
 
