@@ -34,7 +34,7 @@ std::vector<int> const otherFrame = {1};
 }  // namespace
 
 // A frame that ends where readable memory ends encodes to the same bytes as a padded copy.
-TEST(Encoders, ReadNothingBehindTheFrame) {
+TEST(Encoders, ReadNothingPastTheFrame) {
   struct Case {
     int srcWidth, srcHeight, dstWidth, dstHeight;
   };

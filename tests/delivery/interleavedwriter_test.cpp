@@ -88,7 +88,7 @@ constexpr std::size_t huge = 4000;  // packets: more than a socket buffer or one
 
 }  // namespace
 
-TEST_F(InterleavedWriterTest, WhatAViewerMissesIsWholeFrames) {
+TEST_F(InterleavedWriterTest, AViewerMissesWholeFramesOnly) {
   EXPECT_TRUE(frame('a', 1));
   EXPECT_FALSE(m_Blocked);
   EXPECT_TRUE(frame('b', huge));
@@ -104,7 +104,7 @@ TEST_F(InterleavedWriterTest, WhatAViewerMissesIsWholeFrames) {
   EXPECT_EQ(drain(), "1r ");
 }
 
-TEST_F(InterleavedWriterTest, FramesThatBuildOnOthersWaitUntilTheyAreTooMany) {
+TEST_F(InterleavedWriterTest, DependentFramesWaitUntilThereAreTooMany) {
   frame('k', huge);
   EXPECT_TRUE(frame('p', 1, false));
   EXPECT_TRUE(frame('q', 1, false));
@@ -116,7 +116,7 @@ TEST_F(InterleavedWriterTest, FramesThatBuildOnOthersWaitUntilTheyAreTooMany) {
   EXPECT_EQ(drain(), "1k 1u ");
 }
 
-TEST_F(InterleavedWriterTest, OfAStreamThatEndedOnlyABegunFrameIsSent) {
+TEST_F(InterleavedWriterTest, AfterACancelOnlyTheFrameBeingSentIsFinished) {
   frame('a', huge);
   frame('b', 1);
   frame('c', 1, true, 2);
@@ -125,7 +125,7 @@ TEST_F(InterleavedWriterTest, OfAStreamThatEndedOnlyABegunFrameIsSent) {
 }
 
 // A viewer is stalled only while data waits for it: one that was paused in mid-frame is not.
-TEST_F(InterleavedWriterTest, AStandstillIsAStallWhileSomethingWaits) {
+TEST_F(InterleavedWriterTest, AViewerIsStalledOnlyWhileSomethingIsQueued) {
   auto const later = [] { return InterleavedWriter::Clock::now() + 10s + 1ms; };
   EXPECT_FALSE(m_Writer->isStalled(later()));
   frame('a', huge);
@@ -139,14 +139,14 @@ TEST_F(InterleavedWriterTest, AStandstillIsAStallWhileSomethingWaits) {
   EXPECT_FALSE(m_Writer->isStalled(later()));
 }
 
-TEST_F(InterleavedWriterTest, ProgressIsEachChannelsOwn) {
+TEST_F(InterleavedWriterTest, ProgressIsKeptForEachChannel) {
   frame('a', 1, true, 4);
   EXPECT_FALSE(m_Writer->takeProgress(0));
   EXPECT_TRUE(m_Writer->takeProgress(4));
   EXPECT_FALSE(m_Writer->takeProgress(4));
 }
 
-TEST_F(InterleavedWriterTest, AResponseComesAfterTheBegunFrame) {
+TEST_F(InterleavedWriterTest, AResponseFollowsTheFrameBeingSent) {
   EXPECT_TRUE(m_Writer->prepareForResponse());
   frame('a', huge);
   EXPECT_FALSE(m_Writer->prepareForResponse());
@@ -156,7 +156,7 @@ TEST_F(InterleavedWriterTest, AResponseComesAfterTheBegunFrame) {
   EXPECT_FALSE(m_Blocked);
 }
 
-TEST_F(InterleavedWriterTest, AResponseWaitsWhereOnlyAPartOfItWouldFit) {
+TEST_F(InterleavedWriterTest, AResponseWaitsIfOnlyPartOfItWouldFit) {
   for (pollfd socket{m_Sockets.near.get(), POLLOUT, 0}; poll(&socket, 1, 0) > 0;) {
     frame('a', 1);
   }
@@ -168,7 +168,7 @@ TEST_F(InterleavedWriterTest, AResponseWaitsWhereOnlyAPartOfItWouldFit) {
   EXPECT_NE(drain().find("1b"), std::string::npos);
 }
 
-TEST_F(InterleavedWriterTest, SendsNowhereOnceClosed) {
+TEST_F(InterleavedWriterTest, SendsNothingOnceClosed) {
   frame('a', huge);
   m_Writer->close();
   m_Blocked = false;

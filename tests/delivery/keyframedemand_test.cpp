@@ -32,7 +32,7 @@ struct Reporting {
 
 }  // namespace
 
-TEST(KeyFrameDemand, EachLossIsRepairedOnceHalfASecondApart) {
+TEST(KeyFrameDemand, EachLossGetsOneKeyFrameAtMostEveryHalfSecond) {
   Reporting viewer;
   viewer.report(0);
   EXPECT_FALSE(viewer.getsKeyFrame());
@@ -54,7 +54,7 @@ TEST(KeyFrameDemand, EachLossIsRepairedOnceHalfASecondApart) {
   EXPECT_TRUE(viewer.getsKeyFrame());
 }
 
-TEST(KeyFrameDemand, WhoLosesAllTheTimeGetsOneInTwoSeconds) {
+TEST(KeyFrameDemand, AConstantlyLossyViewerGetsOneEveryTwoSeconds) {
   Reporting viewer;
   for (int i = 0; i < 300; ++i) {
     viewer.report(3);
@@ -64,7 +64,7 @@ TEST(KeyFrameDemand, WhoLosesAllTheTimeGetsOneInTwoSeconds) {
   EXPECT_LE(viewer.keyFrames, 15 + 2) << "until it was known";
 }
 
-TEST(KeyFrameDemand, WhoLosesAllTheTimeIsContentWithTheRegularOnes) {
+TEST(KeyFrameDemand, AConstantlyLossyViewerGetsNoneBesideRegularOnes) {
   Reporting viewer;
   for (int i = 0; i < 300; ++i) {
     viewer.report(3);

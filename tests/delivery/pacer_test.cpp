@@ -21,7 +21,7 @@ sockaddr_storage host(std::uint8_t last) {
 
 }  // namespace
 
-TEST(Pacer, StreamsOfAHostShareWhatItsPathTakes) {
+TEST(Pacer, StreamsToOneAddressShareItsPath) {
   Pacer pacer(std::nullopt);
   auto const path = pacer.pathTo(host(1));
   EXPECT_EQ(pacer.pathTo(host(1)), path);
@@ -40,7 +40,7 @@ TEST(Pacer, StreamsOfAHostShareWhatItsPathTakes) {
 }
 
 // Bytes sent above the rate have left or were dropped: later frames do not pay for them.
-TEST(Pacer, APathThatWasOverrunIsFreeAgainAtOnce) {
+TEST(Pacer, AnOverrunPathIsFreeAgainAtOnce) {
   for (std::optional<int> const pace : {std::optional<int>(), std::optional(1)}) {
     Pacer pacer(pace);
     auto const path = pacer.pathTo(host(1));
@@ -55,7 +55,7 @@ TEST(Pacer, APathThatWasOverrunIsFreeAgainAtOnce) {
 }
 
 // The rate rises with demand that lasts a second or longer; a single large frame is paced.
-TEST(Pacer, TheRateFollowsALastingDemand) {
+TEST(Pacer, TheRateFollowsLastingDemand) {
   constexpr std::size_t frame = 1000000;
   constexpr auto interval = 40ms;
   Pacer pacer(std::nullopt);
@@ -94,7 +94,7 @@ TEST(Pacer, TheRateFollowsALastingDemand) {
 
 // Even if the thread wakes half a millisecond late each time, a small queue does not run empty: ten viewers
 // of 25 frames of 25 kB a second get all of them at 60 Mbit/s.
-TEST(Pacer, LateWakeUpsCostTheLinkNothing) {
+TEST(Pacer, LateWakeUpsCostNoThroughput) {
   Pacer pacer(60);
   auto const path = pacer.pathTo(host(1));
   constexpr std::size_t packet = 1400;

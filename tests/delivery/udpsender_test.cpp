@@ -79,7 +79,7 @@ TEST(UdpSender, SendsEveryPacketToEveryDestination) {
 
 // A path that refuses segmentation, a path that refuses everything, and a path known to be too narrow
 // for a packet do not affect the other paths.
-TEST(UdpSender, ARefusedDestinationDisturbsNoOther) {
+TEST(UdpSender, ARefusedDestinationDoesNotAffectOthers) {
   UniqueFd const sender(socket(AF_INET, SOCK_DGRAM, 0));
   UdpReceiver receivers[2];
   UdpDestination first{.address = receivers[0].address};

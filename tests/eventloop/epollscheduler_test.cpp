@@ -96,7 +96,7 @@ TEST_F(EpollSchedulerTest, ADeletedTriggerDoesNotRun) {
 }
 
 // Calls that are pending when the loop ends, and later calls, are told so.
-TEST_F(EpollSchedulerTest, ACallIsAnsweredAfterTheLoopHasEnded) {
+TEST_F(EpollSchedulerTest, ACallIsAnsweredEvenAfterTheLoopHasEnded) {
   struct Call : LoopCall {
     void run(bool onLoop) override { answers += onLoop ? 'y' : 'n'; }
     std::string answers;
@@ -111,7 +111,7 @@ TEST_F(EpollSchedulerTest, ACallIsAnsweredAfterTheLoopHasEnded) {
 
 // Both sockets are ready at once. The handler that runs first closes the other socket and opens a new one
 // with the same number, which must not get the old socket's event.
-TEST_F(EpollSchedulerTest, ASocketClosedInAHandlerHearsNothingMore) {
+TEST_F(EpollSchedulerTest, ASocketClosedInAHandlerGetsNoMoreEvents) {
   std::unique_ptr<Pair> pairs[] = {std::make_unique<Pair>(), std::make_unique<Pair>()};
   std::unique_ptr<Pair> successor;
   int first = -1;
@@ -167,7 +167,7 @@ TEST_F(EpollSchedulerTest, HandlesManySocketsAndMoves) {
   runUntil([&] { return heard[0] == 21; });
 }
 
-TEST_F(EpollSchedulerTest, RunsTimersInOrderAndForgetsCancelledOnes) {
+TEST_F(EpollSchedulerTest, RunsTimersInOrderExceptCancelledOnes) {
   std::vector<int> order;
   std::vector<std::unique_ptr<Callback>> callbacks;
   auto const schedule = [&](std::int64_t microseconds, int number) {
@@ -190,7 +190,7 @@ TEST_F(EpollSchedulerTest, RunsTimersInOrderAndForgetsCancelledOnes) {
   EXPECT_EQ(order, (std::vector<int>{1, 2, 3, 4, 5}));
 }
 
-TEST_F(EpollSchedulerTest, ATimerThatGoesOnForeverLeavesSocketsTheirTurn) {
+TEST_F(EpollSchedulerTest, AnEndlessTimerDoesNotStarveSockets) {
   int runs = 0;
   Callback again = [&] {
     ++runs;

@@ -41,7 +41,7 @@ TEST(PublicLayer, AMoveEndsWhatItReplacesAndNothingElse) {
   EXPECT_THROW(server.createSession("second"), kavo::Error);
 }
 
-TEST(PublicLayer, AServerThatWasMovedEndsOnce) {
+TEST(PublicLayer, AMovedServerEndsOnce) {
   {
     kavo::Server server = serve();
     kavo::Server moved = std::move(server);
@@ -51,7 +51,7 @@ TEST(PublicLayer, AServerThatWasMovedEndsOnce) {
   EXPECT_NO_THROW(serve());
 }
 
-TEST(PublicLayer, WhatBelongedToAServerThatEndedTouchesNoOther) {
+TEST(PublicLayer, HandlesOfAnEndedServerAffectNoOther) {
   kavo::VideoOptions const video{.width = 64, .height = 48, .codec = kavo::Codec::Jpeg};
   auto const isUnknown = [](auto const& function) {
     try {
@@ -78,7 +78,7 @@ TEST(PublicLayer, WhatBelongedToAServerThatEndedTouchesNoOther) {
   EXPECT_EQ(stream.status().offered, 1U);
 }
 
-TEST(PublicLayer, ARefusedSizeComesWithTheNearestThatWouldDo) {
+TEST(PublicLayer, ARefusalNamesTheNearestValidSize) {
   kavo::Server server = serve();
   kavo::Session session = server.createSession("a");
   EXPECT_NE(refusalOf(session, kavo::Codec::Jpeg, 642, 480).find("nearest to 642x480 is 640x480"), std::string::npos);

@@ -41,7 +41,7 @@ std::string refusalOf(Bytes const& bytes) {
 
 }  // namespace
 
-TEST(JpegImage, IsTakenInEveryFormThatRtpCanSay) {
+TEST(JpegImage, IsAcceptedInEveryFormThatRtpCanDescribe) {
   Bytes const good = image();
   auto const frameHeader = segmentAt(good, 0xC0);
   struct Case {
@@ -99,7 +99,7 @@ TEST(JpegImage, IsTakenInEveryFormThatRtpCanSay) {
   }
 }
 
-TEST(JpegImage, IsRefusedWithTheReason) {
+TEST(JpegImage, IsRefusedWithAReason) {
   Bytes const good = image();
   auto const frameHeader = segmentAt(good, 0xC0);
   auto const scan = segmentAt(good, 0xDA);

@@ -18,7 +18,7 @@ std::vector<Bytes> split(Bytes const& input) {
 
 }  // namespace
 
-TEST(NalUnits, AreFoundBehindStartCodesOfBothLengths) {
+TEST(NalUnits, AreFoundAfterStartCodesOfBothLengths) {
   struct Case {
     Bytes input;
     std::vector<Bytes> expected;

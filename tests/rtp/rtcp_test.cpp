@@ -33,7 +33,7 @@ Bytes operator+(Bytes left, Bytes const& right) {
 
 }  // namespace
 
-TEST(Rtcp, ASenderReportTellsTimeAndName) {
+TEST(Rtcp, ASenderReportHasTimeAndName) {
   SenderInfo const info{.ssrc = ssrc, .ntpTime = 0x0102030405060708, .rtpTime = 9, .packets = 10, .octets = 11};
   for (std::string const name : {"", "a", "ab", "abc", "abcd", "a-host.example"}) {
     for (bool const bye : {false, true}) {

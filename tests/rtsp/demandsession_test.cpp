@@ -113,7 +113,7 @@ class DemandSessionTest : public LoopTest {
 }  // namespace
 
 // With frames that are sent at once, and with frames that are paced.
-TEST_F(DemandSessionTest, WhoeverJoinsBeginsWithTheNewestFrame) {
+TEST_F(DemandSessionTest, AJoiningViewerStartsWithTheNewestFrame) {
   for (int const size : {3000, 100000}) {
     SCOPED_TRACE(size);
     m_Queue->observer().add(Count::Offered);  // no frame has been delivered yet
@@ -146,7 +146,7 @@ TEST_F(DemandSessionTest, WhoeverJoinsBeginsWithTheNewestFrame) {
   EXPECT_EQ(last.timeStamps().size(), 0U) << "a picture that others have followed";
 }
 
-TEST_F(DemandSessionTest, AFrameThatIsLostIsFollowedByAKeyFrame) {
+TEST_F(DemandSessionTest, ALostFrameIsFollowedByAKeyFrame) {
   join(m_Player);
   push();
   EXPECT_EQ(receive(m_Player, 1).size(), 1U);

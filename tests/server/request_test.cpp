@@ -43,7 +43,7 @@ TEST(Request, IsRebuiltFromWhatIsUnderstood) {
 }
 
 // Requests that another reader could interpret differently, above all in their length.
-TEST(Request, IsRefusedWhereItCanBeReadInTwoWays) {
+TEST(Request, IsRefusedIfItIsAmbiguous) {
   std::string const head = "OPTIONS * RTSP/1.0\r\nCSeq: 7\r\n";
   for (std::string const lines :
        {"Content-Length: 4\r\nContent-Length: 0", "Content-Length: 0\r\ncontent-length: 0", "Content-Length : 4",

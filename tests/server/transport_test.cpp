@@ -13,7 +13,7 @@ std::string accepted(std::string_view header) {
 
 }  // namespace
 
-TEST(TransportHeader, OffersInTheWordsOfTheServer) {
+TEST(TransportHeader, IsRewrittenInLive555sForm) {
   std::pair<char const*, char const*> const cases[] = {
       {"RTP/AVP;unicast;client_port=5000-5001", "RTP/AVP;unicast;client_port=5000-5001"},
       {"RTP/AVP/UDP;unicast;client_port=5000-5001", "RTP/AVP;unicast;client_port=5000-5001"},
@@ -31,7 +31,7 @@ TEST(TransportHeader, OffersInTheWordsOfTheServer) {
   }
 }
 
-TEST(TransportHeader, RefusesWhatWouldSpoilTheStream) {
+TEST(TransportHeader, IsRefusedIfItIsNotServed) {
   for (auto const* asked :
        {"RAW/RAW/UDP;unicast;client_port=5000", "MP2T/H2221/UDP;unicast;client_port=5000", "RTP/AVP", "RTP/AVP;unicast",
         "RTP/AVP;unicast;client_port=0-1", "RTP/AVP;unicast;client_port=5000-0", "RTP/AVP;unicast;client_port=65535",

@@ -40,7 +40,7 @@ TEST(ContractOfTheQueue, TenFramesFill) {
   EXPECT_TRUE(queue.IsBufferFree());
 }
 
-TEST(ContractOfErrors, NothingElseEscapes) {
+TEST(ContractOfErrors, NoOtherExceptionEscapes) {
   auto const result = [](auto const& function) { return resultOf(function, [](char const*) {}); };
   EXPECT_EQ(result([] {}), 0);
   EXPECT_EQ(result([] { throw std::out_of_range("lookup"); }), 5);

@@ -127,7 +127,7 @@ def the_description_has_the_parameter_sets_in_use():
         assert b"profile-level-id=42E01E" in description()
 
 
-def what_is_no_access_unit_is_refused_and_the_next_frame_is_a_key_frame():
+def an_invalid_access_unit_is_refused_and_followed_by_a_key_frame():
     with watched(sets=annex_b(SPS, PPS)) as (stream, viewer):
         stream.submit(annex_b(IDR))
         shows(viewer, SPS, PPS, IDR)
@@ -141,7 +141,7 @@ def what_is_no_access_unit_is_refused_and_the_next_frame_is_a_key_frame():
         shows(viewer, SPS, PPS, IDR)
 
 
-def capture_times_go_on():
+def capture_times_must_increase():
     with watched(sets=annex_b(SPS, PPS)) as (stream, viewer):
         begin, first = 5000000000, None
         for milliseconds, ticks in ((0, 0), (40, 3600), (40, None), (39, None), (73, 6570)):
@@ -183,5 +183,5 @@ def after_a_dropped_frame_comes_a_key_frame():
 
 
 run(results, a_viewer_begins_with_a_key_frame_and_its_parameter_sets, of_h265_any_irap_is_a_key_frame,
-    the_description_has_the_parameter_sets_in_use, what_is_no_access_unit_is_refused_and_the_next_frame_is_a_key_frame,
-    capture_times_go_on, after_a_dropped_frame_comes_a_key_frame)
+    the_description_has_the_parameter_sets_in_use, an_invalid_access_unit_is_refused_and_followed_by_a_key_frame,
+    capture_times_must_increase, after_a_dropped_frame_comes_a_key_frame)

@@ -90,7 +90,7 @@ def urgent_data_costs_no_cpu():
         assert client.ask("OPTIONS") == 200
 
 
-def nothing_is_said_on_the_hosts_outputs():
+def nothing_is_printed_on_the_hosts_outputs():
     with printed() as text:
         with live() as server:
             client = Client(server).start()
@@ -103,4 +103,4 @@ def nothing_is_said_on_the_hosts_outputs():
 
 run(a_viewer_who_asks_twice_gets_every_packet_once, a_body_is_never_answered,
     sessions_are_bounded_and_failed_ones_leave_nothing, datagrams_from_anybody_cost_nothing, urgent_data_costs_no_cpu,
-    nothing_is_said_on_the_hosts_outputs)
+    nothing_is_printed_on_the_hosts_outputs)

@@ -51,7 +51,7 @@ def frames(count):
     return lambda checker: checker.frames >= count
 
 
-def one_that_stalls_holds_up_nobody_and_comes_back_to_whole_frames(server, stream):
+def a_stalled_viewer_delays_nobody_and_resumes_with_whole_frames(server, stream):
     witness = Client(server).start()
     with live(stream):
         watch(witness, frames(10))  # the first frames are small enough for a receive buffer
@@ -89,7 +89,7 @@ def nothing_of_one_connection_reaches_the_next(server, stream):
             watch(witness, frames(1), may_miss=True)
 
 
-def one_that_sends_without_reading_is_disconnected(server, stream):
+def a_client_that_sends_without_reading_is_disconnected(server, stream):
     """Its responses find no room, and its requests must not pile up."""
     witness, flooding = Client(server).start(), slow(server)
     with live(stream), contextlib.suppress(ConnectionError):
@@ -99,8 +99,8 @@ def one_that_sends_without_reading_is_disconnected(server, stream):
         watch(witness, frames(3), may_miss=True)
 
 
-for case in (one_that_stalls_holds_up_nobody_and_comes_back_to_whole_frames, nothing_of_one_connection_reaches_the_next,
-             one_that_sends_without_reading_is_disconnected):
+for case in (a_stalled_viewer_delays_nobody_and_resumes_with_whole_frames, nothing_of_one_connection_reaches_the_next,
+             a_client_that_sends_without_reading_is_disconnected):
     with serve() as server, server.create_session("kavo") as session:
         bits = 4000000 * (25 if CODEC == Codec.JPEG else 1)
         case(server, session.create_stream(640, 480, codec=CODEC, bits_per_second=bits))

@@ -109,7 +109,7 @@ def a_host_asks_who_watches():
     assert call(GET_STATUS, StatusRecord(handle=stream._handle, stream=stream._stream)) == UNKNOWN
 
 
-def only_what_is_asked_for_right_is_answered():
+def only_valid_requests_are_answered():
     with live() as server:
         viewer = UdpClient(server).start()
         odd = session_record("Cam\xe9ra")
@@ -138,7 +138,7 @@ def only_what_is_asked_for_right_is_answered():
         assert b"<!doctype html>" in get("/")
 
 
-def whoever_asks_delays_no_frame():
+def status_requests_delay_no_frame():
     """Slow clients and crowds of them: the status server limits their time and number."""
     with live() as server:
         viewer = Client(server).start()
@@ -155,7 +155,7 @@ def whoever_asks_delays_no_frame():
             asking.close()
 
 
-def without_a_place_to_answer_the_host_serves_all_the_same():
+def without_a_status_address_the_host_still_serves():
     for place in (f"{FOLDER.name}/nowhere/%p", "nonsense", "127.0.0.1:0", "192.0.2.1:9554"):
         os.environ["KAVO_STREAM_STATUS"] = place
         with printed() as text, live() as server:
@@ -170,7 +170,7 @@ def fails_to_start(*reasons):
         assert all(reason in text() for reason in reasons) and text().count("\n") == 1, f"{reasons}: {text()}"
 
 
-def a_policy_that_makes_no_sense_lets_nothing_start():
+def an_invalid_policy_prevents_the_start():
     address, networks, text = "one IPv4 or IPv6 address", "must be ranges such as", "1 to 100 bytes"
     for policy, line, reason in (
             ("[server", 1, "table"),
@@ -240,6 +240,6 @@ def limits_and_ranges_are_kept():
 os.environ |= {"KAVO_STREAM_STATUS": str(STATUS), "KAVO_STREAM_CONFIG": str(POLICY)}
 POLICY.write_text("# nothing is set\n")
 run(the_status_is_what_became_of_frames_and_viewers, a_host_asks_who_watches,
-    only_what_is_asked_for_right_is_answered, whoever_asks_delays_no_frame,
-    without_a_place_to_answer_the_host_serves_all_the_same, a_policy_that_makes_no_sense_lets_nothing_start,
+    only_valid_requests_are_answered, status_requests_delay_no_frame,
+    without_a_status_address_the_host_still_serves, an_invalid_policy_prevents_the_start,
     limits_and_ranges_are_kept)
