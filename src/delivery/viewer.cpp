@@ -78,13 +78,12 @@ bool Viewer::reported(ReceiverReport const& report, std::optional<std::chrono::m
   }
   m_LastReport = now;
   m_ProbesRefused = 0;
-  if (report.block) {
-    m_Reception.fractionLost = report.block->fractionLost;
-    m_Reception.packetsLost = report.block->packetsLost;
-    m_Reception.jitter = report.block->jitter;
-    m_Reception.roundTrip = roundTrip ? roundTrip : m_Reception.roundTrip;
+  if (auto const& block = report.block) {
+    m_Observer.reported({.fractionLost = block->fractionLost,
+                         .packetsLost = block->packetsLost,
+                         .jitter = block->jitter,
+                         .roundTrip = roundTrip ? roundTrip : m_Observer.figures().reception.roundTrip});
   }
-  m_Observer.reported(m_Reception);
   if (m_OnReport) {
     m_OnReport(roundTrip.has_value());
   }

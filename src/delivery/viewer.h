@@ -65,7 +65,6 @@ class Viewer : NonCopyable {
   bool reported(ReceiverReport const& report, std::optional<std::chrono::microseconds> roundTrip, Clock::time_point now)
       KAVO_REQUIRES(eventLoopRole);
   Clock::time_point lastReport() const { return m_LastReport; }
-  Reception const& reception() const { return m_Reception; }
   // The function is called for each report, with whether it answers one of ours.
   void onReport(std::function<void(bool)> function) { m_OnReport = std::move(function); }
   // How many probes of its port were refused since its connection closed.
@@ -84,7 +83,6 @@ class Viewer : NonCopyable {
   FramePtr m_FirstFrame;
   bool m_IsSequenceKnown = true;
   KeyFrameDemand m_KeyFrames;
-  Reception m_Reception;
   Clock::time_point m_LastReport{};
   std::function<void(bool)> m_OnReport;
   int m_ProbesRefused = 0;
