@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "base/noncopyable.h"
 #include "codec/codecparameter.h"
 #include "codec/hostnumbers.h"
 
@@ -17,7 +18,7 @@ extern "C" {
 
 namespace kavo::impl::test {
 
-class GuardedFrame {
+class GuardedFrame : NonCopyable {
  public:
   explicit GuardedFrame(std::size_t size) : m_Size(size) {
     std::size_t const page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
@@ -29,8 +30,6 @@ class GuardedFrame {
     EXPECT_EQ(mprotect(m_End, page, PROT_NONE), 0);
   }
   ~GuardedFrame() { munmap(m_Memory, m_Length); }
-  GuardedFrame(GuardedFrame const&) = delete;
-  GuardedFrame& operator=(GuardedFrame const&) = delete;
 
   std::uint8_t* data() const { return m_End - m_Size; }
 

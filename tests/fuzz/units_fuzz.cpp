@@ -5,6 +5,7 @@
 #include <iterator>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "rtp/accessunit.h"
@@ -259,26 +260,23 @@ void encoded(Input input) {
   }
 }
 
-struct Unit {
-  std::string_view name;
-  void (*function)(Input input);
-};
-constexpr Unit units[] = {{"encoded", encoded},
-                          {"httprequest", httpRequest},
-                          {"jpegheader", jpegHeader},
-                          {"jpegpacketizer", jpegPacketizer},
-                          {"nalpacketizer", nalPacketizer},
-                          {"requestreader", requestReader},
-                          {"rtcp", rtcp},
-                          {"transport", transport}};
-Unit const* g_Unit;
+using Unit = void (*)(Input);
+constexpr std::pair<std::string_view, Unit> units[] = {{"encoded", encoded},
+                                                       {"httprequest", httpRequest},
+                                                       {"jpegheader", jpegHeader},
+                                                       {"jpegpacketizer", jpegPacketizer},
+                                                       {"nalpacketizer", nalPacketizer},
+                                                       {"requestreader", requestReader},
+                                                       {"rtcp", rtcp},
+                                                       {"transport", transport}};
+Unit g_Unit;
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
-  for (auto const& unit : units) {
-    if (std::ranges::find(*argv, *argv + *argc, "--unit=" + std::string(unit.name)) != *argv + *argc) {
-      g_Unit = &unit;
+  for (auto const& [name, unit] : units) {
+    if (std::ranges::find(*argv, *argv + *argc, "--unit=" + std::string(name)) != *argv + *argc) {
+      g_Unit = unit;
     }
   }
   if (g_Unit == nullptr) {
@@ -289,6 +287,6 @@ extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
-  g_Unit->function({data, size});
+  g_Unit({data, size});
   return 0;
 }

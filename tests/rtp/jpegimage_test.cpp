@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "codec/encoding.h"
@@ -105,11 +106,7 @@ TEST(JpegImage, IsRefusedWithAReason) {
   auto const scan = segmentAt(good, 0xDA);
   auto const tables = segmentAt(good, 0xDB);
   auto const huffman = segmentAt(good, 0xC4);
-  struct Case {
-    std::string reason;
-    std::function<void(Bytes&)> change;
-  };
-  Case const cases[] = {
+  std::pair<char const*, std::function<void(Bytes&)>> const cases[] = {
       {"does not begin", [](Bytes& b) { b[1] = 0; }},
       {"does not begin", [](Bytes& b) { b.resize(3); }},
       {"header is cut short", [&](Bytes& b) { b.resize(frameHeader + 8); }},
@@ -130,10 +127,10 @@ TEST(JpegImage, IsRefusedWithAReason) {
       {"no end of image", [](Bytes& b) { b.resize(b.size() - 1); }},
       {"no picture", [&](Bytes& b) { b.resize(scan + 14), b.insert(b.end(), {0xFF, 0xD9}); }},
   };
-  for (Case const& c : cases) {
+  for (auto const& [reason, change] : cases) {
     Bytes bytes = good;
-    c.change(bytes);
-    EXPECT_NE(refusalOf(bytes).find(c.reason), std::string::npos) << "'" << refusalOf(bytes) << "', not " << c.reason;
+    change(bytes);
+    EXPECT_NE(refusalOf(bytes).find(reason), std::string::npos) << "'" << refusalOf(bytes) << "', not " << reason;
   }
   for (std::size_t size = 0; size < good.size(); ++size) {
     EXPECT_NE(refusalOf({good.begin(), good.begin() + static_cast<std::ptrdiff_t>(size)}), "") << size;

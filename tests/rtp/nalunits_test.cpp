@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "rtp/packets.h"
@@ -19,11 +20,7 @@ std::vector<Bytes> split(Bytes const& input) {
 }  // namespace
 
 TEST(NalUnits, AreFoundAfterStartCodesOfBothLengths) {
-  struct Case {
-    Bytes input;
-    std::vector<Bytes> expected;
-  };
-  Case const cases[] = {
+  std::pair<Bytes, std::vector<Bytes>> const cases[] = {
       {{}, {}},
       {{0x41, 9, 8}, {{0x41, 9, 8}}},
       {{0x67, 1, 0, 0, 0, 1, 0x68, 2, 0, 0, 0, 1, 0x65, 3}, {{0x67, 1}, {0x68, 2}, {0x65, 3}}},
@@ -39,7 +36,7 @@ TEST(NalUnits, AreFoundAfterStartCodesOfBothLengths) {
       {{1}, {{1}}},
       {{0, 0, 1}, {}},
   };
-  for (auto const& c : cases) {
-    EXPECT_EQ(split(c.input), c.expected) << ::testing::PrintToString(c.input);
+  for (auto const& [input, expected] : cases) {
+    EXPECT_EQ(split(input), expected) << ::testing::PrintToString(input);
   }
 }
