@@ -13,7 +13,7 @@ namespace kavo::impl {
 namespace {
 
 // Returns 0 or the error. If the machine lacks the family or has no such address, returns 0 and opens nothing.
-int listenAt(sockaddr_storage const& address, UniqueFd& result) {
+int openFamily(sockaddr_storage const& address, UniqueFd& result) {
   UniqueFd socket(::socket(address.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   if (socket.get() < 0) {
     return errno == EAFNOSUPPORT ? 0 : errno;
@@ -42,7 +42,7 @@ std::optional<ListeningSockets> listenOnPort(std::uint16_t port, std::string con
     auto local = localAddress(family, address);
     if (local && error == 0) {
       portOf(*local) = htons(port);
-      error = listenAt(*local, *socket);
+      error = openFamily(*local, *socket);
     }
   }
   if (error == 0 && sockets.ipv4.get() < 0 && sockets.ipv6.get() < 0) {
